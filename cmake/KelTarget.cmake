@@ -1,0 +1,41 @@
+# How targets are compiled and linked here.
+
+set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+
+# Everything of ours: strict warnings, includes by path from the top folder.
+function(kel_target target)
+  target_compile_options(${target} PRIVATE ${KEL_WARNINGS})
+  target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
+  target_link_libraries(${target} PRIVATE kel_headers)
+  if(KEL_CLANG_TIDY)
+    set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "clang-tidy-16")
+  endif()
+endfunction()
+
+# Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
+function(kel_add_objects target)
+  add_library(${target} OBJECT ${ARGN})
+  kel_target(${target})
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+endfunction()
+
+# A shared library of the product. Without the toolchain's start files it has no initialiser and no
+# finaliser, so that nothing runs when a host loads it; on ARM it also keeps every piece of code
+# branch-protected, which -z force-bti would otherwise find wanting in the start files.
+function(kel_add_library target)
+  cmake_parse_arguments(arg "" "VERSION_SCRIPT" "OBJECTS" ${ARGN})
+  set(script "${PROJECT_SOURCE_DIR}/${arg_VERSION_SCRIPT}")
+  add_library(${target} SHARED)
+  target_link_libraries(${target} PRIVATE ${arg_OBJECTS} PUBLIC kel_headers)
+  # The library consists of objects alone, so its language has to be said.
+  set_target_properties(${target} PROPERTIES
+    LINKER_LANGUAGE CXX VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    LINK_DEPENDS "${script}")
+  target_link_options(${target} PRIVATE
+    -nostdlib "LINKER:--version-script=${script}"
+    LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
+  target_link_libraries(${target} PRIVATE c)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+    target_link_options(${target} PRIVATE LINKER:-z,force-bti LINKER:--fatal-warnings)
+  endif()
+endfunction()

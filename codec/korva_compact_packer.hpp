@@ -1,0 +1,298 @@
+// The compact packer and its size pass: zero scalars left out, strings, byte arrays and vectors out
+// of line, one pass front to back without allocation. For the codecs of any message.
+#pragma once
+
+#include <kel_sys_diag/rpc.h>
+
+#include <array>
+#include <limits>
+
+#include "codec/korva_format.hpp"
+#include "codec/korva_schema.hpp"
+
+namespace korva {
+
+// Where packing stands: positions count from start, the next byte goes to current.
+struct PackCursor {
+  uint8_t* start;
+  uint8_t* current;
+
+  [[nodiscard]] uint32_t positionOf(const uint8_t* at) const {
+    return static_cast<uint32_t>(at - start);
+  }
+};
+
+// The lengths that the size pass found, so that no string is scanned twice in a pack pass.
+template <class Record>
+using StringLengths = std::array<uint64_t, countSlots<Record>(SlotKind::string)>;
+
+namespace compact {
+
+inline constexpr uint64_t kSizeLimit = std::numeric_limits<uint32_t>::max();
+
+// The part of a table's size that no value changes: vtable, displacement, and whatever is always
+// present.
+template <class Record>
+consteval uint32_t fixedSize() {
+  uint32_t size = kVtableLength<Record> + kDisplacementWidth;
+  forEachSlot<Record>([&]<class Slot, size_t>() {
+    if constexpr (Slot::kind == SlotKind::byteArray) {
+      size += kOffsetFieldWidth + kCountWidth + Slot::width;
+    } else if constexpr (Slot::kind == SlotKind::table) {
+      size += kOffsetFieldWidth + fixedSize<typename Slot::Type>();
+    }
+  });
+  return size;
+}
+
+// Which string of its table a slot is.
+template <class Record, size_t Slot>
+consteval size_t stringIndex() {
+  size_t index = 0;
+  forEachSlot<Record>([&]<class Other, size_t OtherIndex>() {
+    index += OtherIndex < Slot && Other::kind == SlotKind::string ? 1 : 0;
+  });
+  return index;
+}
+
+template <class Slot, class Record>
+[[gnu::always_inline]] inline bool hasElements(const Record& record) {
+  return Slot::get(record) != nullptr && Slot::count(record) != 0;
+}
+
+// Whether slot has an offset field in this record's table.
+template <class Slot, class Record>
+[[gnu::always_inline]] inline bool hasOffsetField(const Record& record) {
+  if constexpr (Slot::kind == SlotKind::string) {
+    return Slot::get(record) != nullptr;
+  } else if constexpr (Slot::kind == SlotKind::vector) {
+    return hasElements<Slot>(record);
+  } else {
+    return Slot::kind != SlotKind::scalar;
+  }
+}
+
+template <class Record>
+uint64_t variableSize(const Record& record, StringLengths<Record>& lengths);
+template <PlainTable Record>
+uint32_t packTable(PackCursor& cursor, const Record& record);
+
+// Vector elements, with their entries. Where the count alone decides that the message is too large,
+// no element is looked at.
+template <PlainTable Element>
+uint64_t elementsSize(const Element* elements, uint32_t count) {
+  uint64_t size = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());
+  if (size > kSizeLimit) {
+    return size;
+  }
+  StringLengths<Element> none;
+  for (uint32_t i = 0; i < count; ++i) {
+    size += variableSize(elements[i], none);
+  }
+  return size;
+}
+
+// What the values add to fixedSize.
+template <class Record>
+[[gnu::always_inline]] inline uint64_t variableSize(const Record& record,
+                                                    StringLengths<Record>& lengths) {
+  uint64_t size = 0;
+  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    const auto& field = Slot::get(record);
+    if constexpr (Slot::kind == SlotKind::scalar) {
+      size += field != 0 ? Slot::width : 0;
+    } else if constexpr (Slot::kind == SlotKind::string) {
+      if (field != nullptr) {
+        const uint64_t length = std::strlen(field);
+        lengths[stringIndex<Record, Index>()] = length;
+        size += kOffsetFieldWidth + kCountWidth + length + 1;
+      }
+    } else if constexpr (Slot::kind == SlotKind::table) {
+      static_assert(PlainTable<typename Slot::Type>);
+      StringLengths<typename Slot::Type> none;
+      size += variableSize(field, none);
+    } else if constexpr (Slot::kind == SlotKind::vector) {
+      if (hasElements<Slot>(record)) {
+        size += kOffsetFieldWidth + kCountWidth + elementsSize(field, Slot::count(record));
+      }
+    }
+  });
+  return size;
+}
+
+// A table being written. The order of its parts is the wire's: scalars, offset fields, strings and
+// byte arrays, vector header; its nested tables and elements follow behind it.
+template <class Record>
+class TableWriter {
+  static_assert(countSlots<Record>(SlotKind::vector) <= 1,
+                "a second vector's header would have no place before the first one's elements");
+
+ public:
+  [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record)
+      : cursor_(cursor),
+        record_(record),
+        vtable_(cursor.current),
+        table_(vtable_ + kVtableLength<Record>),
+        at_(table_ + kDisplacementWidth) {}
+
+  // Returns the table's position and leaves the cursor behind everything that belongs to it.
+  [[gnu::always_inline]] uint32_t write(const StringLengths<Record>& lengths) {
+    writeScalars();
+    reserveOffsetFields();
+    writeStringsAndArrays(lengths);
+    writeVectorHeader();
+    writeTableHeader();
+    cursor_.current = at_;
+    writeNestedTables();
+    writeElements();
+    return cursor_.positionOf(table_);
+  }
+
+ private:
+  [[gnu::always_inline]] void writeScalars() {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::scalar) {
+        const auto value = Slot::get(record_);
+        if (value != 0) {
+          store(at_, value);
+          setEntry<Index>(at_);
+          at_ += Slot::width;
+        } else {
+          clearEntry<Index>();
+        }
+      }
+    });
+  }
+
+  [[gnu::always_inline]] void reserveOffsetFields() {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind != SlotKind::scalar) {
+        if (hasOffsetField<Slot>(record_)) {
+          setEntry<Index>(at_);
+          offsetFields_[Index] = at_;
+          at_ += kOffsetFieldWidth;
+        } else {
+          clearEntry<Index>();
+        }
+      }
+    });
+  }
+
+  [[gnu::always_inline]] void writeStringsAndArrays(const StringLengths<Record>& lengths) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::string) {
+        if (const char* const text = Slot::get(record_); text != nullptr) {
+          const uint64_t length = lengths[stringIndex<Record, Index>()];
+          writeBytes<Index>(text, static_cast<uint32_t>(length));
+          *at_++ = 0;
+        }
+      } else if constexpr (Slot::kind == SlotKind::byteArray) {
+        writeBytes<Index>(Slot::get(record_), Slot::width);
+      }
+    });
+  }
+
+  template <size_t Index>
+  [[gnu::always_inline]] void writeBytes(const void* bytes, uint32_t count) {
+    pointHere<Index>();
+    store(at_, count);
+    std::memcpy(at_ + kCountWidth, bytes, count);
+    at_ += kCountWidth + count;
+  }
+
+  // The elements' entries are filled in as the elements are written.
+  [[gnu::always_inline]] void writeVectorHeader() {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::vector) {
+        if (hasElements<Slot>(record_)) {
+          pointHere<Index>();
+          store(at_, Slot::count(record_));
+          entries_ = at_ + kCountWidth;
+          at_ = entries_ + size_t{Slot::count(record_)} * kOffsetFieldWidth;
+        }
+      }
+    });
+  }
+
+  [[gnu::always_inline]] void writeTableHeader() {
+    store(vtable_, static_cast<uint16_t>(kVtableLength<Record>));
+    store(vtable_ + sizeof(uint16_t), static_cast<uint16_t>(at_ - table_));
+    store(table_, static_cast<int32_t>(kVtableLength<Record>));
+  }
+
+  [[gnu::always_inline]] void writeNestedTables() {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::table) {
+        point(offsetFields_[Index], packTable(cursor_, Slot::get(record_)));
+      }
+    });
+  }
+
+  [[gnu::always_inline]] void writeElements() {
+    forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::vector) {
+        if (hasElements<Slot>(record_)) {
+          const auto* const elements = Slot::get(record_);
+          for (uint32_t i = 0; i < Slot::count(record_); ++i) {
+            point(entries_ + size_t{i} * kOffsetFieldWidth, packTable(cursor_, elements[i]));
+          }
+        }
+      }
+    });
+  }
+
+  template <size_t Index>
+  [[gnu::always_inline]] void setEntry(const uint8_t* field) {
+    store(vtable_ + vtableEntry(Index), static_cast<uint16_t>(field - table_));
+  }
+
+  template <size_t Index>
+  [[gnu::always_inline]] void clearEntry() {
+    store(vtable_ + vtableEntry(Index), uint16_t{0});
+  }
+
+  template <size_t Index>
+  [[gnu::always_inline]] void pointHere() {
+    point(offsetFields_[Index], cursor_.positionOf(at_));
+  }
+
+  [[gnu::always_inline]] void point(uint8_t* offsetField, uint32_t target) {
+    store(offsetField, target - cursor_.positionOf(offsetField));
+  }
+
+  PackCursor& cursor_;
+  const Record& record_;
+  uint8_t* const vtable_;
+  uint8_t* const table_;
+  uint8_t* at_;
+  uint8_t* entries_ = nullptr;
+  std::array<uint8_t*, Schema<Record>::count> offsetFields_;
+};
+
+// The nested-table packer: writes the table at the cursor and returns its position.
+template <PlainTable Record>
+uint32_t packTable(PackCursor& cursor, const Record& record) {
+  return TableWriter<Record>(cursor, record).write({});
+}
+
+}  // namespace compact
+
+// The encoded size of a record, or 0 when it passes 32 bits.
+template <class Record>
+[[gnu::always_inline]] inline uint32_t compactSize(const Record& record,
+                                                   StringLengths<Record>& lengths) {
+  const uint64_t size =
+      kRootOffsetWidth + compact::fixedSize<Record>() + compact::variableSize(record, lengths);
+  return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
+}
+
+// Writes a record whose lengths compactSize has filled in, into a buffer that holds its size.
+template <class Record>
+[[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
+                                                   const StringLengths<Record>& lengths) {
+  PackCursor cursor{buffer, buffer + kRootOffsetWidth};
+  store(buffer, compact::TableWriter<Record>(cursor, record).write(lengths));
+  return cursor.positionOf(cursor.current);
+}
+
+}  // namespace korva

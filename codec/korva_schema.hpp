@@ -1,0 +1,191 @@
+// The schema notation: how a record says which of its members travel, in which slot order.
+//
+//   template <>
+//   struct korva::Schema<AlarmOutput> : korva::Slots<&AlarmOutput::text> {};
+//
+// That list is all that is ever written down of a message. A slot's kind and width follow from the
+// member's type, its name from the member's; every size, position and table of the codecs is
+// computed from the list at compile time. A member of a class type is a nested table and needs a
+// Schema of its own. A list of tables is two members, its count and its array:
+//
+//   struct korva::Schema<BrdPartInfo>
+//       : korva::Slots<korva::vectorOf<&BrdPartInfo::entryCount, &BrdPartInfo::entries>> {};
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "codec/korva_format.hpp"
+
+namespace korva {
+
+enum class SlotKind : uint8_t { scalar, string, byteArray, table, vector };
+
+template <class Record>
+struct Schema;
+
+template <auto Count, auto Entries>
+struct VectorMembers {};
+
+template <auto Count, auto Entries>
+inline constexpr VectorMembers<Count, Entries> vectorOf{};
+
+namespace detail {
+
+template <class Type>
+inline constexpr bool isByteArray = false;
+template <size_t Size>
+inline constexpr bool isByteArray<uint8_t[Size]> = true;
+
+template <class Type>
+concept CharacterPointer = std::same_as<Type, char*> || std::same_as<Type, const char*>;
+
+template <class Type>
+consteval SlotKind kindOf() {
+  if constexpr (std::unsigned_integral<Type>) {
+    return SlotKind::scalar;
+  } else if constexpr (CharacterPointer<Type>) {
+    return SlotKind::string;
+  } else if constexpr (isByteArray<Type>) {
+    return SlotKind::byteArray;
+  } else {
+    static_assert(std::is_class_v<Type>, "no slot kind carries this member's type");
+    return SlotKind::table;
+  }
+}
+
+// Both compilers print a pointer to member as &Record::member, last in the parameter list but for
+// what follows a semicolon. Asking them keeps the name from being written a second time.
+template <auto Member>
+consteval std::string_view memberName() {
+  const std::string_view function = __PRETTY_FUNCTION__;
+  const size_t marker = function.find("Member = &");
+  const size_t end = function.find_first_of(";]", marker);
+  const size_t begin = function.rfind("::", end) + 2;
+  return function.substr(begin, end - begin);
+}
+
+template <auto Member>
+struct MemberSlot;
+
+template <class R, class T, T R::*Member>
+struct MemberSlot<Member> {
+  using Record = R;
+  using Type = T;
+  static constexpr SlotKind kind = kindOf<T>();
+  static constexpr std::string_view name = memberName<Member>();
+  static constexpr uint32_t width = sizeof(T);
+
+  template <class AnyRecord>  // Record or const Record
+  static constexpr auto& get(AnyRecord& record) {
+    return record.*Member;
+  }
+};
+
+template <auto Count, auto Entries>
+struct VectorSlot : MemberSlot<Entries> {
+  using Element = std::remove_pointer_t<typename MemberSlot<Entries>::Type>;
+  static constexpr SlotKind kind = SlotKind::vector;
+
+  template <class AnyRecord>
+  static constexpr auto& count(AnyRecord& record) {
+    return record.*Count;
+  }
+};
+
+template <auto Member>
+struct SlotOf {
+  using Slot = MemberSlot<Member>;
+};
+template <auto Count, auto Entries, VectorMembers<Count, Entries> Members>
+struct SlotOf<Members> {
+  using Slot = VectorSlot<Count, Entries>;
+};
+
+}  // namespace detail
+
+// A record's slots, slot 0 first.
+template <auto... Members>
+struct Slots {
+  using List = std::tuple<typename detail::SlotOf<Members>::Slot...>;
+  static constexpr size_t count = sizeof...(Members);
+};
+
+template <class Record, size_t Index>
+using SlotAt = std::tuple_element_t<Index, typename Schema<Record>::List>;
+
+// Calls visit.operator()<Slot, Index>() for every slot in order; unrolled, so that each call sees
+// its slot as a constant.
+template <class Record, class Visit>
+[[gnu::always_inline]] constexpr void forEachSlot(Visit&& visit) {
+  [&]<size_t... Index>(std::index_sequence<Index...>) __attribute__((always_inline)) {
+    (visit.template operator()<SlotAt<Record, Index>, Index>(), ...);
+  }
+  (std::make_index_sequence<Schema<Record>::count>());
+}
+
+// As forEachSlot, until a visit returns false; says whether none did.
+template <class Record, class Visit>
+[[gnu::always_inline]] constexpr bool allOfSlots(Visit&& visit) {
+  return [&]<size_t... Index>(std::index_sequence<Index...>) __attribute__((always_inline)) {
+    return (visit.template operator()<SlotAt<Record, Index>, Index>() && ...);
+  }
+  (std::make_index_sequence<Schema<Record>::count>());
+}
+
+template <class Record>
+consteval size_t countSlots(SlotKind kind) {
+  size_t count = 0;
+  forEachSlot<Record>([&]<class Slot, size_t>() { count += Slot::kind == kind ? 1 : 0; });
+  return count;
+}
+
+template <class Record>
+inline constexpr uint32_t kVtableLength = vtableEntry(Schema<Record>::count);
+
+// Such a record points at memory that unpacking allocates and the release routine gives back.
+template <class Record>
+inline constexpr bool kOwnsMemory =
+    countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) != 0;
+
+// Only a message's root table may own memory: so a release routine has no tables to walk, and the
+// codecs need room for one table's strings only.
+template <class Record>
+concept PlainTable = !kOwnsMemory<Record>;
+
+// A name built at compile time, usable as a template argument.
+template <size_t Size>
+struct Name {
+  std::array<char, Size> characters{};  // the NUL included
+
+  consteval Name(const char (&text)[Size]) : Name(std::string_view(text, Size - 1)) {}
+  consteval explicit Name(std::string_view text) {
+    for (size_t i = 0; i < text.size(); ++i) {
+      characters[i] = text[i];
+    }
+  }
+  [[nodiscard]] constexpr std::string_view view() const { return {characters.data(), Size - 1}; }
+  [[nodiscard]] constexpr const char* text() const { return characters.data(); }
+};
+
+template <size_t Left, size_t Right>
+consteval auto operator+(const Name<Left>& left, const Name<Right>& right) {
+  Name<Left + Right - 1> joined(left.view());
+  for (size_t i = 0; i < right.view().size(); ++i) {
+    joined.characters[Left - 1 + i] = right.view()[i];
+  }
+  return joined;
+}
+
+template <size_t Left, size_t Right>
+consteval auto operator+(const Name<Left>& left, const char (&right)[Right]) {
+  return left + Name<Right>(right);
+}
+
+}  // namespace korva

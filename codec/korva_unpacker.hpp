@@ -1,0 +1,253 @@
+// The unpacker: trusts no byte, checks every position against the buffer's length before it is
+// read, and turns absent fields into zeros. For the codecs of any message.
+#pragma once
+
+#include "codec/korva_format.hpp"
+#include "codec/korva_release.hpp"
+#include "codec/korva_runtime.hpp"
+#include "codec/korva_schema.hpp"
+
+namespace korva {
+namespace reading {
+
+// What is being read, and in whose name memory is asked for and failures are logged. Positions are
+// 64 bits wide wherever a received value has gone into them, so that no sum of theirs can wrap.
+struct Source {
+  const uint8_t* bytes;
+  uint32_t length;
+  CodecRuntime& runtime;
+  const char* function;
+
+  [[nodiscard, gnu::always_inline]] bool holds(uint64_t position, uint64_t count) const {
+    return position + count <= length;
+  }
+
+  template <class Value>
+  [[nodiscard, gnu::always_inline]] Value at(uint64_t position) const {
+    return load<Value>(bytes + position);
+  }
+};
+
+struct TableView {
+  uint32_t table;
+  uint32_t vtable;
+  uint32_t vtableLength;
+};
+
+enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength };
+
+// Checks the table that is said to lie at position, and its vtable. A view is filled as far as the
+// checks came.
+[[nodiscard, gnu::always_inline]] inline HeaderFault openTable(const Source& source,
+                                                               uint64_t position, TableView& view) {
+  const uint32_t last = source.length - kDisplacementWidth;
+  view.table = static_cast<uint32_t>(position);
+  if (position < kRootOffsetWidth || position > last) {
+    return HeaderFault::tableOffset;
+  }
+  view.vtable = view.table - source.at<uint32_t>(view.table);  // modulo 2^32: it may lie behind
+  if (view.vtable < kRootOffsetWidth || view.vtable > last) {
+    return HeaderFault::vtableOffset;
+  }
+  view.vtableLength = source.at<uint16_t>(view.vtable);
+  return source.holds(view.vtable, view.vtableLength) ? HeaderFault::none
+                                                      : HeaderFault::vtableLength;
+}
+
+// Only the root's header is worth a line; whatever lies deeper fails in silence.
+[[gnu::cold, gnu::noinline]] inline void logHeaderFault(CodecRuntime& runtime, const char* function,
+                                                        uint32_t length, HeaderFault fault,
+                                                        TableView view) {
+  switch (fault) {
+    case HeaderFault::tableOffset:
+      korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
+               view.table, length);
+      break;
+    case HeaderFault::vtableOffset:
+      korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable offset(%u) is out of range(4 - %u)",
+               view.vtable, length - kDisplacementWidth);
+      break;
+    case HeaderFault::vtableLength:
+      korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)",
+               view.vtableLength, length - view.vtable);
+      break;
+    case HeaderFault::none:
+      break;
+  }
+}
+
+// Finds what an offset field points at and makes sure of the four bytes there: a count, or a
+// table's displacement.
+[[nodiscard, gnu::always_inline]] inline bool follow(const Source& source, uint64_t offsetField,
+                                                     uint64_t& target) {
+  if (!source.holds(offsetField, kOffsetFieldWidth)) {
+    return false;
+  }
+  target = offsetField + source.at<uint32_t>(offsetField);
+  return source.holds(target, kCountWidth);
+}
+
+[[nodiscard, gnu::always_inline]] inline void* allocate(const Source& source, uint32_t size) {
+  void* const block = source.runtime.codecAlloc(size, kModuleNumber, source.function);
+  if (block == nullptr) {
+    korvaLog(source.runtime, kNoMemory, source.function,
+             "[KORVA]:Malloc unpack data unsuccess,                size(%u)", size);
+  }
+  return block;
+}
+
+template <class Record>
+[[nodiscard]] bool readTable(const Source& source, const TableView& view, Record& record);
+
+template <class Slot, class Record>
+[[nodiscard, gnu::always_inline]] inline bool readByteArray(const Source& source, uint64_t field,
+                                                            Record& record) {
+  uint64_t target = 0;
+  if (!follow(source, field, target) || source.at<uint32_t>(target) != Slot::width ||
+      !source.holds(target + kCountWidth, Slot::width)) {
+    return false;
+  }
+  return memcpy_s(Slot::get(record), sizeof(Slot::get(record)), source.bytes + target + kCountWidth,
+                  Slot::width);
+}
+
+// The copy gets a NUL of its own: the buffer need not hold one. The block belongs to the record
+// from the moment it exists.
+template <class Slot, class Record>
+[[nodiscard, gnu::always_inline]] inline bool readString(const Source& source, uint64_t field,
+                                                         Record& record) {
+  uint64_t target = 0;
+  if (!follow(source, field, target)) {
+    return false;
+  }
+  const uint32_t count = source.at<uint32_t>(target);
+  if (!source.holds(target + kCountWidth, count)) {
+    return false;
+  }
+  const uint32_t size = count + 1;  // no wrap: count bytes lie within a buffer below 2^31
+  auto* const text = static_cast<char*>(allocate(source, size));
+  Slot::get(record) = text;
+  if (text == nullptr || !memcpy_s(text, size, source.bytes + target + kCountWidth, count)) {
+    return false;
+  }
+  text[count] = '\0';
+  return true;
+}
+
+template <class Slot, class Record>
+[[nodiscard, gnu::always_inline]] inline bool readNestedTable(const Source& source, uint64_t field,
+                                                              Record& record) {
+  uint64_t target = 0;
+  TableView view{};
+  return follow(source, field, target) && openTable(source, target, view) == HeaderFault::none &&
+         readTable(source, view, Slot::get(record));
+}
+
+// Every element has an entry of four bytes in the buffer, so the array is at most a quarter of the
+// length times the element's size, whatever count the buffer claims. Elements may lie anywhere, and
+// may overlap.
+template <class Slot, class Record>
+[[nodiscard]] bool readVector(const Source& source, uint64_t field, Record& record) {
+  using Element = typename Slot::Element;
+  static_assert(PlainTable<Element>);
+  uint64_t target = 0;
+  if (!follow(source, field, target)) {
+    return false;
+  }
+  const uint32_t count = source.at<uint32_t>(target);
+  const uint64_t entries = target + kCountWidth;
+  const uint64_t size = uint64_t{count} * sizeof(Element);
+  if (!source.holds(entries, uint64_t{count} * kOffsetFieldWidth) || size > UINT32_MAX) {
+    return false;
+  }
+  if (count == 0) {
+    return true;
+  }
+  auto* const elements = static_cast<Element*>(allocate(source, static_cast<uint32_t>(size)));
+  Slot::get(record) = elements;
+  if (elements == nullptr) {
+    return false;
+  }
+  Slot::count(record) = count;
+  std::memset(elements, 0, size);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint64_t entry = entries + uint64_t{i} * kOffsetFieldWidth;
+    TableView view{};
+    if (openTable(source, entry + source.at<uint32_t>(entry), view) != HeaderFault::none ||
+        !readTable(source, view, elements[i])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+template <class Slot, class Record>
+[[nodiscard, gnu::always_inline]] inline bool readField(const Source& source, uint64_t field,
+                                                        Record& record) {
+  if constexpr (Slot::kind == SlotKind::scalar) {
+    using Scalar = typename Slot::Type;
+    if (!source.holds(field, Slot::width)) {
+      return false;
+    }
+    Slot::get(record) = source.at<Scalar>(field);
+    return true;
+  } else if constexpr (Slot::kind == SlotKind::byteArray) {
+    return readByteArray<Slot>(source, field, record);
+  } else if constexpr (Slot::kind == SlotKind::string) {
+    return readString<Slot>(source, field, record);
+  } else if constexpr (Slot::kind == SlotKind::table) {
+    return readNestedTable<Slot>(source, field, record);
+  } else {
+    return readVector<Slot>(source, field, record);
+  }
+}
+
+// Reads the present fields of a table into a record that has been cleared. A slot that the vtable
+// does not reach is absent, as is one whose entry is 0.
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool readFields(const Source& source,
+                                                         const TableView& view, Record& record) {
+  return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    if (view.vtableLength < vtableEntry(Index + 1)) {
+      return true;
+    }
+    const uint32_t entry = source.at<uint16_t>(view.vtable + vtableEntry(Index));
+    return entry == 0 || readField<Slot>(source, uint64_t{view.table} + entry, record);
+  });
+}
+
+template <class Record>
+bool readTable(const Source& source, const TableView& view, Record& record) {
+  return readFields(source, view, record);
+}
+
+template <class Record>
+[[gnu::always_inline]] inline void clear(Record* record) {
+  if constexpr (Schema<Record>::count != 0) {  // an empty record has no storage to clear
+    std::memset(record, 0, sizeof(Record));
+  }
+}
+
+// Everything behind the argument check. A record that owns memory is cleared before the first
+// check, so that the release after a failure never meets a stale pointer; any other keeps its
+// content until the header has been accepted.
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool readMessage(const Source& source, Record* record) {
+  KorvaMemInit(source.runtime);
+  if constexpr (kOwnsMemory<Record>) {
+    clear(record);
+  }
+  TableView view{};
+  const HeaderFault fault = openTable(source, source.at<uint32_t>(0), view);
+  if (fault != HeaderFault::none) {
+    logHeaderFault(source.runtime, source.function, source.length, fault, view);
+    return false;
+  }
+  if constexpr (!kOwnsMemory<Record>) {
+    clear(record);
+  }
+  return readFields(source, view, *record);
+}
+
+}  // namespace reading
+}  // namespace korva

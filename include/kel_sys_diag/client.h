@@ -1,0 +1,66 @@
+/* The client role of libkel_sys_diag.so: calls to the remote service KelSysdiagMaster.
+ * For host processes; clean in C11 and C++.
+ *
+ * Each method has three functions. All are reentrant and may be called from any number of threads.
+ *
+ *   KelSysdiagMaster_<Method>SetIdl   fills ops, which the caller owns, with the method's codecs;
+ * all six slots are written. ops must not be null. KelSysdiagMaster_<Method>         calls the
+ * method and waits. The framework decodes the reply into output. invokeArg goes to the framework
+ * unchanged. KelSysdiagMaster_<Method>_async   starts a call. The framework receives userArg1,
+ * userArg2 and invokeArg unchanged and completes the call in its own way.
+ *
+ * The stubs check nothing and return the framework's result as it comes, so the meaning of
+ * invokeArg, userArg1, userArg2 and of the result is the framework's, as is who releases an output
+ * record (the releaseFn that SetIdl hands out does it). Encoding and decoding failures are logged
+ * through the host's QSV_OsalLogWrite, where it exists (osal.h). */
+#ifndef KEL_SYS_DIAG_CLIENT_H
+#define KEL_SYS_DIAG_CLIENT_H
+
+#include <kel_sys_diag/records.h>
+#include <kel_sys_diag/rpc.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* Passed to RPC_GetRpcInvoke by every call. Writable: the host puts the endpoint there before its
+ * first call, in the form that its framework expects. */
+extern RpcServerAddr g_stServerAddr_KelSysdiagMaster;
+
+void KelSysdiagMaster_KelSendAlarmSetIdl(IdlCodecOps* ops);
+int32_t KelSysdiagMaster_KelSendAlarm(const AlarmInput* input, AlarmOutput* output,
+                                      uintptr_t invokeArg);
+int32_t KelSysdiagMaster_KelSendAlarm_async(const AlarmInput* input, uintptr_t userArg1,
+                                            uintptr_t userArg2, uintptr_t invokeArg);
+
+void KelSysdiagMaster_KelSendOverloadAlarmSetIdl(IdlCodecOps* ops);
+int32_t KelSysdiagMaster_KelSendOverloadAlarm(const OverloadAlarmInput* input, AlarmOutput* output,
+                                              uintptr_t invokeArg);
+int32_t KelSysdiagMaster_KelSendOverloadAlarm_async(const OverloadAlarmInput* input,
+                                                    uintptr_t userArg1, uintptr_t userArg2,
+                                                    uintptr_t invokeArg);
+
+void KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl(IdlCodecOps* ops);
+int32_t KelSysdiagMaster_KelSendMobileDiskOverloadAlarm(const OverloadDiskAlarmInput* input,
+                                                        AlarmOutput* output, uintptr_t invokeArg);
+int32_t KelSysdiagMaster_KelSendMobileDiskOverloadAlarm_async(const OverloadDiskAlarmInput* input,
+                                                              uintptr_t userArg1,
+                                                              uintptr_t userArg2,
+                                                              uintptr_t invokeArg);
+
+void KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl(IdlCodecOps* ops);
+int32_t KelSysdiagMaster_KelGetDiskOvLoadCfgInfo(const OvLoadDiskCtlInput* input,
+                                                 OvLoadDiskCtlOutput* output, uintptr_t invokeArg);
+int32_t KelSysdiagMaster_KelGetDiskOvLoadCfgInfo_async(const OvLoadDiskCtlInput* input,
+                                                       uintptr_t userArg1, uintptr_t userArg2,
+                                                       uintptr_t invokeArg);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,60 @@
+/* The optional OS layer of a host: a logger and a memory-cache allocator for the codecs.
+ * For host authors; clean in C11 and C++.
+ *
+ * None of these functions is linked. The library looks each one up by name in the process's global
+ * symbol scope, at most once per unit (client messages, served messages, peer library), and works
+ * without any that it does not find. So a host that offers one must define it with default
+ * visibility, in the executable (linked with -rdynamic) or in a library of global scope, before its
+ * first codec call. The choice then holds until the process ends. All must be thread-safe; none is
+ * called with a lock of the library held, but for the flag function. */
+#ifndef KEL_SYS_DIAG_OSAL_H
+#define KEL_SYS_DIAG_OSAL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Identifies the codecs to the logger. Static; the same address for every line of one unit. */
+typedef struct KorvaLogDescriptor {
+  const char* module;
+  const char* subModule;
+  uint32_t moduleId;
+} KorvaLogDescriptor;
+
+/* Writes one log line: level is always 2; code is 22 (bad argument or malformed buffer) or 12
+ * (failed allocation); file is ""; line carries no meaning; function is the codec's name; format
+ * and what follows are printf's. The result is ignored. */
+typedef int32_t (*KorvaLogFn)(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
+                              const char* file, uint32_t line, const char* function,
+                              const char* format, ...) __attribute__((format(printf, 7, 8)));
+
+/* Returns size bytes aligned for any type, or null. moduleNumber is always 12; caller is the name
+ * of the codec that asks. */
+typedef void* (*KorvaAllocFn)(uint32_t size, uint32_t moduleNumber, const char* caller);
+
+/* Takes back a block of the KorvaAllocFn that pairs with it; must accept null. The result is
+ * ignored. */
+typedef int32_t (*KorvaFreeFn)(void* block, uint32_t moduleNumber, const char* caller);
+
+#pragma GCC visibility push(default)
+
+/* The logger. Absent: the codecs' log lines are dropped and nothing else changes. */
+int32_t QSV_OsalLogWrite(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
+                         const char* file, uint32_t line, const char* function, const char* format,
+                         ...) __attribute__((format(printf, 7, 8)));
+
+/* Called with 12. A result of exactly 1 asks the codecs to use the two functions below, which then
+ * serve only as a pair; anything else, or a missing function, leaves them with malloc and free. */
+uint32_t QSV_OsalMemUseFlagGet(uint32_t moduleNumber);
+void* QSV_OsalMemCacheAlloc(uint32_t size, uint32_t moduleNumber, const char* caller);
+int32_t QSV_OsalMemFree(void* block, uint32_t moduleNumber, const char* caller);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

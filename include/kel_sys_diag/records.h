@@ -1,0 +1,123 @@
+/* The in-memory records of the Kel_sys_diag messages, shared by host, framework and library.
+ * For every host process; clean in C11 and C++.
+ *
+ * Records are plain structures with natural alignment. A record belongs to whoever declares it; no
+ * codec routine ever frees a record. Scalars are raw bits to the codecs: what a field means, and
+ * whether it is signed, is for the two ends of a service to agree. Byte arrays travel whole, with
+ * no terminator looked for or added. The sizes asserted below are part of the binary interface: the
+ * library reports them to the RPC framework, and every host must be compiled to the same layout. */
+#ifndef KEL_SYS_DIAG_RECORDS_H
+#define KEL_SYS_DIAG_RECORDS_H
+
+#include <assert.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Request of KelSendAlarm. */
+typedef struct AlarmInput {
+  uint32_t value1;
+  uint32_t value2;
+  const char* text; /* NUL-terminated, or null for an absent text; owned by the caller when it is
+                       packed, by the record when it was unpacked */
+  uint32_t value3;
+  uint32_t value4;
+  uint8_t bytes32[32];
+  uint32_t value5;
+} AlarmInput;
+
+/* Reply of all three alarm methods. */
+typedef struct AlarmOutput {
+  char* text; /* NUL-terminated, or null for an absent text; owned by the record once unpacked, and
+                 given back only by the release routine */
+} AlarmOutput;
+
+/* Nested record of the overload alarms. */
+typedef struct DiagSubRecord {
+  uint16_t value16;
+  uint8_t byte1;
+  uint8_t byte2;
+  uint8_t byte3;
+  uint8_t byte4;
+  uint8_t byte5;
+  uint8_t byte6;
+  uint32_t value32;
+} DiagSubRecord;
+
+/* Request of KelSendOverloadAlarm. */
+typedef struct OverloadAlarmInput {
+  uint32_t value1;
+  uint32_t value2;
+  uint32_t value3;
+  uint32_t value4;
+  DiagSubRecord sub;
+  uint32_t value5;
+  uint32_t value6;
+  uint32_t value7;
+  uint8_t bytes64[64];
+  uint32_t value8;
+  uint32_t value9;
+  uint32_t value10;
+} OverloadAlarmInput;
+
+/* Request of KelSendMobileDiskOverloadAlarm. */
+typedef struct OverloadDiskAlarmInput {
+  uint32_t value1;
+  uint32_t value2;
+  uint32_t value3;
+  uint32_t value4;
+  DiagSubRecord sub;
+  uint8_t bytes64[64];
+  uint8_t bytes32[32];
+  uint32_t value5;
+  uint32_t value6;
+} OverloadDiskAlarmInput;
+
+/* Request of KelGetDiskOvLoadCfgInfo. */
+typedef struct OvLoadDiskCtlInput {
+  uint8_t bytes32a[32];
+  uint8_t bytes32b[32];
+  uint8_t bytes50[50];
+} OvLoadDiskCtlInput;
+
+/* Reply of KelGetDiskOvLoadCfgInfo. */
+typedef struct OvLoadDiskCtlOutput {
+  uint8_t bytes32a[32];
+  uint8_t bytes32b[32];
+  uint32_t value1;
+  uint32_t value2;
+  uint8_t bytes50[50];
+} OvLoadDiskCtlOutput;
+
+static_assert(sizeof(void*) == 8, "the records are laid out for 64-bit platforms");
+static_assert(sizeof(AlarmInput) == 64 && offsetof(AlarmInput, text) == 8 &&
+                  offsetof(AlarmInput, bytes32) == 24 && offsetof(AlarmInput, value5) == 56,
+              "AlarmInput layout");
+static_assert(sizeof(AlarmOutput) == 8, "AlarmOutput layout");
+static_assert(sizeof(DiagSubRecord) == 12 && offsetof(DiagSubRecord, byte1) == 2 &&
+                  offsetof(DiagSubRecord, value32) == 8,
+              "DiagSubRecord layout");
+static_assert(sizeof(OverloadAlarmInput) == 116 && offsetof(OverloadAlarmInput, sub) == 16 &&
+                  offsetof(OverloadAlarmInput, bytes64) == 40 &&
+                  offsetof(OverloadAlarmInput, value8) == 104,
+              "OverloadAlarmInput layout");
+static_assert(sizeof(OverloadDiskAlarmInput) == 132 &&
+                  offsetof(OverloadDiskAlarmInput, sub) == 16 &&
+                  offsetof(OverloadDiskAlarmInput, bytes64) == 28 &&
+                  offsetof(OverloadDiskAlarmInput, bytes32) == 92 &&
+                  offsetof(OverloadDiskAlarmInput, value5) == 124,
+              "OverloadDiskAlarmInput layout");
+static_assert(sizeof(OvLoadDiskCtlInput) == 114 && offsetof(OvLoadDiskCtlInput, bytes50) == 64,
+              "OvLoadDiskCtlInput layout");
+static_assert(sizeof(OvLoadDiskCtlOutput) == 124 && offsetof(OvLoadDiskCtlOutput, value1) == 64 &&
+                  offsetof(OvLoadDiskCtlOutput, bytes50) == 72,
+              "OvLoadDiskCtlOutput layout");
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

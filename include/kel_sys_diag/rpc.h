@@ -1,0 +1,115 @@
+/* What passes between libkel_sys_diag.so and the host's RPC framework.
+ * For framework authors; clean in C11 and C++.
+ *
+ * The library moves no bytes itself. For every call it hands the framework the method's name and an
+ * IdlCodecOps, and the framework measures, encodes, sends, receives, decodes and releases through
+ * those six slots. Every slot function may run on any thread, concurrently with any other, as long
+ * as each call works on its own record and buffer. */
+#ifndef KEL_SYS_DIAG_RPC_H
+#define KEL_SYS_DIAG_RPC_H
+
+#include <assert.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Where a packer writes. Both pointers belong to the caller; the packer only reads the capacity. */
+typedef struct PackTarget {
+  uint8_t* buffer;
+  const uint32_t* capacity; /* bytes at buffer; never null */
+} PackTarget;
+
+/* Decodes length received bytes into record. Returns record as an integer, or 0 when the arguments
+ * or the bytes are refused; then nothing that the unpacker allocated survives. The bytes are not
+ * referred to after the call. A length of 2^31 or more is refused. */
+typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
+
+/* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a
+ * null record or a size above 2^32 - 1). With a target, writes the encoding and returns the number
+ * of bytes written, the same as that size; returns 0, with the buffer untouched, for a null buffer,
+ * a null record or a capacity below the size. */
+typedef uint32_t (*IdlPackFn)(const PackTarget* target, const void* record);
+
+/* Gives back what the record owns and clears the pointers to it. Null is allowed. */
+typedef void (*IdlReleaseFn)(void* record);
+
+/* The host's own release function of a served method; only its address passes through here, and its
+ * real signature is agreed between host and framework. */
+typedef void (*IdlUserFreeFn)(void);
+
+/* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes. Checks nothing;
+ * always returns 0. Bytes that the layout does not use keep what the buffer held. */
+typedef int32_t (*IdlFixedPackFn)(uint8_t* buffer, const void* record);
+
+/* Returns the constant size in bytes of a message's fixed layout. */
+typedef uint32_t (*IdlFixedSizeFn)(void);
+
+/* One method's codecs, as the side that holds the table needs them. unpackFn, packFn and releaseFn
+ * are never null; fixedPackFn and fixedSizeFn are both set or both null, and null exactly when the
+ * message that leaves this side holds a string or a vector. */
+typedef struct IdlCodecOps {
+  IdlUnpackFn unpackFn;       /* the message that arrives at this side */
+  IdlPackFn packFn;           /* the message that leaves this side */
+  IdlReleaseFn releaseFn;     /* the method's output message, on either side */
+  IdlUserFreeFn userFreeFn;   /* null on the client */
+  IdlFixedPackFn fixedPackFn; /* the message that leaves this side, or null */
+  IdlFixedSizeFn fixedSizeFn;
+} IdlCodecOps;
+
+/* Names a method. Both strings are static; the record itself lives only for the one call. */
+typedef struct IdlMethodRef {
+  const char* serviceName;
+  const char* methodName;
+} IdlMethodRef;
+
+/* What an asynchronous call needs besides the input record. */
+typedef struct IdlAsyncInfo {
+  uint32_t inputSize;  /* bytes of the method's input record */
+  uint32_t outputSize; /* bytes of the method's output record */
+  uintptr_t userArg1;  /* the caller's values, unchanged */
+  uintptr_t userArg2;
+} IdlAsyncInfo;
+
+/* The address of a remote service. The library hands its address to RPC_GetRpcInvoke and touches
+ * nothing in it; the host and the framework agree on what the endpoint bytes hold. */
+typedef struct RpcServerAddr {
+  uint8_t endpoint[96]; /* zero at load */
+  const char* serviceName;
+} RpcServerAddr;
+
+static_assert(sizeof(PackTarget) == 16, "PackTarget layout");
+static_assert(sizeof(IdlCodecOps) == 48, "IdlCodecOps layout");
+static_assert(sizeof(IdlMethodRef) == 16, "IdlMethodRef layout");
+static_assert(sizeof(IdlAsyncInfo) == 24 && offsetof(IdlAsyncInfo, userArg1) == 8,
+              "IdlAsyncInfo layout");
+static_assert(sizeof(RpcServerAddr) == 104 && offsetof(RpcServerAddr, serviceName) == 96,
+              "RpcServerAddr layout");
+
+/* The functions that the host's framework defines and the library calls. The library gives their
+ * results to its own caller unchanged. */
+#pragma GCC visibility push(default)
+
+/* Returns a handle for calls to server; the library passes it on without looking at it, null
+ * included. invokeArg is the value that the host gave to the call stub. */
+void* RPC_GetRpcInvoke(RpcServerAddr* server, uintptr_t invokeArg);
+
+/* Encodes input with ops, performs the call and decodes the reply into output. method and ops live
+ * on the library's stack and end with the call. */
+int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
+                            const IdlMethodRef* method, const IdlCodecOps* ops);
+
+/* Starts a call and returns. input, method, ops and info end with this function: the framework
+ * copies whatever it needs later. */
+int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRef* method,
+                             const IdlCodecOps* ops, const IdlAsyncInfo* info);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

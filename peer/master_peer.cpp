@@ -1,0 +1,58 @@
+// What a KelSysdiagMaster server needs: its requests decoded, its replies encoded. Exported;
+// kel_sys_diag/peer.h documents the functions.
+#include <kel_sys_diag/peer.h>
+
+#include "peer/peer_unit.hpp"
+#include "schema/alarm_messages.hpp"
+#include "schema/disk_overload_config_messages.hpp"
+#include "schema/overload_alarm_messages.hpp"
+
+using AlarmInputCodec = kel::PeerCodec<"AlarmInput", AlarmInput>;
+using OverloadAlarmInputCodec = kel::PeerCodec<"OverloadAlarmInput", OverloadAlarmInput>;
+using OverloadDiskAlarmInputCodec =
+    kel::PeerCodec<"OverloadDiskAlarmInput", OverloadDiskAlarmInput>;
+using OvLoadDiskCtlInputCodec = kel::PeerCodec<"OvLoadDiskCtlInput", OvLoadDiskCtlInput>;
+using AlarmOutputCodec = kel::PeerCodec<"AlarmOutput", AlarmOutput>;
+using OvLoadDiskCtlOutputCodec = kel::PeerCodec<"OvLoadDiskCtlOutput", OvLoadDiskCtlOutput>;
+
+uintptr_t Kel_sys_diag_AlarmInput_unpack(const void* bytes, uint32_t length, AlarmInput* record) {
+  return AlarmInputCodec::unpack(bytes, length, record);
+}
+
+void Kel_sys_diag_AlarmInput_free_unpacked(AlarmInput* record) { AlarmInputCodec::release(record); }
+
+uintptr_t Kel_sys_diag_OverloadAlarmInput_unpack(const void* bytes, uint32_t length,
+                                                 OverloadAlarmInput* record) {
+  return OverloadAlarmInputCodec::unpack(bytes, length, record);
+}
+
+void Kel_sys_diag_OverloadAlarmInput_free_unpacked(OverloadAlarmInput* record) {
+  OverloadAlarmInputCodec::release(record);
+}
+
+uintptr_t Kel_sys_diag_OverloadDiskAlarmInput_unpack(const void* bytes, uint32_t length,
+                                                     OverloadDiskAlarmInput* record) {
+  return OverloadDiskAlarmInputCodec::unpack(bytes, length, record);
+}
+
+void Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked(OverloadDiskAlarmInput* record) {
+  OverloadDiskAlarmInputCodec::release(record);
+}
+
+uintptr_t Kel_sys_diag_OvLoadDiskCtlInput_unpack(const void* bytes, uint32_t length,
+                                                 OvLoadDiskCtlInput* record) {
+  return OvLoadDiskCtlInputCodec::unpack(bytes, length, record);
+}
+
+void Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked(OvLoadDiskCtlInput* record) {
+  OvLoadDiskCtlInputCodec::release(record);
+}
+
+uint32_t Kel_sys_diag_AlarmOutput_pack(const PackTarget* target, const AlarmOutput* record) {
+  return AlarmOutputCodec::pack(target, record);
+}
+
+uint32_t Kel_sys_diag_OvLoadDiskCtlOutput_pack(const PackTarget* target,
+                                               const OvLoadDiskCtlOutput* record) {
+  return OvLoadDiskCtlOutputCodec::pack(target, record);
+}

@@ -1,0 +1,12 @@
+// The nested record that client and served messages share. Schema for every room above.
+#pragma once
+
+#include <kel_sys_diag/records.h>
+
+#include "codec/korva_schema.hpp"
+
+template <>
+struct korva::Schema<DiagSubRecord>
+    : korva::Slots<&DiagSubRecord::value16, &DiagSubRecord::byte1, &DiagSubRecord::byte2,
+                   &DiagSubRecord::byte3, &DiagSubRecord::byte4, &DiagSubRecord::byte5,
+                   &DiagSubRecord::byte6, &DiagSubRecord::value32> {};

@@ -1,0 +1,32 @@
+// The overload alarm messages' routines in the client unit.
+#include "schema/overload_alarm_messages.hpp"
+
+#include "schema/client_unit.hpp"
+
+using OverloadAlarmInputCodec = kel::ClientCodec<"OverloadAlarmInput", OverloadAlarmInput>;
+using OverloadDiskAlarmInputCodec =
+    kel::ClientCodec<"OverloadDiskAlarmInput", OverloadDiskAlarmInput>;
+
+uint32_t Kel_sys_diag_OverloadAlarmInput_pack(const PackTarget* target, const void* record) {
+  return OverloadAlarmInputCodec::pack(target, record);
+}
+
+int32_t Kel_sys_diag_OverloadAlarmInput_fixed_pack(uint8_t* buffer, const void* record) {
+  return OverloadAlarmInputCodec::packFixed(buffer, record);
+}
+
+uint32_t Kel_sys_diag_OverloadAlarmInput_fixed_size() {
+  return OverloadAlarmInputCodec::fixedSize();
+}
+
+uint32_t Kel_sys_diag_OverloadDiskAlarmInput_pack(const PackTarget* target, const void* record) {
+  return OverloadDiskAlarmInputCodec::pack(target, record);
+}
+
+int32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_pack(uint8_t* buffer, const void* record) {
+  return OverloadDiskAlarmInputCodec::packFixed(buffer, record);
+}
+
+uint32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_size() {
+  return OverloadDiskAlarmInputCodec::fixedSize();
+}
