@@ -1,0 +1,80 @@
+// Reads and searches the master's disk rules.
+#include "host/disk_rules.hpp"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <kel_sys_diag/records.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace kel::host {
+namespace {
+
+constexpr uint32_t kWhole = 100;
+constexpr size_t kLongestName = sizeof(OvLoadDiskCtlOutput::bytes32a);
+
+DiskRule ruleFrom(const nlohmann::json& json) {
+  DiskRule rule{json.at("name").get<std::string>(), json.at("mountPoint").get<std::string>(),
+                json.at("device").get<std::string>(), json.at("warningPercent").get<uint32_t>(),
+                json.at("criticalPercent").get<uint32_t>()};
+  constexpr size_t kMembers = 5;
+  if (json.size() != kMembers) {
+    throw std::runtime_error(fmt::format("rule \"{}\" has a member that no rule has", rule.name));
+  }
+  if (rule.name.empty() || rule.name.size() > kLongestName) {
+    throw std::runtime_error(
+        fmt::format("the name \"{}\" does not have 1 to {} bytes", rule.name, kLongestName));
+  }
+  if (rule.warningPercent > rule.criticalPercent || rule.criticalPercent > kWhole) {
+    throw std::runtime_error(
+        fmt::format("rule \"{}\" needs warningPercent <= criticalPercent <= 100", rule.name));
+  }
+  return rule;
+}
+
+bool matches(const std::string& pattern, const std::string& text) {
+  return fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
+}
+
+}  // namespace
+
+DiskRules DiskRules::fromFile(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) {
+    throw std::runtime_error(fmt::format("cannot read {}: {}", path, std::strerror(errno)));
+  }
+  try {
+    return fromJson({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(fmt::format("{}: {}", path, error.what()));
+  }
+}
+
+DiskRules DiskRules::fromJson(const std::string& text) {
+  DiskRules result;
+  try {
+    const nlohmann::json json = nlohmann::json::parse(text);
+    for (const nlohmann::json& rule : json.at("rules")) {
+      result.rules_.push_back(ruleFrom(rule));
+    }
+  } catch (const nlohmann::json::exception& error) {
+    throw std::runtime_error(error.what());
+  }
+  return result;
+}
+
+const DiskRule* DiskRules::find(const std::string& mountPoint, const std::string& device) const {
+  for (const DiskRule& rule : rules_) {
+    if (matches(rule.mountPoint, mountPoint) && matches(rule.device, device)) {
+      return &rule;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace kel::host

@@ -1,0 +1,252 @@
+// kel_host: loads libkel_sys_diag.so, reports this machine to KelSysdiagMaster by every method,
+// synchronously and asynchronously, and tells the story. Ends with 0 only if all of it went well.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/client_library.hpp"
+#include "host/default_target.hpp"
+#include "host/field_text.hpp"
+#include "host/machine_records.hpp"
+#include "host/machine_state.hpp"
+#include "host/os_allocator.hpp"
+#include "host/record_text.hpp"
+#include "host/rpc_framework.hpp"
+
+namespace {
+
+using namespace kel::host;
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  std::string library;
+  std::string target = kDefaultTarget;
+  uint32_t deadlineMs = 0;
+  bool compact = false;
+};
+
+// Bold and dim, for terminals only.
+std::string styled(const char* code, const std::string& text) {
+  static const bool terminal = isatty(STDOUT_FILENO) != 0;
+  return terminal ? fmt::format("\033[{}m{}\033[0m", code, text) : text;
+}
+
+std::string bold(const std::string& text) { return styled("1", text); }
+std::string dim(const std::string& text) { return styled("2", text); }
+
+void printMachine(const MachineState& machine) {
+  fmt::print("{}\n", bold(fmt::format("This machine is {}", machine.hostName)));
+  fmt::print("  processors  {}\n", machine.processors);
+  fmt::print("  load        {:.2f}  {:.2f}  {:.2f}  over 1, 5 and 15 minutes\n",
+             machine.load[0] / 100.0, machine.load[1] / 100.0, machine.load[2] / 100.0);
+  fmt::print("  memory      {:.1f} GiB, {:.1f} GiB available\n",
+             static_cast<double>(machine.memory.totalMiB) / 1024,
+             static_cast<double>(machine.memory.availableMiB) / 1024);
+  for (const FileSystem& disk : machine.fileSystems) {
+    fmt::print("  disk        {:<24} {:>10.1f} GiB  {:>3} % used  {}\n", shown(disk.mountPoint),
+               static_cast<double>(disk.sizeMiB) / 1024, disk.usedPercent, dim(shown(disk.device)));
+  }
+}
+
+// One call as it went.
+struct Story {
+  std::string method;
+  std::string request;
+  std::string encoding;
+  int32_t result = kOk;
+  std::string reply;
+  Clock::duration took{};
+};
+
+// An asynchronous call under way. The completion writes the story's last part.
+struct Pending {
+  Story story;
+  Clock::time_point began;
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;
+};
+
+template <class Output>
+void complete(int32_t result, void* output, uintptr_t context) {
+  auto& pending = *reinterpret_cast<Pending*>(context);
+  const std::scoped_lock lock(pending.mutex);
+  pending.story.result = result;
+  if (output != nullptr) {
+    pending.story.reply = tell(*static_cast<const Output*>(output));
+  }
+  pending.story.took = Clock::now() - pending.began;
+  pending.done = true;
+  pending.finished.notify_one();
+}
+
+// Makes calls and prints each as it ends. A failed call throws std::runtime_error.
+class Caller {
+ public:
+  explicit Caller(const Options& options) : options_(options) {}
+
+  // Returns the reply, its content given back.
+  template <class Method>
+  typename Method::Output call(const Method& method, const typename Method::Input& input) const {
+    IdlCodecOps ops{};
+    method.setIdl(&ops);
+    Story story = begin(method, ops, input);
+    typename Method::Output output{};
+    const Clock::time_point began = Clock::now();
+    story.result = method.call(&input, &output, options_.deadlineMs);
+    story.took = Clock::now() - began;
+    if (story.result == kOk) {
+      story.reply = tell(output);
+      ops.releaseFn(&output);
+    }
+    end(story);
+    return output;
+  }
+
+  template <class Method>
+  void start(const Method& method, const typename Method::Input& input) {
+    IdlCodecOps ops{};
+    method.setIdl(&ops);
+    auto& pending = *pending_.emplace_back(std::make_unique<Pending>());
+    pending.story = begin(method, ops, input);
+    pending.began = Clock::now();
+    const int32_t result = method.callAsync(
+        &input,
+        reinterpret_cast<uintptr_t>(static_cast<Completion>(complete<typename Method::Output>)),
+        reinterpret_cast<uintptr_t>(&pending), options_.deadlineMs);
+    if (result != kOk) {  // then there will be no completion
+      complete<typename Method::Output>(result, nullptr, reinterpret_cast<uintptr_t>(&pending));
+    }
+  }
+
+  // All of them, before the first failure is told: none may outlive what it writes to.
+  void finish() const {
+    for (const auto& pending : pending_) {
+      std::unique_lock lock(pending->mutex);
+      pending->finished.wait(lock, [&] { return pending->done; });
+    }
+    for (const auto& pending : pending_) {
+      end(pending->story);
+    }
+  }
+
+ private:
+  template <class Method>
+  [[nodiscard]] Story begin(const Method& method, const IdlCodecOps& ops,
+                            const typename Method::Input& input) const {
+    const bool fixed = ops.fixedSizeFn != nullptr && !options_.compact;
+    Story story;
+    story.method = method.name;
+    story.request = tell(input);
+    story.encoding = fixed ? fmt::format("{} bytes, fixed layout", ops.fixedSizeFn())
+                           : fmt::format("{} bytes, compact form", ops.packFn(nullptr, &input));
+    return story;
+  }
+
+  static void end(const Story& story) {
+    const double milliseconds = std::chrono::duration<double, std::milli>(story.took).count();
+    const std::string sentence = describe(story.result);
+    fmt::print("  {}  {}\n    asked     {}\n    {}  {}  {}\n", bold(story.method),
+               dim(story.encoding), story.request, story.result == kOk ? "answered" : "failed  ",
+               story.result == kOk ? story.reply : sentence,
+               dim(fmt::format("({:.1f} ms)", milliseconds)));
+    if (story.result != kOk) {
+      throw std::runtime_error(fmt::format("{}: {}", story.method, sentence));
+    }
+  }
+
+  const Options& options_;
+  std::vector<std::unique_ptr<Pending>> pending_;
+};
+
+// The one that is nearest to its end; a machine that shows none still has a place to ask about.
+FileSystem fullestDisk(const MachineState& machine) {
+  const auto& disks = machine.fileSystems;
+  const auto fullest = std::ranges::max_element(disks, {}, &FileSystem::usedPercent);
+  return fullest == disks.end() ? FileSystem{"/", "-", 0, 0, 0} : *fullest;
+}
+
+void checkEcho(const OvLoadDiskCtlInput& question, const OvLoadDiskCtlOutput& thresholds) {
+  if (!std::ranges::equal(question.bytes50, thresholds.bytes50) ||
+      !std::ranges::equal(question.bytes32b, thresholds.bytes32b)) {
+    throw std::runtime_error("the thresholds that came back are another disk's");
+  }
+}
+
+void report(const Options& options, const ClientLibrary& library) {
+  const MachineState machine = readMachineState();
+  printMachine(machine);
+  const FileSystem disk = fullestDisk(machine);
+  const AlarmInput memory = memoryAlarm(machine);
+  const OverloadAlarmInput load = loadAlarm(machine);
+  const OvLoadDiskCtlInput question = thresholdQuestion(machine, disk);
+
+  Caller caller(options);
+  fmt::print("\n{}\n", bold(fmt::format("Calls to {}, one after the other", options.target)));
+  caller.call(library.sendAlarm, memory);
+  caller.call(library.sendOverloadAlarm, load);
+  const OvLoadDiskCtlOutput thresholds = caller.call(library.getDiskThresholds, question);
+  checkEcho(question, thresholds);
+  const OverloadDiskAlarmInput diskState = diskAlarm(machine, disk, thresholds);
+  caller.call(library.sendDiskOverloadAlarm, diskState);
+
+  fmt::print("\n{}\n", bold("The same calls, all at once"));
+  caller.start(library.sendAlarm, memory);
+  caller.start(library.sendOverloadAlarm, load);
+  caller.start(library.getDiskThresholds, question);
+  caller.start(library.sendDiskOverloadAlarm, diskState);
+  caller.finish();
+}
+
+void checkMemory() {
+  const AllocatorUse use = allocatorUse();
+  fmt::print("\n{} blocks were served to the codecs, {} are outstanding\n", use.served,
+             use.outstanding);
+  if (use.served == 0 || use.outstanding != 0) {
+    throw std::runtime_error("the codecs' blocks were not served, or did not all come back");
+  }
+}
+
+void run(const Options& options) {
+  const ClientLibrary library = loadClientLibrary(options.library);
+  if (options.target.size() >= sizeof(library.address->endpoint)) {
+    throw std::runtime_error("the target is too long for the server address record");
+  }
+  putText(library.address->endpoint, options.target);
+  setCompactAlways(options.compact);
+  report(options, library);
+  checkMemory();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  options.library =
+      std::filesystem::read_symlink("/proc/self/exe").replace_filename("libkel_sys_diag.so");
+  CLI::App app("Reports this machine to KelSysdiagMaster and tells what was said.");
+  app.add_option("--library", options.library, "the library to load")->capture_default_str();
+  app.add_option("--target", options.target, "gRPC target of the master")->capture_default_str();
+  app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
+      ->capture_default_str();
+  app.add_flag("--compact", options.compact, "send no request in its fixed layout");
+  CLI11_PARSE(app, argc, argv);
+  try {
+    run(options);
+    return 0;
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    fmt::print(stderr, "kel_host: {}\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,133 @@
+// Reads the machine's state from /proc and statvfs.
+#include "host/machine_state.hpp"
+
+#include <fmt/format.h>
+#include <mntent.h>
+#include <sys/statvfs.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace kel::host {
+namespace {
+
+constexpr uint64_t kMiB = 1024UL * 1024UL;
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) {
+    throw std::runtime_error(fmt::format("cannot read {}", path));
+  }
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::string readHostName() {
+  std::array<char, 256> name{};
+  if (gethostname(name.data(), name.size() - 1) != 0) {
+    throw std::runtime_error("cannot read the host name");
+  }
+  return name.data();
+}
+
+std::optional<FileSystem> measure(const std::string& mountPoint, const std::string& device) {
+  struct statvfs state {};
+  if (statvfs(mountPoint.c_str(), &state) != 0 || state.f_blocks == 0) {
+    return std::nullopt;  // no room at all, or none that this user may look at
+  }
+  const uint64_t used = state.f_blocks - state.f_bfree;
+  const uint64_t usable = used + state.f_bavail;
+  const uint64_t percent = usable == 0 ? 0 : (used * 100 + usable - 1) / usable;
+  return FileSystem{mountPoint, device, state.f_blocks * state.f_frsize / kMiB,
+                    state.f_bavail * state.f_frsize / kMiB, static_cast<uint32_t>(percent)};
+}
+
+// Containers mount one device in many places, of which the first is as good as any. File systems
+// without a device of their own (tmpfs, overlay) only share its name.
+std::vector<FileSystem> readFileSystems() {
+  const std::unique_ptr<FILE, int (*)(FILE*)> mounts(setmntent("/proc/self/mounts", "r"),
+                                                     endmntent);
+  if (mounts == nullptr) {
+    throw std::runtime_error("cannot read /proc/self/mounts");
+  }
+  std::vector<FileSystem> result;
+  std::set<std::string> seen;
+  mntent entry{};
+  std::array<char, 16384> buffer{};
+  while (getmntent_r(mounts.get(), &entry, buffer.data(), static_cast<int>(buffer.size())) !=
+         nullptr) {
+    const std::string device = entry.mnt_fsname;
+    const std::string mountPoint = entry.mnt_dir;
+    if (!seen.insert(device.starts_with('/') ? device : mountPoint).second) {
+      continue;
+    }
+    if (const auto fileSystem = measure(mountPoint, device)) {
+      result.push_back(*fileSystem);
+    }
+  }
+  if (result.empty()) {
+    if (const auto root = measure("/", "-")) {
+      result.push_back(*root);
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+LoadAverages parseLoadAverages(const std::string& text) {
+  std::istringstream words(text);
+  LoadAverages result{};
+  for (uint32_t& load : result) {
+    double value = 0;
+    if (!(words >> value) || value < 0) {
+      throw std::runtime_error("/proc/loadavg does not begin with three numbers");
+    }
+    load = static_cast<uint32_t>(std::lround(value * 100));
+  }
+  return result;
+}
+
+Memory parseMemory(const std::string& text) {
+  std::istringstream lines(text);
+  std::optional<uint64_t> total;
+  std::optional<uint64_t> available;
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string name;
+    uint64_t kibibytes = 0;
+    if (words >> name >> kibibytes) {
+      if (name == "MemTotal:") {
+        total = kibibytes / 1024;
+      } else if (name == "MemAvailable:") {
+        available = kibibytes / 1024;
+      }
+    }
+  }
+  if (!total || !available) {
+    throw std::runtime_error("/proc/meminfo lacks MemTotal or MemAvailable");
+  }
+  return {*total, *available};
+}
+
+MachineState readMachineState() {
+  MachineState state{};
+  state.hostName = readHostName();
+  gettimeofday(&state.time, nullptr);
+  state.processors = static_cast<uint32_t>(get_nprocs());
+  state.load = parseLoadAverages(readFile("/proc/loadavg"));
+  state.memory = parseMemory(readFile("/proc/meminfo"));
+  state.fileSystems = readFileSystems();
+  return state;
+}
+
+}  // namespace kel::host

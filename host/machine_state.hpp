@@ -1,0 +1,47 @@
+// The state of this machine, read live: mounted file systems, load, memory, name, time.
+// For kel_host; works with any set of mounts, and has none to show when / itself has no size.
+#pragma once
+
+#include <sys/time.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kel::host {
+
+struct FileSystem {
+  std::string mountPoint;
+  std::string device;
+  uint64_t sizeMiB;
+  uint64_t freeMiB;      // for ordinary users
+  uint32_t usedPercent;  // of what ordinary users may use, rounded up, as df has it
+};
+
+struct Memory {
+  uint64_t totalMiB;
+  uint64_t availableMiB;
+};
+
+using LoadAverages = std::array<uint32_t, 3>;  // 1, 5 and 15 minutes, in hundredths
+
+struct MachineState {
+  std::string hostName;
+  timeval time;
+  uint32_t processors;
+  LoadAverages load;
+  Memory memory;
+  std::vector<FileSystem> fileSystems;  // every device once, those without a size left out
+};
+
+// Throws std::runtime_error with a sentence when something cannot be read.
+MachineState readMachineState();
+
+// What the texts of /proc/loadavg and /proc/meminfo say; both throw std::runtime_error when they
+// say something else.
+LoadAverages parseLoadAverages(const std::string& text);
+Memory parseMemory(const std::string& text);
+
+}  // namespace kel::host

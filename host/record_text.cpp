@@ -1,0 +1,84 @@
+// Records in words; docs/fields.md is the table behind them.
+#include "host/record_text.hpp"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <ctime>
+
+#include "host/field_text.hpp"
+
+namespace kel::host {
+namespace {
+
+std::string severityName(uint32_t severity) {
+  switch (severity) {
+    case kNotice:
+      return "notice";
+    case kWarning:
+      return "warning";
+    case kCritical:
+      return "critical";
+    default:
+      return fmt::format("severity {}", severity);
+  }
+}
+
+std::string heading(uint32_t number, uint32_t severity) {
+  return fmt::format("alarm {}, {}", number, severityName(severity));
+}
+
+double hundredths(uint32_t value) { return value / 100.0; }
+
+std::string size(uint32_t mebibytes) {
+  constexpr uint32_t kTooManyToRead = 10'000;
+  return mebibytes < kTooManyToRead ? fmt::format("{} MiB", mebibytes)
+                                    : fmt::format("{:.1f} GiB", mebibytes / 1024.0);
+}
+
+std::string time(const DiagSubRecord& at) {
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:06}", at.value16, at.byte1, at.byte2,
+                     at.byte3, at.byte4, at.byte5, at.value32);
+}
+
+}  // namespace
+
+std::string tell(const AlarmInput& alarm) {
+  return fmt::format("{}: {}, measured {}, threshold {}; host {}, {:%Y-%m-%d %H:%M:%S} UTC",
+                     heading(alarm.value1, alarm.value2),
+                     alarm.text == nullptr ? "(no description)" : shown(alarm.text), alarm.value3,
+                     alarm.value4, textOf(alarm.bytes32), fmt::gmtime(time_t{alarm.value5}));
+}
+
+std::string tell(const OverloadAlarmInput& alarm) {
+  return fmt::format(
+      "{}: load {:.2f}, threshold {:.2f}; 1/5/15 minutes {:.2f} {:.2f} {:.2f} on {} processors, {} "
+      "of {} memory available; host {}, {}",
+      heading(alarm.value1, alarm.value2), hundredths(alarm.value3), hundredths(alarm.value4),
+      hundredths(alarm.value5), hundredths(alarm.value6), hundredths(alarm.value7), alarm.value10,
+      size(alarm.value9), size(alarm.value8), textOf(alarm.bytes64), time(alarm.sub));
+}
+
+std::string tell(const OverloadDiskAlarmInput& alarm) {
+  return fmt::format("{}: {} ({}) {} % used, threshold {} %; {} of {} free; {}",
+                     heading(alarm.value1, alarm.value2), textOf(alarm.bytes64),
+                     textOf(alarm.bytes32), alarm.value3, alarm.value4, size(alarm.value6),
+                     size(alarm.value5), time(alarm.sub));
+}
+
+std::string tell(const OvLoadDiskCtlInput& question) {
+  return fmt::format("thresholds for {} ({}); host {}", textOf(question.bytes50),
+                     textOf(question.bytes32b), textOf(question.bytes32a));
+}
+
+std::string tell(const AlarmOutput& reply) {
+  return reply.text == nullptr ? "(no text)" : shown(reply.text);
+}
+
+std::string tell(const OvLoadDiskCtlOutput& reply) {
+  return fmt::format("{} ({}) warns at {} %, is critical at {} %, by the rule \"{}\"",
+                     textOf(reply.bytes50), textOf(reply.bytes32b), reply.value1, reply.value2,
+                     textOf(reply.bytes32a));
+}
+
+}  // namespace kel::host

@@ -1,0 +1,47 @@
+// A gRPC server of raw bytes: whatever path is called, one handler gets the request and gives the
+// answer. For the programs here and their tests; it knows no service and no message.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kel::host {
+
+enum class AnswerStatus : uint8_t { ok, badRequest, notFound, unknownMethod, internal };
+
+struct Answer {
+  AnswerStatus status = AnswerStatus::ok;
+  std::string detail;          // why, for anything but ok
+  std::vector<uint8_t> reply;  // for ok
+};
+
+// path is "/<serviceName>/<methodName>". The request is valid during the call only. Runs on any
+// number of threads at a time. An exception is answered like AnswerStatus::internal.
+using RequestHandler =
+    std::function<Answer(const std::string& path, std::span<const uint8_t> request)>;
+
+class RpcServer {
+ public:
+  // Serves at a gRPC target ("unix:/run/kel/master.sock") from now on. Throws std::runtime_error
+  // with a sentence when it cannot, also when another process serves at the same Unix-domain
+  // socket; a socket that nobody serves any more is replaced.
+  RpcServer(const std::string& target, RequestHandler handler);
+  ~RpcServer();
+  RpcServer(const RpcServer&) = delete;
+  RpcServer& operator=(const RpcServer&) = delete;
+
+  // Takes no more calls, cancels those that are still running after the grace time, and removes the
+  // Unix-domain socket. The destructor does it without grace.
+  void stop(std::chrono::milliseconds grace);
+
+ private:
+  class Running;
+  std::unique_ptr<Running> running_;
+};
+
+}  // namespace kel::host
