@@ -1,0 +1,644 @@
+// The client messages to the byte, through the entry points that ship: the library's own by way of
+// its codec tables, the peer library's by name. Expected buffers are written out from the layouts.
+#include <gtest/gtest.h>
+#include <kel_sys_diag/client.h>
+#include <kel_sys_diag/peer.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "schema/alarm_messages.hpp"
+#include "schema/disk_overload_config_messages.hpp"
+#include "schema/overload_alarm_messages.hpp"
+#include "support/bytes.hpp"
+#include "support/guarded_memory.hpp"
+#include "support/records.hpp"
+
+namespace {
+
+using kel::test::Bytes;
+using kel::test::discard;
+using kel::test::GuardedMemory;
+using kel::test::packToSize;
+using kel::test::Random;
+using kel::test::RecordMaker;
+using kel::test::sameRecord;
+
+template <void (*SetIdl)(IdlCodecOps*)>
+const IdlCodecOps& opsOf() {
+  static const IdlCodecOps ops = [] {
+    IdlCodecOps filled;
+    SetIdl(&filled);
+    return filled;
+  }();
+  return ops;
+}
+const IdlCodecOps& alarmOps() { return opsOf<KelSysdiagMaster_KelSendAlarmSetIdl>(); }
+const IdlCodecOps& overloadOps() { return opsOf<KelSysdiagMaster_KelSendOverloadAlarmSetIdl>(); }
+const IdlCodecOps& diskOps() {
+  return opsOf<KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl>();
+}
+const IdlCodecOps& configOps() { return opsOf<KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl>(); }
+
+constexpr DiagSubRecord kFullSub{0x0102, 3, 4, 5, 6, 7, 8, 0x090A0B0C};
+
+template <size_t Size>
+void fillWith(uint8_t (&array)[Size], uint8_t value) {
+  std::memset(array, value, Size);
+}
+
+// A sub-record in the compact form, every field zero or every field of kFullSub.
+Bytes compactSub(bool full) {
+  if (!full) return Bytes().u16s({20, 4, 0, 0, 0, 0, 0, 0, 0, 0}).u32(20);
+  return Bytes()
+      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12})
+      .u32(20)
+      .u16(0x0102)
+      .u8(3)
+      .u8(4)
+      .u8(5)
+      .u8(6)
+      .u8(7)
+      .u8(8)
+      .u32(0x090A0B0C);
+}
+
+Bytes fixedSub(const DiagSubRecord& sub) {
+  return Bytes()
+      .u32(4)
+      .u32(0xFFFFFFF0)
+      .u16(sub.value16)
+      .u8(sub.byte1)
+      .u8(sub.byte2)
+      .u8(sub.byte3)
+      .u8(sub.byte4)
+      .u8(sub.byte5)
+      .u8(sub.byte6)
+      .u32(sub.value32)
+      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12});
+}
+
+TEST(AlarmInput, Compact) {
+  struct Case {
+    AlarmInput record;
+    Bytes expected;
+  };
+  const Case cases[] = {
+      {{}, Bytes().u32(22).u16s({18, 44, 0, 0, 0, 0, 0, 4, 0}).u32s({18, 4, 32}).fill(32, 0)},
+      {{0, 0, "ab", 0, 0, {}, 0},
+       Bytes()
+           .u32(22)
+           .u16s({18, 55, 0, 0, 4, 0, 0, 8, 0})
+           .u32s({18, 8, 11, 2})
+           .text("ab")
+           .u8(0)
+           .u32(32)
+           .fill(32, 0)},
+      {{0, 0, "", 0, 0, {}, 0},
+       Bytes()
+           .u32(22)
+           .u16s({18, 53, 0, 0, 4, 0, 0, 8, 0})
+           .u32s({18, 8, 9, 0})
+           .u8(0)
+           .u32(32)
+           .fill(32, 0)},
+      {{7, 0, nullptr, 256, 0, {}, 0},
+       Bytes().u32(22).u16s({18, 52, 4, 0, 0, 8, 0, 12, 0}).u32s({18, 7, 256, 4, 32}).fill(32, 0)},
+      {{1, 2, "x", 3, 4, {9}, 5},
+       Bytes()
+           .u32(22)
+           .u16s({18, 74, 4, 8, 24, 12, 16, 28, 20})
+           .u32s({18, 1, 2, 3, 4, 5, 8, 10, 1})
+           .text("x")
+           .u8(0)
+           .u32(32)
+           .u8(9)
+           .fill(31, 0)},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(packToSize(alarmOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+  }
+}
+
+TEST(AlarmOutput, CompactFromThePeerAndBack) {
+  char text[] = "ok";
+  const AlarmOutput record{text};
+  const std::vector<uint8_t> expected =
+      Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
+  EXPECT_EQ(packToSize(Kel_sys_diag_AlarmOutput_pack, record), expected);
+  GuardedMemory memory(expected.size());
+  for (const uint32_t length : {25U, 24U, 23U}) {  // whole, without the NUL, a character short
+    AlarmOutput unpacked;
+    const auto result =
+        alarmOps().unpackFn(memory.copyLast({expected.data(), length}), length, &unpacked);
+    if (length == 23) {
+      EXPECT_EQ(result, 0U);
+      EXPECT_EQ(unpacked.text, nullptr);
+    } else {
+      EXPECT_EQ(result, reinterpret_cast<uintptr_t>(&unpacked));
+      EXPECT_STREQ(unpacked.text, "ok");
+    }
+    alarmOps().releaseFn(&unpacked);
+    EXPECT_EQ(unpacked.text, nullptr);
+    alarmOps().releaseFn(&unpacked);
+  }
+}
+
+TEST(OverloadAlarmInput, Compact) {
+  OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
+  fillWith(full.bytes64, 0x40);
+  struct Case {
+    OverloadAlarmInput record;
+    Bytes expected;
+  };
+  const Case cases[] = {
+      {{},
+       Bytes()
+           .u32(32)
+           .u16s({28, 80, 0, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0})
+           .u32s({28, 96, 4, 64})
+           .fill(64, 0)
+           .append(compactSub(false))},
+      {full, Bytes()
+                 .u32(32)
+                 .u16s({28, 120, 4, 8, 12, 16, 44, 20, 24, 28, 48, 32, 36, 40})
+                 .u32(28)
+                 .u32s({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})
+                 .u32s({96, 4, 64})
+                 .fill(64, 0x40)
+                 .append(compactSub(true))},
+      {{0xFFFFFFFF, 0, 0, 0, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, 0, 0, 0, {}, 0, 0, 1},
+       Bytes()
+           .u32(32)
+           .u16s({28, 88, 4, 0, 0, 0, 12, 0, 0, 0, 16, 0, 0, 8})
+           .u32s({28, 0xFFFFFFFF, 1, 96, 4, 64})
+           .fill(64, 0)
+           .u16s({20, 9, 0, 0, 0, 4, 0, 0, 0, 5})
+           .u32(20)
+           .u8(0xB3)
+           .u32(0x80)},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(packToSize(overloadOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+  }
+}
+
+TEST(OverloadDiskAlarmInput, Compact) {
+  OverloadDiskAlarmInput full{1, 2, 3, 4, kFullSub, {}, {}, 5, 6};
+  fillWith(full.bytes64, 0x40);
+  fillWith(full.bytes32, 0x20);
+  struct Case {
+    OverloadDiskAlarmInput record;
+    Bytes expected;
+  };
+  const Case cases[] = {
+      {{},
+       Bytes()
+           .u32(26)
+           .u16s({22, 120, 0, 0, 0, 0, 4, 8, 12, 0, 0})
+           .u32s({22, 136, 8, 72, 64})
+           .fill(64, 0)
+           .u32(32)
+           .fill(32, 0)
+           .append(compactSub(false))},
+      {full, Bytes()
+                 .u32(26)
+                 .u16s({22, 144, 4, 8, 12, 16, 28, 32, 36, 20, 24})
+                 .u32s({22, 1, 2, 3, 4, 5, 6, 136, 8, 72})
+                 .u32(64)
+                 .fill(64, 0x40)
+                 .u32(32)
+                 .fill(32, 0x20)
+                 .append(compactSub(true))},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(packToSize(diskOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+  }
+}
+
+TEST(OvLoadDiskCtlInput, CompactHasOneShape) {
+  OvLoadDiskCtlInput record;
+  for (const uint8_t value : {uint8_t{0}, uint8_t{0x7F}}) {
+    fillWith(record.bytes32a, value);
+    fillWith(record.bytes32b, value);
+    fillWith(record.bytes50, value);
+    const std::vector<uint8_t> expected = Bytes()
+                                              .u32(14)
+                                              .u16s({10, 142, 4, 8, 12})
+                                              .u32s({10, 12, 44, 76})
+                                              .u32(32)
+                                              .fill(32, value)
+                                              .u32(32)
+                                              .fill(32, value)
+                                              .u32(50)
+                                              .fill(50, value);
+    EXPECT_EQ(packToSize(configOps().packFn, record), expected);
+  }
+}
+
+// Every byte of the reserved buffer: what is not a field or a vtable keeps what it held.
+void expectFixed(const IdlCodecOps& ops, const void* record, const Bytes& expected) {
+  const std::vector<uint8_t>& bytes = expected;
+  ASSERT_EQ(ops.fixedSizeFn(), bytes.size());
+  GuardedMemory memory(bytes.size());
+  for (uint8_t* buffer : {memory.first(), memory.last(bytes.size())}) {
+    std::memset(buffer, 0xEE, bytes.size());
+    EXPECT_EQ(ops.fixedPackFn(buffer, record), 0);
+    EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + bytes.size()), bytes);
+  }
+}
+
+TEST(FixedLayout, OverloadAlarmInput) {
+  OverloadAlarmInput record{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
+  fillWith(record.bytes64, 0x40);
+  const auto vtable =
+      Bytes().u16s({28, 156, 4, 8, 12, 16, 20, 60, 64, 68, 72, 144, 148, 152}).fill(4, 0xEE);
+  expectFixed(overloadOps(), &record,
+              Bytes()
+                  .u32s({4, 0xFFFFFF64, 1, 2, 3, 4})
+                  .append(fixedSub(kFullSub))
+                  .u32s({5, 6, 7, 4, 64})
+                  .fill(64, 0x40)
+                  .u32s({8, 9, 10})
+                  .append(vtable));
+  const OverloadAlarmInput zero{};
+  expectFixed(overloadOps(), &zero,
+              Bytes()
+                  .u32s({4, 0xFFFFFF64, 0, 0, 0, 0})
+                  .append(fixedSub({}))
+                  .u32s({0, 0, 0, 4, 64})
+                  .fill(64, 0)
+                  .u32s({0, 0, 0})
+                  .append(vtable));
+}
+
+TEST(FixedLayout, OverloadDiskAlarmInput) {
+  OverloadDiskAlarmInput record{1, 2, 3, 4, kFullSub, {}, {}, 5, 6};
+  fillWith(record.bytes64, 0x40);
+  fillWith(record.bytes32, 0x20);
+  expectFixed(diskOps(), &record,
+              Bytes()
+                  .u32s({4, 0xFFFFFF4C, 1, 2, 3, 4})
+                  .append(fixedSub(kFullSub))
+                  .u32s({4, 64})
+                  .fill(64, 0x40)
+                  .u32s({4, 32})
+                  .fill(32, 0x20)
+                  .u32s({5, 6})
+                  .u16s({22, 180, 4, 8, 12, 16, 20, 60, 132, 172, 176})
+                  .fill(2, 0xEE));
+}
+
+TEST(FixedLayout, OvLoadDiskCtlInput) {
+  OvLoadDiskCtlInput record;
+  fillWith(record.bytes32a, 0xA0);
+  fillWith(record.bytes32b, 0xB0);
+  fillWith(record.bytes50, 0x50);
+  expectFixed(configOps(), &record,
+              Bytes()
+                  .u32s({4, 0xFFFFFF70})
+                  .u32s({4, 32})
+                  .fill(32, 0xA0)
+                  .u32s({4, 32})
+                  .fill(32, 0xB0)
+                  .u32s({4, 50})
+                  .fill(50, 0x50)
+                  .fill(2, 0xEE)
+                  .u16s({10, 142, 4, 44, 84})
+                  .fill(2, 0xEE));
+}
+
+TEST(OvLoadDiskCtlOutput, PeerPacksWhatTheLibraryUnpacks) {
+  OvLoadDiskCtlOutput record;
+  fillWith(record.bytes32a, 0xA0);
+  fillWith(record.bytes32b, 0xB0);
+  fillWith(record.bytes50, 0x50);
+  record.value1 = 0;
+  record.value2 = 22;
+  const std::vector<uint8_t> expected = Bytes()
+                                            .u32(18)
+                                            .u16s({14, 146, 8, 12, 0, 4, 16})
+                                            .u32s({14, 22, 12, 44, 76})
+                                            .u32(32)
+                                            .fill(32, 0xA0)
+                                            .u32(32)
+                                            .fill(32, 0xB0)
+                                            .u32(50)
+                                            .fill(50, 0x50);
+  EXPECT_EQ(packToSize(Kel_sys_diag_OvLoadDiskCtlOutput_pack, record), expected);
+}
+
+// A value put into a message at some position, and what becomes of the message.
+struct Bend {
+  const char* what;
+  uint32_t position;
+  uint32_t width;
+  uint32_t value;
+  const char* expected;  // null: the message is refused
+};
+
+std::vector<uint8_t> bend(const std::vector<uint8_t>& message, const Bend& bend) {
+  std::vector<uint8_t> bent = message;
+  std::memcpy(bent.data() + bend.position, &bend.value, bend.width);
+  return bent;
+}
+
+// A reply as another writer may lay it out: a slot more than the schema has, a gap before the
+// table, fields and arrays in an order of their own.
+TEST(OvLoadDiskCtlOutput, ReadsByTheVtableAlone) {
+  const std::vector<uint8_t> reply = Bytes()
+                                         .u32(22)
+                                         .u16s({16, 0, 12, 4, 20, 16, 8, 99})
+                                         .u16(0xEEEE)
+                                         .u32(18)  // 22: the table
+                                         .u32s({20, 52, 102, 0x22, 0x11})
+                                         .u32(32)
+                                         .fill(32, 0xB0)  // 46
+                                         .u32(50)
+                                         .fill(50, 0x50)  // 82
+                                         .u32(32)
+                                         .fill(32, 0xA0);  // 136
+  // What is present, in slot order: a, b, 1, 2 and 5 stand for bytes32a, bytes32b, value1, value2
+  // and bytes50.
+  const Bend bends[] = {
+      {"as written", 6, 2, 0xFFFF, "ab125"},  // tableLength, which nothing reads
+      {"an empty vtable", 4, 2, 4, ""},
+      {"a vtable shorter than its own header", 4, 2, 0, ""},
+      {"a vtable that ends within slot 0", 4, 2, 5, ""},
+      {"a vtable that ends within slot 1", 4, 2, 7, "a"},
+      {"a vtable of three slots", 4, 2, 10, "ab1"},
+      {"a vtable up to the last byte", 4, 2, 168, "ab125"},
+      {"a vtable past the last byte", 4, 2, 169, nullptr},
+      {"bytes32a absent", 8, 2, 0, "b125"},
+      {"value1 absent", 12, 2, 0, "ab25"},
+      {"value2 in the last word", 14, 2, 146, "ab125"},
+      {"value2 past the last word", 14, 2, 147, nullptr},
+      {"bytes50's offset field past the last word", 16, 2, 147, nullptr},
+      {"a root offset of 2", 0, 4, 2, nullptr},
+      {"a root offset of 2^32 - 1", 0, 4, 0xFFFFFFFF, nullptr},
+      {"a displacement to position 3", 22, 4, 19, nullptr},
+      {"a displacement past the end", 22, 4, 22 - 169U, nullptr},
+      {"31 bytes for bytes32b", 46, 4, 31, nullptr},
+      {"33 bytes for bytes32b", 46, 4, 33, nullptr},
+      {"49 bytes for bytes50", 82, 4, 49, nullptr},
+      {"51 bytes for bytes50", 82, 4, 51, nullptr},
+      {"31 bytes for bytes32a", 136, 4, 31, nullptr},
+      {"a count of 2^32 - 1", 136, 4, 0xFFFFFFFF, nullptr},
+      {"both arrays of 32 at one place", 34, 4, 12, "ab125"},
+      {"an array a byte past the end", 34, 4, 103, nullptr},
+      {"an offset that wraps to a count of 32", 34, 4, 12 - 34U, nullptr},
+      {"an offset of 0: the field is its own count", 34, 4, 0, nullptr},
+  };
+  GuardedMemory memory(reply.size());
+  for (const Bend& b : bends) {
+    OvLoadDiskCtlOutput record;
+    std::memset(&record, 0xDD, sizeof record);
+    const uint8_t* const bytes = memory.copyLast(bend(reply, b));
+    const bool accepted =
+        configOps().unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
+    ASSERT_EQ(accepted, b.expected != nullptr) << b.what;
+    if (!accepted) continue;
+    std::string present;
+    if (record.bytes32a[31] != 0) present += 'a';
+    if (record.bytes32b[0] != 0) present += 'b';
+    if (record.value1 != 0) present += '1';
+    if (record.value2 != 0) present += '2';
+    if (record.bytes50[49] != 0) present += '5';
+    EXPECT_EQ(present, b.expected) << b.what;
+  }
+}
+
+TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
+  const std::vector<uint8_t> reply =
+      Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
+  const Bend bends[] = {
+      {"a root offset of 3", 0, 4, 3, nullptr},
+      {"a root offset past length - 4", 0, 4, 22, nullptr},
+      {"a vtable at the table itself", 10, 4, 0, "(null)"},
+      {"a vtable at position 3", 10, 4, 7, nullptr},
+      {"a vtable past length - 4", 10, 4, 10 - 22U, nullptr},
+      {"a vtable without slots", 4, 2, 4, "(null)"},
+      {"a vtable up to the last byte", 4, 2, 21, "ok"},
+      {"a vtable past the last byte", 4, 2, 22, nullptr},
+      {"an absent text", 8, 2, 0, "(null)"},
+      {"an offset field past the last word", 8, 2, 12, nullptr},
+      {"a text at its own offset field", 14, 4, 0, ""},
+      {"a length word past the last word", 14, 4, 8, nullptr},
+      {"an offset that wraps to the start", 14, 4, 0U - 14, nullptr},
+      {"an offset of 2^32 - 1", 14, 4, 0xFFFFFFFF, nullptr},
+      {"a length of 0", 18, 4, 0, ""},
+      {"a length that takes in the NUL", 18, 4, 3, "ok"},
+      {"a length a byte past the end", 18, 4, 4, nullptr},
+      {"a length whose end wraps to 0", 18, 4, 0U - 22, nullptr},
+      {"a length of 2^32 - 1, whose block would have no size", 18, 4, 0xFFFFFFFF, nullptr},
+  };
+  GuardedMemory memory(reply.size());
+  for (const Bend& b : bends) {
+    AlarmOutput record;
+    const uint8_t* const bytes = memory.copyLast(bend(reply, b));
+    const bool accepted =
+        alarmOps().unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
+    ASSERT_EQ(accepted, b.expected != nullptr) << b.what;
+    if (accepted) {
+      EXPECT_STREQ(record.text == nullptr ? "(null)" : record.text, b.expected) << b.what;
+    } else {
+      EXPECT_EQ(record.text, nullptr) << b.what;
+    }
+    alarmOps().releaseFn(&record);
+  }
+}
+
+// Odd messages that every reader of the format takes.
+TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
+  const std::vector<uint8_t> tableIsTheLastWord = Bytes().u32(8).u16s({4, 4}).u32(4);
+  AlarmOutput record;
+  ASSERT_NE(alarmOps().unpackFn(tableIsTheLastWord.data(), 12, &record), 0U);
+  EXPECT_EQ(record.text, nullptr);
+
+  // Its offset field begins within the displacement, at field offset 3, and reads as 1,024.
+  const std::vector<uint8_t> overlapping =
+      Bytes().u32(10).u16s({6, 0, 3}).u32s({6, 4}).fill(1037 - 18, 0).u32(1).text("z");
+  ASSERT_NE(
+      alarmOps().unpackFn(overlapping.data(), static_cast<uint32_t>(overlapping.size()), &record),
+      0U);
+  EXPECT_STREQ(record.text, "z");
+  alarmOps().releaseFn(&record);
+}
+
+// An unpacker, with messages of every layout it can meet; each is valid down to some length.
+struct Unpacker {
+  const char* name;
+  std::function<bool(const uint8_t*, uint32_t)> unpackAndRelease;
+  struct Message {
+    std::vector<uint8_t> bytes;
+    uint32_t shortest;
+  };
+  std::vector<Message> messages;
+};
+
+template <class Record, auto Unpack, auto Release>
+bool unpackAndRelease(const uint8_t* bytes, uint32_t length) {
+  Record record;
+  if (Unpack(bytes, length, &record) == 0) return false;
+  Release(&record);
+  return true;
+}
+
+template <class Record, const IdlCodecOps& (*Ops)()>
+bool unpackAndReleaseByOps(const uint8_t* bytes, uint32_t length) {
+  Record record;
+  if (Ops().unpackFn(bytes, length, &record) == 0) return false;
+  Ops().releaseFn(&record);
+  return true;
+}
+
+std::vector<uint8_t> packFixed(const IdlCodecOps& ops, const void* record) {
+  std::vector<uint8_t> bytes(ops.fixedSizeFn());
+  ops.fixedPackFn(bytes.data(), record);
+  return bytes;
+}
+
+std::vector<Unpacker> everyUnpacker() {
+  const AlarmInput alarm{1, 2, "text", 3, 4, {1}, 5};
+  char text[] = "text";
+  const AlarmOutput output{text};
+  const OverloadAlarmInput overload{1, 2, 3, 4, kFullSub, 5, 6, 7, {1}, 8, 9, 10};
+  const OverloadDiskAlarmInput disk{1, 2, 3, 4, kFullSub, {1}, {1}, 5, 6};
+  const OvLoadDiskCtlInput ask{{1}, {2}, {3}};
+  const OvLoadDiskCtlOutput answer{{1}, {2}, 3, 4, {5}};
+  return {
+      {"AlarmInput",
+       unpackAndRelease<AlarmInput, Kel_sys_diag_AlarmInput_unpack,
+                        Kel_sys_diag_AlarmInput_free_unpacked>,
+       {{packToSize(alarmOps().packFn, alarm), 99}}},
+      {"OverloadAlarmInput",
+       unpackAndRelease<OverloadAlarmInput, Kel_sys_diag_OverloadAlarmInput_unpack,
+                        Kel_sys_diag_OverloadAlarmInput_free_unpacked>,
+       {{packToSize(overloadOps().packFn, overload), 188},
+        {packFixed(overloadOps(), &overload), 188}}},
+      {"OverloadDiskAlarmInput",
+       unpackAndRelease<OverloadDiskAlarmInput, Kel_sys_diag_OverloadDiskAlarmInput_unpack,
+                        Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked>,
+       {{packToSize(diskOps().packFn, disk), 206}, {packFixed(diskOps(), &disk), 206}}},
+      {"OvLoadDiskCtlInput",
+       unpackAndRelease<OvLoadDiskCtlInput, Kel_sys_diag_OvLoadDiskCtlInput_unpack,
+                        Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked>,
+       {{packToSize(configOps().packFn, ask), 156}, {packFixed(configOps(), &ask), 158}}},
+      {"AlarmOutput",  // the NUL may be missing
+       unpackAndReleaseByOps<AlarmOutput, alarmOps>,
+       {{packToSize(Kel_sys_diag_AlarmOutput_pack, output), 26}}},
+      {"OvLoadDiskCtlOutput",
+       unpackAndReleaseByOps<OvLoadDiskCtlOutput, configOps>,
+       {{packToSize(Kel_sys_diag_OvLoadDiskCtlOutput_pack, answer), 168}}},
+  };
+}
+
+TEST(EveryUnpacker, RefusesEveryTruncation) {
+  for (const Unpacker& unpacker : everyUnpacker()) {
+    for (const Unpacker::Message& message : unpacker.messages) {
+      GuardedMemory memory(message.bytes.size());
+      for (uint32_t length = 0; length <= message.bytes.size(); ++length) {
+        EXPECT_EQ(
+            unpacker.unpackAndRelease(memory.copyLast({message.bytes.data(), length}), length),
+            length >= message.shortest)
+            << unpacker.name << " of " << length;
+      }
+    }
+  }
+}
+
+// Whatever the verdict: never a read outside the message. The guard pages see to that, leak
+// checking to the rest.
+TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
+  for (const Unpacker& unpacker : everyUnpacker()) {
+    for (const Unpacker::Message& message : unpacker.messages) {
+      const auto length = static_cast<uint32_t>(message.bytes.size());
+      const uint32_t values[] = {0,          1,          3,          4,          5,
+                                 6,          length - 5, length - 4, length - 3, length,
+                                 length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000,
+                                 0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
+      GuardedMemory memory(length);
+      for (uint32_t position = 0; position < length; ++position) {
+        for (const uint32_t value : values) {
+          const std::vector<uint8_t> bent =
+              bend(message.bytes, {"", position, std::min(4U, length - position), value, ""});
+          unpacker.unpackAndRelease(memory.copyFirst(bent), length);
+          unpacker.unpackAndRelease(memory.copyLast(bent), length);
+        }
+      }
+    }
+  }
+}
+
+TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShort) {
+  const std::vector<uint8_t> zeros(16);
+  for (const Unpacker& unpacker : everyUnpacker()) {
+    for (const uint32_t length : {0U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
+      EXPECT_FALSE(unpacker.unpackAndRelease(zeros.data(), length)) << unpacker.name;
+    }
+    EXPECT_FALSE(unpacker.unpackAndRelease(nullptr, 16)) << unpacker.name;
+  }
+}
+
+// Thousands of records from either side to the other, in every layout; and, on the way, that a
+// message is written whole or not at all and never past its end.
+template <class Record, class Pack, class Unpack, class Release>
+void expectRoundTrips(Pack pack, Unpack unpack, Release release, const IdlCodecOps* fixed) {
+  Random random(20261122);
+  RecordMaker maker(random, 300, 0);
+  GuardedMemory memory(1024);
+  for (int round = 0; round < 5000; ++round) {
+    Record record;
+    maker.fill(record);
+    const uint32_t size = pack(nullptr, &record);
+    const uint32_t tooSmall = static_cast<uint32_t>(random() % size);
+    uint8_t* const buffer = memory.last(size);
+    std::memset(buffer, 0xEE, size);
+    const PackTarget shortTarget{buffer, &tooSmall};
+    ASSERT_EQ(pack(&shortTarget, &record), 0U);
+    ASSERT_EQ(std::count(buffer, buffer + size, 0xEE), size);
+    const PackTarget target{buffer, &size};
+    ASSERT_EQ(pack(&target, &record), size);
+
+    std::vector<uint8_t> layouts[] = {{buffer, buffer + size}, {}};
+    if (fixed != nullptr) layouts[1] = packFixed(*fixed, &record);
+    for (const std::vector<uint8_t>& bytes : layouts) {
+      if (bytes.empty()) continue;
+      Record unpacked;
+      ASSERT_EQ(unpack(memory.copyLast(bytes), static_cast<uint32_t>(bytes.size()), &unpacked),
+                reinterpret_cast<uintptr_t>(&unpacked));
+      ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
+      release(&unpacked);
+    }
+    discard(record);
+  }
+}
+
+TEST(RoundTrip, AlarmInput) {
+  expectRoundTrips<AlarmInput>(alarmOps().packFn, Kel_sys_diag_AlarmInput_unpack,
+                               Kel_sys_diag_AlarmInput_free_unpacked, nullptr);
+}
+TEST(RoundTrip, OverloadAlarmInput) {
+  expectRoundTrips<OverloadAlarmInput>(overloadOps().packFn, Kel_sys_diag_OverloadAlarmInput_unpack,
+                                       Kel_sys_diag_OverloadAlarmInput_free_unpacked,
+                                       &overloadOps());
+}
+TEST(RoundTrip, OverloadDiskAlarmInput) {
+  expectRoundTrips<OverloadDiskAlarmInput>(
+      diskOps().packFn, Kel_sys_diag_OverloadDiskAlarmInput_unpack,
+      Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked, &diskOps());
+}
+TEST(RoundTrip, OvLoadDiskCtlInput) {
+  expectRoundTrips<OvLoadDiskCtlInput>(configOps().packFn, Kel_sys_diag_OvLoadDiskCtlInput_unpack,
+                                       Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked, &configOps());
+}
+TEST(RoundTrip, AlarmOutput) {
+  expectRoundTrips<AlarmOutput>(Kel_sys_diag_AlarmOutput_pack, alarmOps().unpackFn,
+                                alarmOps().releaseFn, nullptr);
+}
+TEST(RoundTrip, OvLoadDiskCtlOutput) {
+  expectRoundTrips<OvLoadDiskCtlOutput>(Kel_sys_diag_OvLoadDiskCtlOutput_pack, configOps().unpackFn,
+                                        configOps().releaseFn, nullptr);
+}
+
+}  // namespace

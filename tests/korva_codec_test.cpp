@@ -1,0 +1,398 @@
+// The codecs over records of the test's own, which use every slot kind in both directions and in
+// every place a slot can stand.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "codec/korva_codec.hpp"
+#include "support/bytes.hpp"
+#include "support/guarded_memory.hpp"
+#include "support/records.hpp"
+
+namespace {
+
+struct Pair {
+  uint32_t small;
+  uint64_t large;
+};
+struct PairList {
+  uint32_t entryCount;
+  Pair* entries;
+};
+struct Leaf {
+  uint16_t two;
+  uint8_t one;
+  uint64_t eight;
+};
+struct Branch {
+  uint8_t one;
+  Leaf left;
+  uint8_t bytes[5];
+  Leaf right;
+  uint32_t four;
+};
+struct BranchList {
+  uint32_t entryCount;
+  Branch* entries;
+};
+struct Everything {
+  uint8_t one;
+  const char* first;
+  uint16_t two;
+  Branch branch;
+  uint8_t bytes[3];
+  uint32_t four;
+  char* second;
+  uint64_t eight;
+};
+
+}  // namespace
+
+template <>
+struct korva::Schema<Pair> : korva::Slots<&Pair::small, &Pair::large> {};
+template <>
+struct korva::Schema<PairList>
+    : korva::Slots<korva::vectorOf<&PairList::entryCount, &PairList::entries>> {};
+template <>
+struct korva::Schema<Leaf> : korva::Slots<&Leaf::two, &Leaf::one, &Leaf::eight> {};
+template <>
+struct korva::Schema<Branch>
+    : korva::Slots<&Branch::one, &Branch::left, &Branch::bytes, &Branch::right, &Branch::four> {};
+template <>
+struct korva::Schema<BranchList>
+    : korva::Slots<korva::vectorOf<&BranchList::entryCount, &BranchList::entries>> {};
+template <>
+struct korva::Schema<Everything>
+    : korva::Slots<&Everything::one, &Everything::first, &Everything::two, &Everything::branch,
+                   &Everything::bytes, &Everything::four, &Everything::second, &Everything::eight> {
+};
+
+namespace {
+
+using kel::test::Bytes;
+using kel::test::discard;
+using kel::test::GuardedMemory;
+using kel::test::packToSize;
+using kel::test::Random;
+using kel::test::RecordMaker;
+using kel::test::sameRecord;
+
+// The hooks of this test's unit: they count, and can be told to fail.
+std::map<void*, uint32_t> outstanding;
+uint64_t largestRequest = 0;
+int allocationsUntilFailure = -1;
+
+void* countingAlloc(uint32_t size, uint32_t, const char*) {
+  largestRequest = std::max<uint64_t>(largestRequest, size);
+  if (allocationsUntilFailure == 0) return nullptr;
+  if (allocationsUntilFailure > 0) --allocationsUntilFailure;
+  void* const block = std::malloc(size);
+  outstanding[block] = size;
+  return block;
+}
+
+int32_t countingFree(void* block, uint32_t, const char*) {
+  if (block != nullptr) {
+    EXPECT_EQ(outstanding.erase(block), 1U) << "freed what was not allocated";
+  }
+  std::free(block);
+  return 0;
+}
+
+constinit korva::CodecRuntime testRuntime{
+    .memReady = 1, .codecAlloc = countingAlloc, .codecFree = countingFree};
+
+template <korva::Name Name, class Record>
+using TestCodec = korva::Codec<Name, Record, testRuntime>;
+using PairListCodec = TestCodec<"PairList", PairList>;
+using BranchListCodec = TestCodec<"BranchList", BranchList>;
+using EverythingCodec = TestCodec<"Everything", Everything>;
+
+TEST(Schema, NamesKindsAndWidthsFollowFromTheMembers) {
+  std::vector<std::string> slots;
+  korva::forEachSlot<Everything>([&]<class Slot, size_t>() {
+    slots.push_back(std::string(Slot::name) + ":" + std::to_string(static_cast<int>(Slot::kind)));
+  });
+  EXPECT_EQ(slots, (std::vector<std::string>{"one:0", "first:1", "two:0", "branch:3", "bytes:2",
+                                             "four:0", "second:1", "eight:0"}));
+  EXPECT_EQ((korva::SlotAt<PairList, 0>::name), "entries");
+}
+
+TEST(CompactForm, EmptyVectorTakesFourteenBytes) {
+  Pair pair{1, 2};
+  const std::vector<uint8_t> expected = Bytes().u32(10).u16s({6, 4, 0}).u32(6);
+  for (const PairList& empty : {PairList{0, nullptr}, PairList{5, nullptr}, PairList{0, &pair}}) {
+    EXPECT_EQ(packToSize(PairListCodec::pack, empty), expected);
+  }
+}
+
+TEST(CompactForm, VectorOfTables) {
+  Pair pairs[] = {{1, 0}, {0, 5}};
+  const PairList list{2, pairs};
+  const std::vector<uint8_t> expected = Bytes()
+                                            .u32(10)
+                                            .u16s({6, 20, 4})
+                                            .u32s({6, 4, 2, 16, 28})
+                                            .u16s({8, 8, 4, 0})
+                                            .u32s({8, 1})
+                                            .u16s({8, 12, 0, 4})
+                                            .u32(8)
+                                            .u64(5);
+  EXPECT_EQ(packToSize(PairListCodec::pack, list), expected);
+}
+
+// Scalars first, then the offset fields, then what they point at; nested tables behind it all, each
+// with its own tables behind it. The positions were worked out by hand.
+TEST(CompactForm, EveryKindInItsPlace) {
+  char second[] = "";
+  Everything record{};
+  record.one = 0xA1;
+  record.first = "xy";
+  record.branch = {0xB1, {0, 0xC1, 0}, {1, 2, 3, 4, 5}, {0xD1D2, 0, 0xE1}, 0};
+  record.bytes[0] = 9;
+  record.second = second;
+  record.eight = 0xF1;
+  const std::vector<uint8_t> expected = Bytes()
+                                            .u32(24)
+                                            .u16s({20, 48, 4, 13, 0, 17, 21, 0, 25, 5})
+                                            .u32(20)  // 24: the root table
+                                            .u8(0xA1)
+                                            .u64(0xF1)
+                                            .u32s({16, 45, 15, 18})  // 37: to 53, 86, 60 and 67
+                                            .u32(2)
+                                            .text("xy")
+                                            .u8(0)
+                                            .u32(3)
+                                            .u8(9)
+                                            .u16(0)
+                                            .u32(0)
+                                            .u8(0)
+                                            .u16s({14, 26, 4, 5, 9, 13, 0})
+                                            .u32(14)  // 86: branch
+                                            .u8(0xB1)
+                                            .u32s({31, 8, 38})  // 91: to 122, 103 and 137
+                                            .u32(5)
+                                            .u8(1)
+                                            .u8(2)
+                                            .u8(3)
+                                            .u8(4)
+                                            .u8(5)
+                                            .u16s({10, 5, 0, 4, 0})
+                                            .u32(10)  // 122: left
+                                            .u8(0xC1)
+                                            .u16s({10, 14, 4, 0, 6})
+                                            .u32(10)  // 137: right
+                                            .u16(0xD1D2)
+                                            .u64(0xE1);
+  EXPECT_EQ(packToSize(EverythingCodec::pack, record), expected);
+}
+
+// Packs into memory that ends with the capacity, for every capacity around the size: the message is
+// written whole or not at all, and never past its end.
+template <class Codec, class Record>
+void expectCapacityKept(GuardedMemory& memory, const Record& record) {
+  const uint32_t size = Codec::pack(nullptr, &record);
+  for (const uint32_t capacity : {0U, 3U, 4U, size / 2, size - 1, size, size + 8}) {
+    uint8_t* const buffer = memory.last(capacity);
+    std::memset(buffer, 0xEE, capacity);
+    const PackTarget target{buffer, &capacity};
+    EXPECT_EQ(Codec::pack(&target, &record), capacity < size ? 0 : size);
+    for (uint32_t i = capacity < size ? 0 : size; i < capacity; ++i) {
+      ASSERT_EQ(buffer[i], 0xEE) << "written at " << i << " of capacity " << capacity;
+    }
+  }
+}
+
+// What is packed comes back equal, from memory with nothing before or behind it, and is given back
+// whole.
+template <class Codec>
+void expectRoundTrips(int rounds, uint32_t maximumEntries) {
+  using Record = typename Codec::Record;
+  Random random(20261122);
+  RecordMaker maker(random, 40, maximumEntries);
+  GuardedMemory memory(1 << 16);
+  for (int round = 0; round < rounds; ++round) {
+    Record record;
+    maker.fill(record);
+    const std::vector<uint8_t> packed = packToSize(Codec::pack, record);
+    EXPECT_EQ(packToSize(Codec::pack, record), packed);
+    expectCapacityKept<Codec>(memory, record);
+    for (const uint8_t* bytes : {memory.copyFirst(packed), memory.copyLast(packed)}) {
+      Record unpacked;
+      std::memset(static_cast<void*>(&unpacked), 0xDD, sizeof unpacked);
+      const auto length = static_cast<uint32_t>(packed.size());
+      ASSERT_EQ(Codec::unpack(bytes, length, &unpacked), reinterpret_cast<uintptr_t>(&unpacked));
+      ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
+      Codec::release(&unpacked);
+      ASSERT_TRUE(outstanding.empty());
+    }
+    discard(record);
+  }
+}
+
+TEST(RoundTrip, EveryKind) { expectRoundTrips<EverythingCodec>(3000, 0); }
+TEST(RoundTrip, VectorOfPairs) { expectRoundTrips<PairListCodec>(1000, 9); }
+TEST(RoundTrip, VectorOfTablesWithNestedTables) { expectRoundTrips<BranchListCodec>(1000, 9); }
+
+TEST(FixedLayout, DecodesLikeTheCompactForm) {
+  using Codec = TestCodec<"Branch", Branch>;
+  Random random(7);
+  RecordMaker maker(random, 0, 0);
+  // Leaf: 4 + 2 + 1 + 8, its vtable 10; Branch: 4 + 1 + (4 + 25) + (8 + 5) + (4 + 25) + 4 = 80,
+  // so its vtable of 14 bytes lies at 84 and the size is 98, rounded up.
+  ASSERT_EQ(Codec::fixedSize(), 104U);
+  for (int round = 0; round < 1000; ++round) {
+    Branch record;
+    maker.fill(record);
+    std::vector<uint8_t> fixed(Codec::fixedSize(), 0xEE);
+    ASSERT_EQ(Codec::packFixed(fixed.data(), &record), 0);
+    Branch unpacked;
+    ASSERT_NE(Codec::unpack(fixed.data(), Codec::fixedSize(), &unpacked), 0U);
+    ASSERT_TRUE(sameRecord(record, unpacked));
+    const std::vector<uint8_t> tail(fixed.begin() + 98, fixed.end());
+    ASSERT_EQ(tail, std::vector<uint8_t>(6, 0xEE));
+  }
+}
+
+// A count alone can make a message too large: then its elements, here inaccessible, are not
+// visited.
+TEST(SizeLimit, CountAloneDecides) {
+  GuardedMemory memory(1);
+  auto* const unreadable = reinterpret_cast<Pair*>(memory.last(0));
+  const uint32_t capacity = UINT32_MAX;
+  const PackTarget target{memory.last(0), &capacity};
+  for (const uint32_t count : {UINT32_MAX, UINT32_MAX / 4, UINT32_MAX / 16 + 1}) {
+    const PairList list{count, unreadable};
+    EXPECT_EQ(PairListCodec::pack(nullptr, &list), 0U);
+    EXPECT_EQ(PairListCodec::pack(&target, &list), 0U);
+  }
+}
+
+// Each place where the message can be bent, and what comes of it.
+struct Bend {
+  const char* what;
+  uint32_t position;
+  uint32_t value;
+  bool accepted;
+};
+
+TEST(Unpack, BentVectors) {
+  Branch branches[2] = {};
+  const BranchList list{2, branches};
+  const std::vector<uint8_t> packed = packToSize(BranchListCodec::pack, list);
+  const auto length = static_cast<uint32_t>(packed.size());
+  GuardedMemory memory(length);
+  const Bend bends[] = {
+      {"as packed", 18, 2, true},
+      {"fewer elements than entries", 18, 1, true},
+      {"no element", 18, 0, true},
+      {"one more element than entries: its entry is the first element's vtable", 18, 3, false},
+      {"a count that passes the length", 18, (length - 22) / 4 + 1, false},
+      {"a count whose array wraps in 32 bits", 18, 0x40000000, false},
+      {"a count of 2^32 - 1", 18, UINT32_MAX, false},
+      {"both entries at one element", 22, 89, true},
+      {"an entry at itself: a table with an empty vtable", 22, 0, true},
+      {"an entry past the end", 22, length - 22 - 3, false},
+      {"an entry that wraps", 22, UINT32_MAX - 21, false},
+      {"a count that is the last word", 14, length - 14 - 4, false},
+      {"a count past the last word", 14, length - 14 - 3, false},
+      {"an offset field that wraps", 14, UINT32_MAX - 13, false},
+      {"an element whose vtable lies before the message", 44, 45, false},
+      {"an element whose vtable lies behind the message", 44, 0x80000000, false},
+  };
+  for (const Bend& bend : bends) {
+    std::vector<uint8_t> bytes = packed;
+    std::memcpy(bytes.data() + bend.position, &bend.value, 4);
+    BranchList record{};
+    EXPECT_EQ(BranchListCodec::unpack(memory.copyLast(bytes), length, &record) != 0, bend.accepted)
+        << bend.what;
+    BranchListCodec::release(&record);
+    EXPECT_TRUE(outstanding.empty()) << bend.what;
+  }
+}
+
+// A hostile count costs at most the element's size for every four bytes of the message.
+TEST(Unpack, AllocationStaysInProportion) {
+  constexpr uint32_t kCount = 1000;
+  Bytes message;
+  message.u32(10).u16s({6, 0, 4}).u32s({6, 4, kCount});
+  for (uint32_t i = 0; i < kCount; ++i) message.u32((kCount - i) * 4 + 4);  // all at one element
+  message.u16s({4, 4}).u32(4);
+  const std::vector<uint8_t>& bytes = message;
+  largestRequest = 0;
+  BranchList record{};
+  ASSERT_NE(BranchListCodec::unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &record),
+            0U);
+  EXPECT_EQ(record.entryCount, kCount);
+  EXPECT_LE(largestRequest, bytes.size() / 4 * sizeof(Branch));
+  BranchListCodec::release(&record);
+  EXPECT_TRUE(outstanding.empty());
+}
+
+TEST(Unpack, EveryFailedAllocationGivesEverythingBack) {
+  char second[] = "second";
+  Everything record{};
+  record.first = "first";
+  record.second = second;
+  const std::vector<uint8_t> packed = packToSize(EverythingCodec::pack, record);
+  for (allocationsUntilFailure = 0; allocationsUntilFailure < 2;) {
+    const int allowed = allocationsUntilFailure;
+    Everything unpacked;
+    EXPECT_EQ(
+        EverythingCodec::unpack(packed.data(), static_cast<uint32_t>(packed.size()), &unpacked),
+        0U);
+    EXPECT_EQ(unpacked.first, nullptr);
+    EXPECT_EQ(unpacked.second, nullptr);
+    EXPECT_TRUE(outstanding.empty());
+    allocationsUntilFailure = allowed + 1;
+  }
+  allocationsUntilFailure = -1;
+}
+
+// Every word of a valid message set to every suspicious value: whatever the verdict, nothing
+// outside the message is read, and what was allocated is given back.
+template <class Codec>
+void bendEveryWord(const std::vector<uint8_t>& packed) {
+  const auto length = static_cast<uint32_t>(packed.size());
+  GuardedMemory memory(length);
+  const uint32_t values[] = {0,          1,          3,          4,          5,
+                             6,          length - 5, length - 4, length - 3, length,
+                             0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000, 0xFFFFFFFC,
+                             0xFFFFFFFF, 0xFFFFFFFE, length / 4, 0x3FFFFFFF};
+  for (uint32_t position = 0; position < length; ++position) {
+    for (const uint32_t value : values) {
+      std::vector<uint8_t> bytes = packed;
+      std::memcpy(bytes.data() + position, &value, std::min(4U, length - position));
+      for (const uint8_t* placed : {memory.copyFirst(bytes), memory.copyLast(bytes)}) {
+        typename Codec::Record record;
+        if (Codec::unpack(placed, length, &record) != 0) Codec::release(&record);
+        ASSERT_TRUE(outstanding.empty()) << value << " at " << position;
+      }
+    }
+  }
+}
+
+TEST(Unpack, EveryWordBent) {
+  char second[] = "b";
+  Everything everything{1, "a", 2, {1, {1, 1, 1}, {1}, {1, 1, 1}, 1}, {1}, 4, second, 8};
+  bendEveryWord<EverythingCodec>(packToSize(EverythingCodec::pack, everything));
+  Branch branches[2] = {everything.branch, {}};
+  bendEveryWord<BranchListCodec>(packToSize(BranchListCodec::pack, BranchList{2, branches}));
+}
+
+TEST(Unpack, TruncatedAnywhere) {
+  char second[] = "";
+  Everything everything{};
+  everything.second = second;
+  everything.branch.right.eight = 1;  // the message's last field
+  const std::vector<uint8_t> packed = packToSize(EverythingCodec::pack, everything);
+  GuardedMemory memory(packed.size());
+  for (uint32_t length = 0; length < packed.size(); ++length) {
+    Everything record;
+    EXPECT_EQ(EverythingCodec::unpack(memory.copyLast({packed.data(), length}), length, &record),
+              0U);
+    ASSERT_TRUE(outstanding.empty()) << length;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,45 @@
+// The recording framework.
+#include "support/framework_double.hpp"
+
+namespace kel::test {
+
+Framework& framework() {
+  thread_local Framework instance;
+  return instance;
+}
+
+namespace {
+
+int32_t record(void* invoker, const void* input, void* output, const IdlMethodRef* method,
+               const IdlCodecOps* ops, const IdlAsyncInfo* info) {
+  FrameworkCall& call = framework().lastCall;
+  call.invoker = invoker;
+  call.input = input;
+  call.output = output;
+  call.serviceName = method->serviceName;
+  call.methodName = method->methodName;
+  call.ops = *ops;
+  call.asyncInfo = info == nullptr ? std::nullopt : std::optional(*info);
+  return framework().resultToReturn;
+}
+
+}  // namespace
+}  // namespace kel::test
+
+void* RPC_GetRpcInvoke(RpcServerAddr* server, uintptr_t invokeArg) {
+  kel::test::Framework& framework = kel::test::framework();
+  framework.lastCall = {};
+  framework.lastCall.server = server;
+  framework.lastCall.invokeArg = invokeArg;
+  return framework.invokerToReturn;
+}
+
+int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
+                            const IdlMethodRef* method, const IdlCodecOps* ops) {
+  return kel::test::record(invoker, input, output, method, ops, nullptr);
+}
+
+int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRef* method,
+                             const IdlCodecOps* ops, const IdlAsyncInfo* info) {
+  return kel::test::record(invoker, input, nullptr, method, ops, info);
+}

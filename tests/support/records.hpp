@@ -1,0 +1,144 @@
+// Records of any schema: made at random, compared, and freed. For tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "codec/korva_schema.hpp"
+
+namespace kel::test {
+
+using Random = std::mt19937_64;
+
+// Fills a record: scalars zero half of the time and at their limits now and then, strings absent,
+// empty or up to maximumString characters, vectors up to maximumEntries. Strings and arrays come
+// from malloc.
+class RecordMaker {
+ public:
+  RecordMaker(Random& random, size_t maximumString, uint32_t maximumEntries)
+      : random_(random), maximumString_(maximumString), maximumEntries_(maximumEntries) {}
+
+  template <class Record>
+  void fill(Record& record) {
+    std::memset(static_cast<void*>(&record), 0, sizeof(Record));
+    korva::forEachSlot<Record>([&]<class Slot, size_t>() { fillSlot<Slot>(record); });
+  }
+
+ private:
+  uint64_t below(uint64_t limit) { return random_() % limit; }
+
+  template <class Slot, class Record>
+  void fillSlot(Record& record) {
+    auto& field = Slot::get(record);
+    using enum korva::SlotKind;
+    if constexpr (Slot::kind == scalar) {
+      field = static_cast<typename Slot::Type>(scalarBits());
+    } else if constexpr (Slot::kind == byteArray) {
+      for (auto& byte : field) byte = static_cast<uint8_t>(random_());
+    } else if constexpr (Slot::kind == table) {
+      fill(field);
+    } else if constexpr (Slot::kind == string) {
+      if (below(4) != 0) field = makeString();
+    } else {
+      Slot::count(record) = static_cast<uint32_t>(below(maximumEntries_ + 1));
+      if (below(8) == 0) return;  // a count without an array
+      field = static_cast<typename Slot::Element*>(
+          std::malloc((Slot::count(record) + 1) * sizeof(*field)));
+      for (uint32_t i = 0; i < Slot::count(record); ++i) fill(field[i]);
+    }
+  }
+
+  uint64_t scalarBits() {
+    switch (below(8)) {
+      case 0:
+        return std::numeric_limits<uint64_t>::max();
+      case 1:
+        return 1;
+      case 2:
+      case 3:
+        return random_();
+      default:
+        return 0;
+    }
+  }
+
+  char* makeString() {
+    const size_t length = below(maximumString_ + 1);
+    auto* const text = static_cast<char*>(std::malloc(length + 1));
+    for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>('!' + below(90));
+    text[length] = '\0';
+    return text;
+  }
+
+  Random& random_;
+  size_t maximumString_;
+  uint32_t maximumEntries_;
+};
+
+// Frees what a RecordMaker made.
+template <class Record>
+void discard(Record& record) {
+  korva::forEachSlot<Record>([&]<class Slot, size_t>() {
+    if constexpr (Slot::kind == korva::SlotKind::string || Slot::kind == korva::SlotKind::vector) {
+      std::free(const_cast<void*>(static_cast<const void*>(Slot::get(record))));
+      Slot::get(record) = nullptr;
+    }
+  });
+}
+
+// Equal as messages: padding does not count, and a vector without an array is an empty one. Names
+// the first slot that differs.
+template <class Record>
+testing::AssertionResult sameRecord(const Record& left, const Record& right) {
+  testing::AssertionResult result = testing::AssertionSuccess();
+  const auto differ = [&](std::string_view name) {
+    if (result) result = testing::AssertionFailure() << name << " differs";
+  };
+  korva::forEachSlot<Record>([&]<class Slot, size_t>() {
+    const auto& a = Slot::get(left);
+    const auto& b = Slot::get(right);
+    using enum korva::SlotKind;
+    if constexpr (Slot::kind == scalar) {
+      if (a != b) differ(Slot::name);
+    } else if constexpr (Slot::kind == byteArray) {
+      if (std::memcmp(a, b, sizeof(a)) != 0) differ(Slot::name);
+    } else if constexpr (Slot::kind == table) {
+      if (auto nested = sameRecord(a, b); !nested && result) {
+        result = nested << " in " << Slot::name;
+      }
+    } else if constexpr (Slot::kind == string) {
+      const bool same = a == nullptr || b == nullptr ? a == b : std::strcmp(a, b) == 0;
+      if (!same) differ(Slot::name);
+    } else {
+      const uint32_t count = a == nullptr ? 0 : Slot::count(left);
+      if (count != (b == nullptr ? 0 : Slot::count(right))) {
+        differ(Slot::name);
+        return;
+      }
+      for (uint32_t i = 0; i < count && result; ++i) {
+        if (auto element = sameRecord(a[i], b[i]); !element) {
+          result = element << " in element " << i << " of " << Slot::name;
+        }
+      }
+    }
+  });
+  return result;
+}
+
+// Packs through any pack function into exactly the size that it asks for.
+template <class Pack, class Record>
+std::vector<uint8_t> packToSize(Pack pack, const Record& record) {
+  const uint32_t size = pack(nullptr, &record);
+  std::vector<uint8_t> bytes(size);
+  const PackTarget target{bytes.data(), &size};
+  EXPECT_EQ(pack(&target, &record), size);
+  return bytes;
+}
+
+}  // namespace kel::test
