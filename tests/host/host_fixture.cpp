@@ -1,0 +1,75 @@
+#include "tests/host/host_fixture.hpp"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace kel::host::test {
+
+HostFixture::HostFixture() {
+  std::string name = std::filesystem::temp_directory_path() / "kel_host_test.XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    std::abort();
+  }
+  folder = name;
+  target = "unix:" + (folder / "socket").string();
+  aimAt(target);
+}
+
+HostFixture::~HostFixture() {
+  setCompactAlways(false);
+  std::filesystem::remove_all(folder);
+}
+
+void HostFixture::aimAt(const std::string& text) {
+  auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;
+  std::memset(endpoint, 0, sizeof(endpoint));
+  std::memcpy(endpoint, text.data(), std::min(text.size(), sizeof(endpoint)));
+}
+
+std::filesystem::path HostFixture::beside(const std::string& program) {
+  return std::filesystem::read_symlink("/proc/self/exe").replace_filename(program);
+}
+
+void Completions::onAlarmOutput(int32_t result, void* output, uintptr_t context) {
+  auto& self = *reinterpret_cast<Completions*>(context);
+  const auto* const reply = static_cast<const AlarmOutput*>(output);
+  const char* const text = reply == nullptr ? nullptr : reply->text;
+  const std::scoped_lock lock(self.mutex_);
+  self.completed_.push_back({result, reply != nullptr, text == nullptr ? "" : text});
+  self.arrived_.notify_all();
+}
+
+std::vector<Completions::Completed> Completions::wait(size_t count) {
+  constexpr std::chrono::seconds kPatience(30);
+  constexpr std::chrono::milliseconds kMore(20);
+  std::unique_lock lock(mutex_);
+  arrived_.wait_for(lock, kPatience, [&] { return completed_.size() >= count; });
+  arrived_.wait_for(lock, kMore, [&] { return completed_.size() > count; });
+  return completed_;
+}
+
+AlarmInput sampleAlarm(uint32_t number) {
+  AlarmInput alarm{};
+  alarm.value1 = number;
+  alarm.value2 = 1;
+  alarm.text = "sample";
+  return alarm;
+}
+
+int32_t sendAlarm(const AlarmInput& alarm, std::string& reply, uintptr_t deadlineMs) {
+  IdlCodecOps ops{};
+  KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
+  AlarmOutput output{};
+  const int32_t result = KelSysdiagMaster_KelSendAlarm(&alarm, &output, deadlineMs);
+  if (result == kOk) {
+    reply = output.text == nullptr ? "" : output.text;
+    ops.releaseFn(&output);
+  } else {
+    EXPECT_EQ(output.text, nullptr) << "a failed call left something to release";
+  }
+  return result;
+}
+
+std::string outcome(int32_t result) { return std::to_string(result) + ": " + describe(result); }
+
+}  // namespace kel::host::test

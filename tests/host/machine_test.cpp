@@ -1,0 +1,107 @@
+// What the host reads from the machine and how it fits into records.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+#include "host/field_text.hpp"
+#include "host/machine_records.hpp"
+#include "host/machine_state.hpp"
+#include "host/record_text.hpp"
+
+namespace kel::host::test {
+namespace {
+
+TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
+  struct Case {
+    const char* text;
+    std::array<uint8_t, 6> field;
+  };
+  const Case cases[] = {
+      {"", {}},
+      {"abc", {'a', 'b', 'c'}},
+      {"abcdef", {'a', 'b', 'c', 'd', 'e', 'f'}},
+      {"abcdefg", {'a', 'b', 'c', 'd', 'e', 'f'}},
+      {"abcd\xC3\xA4", {'a', 'b', 'c', 'd', 0xC3, 0xA4}},
+      {"abcde\xC3\xA4", {'a', 'b', 'c', 'd', 'e'}},
+      {"abc\xF0\x9F\x92\xBE", {'a', 'b', 'c'}},
+      {"ab\xF0\x9F\x92\xBE"
+       "c",
+       {'a', 'b', 0xF0, 0x9F, 0x92, 0xBE}},
+      {"\x80\x80\x80\x80\x80\x80\x80", {}},
+  };
+  for (const Case& put : cases) {
+    std::array<uint8_t, 6> field{};
+    field.fill(0xEE);
+    putText(field, put.text);
+    EXPECT_EQ(field, put.field) << put.text;
+  }
+}
+
+TEST(FieldText, CannotSteerATerminal) {
+  const std::array<uint8_t, 8> field = {0x1B, '[', '2', 'J', '\n', 0x7F, 0xC3, 0xA4};
+  EXPECT_EQ(textOf(field), "?[2J??\xC3\xA4");
+}
+
+TEST(MachineState, ParsesTheKernelsTexts) {
+  EXPECT_EQ(parseLoadAverages("0.29 12.05 100.00 2/80 4194\n"), (LoadAverages{29, 1205, 10000}));
+  EXPECT_THROW(parseLoadAverages("0.1 0.2"), std::runtime_error);
+  EXPECT_THROW(parseLoadAverages(""), std::runtime_error);
+
+  const Memory memory = parseMemory(
+      "MemTotal:  2048 kB\nMemFree: 1 kB\nMemAvailable:\t1536 kB\nHugePages_Total: 0\n");
+  EXPECT_EQ(memory.totalMiB, 2U);
+  EXPECT_EQ(memory.availableMiB, 1U);
+  EXPECT_THROW(parseMemory("MemTotal: 2048 kB\n"), std::runtime_error);
+}
+
+TEST(MachineState, IsPlausibleHere) {
+  const MachineState machine = readMachineState();
+  EXPECT_FALSE(machine.hostName.empty());
+  EXPECT_GT(machine.processors, 0U);
+  EXPECT_GT(machine.memory.totalMiB, machine.memory.availableMiB);
+  for (const FileSystem& disk : machine.fileSystems) {
+    EXPECT_LE(disk.usedPercent, 100U) << disk.mountPoint;
+    EXPECT_LE(disk.freeMiB, disk.sizeMiB) << disk.mountPoint;
+    EXPECT_EQ(std::ranges::count(machine.fileSystems, disk.mountPoint, &FileSystem::mountPoint), 1)
+        << disk.mountPoint;
+  }
+}
+
+TEST(MachineRecords, CarryTheStateAndItsSeverity) {
+  MachineState machine{};
+  machine.hostName = "h";
+  machine.time = {1'700'000'000, 123'456};
+  machine.processors = 2;
+  machine.load = {200, 150, 50};
+  machine.memory = {1000, 99};
+  EXPECT_EQ(memoryAlarm(machine).value3, 90U);
+  EXPECT_EQ(memoryAlarm(machine).value2, kWarning);
+  EXPECT_EQ(loadAlarm(machine).value2, kWarning);
+  EXPECT_EQ(loadAlarm(machine).sub.value32, 123'456U);
+  machine.load[0] = 199;
+  machine.memory = {1000, 2000};  // some containers say so
+  EXPECT_EQ(memoryAlarm(machine).value3, 0U);
+  EXPECT_EQ(loadAlarm(machine).value2, kNotice);
+
+  OvLoadDiskCtlOutput thresholds{};
+  thresholds.value1 = 80;
+  thresholds.value2 = 90;
+  struct Case {
+    uint32_t used;
+    uint32_t severity;
+    uint32_t threshold;
+  };
+  for (const Case& disk :
+       {Case{79, kNotice, 80}, Case{80, kWarning, 80}, Case{90, kCritical, 90}}) {
+    const FileSystem state{"/", "d", uint64_t{1} << 40U, 0, disk.used};
+    const OverloadDiskAlarmInput alarm = diskAlarm(machine, state, thresholds);
+    EXPECT_EQ(alarm.value2, disk.severity);
+    EXPECT_EQ(alarm.value4, disk.threshold);
+    EXPECT_EQ(alarm.value5, UINT32_MAX);  // more than the field can say
+  }
+}
+
+}  // namespace
+}  // namespace kel::host::test
