@@ -7,8 +7,7 @@
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
 
-namespace korva {
-namespace reading {
+namespace korva::reading {
 
 // What is being read, and in whose name memory is asked for and failures are logged. Positions are
 // 64 bits wide wherever a received value has gone into them, so that no sum of theirs can wrap.
@@ -249,5 +248,4 @@ template <class Record>
   return readFields(source, view, *record);
 }
 
-}  // namespace reading
-}  // namespace korva
+}  // namespace korva::reading

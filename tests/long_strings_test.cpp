@@ -87,6 +87,9 @@ class EndlessString {
 
 TEST(Strings, PastThirtyTwoBitsHaveNoSize) {
   EndlessString endless;
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "one thread, and minutes of checking each byte of 4 GiB";
+#endif
   if (!endless.usable()) GTEST_SKIP() << "no room for 4 GiB of address space";
   constexpr size_t kLongest = 0xFFFFFFFF - (66 + 9);
   uint8_t byte = 0xEE;
@@ -96,7 +99,7 @@ TEST(Strings, PastThirtyTwoBitsHaveNoSize) {
     const AlarmInput record{0, 0, endless.ofLength(length), 0, 0, {}, 0};
     const bool fits = length == kLongest;
     EXPECT_EQ(alarmOps().packFn(nullptr, &record), fits ? UINT32_MAX : 0);
-    if (!fits) {
+    if (length == kLongest + 1) {
       EXPECT_EQ(alarmOps().packFn(&target, &record), 0U);
     }
   }

@@ -1,0 +1,39 @@
+# What the scripts share; to be sourced. Sets the working folder to the top of the repository.
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+# Debian's packages, and nothing else: what building, testing and the demonstration need.
+readonly kel_packages=(
+  binutils ca-certificates cmake g++-12 gcc-12 git googletest make ninja-build python3
+  python3-pyelftools
+  libcli11-dev libfmt-dev libgrpc++-dev libspdlog-dev nlohmann-json3-dev protobuf-compiler-grpc
+)
+readonly kel_test_packages=(
+  clang-16 clang-format-16 clang-tidy-16 g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu
+  qemu-user
+)
+
+say() { printf '\n== %s\n' "$*"; }
+
+# Installs those of the named packages that are missing; asks apt nothing when none is.
+install_missing() {
+  local package missing=()
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  say "installing ${missing[*]}"
+  local as_root=()
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  "${as_root[@]}" apt-get update -q
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -q -y --no-install-recommends "${missing[@]}"
+}
+
+# Configures a preset once and builds what has changed.
+build() {
+  local preset=$1
+  [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+}
