@@ -2,9 +2,7 @@
 // rest to the host's framework. Exported; kel_sys_diag/client.h documents them.
 #include <kel_sys_diag/client.h>
 
-#include "schema/alarm_messages.hpp"
-#include "schema/disk_overload_config_messages.hpp"
-#include "schema/overload_alarm_messages.hpp"
+#include "schema/client_routines.hpp"
 
 namespace {
 

@@ -149,6 +149,10 @@ consteval size_t countSlots(SlotKind kind) {
 template <class Record>
 inline constexpr uint32_t kVtableLength = vtableEntry(Schema<Record>::count);
 
+// A record without slots has no storage, though C++ counts a byte for it.
+template <class Record>
+inline constexpr uint32_t kRecordSize = Schema<Record>::count == 0 ? 0 : sizeof(Record);
+
 // Such a record points at memory that unpacking allocates and the release routine gives back.
 template <class Record>
 inline constexpr bool kOwnsMemory =

@@ -222,9 +222,7 @@ bool readTable(const Source& source, const TableView& view, Record& record) {
 
 template <class Record>
 [[gnu::always_inline]] inline void clear(Record* record) {
-  if constexpr (Schema<Record>::count != 0) {  // an empty record has no storage to clear
-    std::memset(record, 0, sizeof(Record));
-  }
+  std::memset(static_cast<void*>(record), 0, kRecordSize<Record>);
 }
 
 // Everything behind the argument check. A record that owns memory is cleared before the first

@@ -7,13 +7,12 @@
 #include "schema/disk_overload_config_messages.hpp"
 #include "schema/overload_alarm_messages.hpp"
 
-using AlarmInputCodec = kel::PeerCodec<"AlarmInput", AlarmInput>;
-using OverloadAlarmInputCodec = kel::PeerCodec<"OverloadAlarmInput", OverloadAlarmInput>;
-using OverloadDiskAlarmInputCodec =
-    kel::PeerCodec<"OverloadDiskAlarmInput", OverloadDiskAlarmInput>;
-using OvLoadDiskCtlInputCodec = kel::PeerCodec<"OvLoadDiskCtlInput", OvLoadDiskCtlInput>;
-using AlarmOutputCodec = kel::PeerCodec<"AlarmOutput", AlarmOutput>;
-using OvLoadDiskCtlOutputCodec = kel::PeerCodec<"OvLoadDiskCtlOutput", OvLoadDiskCtlOutput>;
+using AlarmInputCodec = kel::PeerCodec<kel::message::AlarmInput>;
+using OverloadAlarmInputCodec = kel::PeerCodec<kel::message::OverloadAlarmInput>;
+using OverloadDiskAlarmInputCodec = kel::PeerCodec<kel::message::OverloadDiskAlarmInput>;
+using OvLoadDiskCtlInputCodec = kel::PeerCodec<kel::message::OvLoadDiskCtlInput>;
+using AlarmOutputCodec = kel::PeerCodec<kel::message::AlarmOutput>;
+using OvLoadDiskCtlOutputCodec = kel::PeerCodec<kel::message::OvLoadDiskCtlOutput>;
 
 uintptr_t Kel_sys_diag_AlarmInput_unpack(const void* bytes, uint32_t length, AlarmInput* record) {
   return AlarmInputCodec::unpack(bytes, length, record);

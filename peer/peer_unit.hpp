@@ -8,7 +8,7 @@ namespace kel {
 
 [[gnu::visibility("hidden")]] extern korva::CodecRuntime peerRuntime;
 
-template <korva::Name Message, class Record>
-using PeerCodec = PackageCodec<Message, Record, peerRuntime>;
+template <class Message>
+using PeerCodec = PackageCodec<Message, peerRuntime>;
 
 }  // namespace kel

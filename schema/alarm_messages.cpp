@@ -1,10 +1,11 @@
 // The alarm messages' routines in the client unit.
 #include "schema/alarm_messages.hpp"
 
+#include "schema/client_routines.hpp"
 #include "schema/client_unit.hpp"
 
-using AlarmInputCodec = kel::ClientCodec<"AlarmInput", AlarmInput>;
-using AlarmOutputCodec = kel::ClientCodec<"AlarmOutput", AlarmOutput>;
+using AlarmInputCodec = kel::ClientCodec<kel::message::AlarmInput>;
+using AlarmOutputCodec = kel::ClientCodec<kel::message::AlarmOutput>;
 
 uint32_t Kel_sys_diag_AlarmInput_pack(const PackTarget* target, const void* record) {
   return AlarmInputCodec::pack(target, record);

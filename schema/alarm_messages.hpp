@@ -1,11 +1,10 @@
 // KelSendAlarm's request, and the reply of all three alarm methods.
-// Schemas for every room above; routines for client/.
+// For every room above.
 #pragma once
 
 #include <kel_sys_diag/records.h>
-#include <kel_sys_diag/rpc.h>
 
-#include "codec/korva_schema.hpp"
+#include "schema/package.hpp"
 
 template <>
 struct korva::Schema<AlarmInput>
@@ -15,11 +14,9 @@ struct korva::Schema<AlarmInput>
 template <>
 struct korva::Schema<AlarmOutput> : korva::Slots<&AlarmOutput::text> {};
 
-extern "C" {
+namespace kel::message {
 
-uint32_t Kel_sys_diag_AlarmInput_pack(const PackTarget* target, const void* record);
+using AlarmInput = Message<"AlarmInput", ::AlarmInput>;
+using AlarmOutput = Message<"AlarmOutput", ::AlarmOutput>;
 
-uintptr_t Kel_sys_diag_AlarmOutput_unpack(const void* bytes, uint32_t length, void* record);
-void Kel_sys_diag_AlarmOutput_free_unpacked(void* record);
-
-}  // extern "C"
+}  // namespace kel::message

@@ -1,5 +1,5 @@
 // The unit of the messages of KelSysdiagMaster, as this library sends and receives them.
-// For the client messages' sources.
+// For the client's messages' sources.
 #pragma once
 
 #include "schema/package.hpp"
@@ -8,7 +8,7 @@ namespace kel {
 
 [[gnu::visibility("hidden")]] extern korva::CodecRuntime clientRuntime;
 
-template <korva::Name Message, class Record>
-using ClientCodec = PackageCodec<Message, Record, clientRuntime>;
+template <class Message>
+using ClientCodec = PackageCodec<Message, clientRuntime>;
 
 }  // namespace kel

@@ -1,10 +1,11 @@
 // The disk overload configuration messages' routines in the client unit.
 #include "schema/disk_overload_config_messages.hpp"
 
+#include "schema/client_routines.hpp"
 #include "schema/client_unit.hpp"
 
-using OvLoadDiskCtlInputCodec = kel::ClientCodec<"OvLoadDiskCtlInput", OvLoadDiskCtlInput>;
-using OvLoadDiskCtlOutputCodec = kel::ClientCodec<"OvLoadDiskCtlOutput", OvLoadDiskCtlOutput>;
+using OvLoadDiskCtlInputCodec = kel::ClientCodec<kel::message::OvLoadDiskCtlInput>;
+using OvLoadDiskCtlOutputCodec = kel::ClientCodec<kel::message::OvLoadDiskCtlOutput>;
 
 uint32_t Kel_sys_diag_OvLoadDiskCtlInput_pack(const PackTarget* target, const void* record) {
   return OvLoadDiskCtlInputCodec::pack(target, record);

@@ -1,10 +1,9 @@
-// KelGetDiskOvLoadCfgInfo's request and reply. Schemas for every room above; routines for client/.
+// KelGetDiskOvLoadCfgInfo's request and reply. For every room above.
 #pragma once
 
 #include <kel_sys_diag/records.h>
-#include <kel_sys_diag/rpc.h>
 
-#include "codec/korva_schema.hpp"
+#include "schema/package.hpp"
 
 template <>
 struct korva::Schema<OvLoadDiskCtlInput>
@@ -17,13 +16,9 @@ struct korva::Schema<OvLoadDiskCtlOutput>
                    &OvLoadDiskCtlOutput::value1, &OvLoadDiskCtlOutput::value2,
                    &OvLoadDiskCtlOutput::bytes50> {};
 
-extern "C" {
+namespace kel::message {
 
-uint32_t Kel_sys_diag_OvLoadDiskCtlInput_pack(const PackTarget* target, const void* record);
-int32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_pack(uint8_t* buffer, const void* record);
-uint32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_size(void);
+using OvLoadDiskCtlInput = Message<"OvLoadDiskCtlInput", ::OvLoadDiskCtlInput>;
+using OvLoadDiskCtlOutput = Message<"OvLoadDiskCtlOutput", ::OvLoadDiskCtlOutput>;
 
-uintptr_t Kel_sys_diag_OvLoadDiskCtlOutput_unpack(const void* bytes, uint32_t length, void* record);
-void Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked(void* record);
-
-}  // extern "C"
+}  // namespace kel::message

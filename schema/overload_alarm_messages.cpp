@@ -1,11 +1,11 @@
 // The overload alarm messages' routines in the client unit.
 #include "schema/overload_alarm_messages.hpp"
 
+#include "schema/client_routines.hpp"
 #include "schema/client_unit.hpp"
 
-using OverloadAlarmInputCodec = kel::ClientCodec<"OverloadAlarmInput", OverloadAlarmInput>;
-using OverloadDiskAlarmInputCodec =
-    kel::ClientCodec<"OverloadDiskAlarmInput", OverloadDiskAlarmInput>;
+using OverloadAlarmInputCodec = kel::ClientCodec<kel::message::OverloadAlarmInput>;
+using OverloadDiskAlarmInputCodec = kel::ClientCodec<kel::message::OverloadDiskAlarmInput>;
 
 uint32_t Kel_sys_diag_OverloadAlarmInput_pack(const PackTarget* target, const void* record) {
   return OverloadAlarmInputCodec::pack(target, record);

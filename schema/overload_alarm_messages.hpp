@@ -1,12 +1,11 @@
 // The requests of KelSendOverloadAlarm and KelSendMobileDiskOverloadAlarm, and the sub-record that
-// both carry. Schemas for every room above; routines for client/.
+// both carry. For every room above.
 #pragma once
 
 #include <kel_sys_diag/records.h>
-#include <kel_sys_diag/rpc.h>
 
-#include "codec/korva_schema.hpp"
 #include "schema/diag_sub_record.hpp"
+#include "schema/package.hpp"
 
 template <>
 struct korva::Schema<OverloadAlarmInput>
@@ -25,14 +24,9 @@ struct korva::Schema<OverloadDiskAlarmInput>
                    &OverloadDiskAlarmInput::bytes32, &OverloadDiskAlarmInput::value5,
                    &OverloadDiskAlarmInput::value6> {};
 
-extern "C" {
+namespace kel::message {
 
-uint32_t Kel_sys_diag_OverloadAlarmInput_pack(const PackTarget* target, const void* record);
-int32_t Kel_sys_diag_OverloadAlarmInput_fixed_pack(uint8_t* buffer, const void* record);
-uint32_t Kel_sys_diag_OverloadAlarmInput_fixed_size(void);
+using OverloadAlarmInput = Message<"OverloadAlarmInput", ::OverloadAlarmInput>;
+using OverloadDiskAlarmInput = Message<"OverloadDiskAlarmInput", ::OverloadDiskAlarmInput>;
 
-uint32_t Kel_sys_diag_OverloadDiskAlarmInput_pack(const PackTarget* target, const void* record);
-int32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_pack(uint8_t* buffer, const void* record);
-uint32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_size(void);
-
-}  // extern "C"
+}  // namespace kel::message

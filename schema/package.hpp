@@ -1,14 +1,33 @@
-// The Kel_sys_diag package: what all of its messages' codecs are called by.
-// For schema/ and peer/.
+// The Kel_sys_diag package: what its messages are, and what their codecs are called by.
+// For schema/, service/ and peer/.
 #pragma once
 
 #include "codec/korva_codec.hpp"
 
 namespace kel {
 
+// A message: its name and its record. Two messages may share a record, and with it a schema.
+template <korva::Name MessageName, class RecordType>
+struct Message {
+  static constexpr auto kName = MessageName;
+  using Record = RecordType;
+};
+
 // The codecs of one message in one unit; function names in log lines read
 // Kel_sys_diag_<Message>_...
-template <korva::Name Message, class Record, korva::CodecRuntime& Runtime>
-using PackageCodec = korva::Codec<korva::Name("Kel_sys_diag_") + Message, Record, Runtime>;
+template <class Message, korva::CodecRuntime& Runtime>
+using PackageCodec =
+    korva::Codec<korva::Name("Kel_sys_diag_") + Message::kName, typename Message::Record, Runtime>;
+
+// How the framework tells messages apart: FNV-1a over the package, a full stop and the name.
+template <class Message>
+consteval uint32_t messageId() {
+  constexpr auto qualified = korva::Name("Kel_sys_diag.") + Message::kName;
+  uint32_t hash = 2166136261;
+  for (const char character : qualified.view()) {
+    hash = (hash ^ static_cast<uint8_t>(character)) * 16777619;
+  }
+  return hash;
+}
 
 }  // namespace kel

@@ -4,25 +4,14 @@
 #include <kel_sys_diag/client.h>
 #include <kel_sys_diag/peer.h>
 
-#include <algorithm>
-#include <functional>
-
 #include "schema/alarm_messages.hpp"
 #include "schema/disk_overload_config_messages.hpp"
 #include "schema/overload_alarm_messages.hpp"
-#include "support/bytes.hpp"
-#include "support/guarded_memory.hpp"
-#include "support/records.hpp"
+#include "support/message_checks.hpp"
 
 namespace {
 
-using kel::test::Bytes;
-using kel::test::discard;
-using kel::test::GuardedMemory;
-using kel::test::packToSize;
-using kel::test::Random;
-using kel::test::RecordMaker;
-using kel::test::sameRecord;
+using namespace kel::test;
 
 template <void (*SetIdl)(IdlCodecOps*)>
 const IdlCodecOps& opsOf() {
@@ -41,11 +30,6 @@ const IdlCodecOps& diskOps() {
 const IdlCodecOps& configOps() { return opsOf<KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl>(); }
 
 constexpr DiagSubRecord kFullSub{0x0102, 3, 4, 5, 6, 7, 8, 0x090A0B0C};
-
-template <size_t Size>
-void fillWith(uint8_t (&array)[Size], uint8_t value) {
-  std::memset(array, value, Size);
-}
 
 // A sub-record in the compact form, every field zero or every field of kFullSub.
 Bytes compactSub(bool full) {
@@ -236,18 +220,6 @@ TEST(OvLoadDiskCtlInput, CompactHasOneShape) {
   }
 }
 
-// Every byte of the reserved buffer: what is not a field or a vtable keeps what it held.
-void expectFixed(const IdlCodecOps& ops, const void* record, const Bytes& expected) {
-  const std::vector<uint8_t>& bytes = expected;
-  ASSERT_EQ(ops.fixedSizeFn(), bytes.size());
-  GuardedMemory memory(bytes.size());
-  for (uint8_t* buffer : {memory.first(), memory.last(bytes.size())}) {
-    std::memset(buffer, 0xEE, bytes.size());
-    EXPECT_EQ(ops.fixedPackFn(buffer, record), 0);
-    EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + bytes.size()), bytes);
-  }
-}
-
 TEST(FixedLayout, OverloadAlarmInput) {
   OverloadAlarmInput record{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
   fillWith(record.bytes64, 0x40);
@@ -326,21 +298,6 @@ TEST(OvLoadDiskCtlOutput, PeerPacksWhatTheLibraryUnpacks) {
                                             .u32(50)
                                             .fill(50, 0x50);
   EXPECT_EQ(packToSize(Kel_sys_diag_OvLoadDiskCtlOutput_pack, record), expected);
-}
-
-// A value put into a message at some position, and what becomes of the message.
-struct Bend {
-  const char* what;
-  uint32_t position;
-  uint32_t width;
-  uint32_t value;
-  const char* expected;  // null: the message is refused
-};
-
-std::vector<uint8_t> bend(const std::vector<uint8_t>& message, const Bend& bend) {
-  std::vector<uint8_t> bent = message;
-  std::memcpy(bent.data() + bend.position, &bend.value, bend.width);
-  return bent;
 }
 
 // A reply as another writer may lay it out: a slot more than the schema has, a gap before the
@@ -465,39 +422,6 @@ TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   alarmOps().releaseFn(&record);
 }
 
-// An unpacker, with messages of every layout it can meet; each is valid down to some length.
-struct Unpacker {
-  const char* name;
-  std::function<bool(const uint8_t*, uint32_t)> unpackAndRelease;
-  struct Message {
-    std::vector<uint8_t> bytes;
-    uint32_t shortest;
-  };
-  std::vector<Message> messages;
-};
-
-template <class Record, auto Unpack, auto Release>
-bool unpackAndRelease(const uint8_t* bytes, uint32_t length) {
-  Record record;
-  if (Unpack(bytes, length, &record) == 0) return false;
-  Release(&record);
-  return true;
-}
-
-template <class Record, const IdlCodecOps& (*Ops)()>
-bool unpackAndReleaseByOps(const uint8_t* bytes, uint32_t length) {
-  Record record;
-  if (Ops().unpackFn(bytes, length, &record) == 0) return false;
-  Ops().releaseFn(&record);
-  return true;
-}
-
-std::vector<uint8_t> packFixed(const IdlCodecOps& ops, const void* record) {
-  std::vector<uint8_t> bytes(ops.fixedSizeFn());
-  ops.fixedPackFn(bytes.data(), record);
-  return bytes;
-}
-
 std::vector<Unpacker> everyUnpacker() {
   const AlarmInput alarm{1, 2, "text", 3, 4, {1}, 5};
   char text[] = "text";
@@ -533,85 +457,10 @@ std::vector<Unpacker> everyUnpacker() {
   };
 }
 
-TEST(EveryUnpacker, RefusesEveryTruncation) {
-  for (const Unpacker& unpacker : everyUnpacker()) {
-    for (const Unpacker::Message& message : unpacker.messages) {
-      GuardedMemory memory(message.bytes.size());
-      for (uint32_t length = 0; length <= message.bytes.size(); ++length) {
-        EXPECT_EQ(
-            unpacker.unpackAndRelease(memory.copyLast({message.bytes.data(), length}), length),
-            length >= message.shortest)
-            << unpacker.name << " of " << length;
-      }
-    }
-  }
-}
-
-// Whatever the verdict: never a read outside the message. The guard pages see to that, leak
-// checking to the rest.
-TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
-  for (const Unpacker& unpacker : everyUnpacker()) {
-    for (const Unpacker::Message& message : unpacker.messages) {
-      const auto length = static_cast<uint32_t>(message.bytes.size());
-      const uint32_t values[] = {0,          1,          3,          4,          5,
-                                 6,          length - 5, length - 4, length - 3, length,
-                                 length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000,
-                                 0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
-      GuardedMemory memory(length);
-      for (uint32_t position = 0; position < length; ++position) {
-        for (const uint32_t value : values) {
-          const std::vector<uint8_t> bent =
-              bend(message.bytes, {"", position, std::min(4U, length - position), value, ""});
-          unpacker.unpackAndRelease(memory.copyFirst(bent), length);
-          unpacker.unpackAndRelease(memory.copyLast(bent), length);
-        }
-      }
-    }
-  }
-}
-
+TEST(EveryUnpacker, RefusesEveryTruncation) { expectTruncationsRefused(everyUnpacker()); }
+TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) { bendEveryWord(everyUnpacker()); }
 TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShort) {
-  const std::vector<uint8_t> zeros(16);
-  for (const Unpacker& unpacker : everyUnpacker()) {
-    for (const uint32_t length : {0U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
-      EXPECT_FALSE(unpacker.unpackAndRelease(zeros.data(), length)) << unpacker.name;
-    }
-    EXPECT_FALSE(unpacker.unpackAndRelease(nullptr, 16)) << unpacker.name;
-  }
-}
-
-// Thousands of records from either side to the other, in every layout; and, on the way, that a
-// message is written whole or not at all and never past its end.
-template <class Record, class Pack, class Unpack, class Release>
-void expectRoundTrips(Pack pack, Unpack unpack, Release release, const IdlCodecOps* fixed) {
-  Random random(20261122);
-  RecordMaker maker(random, 300, 0);
-  GuardedMemory memory(1024);
-  for (int round = 0; round < 5000; ++round) {
-    Record record;
-    maker.fill(record);
-    const uint32_t size = pack(nullptr, &record);
-    const uint32_t tooSmall = static_cast<uint32_t>(random() % size);
-    uint8_t* const buffer = memory.last(size);
-    std::memset(buffer, 0xEE, size);
-    const PackTarget shortTarget{buffer, &tooSmall};
-    ASSERT_EQ(pack(&shortTarget, &record), 0U);
-    ASSERT_EQ(std::count(buffer, buffer + size, 0xEE), size);
-    const PackTarget target{buffer, &size};
-    ASSERT_EQ(pack(&target, &record), size);
-
-    std::vector<uint8_t> layouts[] = {{buffer, buffer + size}, {}};
-    if (fixed != nullptr) layouts[1] = packFixed(*fixed, &record);
-    for (const std::vector<uint8_t>& bytes : layouts) {
-      if (bytes.empty()) continue;
-      Record unpacked;
-      ASSERT_EQ(unpack(memory.copyLast(bytes), static_cast<uint32_t>(bytes.size()), &unpacked),
-                reinterpret_cast<uintptr_t>(&unpacked));
-      ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
-      release(&unpacked);
-    }
-    discard(record);
-  }
+  expectBadLengthsRefused(everyUnpacker());
 }
 
 TEST(RoundTrip, AlarmInput) {

@@ -24,8 +24,27 @@ FUNCTIONS = [
     for method in CLIENT_METHODS
     for suffix in ("SetIdl", "", "_async")
 ]
-DATA_SIZES = {"g_stServerAddr_KelSysdiagMaster": 104}
-FRAMEWORK = {"RPC_GetRpcInvoke", "RPC_IdlSyncCallStub", "RPC_IdlAsyncCallStub"}
+SERVED_METHODS = {
+    "KelBrdPartInfoQuery": ("BrdPartInfoInput", "BrdPartInfo"),
+    "FdProcInfoQuery": ("FdProcInfoInput", "FdProcInfoOutput"),
+    "KelSysOvLoadDiskThresholdSet": ("SysOvLoadDiskThreshold", "OperResult"),
+    "KelGetSysDiskUseInfo": ("SysDiskUseInput", "SysDiskUseInfoResult"),
+    "KelResetDiskMakeFS": ("ResetDiskCondition", "ResetDiskResult"),
+    "KelMountDisk": ("MountDiskInput", "MountDiskResult"),
+    "KelQueryStorageEraseInfo": ("StorageEraseInfoInput", "StorageEraseInfo"),
+    "KelQueryStorageBadBlockInfo": ("StorageBadBlockInfoInput", "StorageBadBlockInfo"),
+}
+FUNCTIONS += [f"{method}_wrapper" for method in SERVED_METHODS]
+DATA_SIZES = {
+    "g_stServerAddr_KelSysdiagMaster": 104,
+    "__module_spec_KelSysdiagQarne": 120,
+    "intf_tbl_KelSysdiagQarne": 792,
+    "msgdesc_tbl_KelSysdiagQarne": 272,
+}
+HOST = {
+    "RPC_GetRpcInvoke", "RPC_IdlSyncCallStub", "RPC_IdlAsyncCallStub", "RPC_IdlServiceWrapper",
+    *(name for method in SERVED_METHODS for name in (method, f"{method}_free")),
+}
 
 PEER_FUNCTIONS = [
     f"Kel_sys_diag_{message}_{routine}"
@@ -37,6 +56,12 @@ PEER_FUNCTIONS = [
     )
     for routine in ("unpack", "free_unpacked")
 ] + ["Kel_sys_diag_AlarmOutput_pack", "Kel_sys_diag_OvLoadDiskCtlOutput_pack"]
+for request, reply in SERVED_METHODS.values():
+    PEER_FUNCTIONS += [
+        f"Kel_sys_diag_{request}_pack",
+        f"Kel_sys_diag_{reply}_unpack",
+        f"Kel_sys_diag_{reply}_free_unpacked",
+    ]
 
 # All that codecs may ask of the C library.
 LIBC = {
@@ -94,11 +119,11 @@ class SharedLibrary:
             if name in self.data:
                 self.assertEqual(symbol["st_size"], self.data[name], name)
 
-    def test_needs_libc_and_the_framework_only(self):
+    def test_needs_libc_and_the_host_only(self):
         needed = [t.needed for t in self.library.tags("DT_NEEDED")]
         self.assertEqual(needed, ["libc.so.6"])
         undefined = self.library.undefined()
-        self.assertEqual({n for n in undefined if n not in LIBC}, self.framework)
+        self.assertEqual({n for n in undefined if n not in LIBC}, self.host)
 
     def test_runs_nothing_when_loaded(self):
         for tag in ("DT_INIT", "DT_FINI", "DT_INIT_ARRAY", "DT_FINI_ARRAY", "DT_PREINIT_ARRAY"):
@@ -129,14 +154,14 @@ class MainLibrary(SharedLibrary, unittest.TestCase):
     soname = "libkel_sys_diag.so.1"
     functions = FUNCTIONS
     data = DATA_SIZES
-    framework = FRAMEWORK
+    host = HOST
 
 
 class PeerLibrary(SharedLibrary, unittest.TestCase):
     soname = "libkel_sys_diag_peer.so.1"
     functions = PEER_FUNCTIONS
     data = {}
-    framework = set()
+    host = set()
 
 
 if __name__ == "__main__":

@@ -19,9 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "schema/alarm_messages.hpp"
-#include "schema/disk_overload_config_messages.hpp"
-#include "schema/overload_alarm_messages.hpp"
+#include "schema/client_routines.hpp"
 #include "support/bytes.hpp"
 
 namespace {

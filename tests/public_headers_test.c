@@ -3,6 +3,7 @@
 #include <kel_sys_diag/client.h>
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
+#include <kel_sys_diag/service.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -43,6 +44,15 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
   return -1;
 }
 
+int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
+                              IdlCodecOps* ops, const ServiceMethodBinding* binding) {
+  (void)first;
+  (void)inputRecordSize;
+  (void)second;
+  (void)ops;
+  return binding->mode == 1 ? 0 : -1;
+}
+
 int main(void) {
   const AlarmInput input = {.value1 = 7, .text = "from C"};
   AlarmOutput output = {NULL};
@@ -57,6 +67,10 @@ int main(void) {
   ops.releaseFn(&output);
   if (!same || output.text != NULL) {
     fputs("the reply is not the text that was sent, or was not released\n", stderr);
+    return 1;
+  }
+  if (__module_spec_KelSysdiagQarne.intfTable[1].wrapper(0, 0, &ops) != 0) {
+    fputs("the first wrapper did not hand over its binding\n", stderr);
     return 1;
   }
   return 0;

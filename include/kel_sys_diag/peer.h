@@ -1,6 +1,7 @@
 /* libkel_sys_diag_peer.so: the other half of the services, for whoever talks to a host process: a
- * KelSysdiagMaster server decodes the requests here and encodes the replies.
- * Clean in C11 and C++; every function is reentrant and may run on any thread.
+ * KelSysdiagMaster server decodes its requests here and encodes its replies, a KelSysdiagQarne
+ * client the other way round. Clean in C11 and C++; every function is reentrant and may run on any
+ * thread.
  *
  * The functions follow the rules of the IdlCodecOps slots in rpc.h and log in the same way. They
  * are a unit of their own: their allocator and log hooks (osal.h) are looked up apart from those of
@@ -43,6 +44,48 @@ void Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked(OvLoadDiskCtlInput* record);
 uint32_t Kel_sys_diag_AlarmOutput_pack(const PackTarget* target, const AlarmOutput* record);
 uint32_t Kel_sys_diag_OvLoadDiskCtlOutput_pack(const PackTarget* target,
                                                const OvLoadDiskCtlOutput* record);
+
+/* Requests of KelSysdiagQarne. BrdPartInfoInput has no fields: its record is any non-null pointer.
+ */
+uint32_t Kel_sys_diag_BrdPartInfoInput_pack(const PackTarget* target, const void* record);
+uint32_t Kel_sys_diag_FdProcInfoInput_pack(const PackTarget* target, const FdProcInfoInput* record);
+uint32_t Kel_sys_diag_SysOvLoadDiskThreshold_pack(const PackTarget* target,
+                                                  const SysOvLoadDiskThreshold* record);
+uint32_t Kel_sys_diag_SysDiskUseInput_pack(const PackTarget* target, const SysDiskUseInput* record);
+uint32_t Kel_sys_diag_ResetDiskCondition_pack(const PackTarget* target,
+                                              const ResetDiskCondition* record);
+uint32_t Kel_sys_diag_MountDiskInput_pack(const PackTarget* target, const MountDiskInput* record);
+uint32_t Kel_sys_diag_StorageEraseInfoInput_pack(const PackTarget* target,
+                                                 const StorageEraseInfoInput* record);
+uint32_t Kel_sys_diag_StorageBadBlockInfoInput_pack(const PackTarget* target,
+                                                    const StorageBadBlockInfoInput* record);
+
+/* Replies of KelSysdiagQarne. Entries are unpacked into one block of the unit's allocator hook,
+ * which the record owns. Whatever count a message claims, the block is never larger than a quarter
+ * of the message's length times the size of an entry record: every entry takes four bytes of the
+ * message. */
+uintptr_t Kel_sys_diag_BrdPartInfo_unpack(const void* bytes, uint32_t length, BrdPartInfo* record);
+void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record);
+uintptr_t Kel_sys_diag_FdProcInfoOutput_unpack(const void* bytes, uint32_t length,
+                                               FdProcInfoOutput* record);
+void Kel_sys_diag_FdProcInfoOutput_free_unpacked(FdProcInfoOutput* record);
+uintptr_t Kel_sys_diag_OperResult_unpack(const void* bytes, uint32_t length, OperResult* record);
+void Kel_sys_diag_OperResult_free_unpacked(OperResult* record);
+uintptr_t Kel_sys_diag_SysDiskUseInfoResult_unpack(const void* bytes, uint32_t length,
+                                                   SysDiskUseInfoResult* record);
+void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(SysDiskUseInfoResult* record);
+uintptr_t Kel_sys_diag_ResetDiskResult_unpack(const void* bytes, uint32_t length,
+                                              ResetDiskResult* record);
+void Kel_sys_diag_ResetDiskResult_free_unpacked(ResetDiskResult* record);
+uintptr_t Kel_sys_diag_MountDiskResult_unpack(const void* bytes, uint32_t length,
+                                              MountDiskResult* record);
+void Kel_sys_diag_MountDiskResult_free_unpacked(MountDiskResult* record);
+uintptr_t Kel_sys_diag_StorageEraseInfo_unpack(const void* bytes, uint32_t length,
+                                               StorageEraseInfo* record);
+void Kel_sys_diag_StorageEraseInfo_free_unpacked(StorageEraseInfo* record);
+uintptr_t Kel_sys_diag_StorageBadBlockInfo_unpack(const void* bytes, uint32_t length,
+                                                  StorageBadBlockInfo* record);
+void Kel_sys_diag_StorageBadBlockInfo_free_unpacked(StorageBadBlockInfo* record);
 
 #pragma GCC visibility pop
 

@@ -35,7 +35,7 @@ typedef struct AlarmOutput {
                  given back only by the release routine */
 } AlarmOutput;
 
-/* Nested record of the overload alarms. */
+/* Nested record of the overload alarms and of FdProcEntry. */
 typedef struct DiagSubRecord {
   uint16_t value16;
   uint8_t byte1;
@@ -92,6 +92,109 @@ typedef struct OvLoadDiskCtlOutput {
   uint8_t bytes50[50];
 } OvLoadDiskCtlOutput;
 
+/* Reply of KelBrdPartInfoQuery; its request, BrdPartInfoInput, has no fields and a record of size
+ * 0. In this and every other reply with entries: entries is an array of entryCount records, or null
+ * for none, whatever the count says. It belongs to the record; the release routine hands it to the
+ * unit's release hook (osal.h), so it must come from the allocator that pairs with that hook. */
+typedef struct BrdPartEntry {
+  uint8_t bytes50a[50];
+  uint8_t bytes50b[50];
+  uint8_t bytes32[32];
+  uint64_t value1;
+  uint64_t value2;
+  uint64_t value3;
+  uint32_t value4;
+  uint8_t bytes64[64];
+} BrdPartEntry;
+
+typedef struct BrdPartInfo {
+  uint32_t entryCount;
+  BrdPartEntry* entries;
+} BrdPartInfo;
+
+/* Request and reply of FdProcInfoQuery. */
+typedef struct FdProcInfoInput {
+  uint32_t value1;
+  uint32_t value2;
+} FdProcInfoInput;
+
+typedef struct FdProcEntry {
+  uint32_t value1;
+  uint32_t value2;
+  DiagSubRecord sub1;
+  DiagSubRecord sub2;
+  DiagSubRecord sub3;
+  uint8_t bytes256[256];
+} FdProcEntry;
+
+typedef struct FdProcInfoOutput {
+  uint32_t entryCount;
+  FdProcEntry* entries;
+} FdProcInfoOutput;
+
+/* Request and reply of KelSysOvLoadDiskThresholdSet. */
+typedef struct SysOvLoadDiskThreshold {
+  uint8_t bytes50[50];
+  uint32_t value1;
+} SysOvLoadDiskThreshold;
+
+typedef struct OperResult {
+  uint32_t result;
+} OperResult;
+
+/* Request and reply of KelGetSysDiskUseInfo. */
+typedef struct SysDiskUseInput {
+  uint8_t bytes50[50];
+} SysDiskUseInput;
+
+typedef struct SysDiskUseInfoResult {
+  uint8_t bytes50a[50];
+  uint8_t bytes50b[50];
+  uint64_t value1;
+  uint64_t value2;
+  uint32_t value3;
+  uint8_t bytes32[32];
+  uint32_t value4;
+  uint32_t value5;
+} SysDiskUseInfoResult;
+
+/* Requests and replies of KelResetDiskMakeFS and KelMountDisk: messages of their own, in shapes
+ * that exist already. */
+typedef SysDiskUseInput ResetDiskCondition;
+typedef OperResult ResetDiskResult;
+typedef SysDiskUseInput MountDiskInput;
+typedef OperResult MountDiskResult;
+
+/* Request and reply of KelQueryStorageEraseInfo. */
+typedef struct StorageEraseInfoInput {
+  uint32_t value1;
+} StorageEraseInfoInput;
+
+typedef struct StorageEraseEntry {
+  uint32_t value1;
+  uint64_t value2;
+} StorageEraseEntry;
+
+typedef struct StorageEraseInfo {
+  uint32_t entryCount;
+  StorageEraseEntry* entries;
+} StorageEraseInfo;
+
+/* Request and reply of KelQueryStorageBadBlockInfo. */
+typedef struct StorageBadBlockInfoInput {
+  uint8_t bytes32[32];
+} StorageBadBlockInfoInput;
+
+typedef struct StorageBadBlockEntry {
+  uint8_t bytes32[32];
+  uint64_t value1;
+} StorageBadBlockEntry;
+
+typedef struct StorageBadBlockInfo {
+  uint32_t entryCount;
+  StorageBadBlockEntry* entries;
+} StorageBadBlockInfo;
+
 static_assert(sizeof(void*) == 8, "the records are laid out for 64-bit platforms");
 static_assert(sizeof(AlarmInput) == 64 && offsetof(AlarmInput, text) == 8 &&
                   offsetof(AlarmInput, bytes32) == 24 && offsetof(AlarmInput, value5) == 56,
@@ -115,6 +218,31 @@ static_assert(sizeof(OvLoadDiskCtlInput) == 114 && offsetof(OvLoadDiskCtlInput, 
 static_assert(sizeof(OvLoadDiskCtlOutput) == 124 && offsetof(OvLoadDiskCtlOutput, value1) == 64 &&
                   offsetof(OvLoadDiskCtlOutput, bytes50) == 72,
               "OvLoadDiskCtlOutput layout");
+static_assert(sizeof(BrdPartEntry) == 232 && offsetof(BrdPartEntry, value1) == 136 &&
+                  offsetof(BrdPartEntry, bytes64) == 164,
+              "BrdPartEntry layout");
+static_assert(sizeof(FdProcInfoInput) == 8, "FdProcInfoInput layout");
+static_assert(sizeof(FdProcEntry) == 300 && offsetof(FdProcEntry, sub1) == 8 &&
+                  offsetof(FdProcEntry, bytes256) == 44,
+              "FdProcEntry layout");
+static_assert(sizeof(SysOvLoadDiskThreshold) == 56 &&
+                  offsetof(SysOvLoadDiskThreshold, value1) == 52,
+              "SysOvLoadDiskThreshold layout");
+static_assert(sizeof(OperResult) == 4, "OperResult layout");
+static_assert(sizeof(SysDiskUseInput) == 50, "SysDiskUseInput layout");
+static_assert(sizeof(SysDiskUseInfoResult) == 168 &&
+                  offsetof(SysDiskUseInfoResult, value1) == 104 &&
+                  offsetof(SysDiskUseInfoResult, bytes32) == 124 &&
+                  offsetof(SysDiskUseInfoResult, value4) == 156,
+              "SysDiskUseInfoResult layout");
+static_assert(sizeof(StorageEraseInfoInput) == 4, "StorageEraseInfoInput layout");
+static_assert(sizeof(StorageEraseEntry) == 16 && offsetof(StorageEraseEntry, value2) == 8,
+              "StorageEraseEntry layout");
+static_assert(sizeof(StorageBadBlockInfoInput) == 32, "StorageBadBlockInfoInput layout");
+static_assert(sizeof(StorageBadBlockEntry) == 40 && offsetof(StorageBadBlockEntry, value1) == 32,
+              "StorageBadBlockEntry layout");
+static_assert(sizeof(BrdPartInfo) == 16 && offsetof(BrdPartInfo, entries) == 8,
+              "layout of a reply with entries");
 
 #ifdef __cplusplus
 }

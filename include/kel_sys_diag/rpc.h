@@ -36,16 +36,16 @@ typedef uint32_t (*IdlPackFn)(const PackTarget* target, const void* record);
 /* Gives back what the record owns and clears the pointers to it. Null is allowed. */
 typedef void (*IdlReleaseFn)(void* record);
 
-/* The host's own release function of a served method; only its address passes through here, and its
- * real signature is agreed between host and framework. */
-typedef void (*IdlUserFreeFn)(void);
-
 /* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes. Checks nothing;
  * always returns 0. Bytes that the layout does not use keep what the buffer held. */
 typedef int32_t (*IdlFixedPackFn)(uint8_t* buffer, const void* record);
 
 /* Returns the constant size in bytes of a message's fixed layout. */
 typedef uint32_t (*IdlFixedSizeFn)(void);
+
+/* A host function as the library sees it: an address. Its real signature is agreed between host and
+ * framework. */
+typedef void (*IdlHostFn)(void);
 
 /* One method's codecs, as the side that holds the table needs them. unpackFn, packFn and releaseFn
  * are never null; fixedPackFn and fixedSizeFn are both set or both null, and null exactly when the
@@ -54,7 +54,7 @@ typedef struct IdlCodecOps {
   IdlUnpackFn unpackFn;       /* the message that arrives at this side */
   IdlPackFn packFn;           /* the message that leaves this side */
   IdlReleaseFn releaseFn;     /* the method's output message, on either side */
-  IdlUserFreeFn userFreeFn;   /* null on the client */
+  IdlHostFn userFreeFn;       /* the host's <Method>_free; null on the client */
   IdlFixedPackFn fixedPackFn; /* the message that leaves this side, or null */
   IdlFixedSizeFn fixedSizeFn;
 } IdlCodecOps;
@@ -73,6 +73,47 @@ typedef struct IdlAsyncInfo {
   uintptr_t userArg2;
 } IdlAsyncInfo;
 
+/* What serves a method. The record that a wrapper hands over lives only for that call. */
+typedef struct ServiceMethodBinding {
+  IdlHostFn implementation; /* the host's <Method> */
+  IdlHostFn hook;           /* the method's own hook of the library, which does nothing */
+  uint64_t mode;            /* always 1 */
+} ServiceMethodBinding;
+
+/* A served method's entry point. Fills the six slots of ops, which the framework owns and which
+ * must not be null, then calls RPC_IdlServiceWrapper with first, second and ops, and returns its
+ * result. */
+typedef int32_t (*IdlWrapperFn)(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+
+/* One method of a served service. Entry 0 of a table stands for no method: its marker is 0xFFFFFFFF
+ * and all else is zero. */
+typedef struct IdlIntfEntry {
+  uint32_t marker; /* 0 */
+  uint32_t reserved1;
+  IdlWrapperFn wrapper;
+  uint32_t
+      inputMsgId; /* FNV-1a, 32 bits, of the package, a full stop and the input message's name */
+  uint32_t reserved2;
+  char methodName[64]; /* NUL-padded */
+} IdlIntfEntry;
+
+/* One message of a served service: of the method in interface entry k, entry 2k - 1 is the input
+ * message and entry 2k the output message. Entry 0 is all zero. */
+typedef struct IdlMsgDesc {
+  uint32_t msgId;
+  uint8_t reserved[12];
+} IdlMsgDesc;
+
+/* A served service. Both counts include the entry 0 of their tables. */
+typedef struct IdlModuleSpec {
+  char name[32]; /* NUL-padded */
+  uint32_t intfCount;
+  uint32_t msgDescCount;
+  IdlIntfEntry* intfTable;
+  IdlMsgDesc* msgDescTable;
+  uint8_t reserved[64];
+} IdlModuleSpec;
+
 /* The address of a remote service. The library hands its address to RPC_GetRpcInvoke and touches
  * nothing in it; the host and the framework agree on what the endpoint bytes hold. */
 typedef struct RpcServerAddr {
@@ -85,6 +126,16 @@ static_assert(sizeof(IdlCodecOps) == 48, "IdlCodecOps layout");
 static_assert(sizeof(IdlMethodRef) == 16, "IdlMethodRef layout");
 static_assert(sizeof(IdlAsyncInfo) == 24 && offsetof(IdlAsyncInfo, userArg1) == 8,
               "IdlAsyncInfo layout");
+static_assert(sizeof(ServiceMethodBinding) == 24, "ServiceMethodBinding layout");
+static_assert(sizeof(IdlIntfEntry) == 88 && offsetof(IdlIntfEntry, wrapper) == 8 &&
+                  offsetof(IdlIntfEntry, inputMsgId) == 16 &&
+                  offsetof(IdlIntfEntry, methodName) == 24,
+              "IdlIntfEntry layout");
+static_assert(sizeof(IdlMsgDesc) == 16, "IdlMsgDesc layout");
+static_assert(sizeof(IdlModuleSpec) == 120 && offsetof(IdlModuleSpec, intfCount) == 32 &&
+                  offsetof(IdlModuleSpec, intfTable) == 40 &&
+                  offsetof(IdlModuleSpec, reserved) == 56,
+              "IdlModuleSpec layout");
 static_assert(sizeof(RpcServerAddr) == 104 && offsetof(RpcServerAddr, serviceName) == 96,
               "RpcServerAddr layout");
 
@@ -105,6 +156,14 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
  * copies whatever it needs later. */
 int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRef* method,
                              const IdlCodecOps* ops, const IdlAsyncInfo* info);
+
+/* Serves one request of a method: provides an input record of inputRecordSize bytes (0 for a
+ * message without fields; the address handed to unpackFn must be non-null even so), decodes into
+ * it, runs binding's implementation, encodes the output record and releases it, through ops.
+ * binding ends with the call; ops stays where the framework put it. first and second are the
+ * framework's own values. */
+int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
+                              IdlCodecOps* ops, const ServiceMethodBinding* binding);
 
 #pragma GCC visibility pop
 

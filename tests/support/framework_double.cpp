@@ -43,3 +43,9 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
                              const IdlCodecOps* ops, const IdlAsyncInfo* info) {
   return kel::test::record(invoker, input, nullptr, method, ops, info);
 }
+
+int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
+                              IdlCodecOps* ops, const ServiceMethodBinding* binding) {
+  kel::test::framework().lastServiceCall = {first, second, inputRecordSize, ops, *binding};
+  return kel::test::framework().resultToReturn;
+}

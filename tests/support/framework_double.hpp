@@ -22,10 +22,20 @@ struct FrameworkCall {
   std::optional<IdlAsyncInfo> asyncInfo;
 };
 
+// One served request as a wrapper described it.
+struct ServiceCall {
+  uintptr_t first = 0;
+  uintptr_t second = 0;
+  uint32_t inputRecordSize = 0;
+  IdlCodecOps* ops = nullptr;
+  ServiceMethodBinding binding{};
+};
+
 struct Framework {
   void* invokerToReturn = nullptr;
   int32_t resultToReturn = 0;
   FrameworkCall lastCall;
+  ServiceCall lastServiceCall;
 };
 
 // One for each thread, so that concurrent calls do not meet.

@@ -1,0 +1,56 @@
+/* The served role of libkel_sys_diag.so: the service KelSysdiagQarne, as the framework finds it.
+ * For framework authors; clean in C11 and C++.
+ *
+ * The framework looks up __module_spec_KelSysdiagQarne by name after loading the library, walks its
+ * interface table and calls a method's wrapper for each request (rpc.h says what follows). The
+ * tables are complete once the library is loaded; the library itself neither reads nor writes them.
+ *
+ * The work is the host's: for each of the eight methods the host process must define two functions,
+ * <Method> and <Method>_free, with C linkage and default visibility. The library refers to them by
+ * address only (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a
+ * process that lacks one. Their signatures are agreed between host and framework and therefore not
+ * declared here:
+ *
+ *   method                         input record (bytes)            output record
+ *   KelBrdPartInfoQuery            BrdPartInfoInput (0)            BrdPartInfo
+ *   FdProcInfoQuery                FdProcInfoInput (8)             FdProcInfoOutput
+ *   KelSysOvLoadDiskThresholdSet   SysOvLoadDiskThreshold (56)     OperResult
+ *   KelGetSysDiskUseInfo           SysDiskUseInput (50)            SysDiskUseInfoResult
+ *   KelResetDiskMakeFS             ResetDiskCondition (50)         ResetDiskResult
+ *   KelMountDisk                   MountDiskInput (50)             MountDiskResult
+ *   KelQueryStorageEraseInfo       StorageEraseInfoInput (4)       StorageEraseInfo
+ *   KelQueryStorageBadBlockInfo    StorageBadBlockInfoInput (32)   StorageBadBlockInfo
+ */
+#ifndef KEL_SYS_DIAG_SERVICE_H
+#define KEL_SYS_DIAG_SERVICE_H
+
+#include <kel_sys_diag/records.h>
+#include <kel_sys_diag/rpc.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+extern IdlModuleSpec __module_spec_KelSysdiagQarne;
+extern IdlIntfEntry intf_tbl_KelSysdiagQarne[9];
+extern IdlMsgDesc msgdesc_tbl_KelSysdiagQarne[17];
+
+/* The wrappers, reentrant, in the order of the interface table. */
+int32_t KelBrdPartInfoQuery_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t FdProcInfoQuery_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelSysOvLoadDiskThresholdSet_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelGetSysDiskUseInfo_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelResetDiskMakeFS_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelMountDisk_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelQueryStorageEraseInfo_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+int32_t KelQueryStorageBadBlockInfo_wrapper(uintptr_t first, uintptr_t second, IdlCodecOps* ops);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

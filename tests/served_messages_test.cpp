@@ -1,0 +1,693 @@
+// The served messages to the byte, through the entry points that ship: the library's own by way of
+// its wrappers, the peer library's by name. Expected buffers are written out from the layouts. The
+// process offers an OS layer, which both libraries find by name, and which keeps account.
+#include <gtest/gtest.h>
+#include <kel_sys_diag/osal.h>
+#include <kel_sys_diag/peer.h>
+#include <kel_sys_diag/service.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <set>
+
+#include "schema/brd_part_info_messages.hpp"
+#include "schema/disk_reset_mount_messages.hpp"
+#include "schema/disk_threshold_messages.hpp"
+#include "schema/disk_use_messages.hpp"
+#include "schema/fd_proc_info_messages.hpp"
+#include "schema/storage_messages.hpp"
+#include "support/framework_double.hpp"
+#include "support/message_checks.hpp"
+
+namespace {
+
+// What the OS layer was asked for.
+std::map<void*, uint32_t> outstanding;
+std::vector<std::string> releases;
+std::vector<std::string> logLines;
+int allocationsUntilFailure = -1;
+
+}  // namespace
+
+uint32_t QSV_OsalMemUseFlagGet(uint32_t moduleNumber) { return moduleNumber == 12 ? 1 : 0; }
+
+void* QSV_OsalMemCacheAlloc(uint32_t size, uint32_t, const char*) {
+  if (allocationsUntilFailure == 0) return nullptr;
+  if (allocationsUntilFailure > 0) --allocationsUntilFailure;
+  void* const block = std::malloc(size);
+  outstanding[block] = size;
+  return block;
+}
+
+int32_t QSV_OsalMemFree(void* block, uint32_t moduleNumber, const char* caller) {
+  EXPECT_EQ(outstanding.erase(block), 1U) << "freed what was not allocated";
+  releases.push_back(std::to_string(moduleNumber) + " " + caller);
+  std::free(block);
+  return 0;
+}
+
+int32_t QSV_OsalLogWrite(const KorvaLogDescriptor*, uint32_t, uint32_t code, const char*, uint32_t,
+                         const char* function, const char* format, ...) {
+  char text[160];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  logLines.push_back(std::to_string(code) + " " + function + " " + text);
+  return 0;
+}
+
+namespace {
+
+using namespace kel::test;
+
+template <IdlWrapperFn Wrapper>
+const IdlCodecOps& opsOf() {
+  static const IdlCodecOps ops = [] {
+    IdlCodecOps filled;
+    Wrapper(0, 0, &filled);
+    return filled;
+  }();
+  return ops;
+}
+const auto& brdPartOps = opsOf<KelBrdPartInfoQuery_wrapper>;
+const auto& fdProcOps = opsOf<FdProcInfoQuery_wrapper>;
+const auto& thresholdOps = opsOf<KelSysOvLoadDiskThresholdSet_wrapper>;
+const auto& diskUseOps = opsOf<KelGetSysDiskUseInfo_wrapper>;
+const auto& resetOps = opsOf<KelResetDiskMakeFS_wrapper>;
+const auto& mountOps = opsOf<KelMountDisk_wrapper>;
+const auto& eraseOps = opsOf<KelQueryStorageEraseInfo_wrapper>;
+const auto& badBlockOps = opsOf<KelQueryStorageBadBlockInfo_wrapper>;
+
+// Element arrays as a host makes them: from the allocator that the library's release gives back to.
+template <class Entry>
+Entry* makeEntries(uint32_t count) {
+  const auto size = static_cast<uint32_t>(count * sizeof(Entry));
+  auto* const entries = static_cast<Entry*>(QSV_OsalMemCacheAlloc(size, 12, "test"));
+  std::memset(static_cast<void*>(entries), 0, size);
+  return entries;
+}
+
+// The 14 bytes of a reply that carries nothing.
+const std::vector<uint8_t>& emptyReply() {
+  static const std::vector<uint8_t> bytes = Bytes().u32(10).u16s({6, 4, 0}).u32(6);
+  return bytes;
+}
+
+// Root table and vector of a reply, up to its first element.
+Bytes vectorHeader(std::initializer_list<uint32_t> entries) {
+  const auto count = static_cast<uint32_t>(entries.size());
+  return Bytes()
+      .u32(10)
+      .u16s({6, static_cast<uint16_t>(12 + 4 * count), 4})
+      .u32s({6, 4, count})
+      .u32s(entries);
+}
+
+Bytes arrays50_50_32_64(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+  return Bytes()
+      .u32s({16, 66, 116, 148})
+      .u32(50)
+      .fill(50, a)
+      .u32(50)
+      .fill(50, b)
+      .u32(32)
+      .fill(32, c)
+      .u32(64)
+      .fill(64, d);
+}
+
+BrdPartEntry brdPart(uint64_t value1, uint64_t value2, uint64_t value3, uint32_t value4) {
+  BrdPartEntry entry{{}, {}, {}, value1, value2, value3, value4, {}};
+  fillWith(entry.bytes50a, 0xA0);
+  fillWith(entry.bytes50b, 0xB0);
+  fillWith(entry.bytes32, 0x20);
+  fillWith(entry.bytes64, 0x40);
+  return entry;
+}
+
+TEST(BrdPartInfo, Compact) {
+  const auto pack = brdPartOps().packFn;
+  const Bytes arrays = arrays50_50_32_64(0xA0, 0xB0, 0x20, 0x40);
+  BrdPartEntry entries[] = {brdPart(0, 0x0102030405060708, 0, 9), brdPart(0, 0, 0, 0)};
+  EXPECT_EQ(packToSize(pack, BrdPartInfo{1, entries}),
+            std::vector<uint8_t>(vectorHeader({24})
+                                     .u16s({20, 244, 16, 20, 24, 0, 4, 0, 12, 28})
+                                     .u32(20)
+                                     .u64(0x0102030405060708)
+                                     .u32(9)
+                                     .append(arrays)));
+  EXPECT_EQ(packToSize(pack, BrdPartInfo{2, entries}),
+            std::vector<uint8_t>(vectorHeader({28, 288})
+                                     .u16s({20, 244, 16, 20, 24, 0, 4, 0, 12, 28})
+                                     .u32(20)
+                                     .u64(0x0102030405060708)
+                                     .u32(9)
+                                     .append(arrays)
+                                     .u16s({20, 232, 4, 8, 12, 0, 0, 0, 0, 16})
+                                     .u32(20)
+                                     .append(arrays)));
+  BrdPartEntry full[] = {brdPart(1, 2, 3, 4)};
+  EXPECT_EQ(packToSize(pack, BrdPartInfo{1, full}),
+            std::vector<uint8_t>(vectorHeader({24})
+                                     .u16s({20, 260, 32, 36, 40, 4, 12, 20, 28, 44})
+                                     .u32(20)
+                                     .u64(1)
+                                     .u64(2)
+                                     .u64(3)
+                                     .u32(4)
+                                     .append(arrays)));
+}
+
+Bytes subRecord(bool full) {
+  if (!full) return Bytes().u16s({20, 4, 0, 0, 0, 0, 0, 0, 0, 0}).u32(20);
+  return Bytes()
+      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12})
+      .u32(20)
+      .u16(0x0102)
+      .u8(3)
+      .u8(4)
+      .u8(5)
+      .u8(6)
+      .u8(7)
+      .u8(8)
+      .u32(0x090A0B0C);
+}
+
+TEST(FdProcInfoOutput, Compact) {
+  const DiagSubRecord full{0x0102, 3, 4, 5, 6, 7, 8, 0x090A0B0C};
+  FdProcEntry entries[] = {
+      {1, 2, full, full, full, {}}, {}, {0, 7, {}, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, full, {}}};
+  for (FdProcEntry& entry : entries) fillWith(entry.bytes256, 0xF0);
+  const std::vector<uint8_t> expected =
+      vectorHeader({28, 24 + 304 + 108, 20 + 304 + 108 + 296 + 72})
+          .u16s({16, 288, 4, 8, 12, 16, 20, 24})
+          .u32(16)
+          .u32s({1, 2})
+          .u32s({296, 328, 360, 4, 256})
+          .fill(256, 0xF0)
+          .append(subRecord(true))
+          .append(subRecord(true))
+          .append(subRecord(true))
+          .u16s({16, 280, 0, 0, 4, 8, 12, 16})
+          .u32(16)
+          .u32s({296, 316, 336, 4, 256})
+          .fill(256, 0xF0)
+          .append(subRecord(false))
+          .append(subRecord(false))
+          .append(subRecord(false))
+          .u16s({16, 284, 0, 4, 8, 12, 16, 20})
+          .u32(16)
+          .u32(7)
+          .u32s({296, 316, 341, 4, 256})
+          .fill(256, 0xF0)
+          .append(subRecord(false))
+          .u16s({20, 9, 0, 0, 0, 4, 0, 0, 0, 5})
+          .u32(20)
+          .u8(0xB3)
+          .u32(0x80)
+          .append(subRecord(true));
+  EXPECT_EQ(packToSize(fdProcOps().packFn, FdProcInfoOutput{3, entries}), expected);
+}
+
+TEST(SysDiskUseInfoResult, CompactAndFixed) {
+  struct Case {
+    uint64_t value1, value2;
+    uint32_t value3, value4, value5;
+    Bytes header;
+  };
+  const Case cases[] = {
+      {0, 0, 0, 0, 0, Bytes().u16s({20, 160, 4, 8, 0, 0, 0, 12, 0, 0}).u32(20)},
+      {1, 2, 3, 4, 5,
+       Bytes()
+           .u16s({20, 188, 32, 36, 4, 12, 20, 40, 24, 28})
+           .u32(20)
+           .u64(1)
+           .u64(2)
+           .u32s({3, 4, 5})},
+      {0, 0, 3, 0, 0, Bytes().u16s({20, 164, 8, 12, 0, 0, 4, 16, 0, 0}).u32s({20, 3})},
+  };
+  for (const Case& c : cases) {
+    SysDiskUseInfoResult record{{}, {}, c.value1, c.value2, c.value3, {}, c.value4, c.value5};
+    fillWith(record.bytes50a, 0xA0);
+    fillWith(record.bytes50b, 0xB0);
+    fillWith(record.bytes32, 0x20);
+    EXPECT_EQ(packToSize(diskUseOps().packFn, record), std::vector<uint8_t>(Bytes()
+                                                                                .u32(24)
+                                                                                .append(c.header)
+                                                                                .u32s({12, 62, 112})
+                                                                                .u32(50)
+                                                                                .fill(50, 0xA0)
+                                                                                .u32(50)
+                                                                                .fill(50, 0xB0)
+                                                                                .u32(32)
+                                                                                .fill(32, 0x20)));
+    expectFixed(diskUseOps(), &record,
+                Bytes()
+                    .u32s({4, 0U - 188})
+                    .u32s({4, 50})
+                    .fill(50, 0xA0)
+                    .u32s({4, 50})
+                    .fill(50, 0xB0)
+                    .u64(c.value1)
+                    .u64(c.value2)
+                    .u32(c.value3)
+                    .u32s({4, 32})
+                    .fill(32, 0x20)
+                    .u32s({c.value4, c.value5})
+                    .u16s({20, 188, 4, 62, 120, 128, 136, 140, 180, 184})
+                    .fill(4, 0xEE));
+  }
+}
+
+TEST(OperResultAndItsTwins, CompactAndFixed) {
+  for (const IdlCodecOps* ops : {&thresholdOps(), &resetOps(), &mountOps()}) {
+    for (const uint32_t result : {0U, 772U}) {
+      const OperResult record{result};
+      EXPECT_EQ(packToSize(ops->packFn, record),
+                result == 0 ? emptyReply()
+                            : std::vector<uint8_t>(Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 772})));
+      expectFixed(*ops, &record, Bytes().u32s({4, 0U - 8, result}).u16s({6, 8, 4}).fill(6, 0xEE));
+    }
+  }
+}
+
+TEST(StorageEraseInfo, Compact) {
+  StorageEraseEntry entries[] = {{1, 0}, {0, 2}, {3, 4}, {0, 0}};
+  EXPECT_EQ(packToSize(eraseOps().packFn, StorageEraseInfo{2, entries}),
+            std::vector<uint8_t>(vectorHeader({16, 28})
+                                     .u16s({8, 8, 4, 0})
+                                     .u32s({8, 1})
+                                     .u16s({8, 12, 0, 4})
+                                     .u32(8)
+                                     .u64(2)));
+  EXPECT_EQ(packToSize(eraseOps().packFn, StorageEraseInfo{2, entries + 2}),
+            std::vector<uint8_t>(vectorHeader({16, 36})
+                                     .u16s({8, 16, 4, 8})
+                                     .u32s({8, 3})
+                                     .u64(4)
+                                     .u16s({8, 4, 0, 0})
+                                     .u32(8)));
+}
+
+TEST(StorageBadBlockInfo, Compact) {
+  StorageBadBlockEntry entries[] = {{{}, 0}, {{}, 5}};
+  fillWith(entries[0].bytes32, 0xA0);
+  EXPECT_EQ(packToSize(badBlockOps().packFn, StorageBadBlockInfo{2, entries}),
+            std::vector<uint8_t>(vectorHeader({16, 64})
+                                     .u16s({8, 44, 4, 0})
+                                     .u32s({8, 4, 32})
+                                     .fill(32, 0xA0)
+                                     .u16s({8, 52, 12, 4})
+                                     .u32(8)
+                                     .u64(5)
+                                     .u32s({4, 32})
+                                     .fill(32, 0)));
+}
+
+TEST(Replies, EmptyVectorsTakeFourteenBytes) {
+  StorageEraseEntry entry{1, 2};
+  for (const StorageEraseInfo& empty :
+       {StorageEraseInfo{0, nullptr}, StorageEraseInfo{5, nullptr}, StorageEraseInfo{0, &entry}}) {
+    for (const IdlCodecOps* ops : {&brdPartOps(), &fdProcOps(), &eraseOps(), &badBlockOps()}) {
+      EXPECT_EQ(packToSize(ops->packFn, empty), emptyReply());
+    }
+  }
+}
+
+// Past 32 bits there is no size. Where the count alone says so, the entries, which here begin on an
+// inaccessible page, are not even looked at; where they decide, the refusal comes before any byte.
+TEST(Replies, PastThirtyTwoBitsHaveNoSize) {
+  GuardedMemory memory(1);
+  void* const unreadable = memory.last(0);
+  const auto start = std::chrono::steady_clock::now();
+  for (const IdlCodecOps* ops : {&brdPartOps(), &fdProcOps(), &eraseOps(), &badBlockOps()}) {
+    for (const uint32_t count : {UINT32_MAX, UINT32_MAX / 16 + 1}) {
+      const StorageEraseInfo record{count, static_cast<StorageEraseEntry*>(unreadable)};
+      EXPECT_EQ(ops->packFn(nullptr, &record), 0U);
+      const uint32_t capacity = UINT32_MAX;
+      const PackTarget target{memory.last(0), &capacity};
+      EXPECT_EQ(ops->packFn(&target, &record), 0U);
+    }
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+// Two hundred million full entries of 28 bytes pass 2^32 where as many empty ones of 16 would not.
+// The array is one page of entries, mapped over and over.
+TEST(Replies, EntriesDecideAtTheLimit) {
+  constexpr size_t kPiece = size_t{1} << 20;
+  constexpr uint32_t kEntries = 200'000'000;
+  constexpr size_t kBytes = kEntries * sizeof(StorageEraseEntry) / kPiece * kPiece + kPiece;
+  const int file = memfd_create("entries", 0);
+  ASSERT_EQ(ftruncate(file, kPiece), 0);
+  void* const reserved =
+      mmap(nullptr, kBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (reserved == MAP_FAILED) GTEST_SKIP() << "no room for 3 GiB of address space";
+  for (size_t at = 0; at < kBytes; at += kPiece) {
+    ASSERT_NE(mmap(static_cast<char*>(reserved) + at, kPiece, PROT_READ | PROT_WRITE,
+                   MAP_SHARED | MAP_FIXED, file, 0),
+              MAP_FAILED);
+  }
+  close(file);
+  auto* const entries = static_cast<StorageEraseEntry*>(reserved);
+  const StorageEraseInfo record{kEntries, entries};
+  EXPECT_EQ(eraseOps().packFn(nullptr, &record), 22 + kEntries * 16);
+  for (size_t i = 0; i < kPiece / sizeof(StorageEraseEntry); ++i) entries[i] = {1, 2};
+  EXPECT_EQ(eraseOps().packFn(nullptr, &record), 0U);
+  munmap(reserved, kBytes);
+}
+
+// Requests as other writers lay them out, by the library's own unpackers.
+TEST(Requests, ByteExamples) {
+  const std::vector<uint8_t> threshold =
+      Bytes().u32(12).u16s({8, 66, 8, 4}).u32s({8, 772, 4, 50}).fill(50, 0x55);
+  SysOvLoadDiskThreshold set;
+  ASSERT_NE(thresholdOps().unpackFn(threshold.data(), 78, &set), 0U);
+  EXPECT_EQ(set.value1, 772U);
+  EXPECT_EQ(set.bytes50[0] & set.bytes50[49], 0x55);
+  EXPECT_EQ(thresholdOps().unpackFn(threshold.data(), 77, &set), 0U);
+
+  // Their tableLength leaves the count word out, which no reader minds.
+  const std::vector<uint8_t> use = Bytes().u32(10).u16s({6, 58, 4}).u32s({6, 4, 50}).fill(50, 0x66);
+  for (const IdlCodecOps* ops : {&diskUseOps(), &resetOps(), &mountOps()}) {
+    SysDiskUseInput ask;
+    ASSERT_NE(ops->unpackFn(use.data(), 72, &ask), 0U);
+    EXPECT_EQ(ask.bytes50[0] & ask.bytes50[49], 0x66);
+  }
+  const std::vector<uint8_t> bad = Bytes().u32(10).u16s({6, 40, 4}).u32s({6, 4, 32}).fill(32, 0x77);
+  StorageBadBlockInfoInput badBlocks;
+  ASSERT_NE(badBlockOps().unpackFn(bad.data(), 54, &badBlocks), 0U);
+  EXPECT_EQ(badBlocks.bytes32[0] & badBlocks.bytes32[31], 0x77);
+
+  const std::vector<uint8_t> erase = Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 7});
+  StorageEraseInfoInput which;
+  ASSERT_NE(eraseOps().unpackFn(erase.data(), 18, &which), 0U);
+  EXPECT_EQ(which.value1, 7U);
+}
+
+// A value put into a request, and what is then read of it: "-" is a refusal.
+TEST(Requests, Bent) {
+  const std::vector<uint8_t> fd = Bytes().u32(12).u16s({8, 12, 4, 8}).u32s({8, 1, 2});
+  const Bend fdBends[] = {
+      {"as written", 6, 2, 0, "1 2"},         {"one slot", 4, 2, 6, "1 0"},
+      {"a slot and a byte", 4, 2, 7, "1 0"},  {"no slot", 4, 2, 4, "0 0"},
+      {"slot 0 absent", 8, 2, 0, "0 2"},      {"slot 1 at the last word", 10, 2, 8, "1 2"},
+      {"slot 1 past it", 10, 2, 9, "-"},      {"slot 0 past it", 8, 2, 9, "-"},
+      {"both at one place", 10, 2, 4, "1 1"},
+  };
+  GuardedMemory memory(fd.size());
+  for (const Bend& b : fdBends) {
+    FdProcInfoInput record{9, 9};
+    const bool accepted = fdProcOps().unpackFn(memory.copyLast(bend(fd, b)),
+                                               static_cast<uint32_t>(fd.size()), &record) != 0;
+    const std::string read = std::to_string(record.value1) + " " + std::to_string(record.value2);
+    EXPECT_EQ(accepted ? read : "-", b.expected) << b.what;
+  }
+
+  const std::vector<uint8_t> use = Bytes().u32(10).u16s({6, 62, 4}).u32s({6, 4, 50}).fill(50, 0x66);
+  const Bend useBends[] = {
+      {"49 bytes", 18, 4, 49, "-"},
+      {"51 bytes", 18, 4, 51, "-"},
+      {"absent", 8, 2, 0, "0"},
+      {"no slot", 4, 2, 4, "0"},
+      {"past the end", 14, 4, 5, "-"},
+      {"an offset that wraps", 14, 4, 0U - 14, "-"},
+      {"2^32 - 1 bytes", 18, 4, UINT32_MAX, "-"},
+  };
+  for (const IdlCodecOps* ops : {&diskUseOps(), &resetOps(), &mountOps()}) {
+    for (const Bend& b : useBends) {
+      SysDiskUseInput record;
+      fillWith(record.bytes50, 0xDD);
+      const std::vector<uint8_t> bytes = bend(use, b);
+      const bool accepted =
+          ops->unpackFn(bytes.data(), static_cast<uint32_t>(bytes.size()), &record) != 0;
+      EXPECT_EQ(record.bytes50[49], 0);
+      EXPECT_EQ(accepted ? std::to_string(record.bytes50[0]) : "-", b.expected) << b.what;
+    }
+  }
+}
+
+// The record of a request without fields has no byte that could be written, but must exist.
+TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
+  GuardedMemory memory(1);
+  void* const record = memory.last(0);
+  const std::vector<uint8_t> packed =
+      packToSize([](const PackTarget* target,
+                    const void* any) { return Kel_sys_diag_BrdPartInfoInput_pack(target, any); },
+                 *static_cast<const char*>(record));
+  EXPECT_EQ(packed, std::vector<uint8_t>(Bytes().u32(8).u16s({4, 4}).u32(4)));
+  EXPECT_EQ(brdPartOps().unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
+  EXPECT_EQ(brdPartOps().unpackFn(emptyReply().data(), 14, record),
+            reinterpret_cast<uintptr_t>(record));
+  logLines.clear();
+  EXPECT_EQ(brdPartOps().unpackFn(packed.data(), 12, nullptr), 0U);
+  EXPECT_EQ(logLines, std::vector<std::string>{"22 Kel_sys_diag_BrdPartInfoInput_unpack "
+                                               "[KORVA]:Param invalid(nonNull, 12, null)"});
+}
+
+TEST(LogLines, CarryEachRoutinesOwnName) {
+  const std::vector<uint8_t> farTable = Bytes().u32(99).fill(14, 0);
+  const uint32_t capacity = 3;
+  uint8_t buffer[4];
+  const PackTarget target{buffer, &capacity};
+  const struct {
+    const IdlCodecOps& ops;
+    const char* input;
+    const char* output;
+  } methods[] = {
+      {brdPartOps(), "BrdPartInfoInput", "BrdPartInfo"},
+      {fdProcOps(), "FdProcInfoInput", "FdProcInfoOutput"},
+      {thresholdOps(), "SysOvLoadDiskThreshold", "OperResult"},
+      {diskUseOps(), "SysDiskUseInput", "SysDiskUseInfoResult"},
+      {resetOps(), "ResetDiskCondition", "ResetDiskResult"},
+      {mountOps(), "MountDiskInput", "MountDiskResult"},
+      {eraseOps(), "StorageEraseInfoInput", "StorageEraseInfo"},
+      {badBlockOps(), "StorageBadBlockInfoInput", "StorageBadBlockInfo"},
+  };
+  for (const auto& method : methods) {
+    alignas(8) uint8_t record[256] = {};
+    logLines.clear();
+    EXPECT_EQ(method.ops.unpackFn(farTable.data(), 18, record), 0U);
+    EXPECT_EQ(method.ops.packFn(&target, record), 0U);
+    EXPECT_EQ(logLines, (std::vector<std::string>{
+                            std::string("22 Kel_sys_diag_") + method.input +
+                                "_unpack [KORVA]:Table offset(99) is out of range(4 - 18)",
+                            std::string("22 Kel_sys_diag_") + method.output +
+                                "_pack [KORVA]:Param invalid(nonNull, 3, nonNull)"}));
+  }
+}
+
+template <class Reply, class Entry>
+void expectReleased(const IdlCodecOps& ops, const std::string& message) {
+  Reply record{3, makeEntries<Entry>(3)};
+  releases.clear();
+  ops.releaseFn(&record);
+  EXPECT_EQ(releases, std::vector<std::string>{"12 Kel_sys_diag_" + message + "_free_unpacked"});
+  EXPECT_EQ(record.entries, nullptr);
+  EXPECT_EQ(record.entryCount, 3U);
+  ops.releaseFn(&record);
+  ops.releaseFn(nullptr);
+  EXPECT_EQ(releases.size(), 1U);
+  EXPECT_TRUE(outstanding.empty());
+}
+
+TEST(Release, GivesTheEntriesBackOnce) {
+  expectReleased<BrdPartInfo, BrdPartEntry>(brdPartOps(), "BrdPartInfo");
+  expectReleased<FdProcInfoOutput, FdProcEntry>(fdProcOps(), "FdProcInfoOutput");
+  expectReleased<StorageEraseInfo, StorageEraseEntry>(eraseOps(), "StorageEraseInfo");
+  expectReleased<StorageBadBlockInfo, StorageBadBlockEntry>(badBlockOps(), "StorageBadBlockInfo");
+  for (const IdlCodecOps* ops : {&thresholdOps(), &diskUseOps(), &resetOps(), &mountOps()}) {
+    ops->releaseFn(nullptr);
+    ops->releaseFn(reinterpret_cast<void*>(uintptr_t{16}));  // not even looked at
+  }
+}
+
+// Vectors of many lengths to the peer and back.
+template <class Reply, class Entry, class Unpack, class Release>
+void expectVectorsArrive(const IdlCodecOps& ops, Unpack unpack, Release release) {
+  Random random(5);
+  RecordMaker maker(random, 0, 0);
+  for (const uint32_t count : {0U, 1U, 2U, 3U, 1000U, 100000U}) {
+    Reply record{count, makeEntries<Entry>(count)};
+    for (uint32_t i = 0; i < count; ++i) maker.fill(record.entries[i]);
+    const std::vector<uint8_t> bytes = packToSize(ops.packFn, record);
+    Reply unpacked;
+    ASSERT_NE(unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &unpacked), 0U);
+    EXPECT_TRUE(sameRecord(record, unpacked));
+    EXPECT_EQ(outstanding.size(), count == 0 ? 1U : 2U);
+    if (count != 0) {
+      EXPECT_LE(outstanding[unpacked.entries], bytes.size() / 4 * sizeof(Entry));
+    }
+    release(&unpacked);
+    ops.releaseFn(&record);
+    EXPECT_TRUE(outstanding.empty());
+  }
+}
+
+TEST(Replies, VectorsOfManyLengthsArrive) {
+  expectVectorsArrive<BrdPartInfo, BrdPartEntry>(brdPartOps(), Kel_sys_diag_BrdPartInfo_unpack,
+                                                 Kel_sys_diag_BrdPartInfo_free_unpacked);
+  expectVectorsArrive<FdProcInfoOutput, FdProcEntry>(fdProcOps(),
+                                                     Kel_sys_diag_FdProcInfoOutput_unpack,
+                                                     Kel_sys_diag_FdProcInfoOutput_free_unpacked);
+  expectVectorsArrive<StorageEraseInfo, StorageEraseEntry>(
+      eraseOps(), Kel_sys_diag_StorageEraseInfo_unpack,
+      Kel_sys_diag_StorageEraseInfo_free_unpacked);
+  expectVectorsArrive<StorageBadBlockInfo, StorageBadBlockEntry>(
+      badBlockOps(), Kel_sys_diag_StorageBadBlockInfo_unpack,
+      Kel_sys_diag_StorageBadBlockInfo_free_unpacked);
+}
+
+TEST(Replies, FailedAllocationLeavesNothing) {
+  StorageEraseEntry entries[2] = {{1, 2}, {3, 4}};
+  const std::vector<uint8_t> bytes = packToSize(eraseOps().packFn, StorageEraseInfo{2, entries});
+  allocationsUntilFailure = 0;
+  logLines.clear();
+  StorageEraseInfo record;
+  EXPECT_EQ(Kel_sys_diag_StorageEraseInfo_unpack(bytes.data(), static_cast<uint32_t>(bytes.size()),
+                                                 &record),
+            0U);
+  allocationsUntilFailure = -1;
+  EXPECT_EQ(record.entries, nullptr);
+  EXPECT_EQ(logLines, std::vector<std::string>{
+                          "12 Kel_sys_diag_StorageEraseInfo_unpack_non_root "
+                          "[KORVA]:Malloc unpack data unsuccess,                size(32)"});
+}
+
+constexpr auto kNoRelease = [](void*) {};
+
+TEST(RoundTrip, Requests) {
+  expectRoundTrips<FdProcInfoInput>(Kel_sys_diag_FdProcInfoInput_pack, fdProcOps().unpackFn,
+                                    kNoRelease, nullptr);
+  expectRoundTrips<SysOvLoadDiskThreshold>(Kel_sys_diag_SysOvLoadDiskThreshold_pack,
+                                           thresholdOps().unpackFn, kNoRelease, nullptr);
+  expectRoundTrips<SysDiskUseInput>(Kel_sys_diag_SysDiskUseInput_pack, diskUseOps().unpackFn,
+                                    kNoRelease, nullptr);
+  expectRoundTrips<ResetDiskCondition>(Kel_sys_diag_ResetDiskCondition_pack, resetOps().unpackFn,
+                                       kNoRelease, nullptr);
+  expectRoundTrips<MountDiskInput>(Kel_sys_diag_MountDiskInput_pack, mountOps().unpackFn,
+                                   kNoRelease, nullptr);
+  expectRoundTrips<StorageEraseInfoInput>(Kel_sys_diag_StorageEraseInfoInput_pack,
+                                          eraseOps().unpackFn, kNoRelease, nullptr);
+  expectRoundTrips<StorageBadBlockInfoInput>(Kel_sys_diag_StorageBadBlockInfoInput_pack,
+                                             badBlockOps().unpackFn, kNoRelease, nullptr);
+}
+
+TEST(RoundTrip, Replies) {
+  expectRoundTrips<BrdPartInfo>(brdPartOps().packFn, Kel_sys_diag_BrdPartInfo_unpack,
+                                Kel_sys_diag_BrdPartInfo_free_unpacked, nullptr);
+  expectRoundTrips<FdProcInfoOutput>(fdProcOps().packFn, Kel_sys_diag_FdProcInfoOutput_unpack,
+                                     Kel_sys_diag_FdProcInfoOutput_free_unpacked, nullptr);
+  expectRoundTrips<OperResult>(thresholdOps().packFn, Kel_sys_diag_OperResult_unpack,
+                               Kel_sys_diag_OperResult_free_unpacked, &thresholdOps());
+  expectRoundTrips<SysDiskUseInfoResult>(
+      diskUseOps().packFn, Kel_sys_diag_SysDiskUseInfoResult_unpack,
+      Kel_sys_diag_SysDiskUseInfoResult_free_unpacked, &diskUseOps());
+  expectRoundTrips<ResetDiskResult>(resetOps().packFn, Kel_sys_diag_ResetDiskResult_unpack,
+                                    Kel_sys_diag_ResetDiskResult_free_unpacked, &resetOps());
+  expectRoundTrips<MountDiskResult>(mountOps().packFn, Kel_sys_diag_MountDiskResult_unpack,
+                                    Kel_sys_diag_MountDiskResult_free_unpacked, &mountOps());
+  expectRoundTrips<StorageEraseInfo>(eraseOps().packFn, Kel_sys_diag_StorageEraseInfo_unpack,
+                                     Kel_sys_diag_StorageEraseInfo_free_unpacked, nullptr);
+  expectRoundTrips<StorageBadBlockInfo>(badBlockOps().packFn,
+                                        Kel_sys_diag_StorageBadBlockInfo_unpack,
+                                        Kel_sys_diag_StorageBadBlockInfo_free_unpacked, nullptr);
+  EXPECT_TRUE(outstanding.empty());
+}
+
+template <class Record, const auto& Ops>
+bool unpackRequest(const uint8_t* bytes, uint32_t length) {
+  Record record;
+  return Ops().unpackFn(bytes, length, &record) != 0;
+}
+
+std::vector<Unpacker> everyUnpacker() {
+  const DiagSubRecord sub{1, 2, 3, 4, 5, 6, 7, 8};
+  BrdPartEntry brd[] = {brdPart(1, 2, 3, 4), brdPart(0, 0, 0, 5)};
+  FdProcEntry fd[] = {{1, 2, sub, sub, sub, {}}, {0, 0, {}, {}, sub, {}}};
+  StorageEraseEntry erase[] = {{1, 2}, {3, 4}};
+  StorageBadBlockEntry bad[] = {{{}, 1}, {{}, 2}};
+  const OperResult result{772};
+  const SysDiskUseInfoResult use{{1}, {2}, 1, 2, 3, {3}, 4, 5};
+  const auto whole = [](std::vector<uint8_t> bytes) {
+    const auto size = static_cast<uint32_t>(bytes.size());
+    return Unpacker::Message{std::move(bytes), size};
+  };
+  return {
+      {"FdProcInfoInput",
+       unpackRequest<FdProcInfoInput, fdProcOps>,
+       {whole(packToSize(Kel_sys_diag_FdProcInfoInput_pack, FdProcInfoInput{1, 2}))}},
+      {"SysOvLoadDiskThreshold",
+       unpackRequest<SysOvLoadDiskThreshold, thresholdOps>,
+       {whole(
+           packToSize(Kel_sys_diag_SysOvLoadDiskThreshold_pack, SysOvLoadDiskThreshold{{1}, 2}))}},
+      {"SysDiskUseInput",
+       unpackRequest<SysDiskUseInput, diskUseOps>,
+       {whole(packToSize(Kel_sys_diag_SysDiskUseInput_pack, SysDiskUseInput{{1}}))}},
+      {"ResetDiskCondition",
+       unpackRequest<ResetDiskCondition, resetOps>,
+       {whole(packToSize(Kel_sys_diag_ResetDiskCondition_pack, ResetDiskCondition{{1}}))}},
+      {"MountDiskInput",
+       unpackRequest<MountDiskInput, mountOps>,
+       {whole(packToSize(Kel_sys_diag_MountDiskInput_pack, MountDiskInput{{1}}))}},
+      {"StorageEraseInfoInput",
+       unpackRequest<StorageEraseInfoInput, eraseOps>,
+       {whole(packToSize(Kel_sys_diag_StorageEraseInfoInput_pack, StorageEraseInfoInput{1}))}},
+      {"StorageBadBlockInfoInput",
+       unpackRequest<StorageBadBlockInfoInput, badBlockOps>,
+       {whole(
+           packToSize(Kel_sys_diag_StorageBadBlockInfoInput_pack, StorageBadBlockInfoInput{{1}}))}},
+      {"BrdPartInfo",
+       unpackAndRelease<BrdPartInfo, Kel_sys_diag_BrdPartInfo_unpack,
+                        Kel_sys_diag_BrdPartInfo_free_unpacked>,
+       {whole(packToSize(brdPartOps().packFn, BrdPartInfo{2, brd}))}},
+      {"FdProcInfoOutput",
+       unpackAndRelease<FdProcInfoOutput, Kel_sys_diag_FdProcInfoOutput_unpack,
+                        Kel_sys_diag_FdProcInfoOutput_free_unpacked>,
+       {whole(packToSize(fdProcOps().packFn, FdProcInfoOutput{2, fd}))}},
+      {"OperResult",
+       unpackAndRelease<OperResult, Kel_sys_diag_OperResult_unpack,
+                        Kel_sys_diag_OperResult_free_unpacked>,
+       {whole(packToSize(thresholdOps().packFn, result)),
+        {packFixed(thresholdOps(), &result), 18}}},
+      {"SysDiskUseInfoResult",
+       unpackAndRelease<SysDiskUseInfoResult, Kel_sys_diag_SysDiskUseInfoResult_unpack,
+                        Kel_sys_diag_SysDiskUseInfoResult_free_unpacked>,
+       {whole(packToSize(diskUseOps().packFn, use)), {packFixed(diskUseOps(), &use), 212}}},
+      {"ResetDiskResult",
+       unpackAndRelease<ResetDiskResult, Kel_sys_diag_ResetDiskResult_unpack,
+                        Kel_sys_diag_ResetDiskResult_free_unpacked>,
+       {whole(packToSize(resetOps().packFn, result))}},
+      {"MountDiskResult",
+       unpackAndRelease<MountDiskResult, Kel_sys_diag_MountDiskResult_unpack,
+                        Kel_sys_diag_MountDiskResult_free_unpacked>,
+       {whole(packToSize(mountOps().packFn, result))}},
+      {"StorageEraseInfo",
+       unpackAndRelease<StorageEraseInfo, Kel_sys_diag_StorageEraseInfo_unpack,
+                        Kel_sys_diag_StorageEraseInfo_free_unpacked>,
+       {whole(packToSize(eraseOps().packFn, StorageEraseInfo{2, erase}))}},
+      {"StorageBadBlockInfo",
+       unpackAndRelease<StorageBadBlockInfo, Kel_sys_diag_StorageBadBlockInfo_unpack,
+                        Kel_sys_diag_StorageBadBlockInfo_free_unpacked>,
+       {whole(packToSize(badBlockOps().packFn, StorageBadBlockInfo{2, bad}))}},
+  };
+}
+
+TEST(EveryUnpacker, RefusesEveryTruncation) {
+  expectTruncationsRefused(everyUnpacker());
+  EXPECT_TRUE(outstanding.empty());
+}
+
+TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
+  bendEveryWord(everyUnpacker());
+  EXPECT_TRUE(outstanding.empty());
+}
+
+TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShort) {
+  expectBadLengthsRefused(everyUnpacker());
+}
+
+}  // namespace

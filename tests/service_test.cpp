@@ -1,0 +1,165 @@
+// The served role as a framework meets it: the exported tables, and what each wrapper hands over.
+#include <gtest/gtest.h>
+#include <kel_sys_diag/service.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "support/framework_double.hpp"
+#include "support/host_functions.h"
+
+namespace {
+
+using kel::test::framework;
+using kel::test::ServiceCall;
+
+struct Method {
+  const char* name;
+  IdlWrapperFn wrapper;
+  uint32_t inputRecordSize;
+  uint32_t fixedSize;  // 0: the reply has no fixed layout
+  IdlHostFn implementation;
+  IdlHostFn userFree;
+  const char* input;
+  const char* output;
+};
+
+const Method kMethods[] = {
+    {"KelBrdPartInfoQuery", KelBrdPartInfoQuery_wrapper, 0, 0, KelBrdPartInfoQuery,
+     KelBrdPartInfoQuery_free, "BrdPartInfoInput", "BrdPartInfo"},
+    {"FdProcInfoQuery", FdProcInfoQuery_wrapper, 8, 0, FdProcInfoQuery, FdProcInfoQuery_free,
+     "FdProcInfoInput", "FdProcInfoOutput"},
+    {"KelSysOvLoadDiskThresholdSet", KelSysOvLoadDiskThresholdSet_wrapper, 56, 24,
+     KelSysOvLoadDiskThresholdSet, KelSysOvLoadDiskThresholdSet_free, "SysOvLoadDiskThreshold",
+     "OperResult"},
+    {"KelGetSysDiskUseInfo", KelGetSysDiskUseInfo_wrapper, 50, 216, KelGetSysDiskUseInfo,
+     KelGetSysDiskUseInfo_free, "SysDiskUseInput", "SysDiskUseInfoResult"},
+    {"KelResetDiskMakeFS", KelResetDiskMakeFS_wrapper, 50, 24, KelResetDiskMakeFS,
+     KelResetDiskMakeFS_free, "ResetDiskCondition", "ResetDiskResult"},
+    {"KelMountDisk", KelMountDisk_wrapper, 50, 24, KelMountDisk, KelMountDisk_free,
+     "MountDiskInput", "MountDiskResult"},
+    {"KelQueryStorageEraseInfo", KelQueryStorageEraseInfo_wrapper, 4, 0, KelQueryStorageEraseInfo,
+     KelQueryStorageEraseInfo_free, "StorageEraseInfoInput", "StorageEraseInfo"},
+    {"KelQueryStorageBadBlockInfo", KelQueryStorageBadBlockInfo_wrapper, 32, 0,
+     KelQueryStorageBadBlockInfo, KelQueryStorageBadBlockInfo_free, "StorageBadBlockInfoInput",
+     "StorageBadBlockInfo"},
+};
+
+ServiceCall callWrapper(const Method& method, IdlCodecOps& ops, int32_t result) {
+  std::memset(&ops, 0xEE, sizeof ops);
+  framework().resultToReturn = result;
+  EXPECT_EQ(method.wrapper(11, UINTPTR_MAX, &ops), result) << method.name;
+  return framework().lastServiceCall;
+}
+
+void callEveryWrapper() {
+  for (const Method& method : kMethods) {
+    SCOPED_TRACE(method.name);
+    IdlCodecOps ops;
+    const ServiceCall call = callWrapper(method, ops, INT32_MIN);
+    EXPECT_EQ(call.first, 11U);
+    EXPECT_EQ(call.second, UINTPTR_MAX);
+    EXPECT_EQ(call.inputRecordSize, method.inputRecordSize);
+    EXPECT_EQ(call.ops, &ops);
+    EXPECT_EQ(call.binding.implementation, method.implementation);
+    EXPECT_EQ(call.binding.mode, 1U);
+    EXPECT_NE(ops.unpackFn, nullptr);
+    EXPECT_NE(ops.packFn, nullptr);
+    EXPECT_NE(ops.releaseFn, nullptr);
+    EXPECT_EQ(ops.userFreeFn, method.userFree);
+    EXPECT_EQ(ops.fixedPackFn != nullptr, method.fixedSize != 0);
+    EXPECT_EQ(ops.fixedSizeFn == nullptr ? 0 : ops.fixedSizeFn(), method.fixedSize);
+
+    IdlCodecOps again;
+    const ServiceCall second = callWrapper(method, again, 0);
+    EXPECT_EQ(std::memcmp(&ops, &again, sizeof ops), 0);
+    EXPECT_EQ(second.binding.hook, call.binding.hook);
+  }
+}
+
+TEST(Wrappers, HandOverTheMethodAndGiveTheResultBack) { callEveryWrapper(); }
+
+TEST(Wrappers, RunOnAnyThread) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 16; ++i) threads.emplace_back(callEveryWrapper);
+  for (std::thread& thread : threads) thread.join();
+}
+
+// Also the twins, whose codecs do the same: their log lines carry names of their own.
+TEST(Wrappers, ShareNothing) {
+  std::set<IdlHostFn> hooks;
+  std::set<IdlUnpackFn> unpackers;
+  std::set<IdlPackFn> packers;
+  for (const Method& method : kMethods) {
+    IdlCodecOps ops;
+    const ServiceCall call = callWrapper(method, ops, 0);
+    hooks.insert(call.binding.hook);
+    unpackers.insert(ops.unpackFn);
+    packers.insert(ops.packFn);
+    call.binding.hook();  // does nothing
+  }
+  EXPECT_EQ(hooks.size(), 8U);
+  EXPECT_EQ(unpackers.size(), 8U);
+  EXPECT_EQ(packers.size(), 8U);
+}
+
+uint32_t fnv1a(const std::string& text) {
+  uint32_t hash = 0x811C9DC5;
+  for (const char character : text) {
+    hash ^= static_cast<unsigned char>(character);
+    hash *= 0x01000193;
+  }
+  return hash;
+}
+
+template <size_t Size>
+void expectPadded(const char (&field)[Size], std::string_view text) {
+  std::string expected(text);
+  expected.resize(Size);
+  EXPECT_EQ(std::string(field, Size), expected);
+}
+
+bool allZero(const void* object, size_t size) {
+  const auto* const bytes = static_cast<const unsigned char*>(object);
+  return std::all_of(bytes, bytes + size, [](unsigned char byte) { return byte == 0; });
+}
+
+TEST(Tables, DescribeTheService) {
+  const IdlModuleSpec& spec = __module_spec_KelSysdiagQarne;
+  expectPadded(spec.name, "KelSysdiagQarne");
+  EXPECT_EQ(spec.intfCount, 9U);
+  EXPECT_EQ(spec.msgDescCount, 17U);
+  EXPECT_EQ(spec.intfTable, intf_tbl_KelSysdiagQarne);
+  EXPECT_EQ(spec.msgDescTable, msgdesc_tbl_KelSysdiagQarne);
+  EXPECT_TRUE(allZero(spec.reserved, sizeof spec.reserved));
+
+  EXPECT_EQ(spec.intfTable[0].marker, 0xFFFFFFFF);
+  EXPECT_TRUE(allZero(&spec.intfTable[0].reserved1, sizeof(IdlIntfEntry) - 4));
+  EXPECT_TRUE(allZero(&spec.msgDescTable[0], sizeof(IdlMsgDesc)));
+
+  std::set<uint32_t> ids;
+  for (uint32_t k = 1; k < spec.intfCount; ++k) {
+    const Method& method = kMethods[k - 1];
+    const IdlIntfEntry& entry = spec.intfTable[k];
+    SCOPED_TRACE(method.name);
+    expectPadded(entry.methodName, method.name);
+    EXPECT_EQ(entry.wrapper, method.wrapper);
+    EXPECT_EQ(entry.marker | entry.reserved1 | entry.reserved2, 0U);
+    EXPECT_EQ(entry.inputMsgId, fnv1a(std::string("Kel_sys_diag.") + method.input));
+    const IdlMsgDesc& input = spec.msgDescTable[2 * k - 1];
+    const IdlMsgDesc& output = spec.msgDescTable[2 * k];
+    EXPECT_EQ(input.msgId, entry.inputMsgId);
+    EXPECT_EQ(output.msgId, fnv1a(std::string("Kel_sys_diag.") + method.output));
+    EXPECT_TRUE(allZero(input.reserved, sizeof input.reserved));
+    EXPECT_TRUE(allZero(output.reserved, sizeof output.reserved));
+    ids.insert({input.msgId, output.msgId});
+  }
+  EXPECT_EQ(ids.size(), 16U);
+}
+
+}  // namespace
