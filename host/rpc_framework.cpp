@@ -20,6 +20,8 @@
 #include <string_view>
 #include <thread>
 
+#include "host/hand_over.hpp"
+
 namespace kel::host {
 namespace {
 
@@ -34,16 +36,14 @@ struct Failure {
   RpcResult result;
 };
 
-// One request and its reply. Each step starts exactly one operation, whose end calls for the next
-// step, so at most one thread works on it at any time; the mutex tells everyone so who cannot see
-// into gRPC's own ordering.
+// One request and its reply. Each step starts exactly one operation, and touches nothing any more
+// once it has; the operation's end calls for the next step, on whichever thread.
 class Exchange {
  public:
   // The tag comes back from the queue once for every step.
   void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue, void* tag,
              const std::string& path, const grpc::Slice& request,
              std::chrono::milliseconds deadline) {
-    const std::scoped_lock lock(mutex_);
     tag_ = tag;
     context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                                        gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
@@ -52,12 +52,14 @@ class Exchange {
     context_.set_initial_metadata_corked(true);
     stream_ = grpc::GenericStub(channel).PrepareCall(&context_, path, &queue);
     stream_->StartCall(nullptr);
-    stream_->WriteLast(grpc::ByteBuffer(&request, 1), grpc::WriteOptions(), tag_);
+    handOverTo([&request](auto& stream, void* written) {
+      stream.WriteLast(grpc::ByteBuffer(&request, 1), grpc::WriteOptions(), written);
+    });
   }
 
   // Takes the end of one operation and starts the next. Says whether there was none left to start.
   bool advance(bool succeeded) {
-    const std::scoped_lock lock(mutex_);
+    handOver();
     switch (step_) {
       case Step::write:
         sent_ = succeeded;
@@ -82,7 +84,6 @@ class Exchange {
 
   // Once advance has returned true.
   int32_t decodeInto(void* output, const IdlCodecOps& ops) {
-    const std::scoped_lock lock(mutex_);
     if (overrun_) {
       return kTooManyReplies;
     }
@@ -106,12 +107,21 @@ class Exchange {
 
   void read(Step step, grpc::ByteBuffer& into) {
     step_ = step;
-    stream_->Read(&into, tag_);
+    handOverTo([&into](auto& stream, void* tag) { stream.Read(&into, tag); });
   }
 
   void finish() {
     step_ = Step::finish;
-    stream_->Finish(&status_, tag_);
+    handOverTo([status = &status_](auto& stream, void* tag) { stream.Finish(status, tag); });
+  }
+
+  // From the hand-over on, this object is the next step's.
+  template <class Start>
+  void handOverTo(const Start& start) {
+    grpc::GenericClientAsyncReaderWriter& stream = *stream_;
+    void* const tag = tag_;
+    handOver();
+    start(stream, tag);
   }
 
   [[nodiscard]] int32_t failure() const {
@@ -131,7 +141,6 @@ class Exchange {
     }
   }
 
-  std::mutex mutex_;
   grpc::ClientContext context_;
   std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
   void* tag_ = nullptr;

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/hand_over.hpp"
+
 namespace kel::host {
 namespace {
 
@@ -52,10 +54,12 @@ class CallReactor final : public grpc::ServerGenericBidiReactor {
  public:
   CallReactor(const RequestHandler& handler, std::string path)
       : handler_(handler), path_(std::move(path)) {
+    handOver();
     StartRead(&request_);
   }
 
   void OnReadDone(bool succeeded) override {
+    handOver();
     if (!succeeded) {
       Finish({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
       return;
@@ -67,10 +71,14 @@ class CallReactor final : public grpc::ServerGenericBidiReactor {
     }
     const grpc::Slice slice(answer.reply.data(), answer.reply.size());
     reply_ = grpc::ByteBuffer(&slice, 1);
+    handOver();
     StartWriteAndFinish(&reply_, grpc::WriteOptions(), grpc::Status::OK);
   }
 
-  void OnDone() override { delete this; }
+  void OnDone() override {
+    handOver();
+    delete this;
+  }
 
  private:
   const RequestHandler& handler_;

@@ -10,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "host/hand_over.hpp"
+
 namespace kel::host::test {
 namespace {
 
@@ -67,26 +69,38 @@ class FaultyServer::Service final : public grpc::CallbackGenericService {
   class Reactor final : public grpc::ServerGenericBidiReactor {
    public:
     Reactor(Service& service, std::string path) : service_(service), path_(std::move(path)) {
+      handOver();
       StartRead(&request_);
     }
 
     void OnReadDone(bool succeeded) override {
-      behaviour_ = service_.arrive({path_, succeeded ? bytesOf(request_) : Bytes{}});
-      std::this_thread::sleep_for(behaviour_.delay);
+      Behaviour behaviour = service_.arrive({path_, succeeded ? bytesOf(request_) : Bytes{}});
+      std::this_thread::sleep_for(behaviour.delay);
+      const std::scoped_lock lock(mutex_);
+      behaviour_ = std::move(behaviour);
+      arrived_ = true;
       if (behaviour_.answers) {
         writeNext();
+      } else {
+        finishIfGivenUp();
       }
     }
 
-    void OnWriteDone(bool succeeded) override { succeeded ? writeNext() : finish(); }
+    void OnWriteDone(bool succeeded) override {
+      const std::scoped_lock lock(mutex_);
+      succeeded ? writeNext() : finish();
+    }
 
     void OnCancel() override {
-      if (!behaviour_.answers) {
-        finish();
-      }
+      const std::scoped_lock lock(mutex_);
+      cancelled_ = true;
+      finishIfGivenUp();
     }
 
-    void OnDone() override { delete this; }
+    void OnDone() override {
+      handOver();
+      delete this;
+    }
 
    private:
     void writeNext() {
@@ -98,10 +112,22 @@ class FaultyServer::Service final : public grpc::CallbackGenericService {
       StartWrite(&reply_);
     }
 
-    void finish() { Finish({static_cast<grpc::StatusCode>(behaviour_.grpcStatus), "as told"}); }
+    void finishIfGivenUp() {
+      if (arrived_ && cancelled_ && !behaviour_.answers) {
+        finish();
+      }
+    }
+
+    void finish() {
+      handOver();
+      Finish({static_cast<grpc::StatusCode>(behaviour_.grpcStatus), "as told"});
+    }
 
     Service& service_;
     const std::string path_;
+    std::mutex mutex_;
+    bool arrived_ = false;
+    bool cancelled_ = false;
     Behaviour behaviour_;
     size_t written_ = 0;
     grpc::ByteBuffer request_;
