@@ -29,6 +29,8 @@ grpc::StatusCode statusCode(AnswerStatus status) {
       return grpc::StatusCode::NOT_FOUND;
     case AnswerStatus::unknownMethod:
       return grpc::StatusCode::UNIMPLEMENTED;
+    case AnswerStatus::replyLost:
+      return grpc::StatusCode::DATA_LOSS;
     case AnswerStatus::internal:
       break;
   }

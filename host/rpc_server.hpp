@@ -12,7 +12,16 @@
 
 namespace kel::host {
 
-enum class AnswerStatus : uint8_t { ok, badRequest, notFound, unknownMethod, internal };
+// Each is answered with a gRPC status of its own: OK, INVALID_ARGUMENT, NOT_FOUND, UNIMPLEMENTED,
+// DATA_LOSS, INTERNAL.
+enum class AnswerStatus : uint8_t {
+  ok,
+  badRequest,
+  notFound,
+  unknownMethod,
+  replyLost,  // there is a reply, but it cannot be encoded
+  internal
+};
 
 struct Answer {
   AnswerStatus status = AnswerStatus::ok;

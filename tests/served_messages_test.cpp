@@ -335,12 +335,12 @@ TEST(Replies, PastThirtyTwoBitsHaveNoSize) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
-// Two hundred million full entries of 28 bytes pass 2^32 where as many empty ones of 16 would not.
-// The array is one page of entries, mapped over and over.
+// Sixteen million entries pass 2^32 when their scalars are present, and do not when they
+// are zero. The array is a few pages of entries, mapped over and over.
 TEST(Replies, EntriesDecideAtTheLimit) {
-  constexpr size_t kPiece = size_t{1} << 20;
-  constexpr uint32_t kEntries = 200'000'000;
-  constexpr size_t kBytes = kEntries * sizeof(StorageEraseEntry) / kPiece * kPiece + kPiece;
+  constexpr size_t kPiece = sizeof(BrdPartEntry) * 4096;
+  constexpr uint32_t kEntries = 16'000'000;
+  constexpr size_t kBytes = (kEntries * sizeof(BrdPartEntry) / kPiece + 1) * kPiece;
   const int file = memfd_create("entries", 0);
   ASSERT_EQ(ftruncate(file, kPiece), 0);
   void* const reserved =
@@ -352,11 +352,11 @@ TEST(Replies, EntriesDecideAtTheLimit) {
               MAP_FAILED);
   }
   close(file);
-  auto* const entries = static_cast<StorageEraseEntry*>(reserved);
-  const StorageEraseInfo record{kEntries, entries};
-  EXPECT_EQ(eraseOps().packFn(nullptr, &record), 22 + kEntries * 16);
-  for (size_t i = 0; i < kPiece / sizeof(StorageEraseEntry); ++i) entries[i] = {1, 2};
-  EXPECT_EQ(eraseOps().packFn(nullptr, &record), 0U);
+  auto* const entries = static_cast<BrdPartEntry*>(reserved);
+  const BrdPartInfo record{kEntries, entries};
+  EXPECT_EQ(brdPartOps().packFn(nullptr, &record), 22 + kEntries * (4 + 252));
+  for (size_t i = 0; i < kPiece / sizeof(BrdPartEntry); ++i) entries[i] = brdPart(1, 2, 3, 4);
+  EXPECT_EQ(brdPartOps().packFn(nullptr, &record), 0U);
   munmap(reserved, kBytes);
 }
 
