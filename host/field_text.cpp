@@ -20,10 +20,12 @@ void putText(std::span<uint8_t> field, std::string_view text) {
   std::memcpy(field.data(), text.data(), length);
 }
 
-std::string textOf(std::span<const uint8_t> field) {
+std::string rawTextOf(std::span<const uint8_t> field) {
   const auto* const text = reinterpret_cast<const char*>(field.data());
-  return shown({text, strnlen(text, field.size())});
+  return {text, strnlen(text, field.size())};
 }
+
+std::string textOf(std::span<const uint8_t> field) { return shown(rawTextOf(field)); }
 
 std::string shown(std::string_view text) {
   constexpr char kDelete = 0x7F;

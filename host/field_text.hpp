@@ -13,7 +13,10 @@ namespace kel::host {
 // is left in halves; text that fills the field has no NUL.
 void putText(std::span<uint8_t> field, std::string_view text);
 
-// The text up to the first NUL or the field's end, fit to be shown.
+// The text up to the first NUL or the field's end, as it arrived: to compare, not to show.
+std::string rawTextOf(std::span<const uint8_t> field);
+
+// The same, fit to be shown.
 std::string textOf(std::span<const uint8_t> field);
 
 // Received text with every control character replaced, so that it cannot steer a terminal.

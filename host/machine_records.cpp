@@ -2,9 +2,9 @@
 #include "host/machine_records.hpp"
 
 #include <algorithm>
-#include <ctime>
 #include <limits>
 
+#include "host/calendar_time.hpp"
 #include "host/field_text.hpp"
 #include "host/record_text.hpp"
 
@@ -29,20 +29,6 @@ uint32_t severity(uint32_t measured, uint32_t threshold) {
   return measured >= threshold ? kWarning : kNotice;
 }
 
-DiagSubRecord localTime(const timeval& time) {
-  tm parts{};
-  localtime_r(&time.tv_sec, &parts);
-  const auto byte = [](int value) { return static_cast<uint8_t>(value); };
-  return {static_cast<uint16_t>(parts.tm_year + 1900),
-          byte(parts.tm_mon + 1),
-          byte(parts.tm_mday),
-          byte(parts.tm_hour),
-          byte(parts.tm_min),
-          byte(parts.tm_sec),
-          byte(parts.tm_wday),
-          static_cast<uint32_t>(time.tv_usec)};
-}
-
 }  // namespace
 
 AlarmInput memoryAlarm(const MachineState& machine) {
@@ -65,7 +51,7 @@ OverloadAlarmInput loadAlarm(const MachineState& machine) {
   alarm.value3 = machine.load[0];
   alarm.value4 = machine.processors * kLoadThresholdPerProcessor;
   alarm.value2 = severity(alarm.value3, alarm.value4);
-  alarm.sub = localTime(machine.time);
+  alarm.sub = calendarTime(machine.time);
   alarm.value5 = machine.load[0];
   alarm.value6 = machine.load[1];
   alarm.value7 = machine.load[2];
@@ -91,7 +77,7 @@ OverloadDiskAlarmInput diskAlarm(const MachineState& machine, const FileSystem& 
   alarm.value2 = severity(disk.usedPercent, thresholds.value1, thresholds.value2);
   alarm.value3 = disk.usedPercent;
   alarm.value4 = alarm.value2 == kCritical ? thresholds.value2 : thresholds.value1;
-  alarm.sub = localTime(machine.time);
+  alarm.sub = calendarTime(machine.time);
   putText(alarm.bytes64, disk.mountPoint);
   putText(alarm.bytes32, disk.device);
   alarm.value5 = narrowed(disk.sizeMiB);

@@ -1,0 +1,103 @@
+// Starts, watches and ends a child process.
+#include "host/child_process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace kel::host {
+namespace {
+
+class FileActions {
+ public:
+  explicit FileActions(int descriptor) {
+    posix_spawn_file_actions_init(&actions_);
+    // First of all, because it may have the number of one that follows.
+    posix_spawn_file_actions_adddup2(&actions_, descriptor, kInherited);
+    posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&actions_, kInherited + 1);
+  }
+  ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
+  FileActions(const FileActions&) = delete;
+  FileActions& operator=(const FileActions&) = delete;
+
+  const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_{};
+};
+
+// A group of its own, to be killed as one, and none of this process's blocked signals.
+class Attributes {
+ public:
+  Attributes() {
+    posix_spawnattr_init(&attributes_);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    posix_spawnattr_setpgroup(&attributes_, 0);
+    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+  }
+  ~Attributes() { posix_spawnattr_destroy(&attributes_); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_{};
+};
+
+bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
+  // Not by the C library's function, whose header cannot be used from C++ everywhere.
+  const int watch = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+  if (watch < 0) {
+    return false;
+  }
+  const auto end = std::chrono::steady_clock::now() + limit;
+  int ready = 0;
+  do {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    pollfd ended{watch, POLLIN, 0};
+    ready = left.count() > 0 ? poll(&ended, 1, static_cast<int>(left.count())) : 0;
+  } while (ready < 0 && errno == EINTR);
+  close(watch);
+  return ready > 0;
+}
+
+}  // namespace
+
+bool runProgram(std::vector<std::string> arguments, int descriptor,
+                std::chrono::milliseconds limit) {
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  std::string path = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+  std::string locale = "LC_ALL=C";
+  std::array<char*, 3> environment = {path.data(), locale.data(), nullptr};
+  pid_t child = 0;
+  if (posix_spawn(&child, pointers[0], FileActions(descriptor).get(), Attributes().get(),
+                  pointers.data(), environment.data()) != 0) {
+    return false;
+  }
+  if (!endsWithin(child, limit)) {
+    kill(-child, SIGKILL);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace kel::host

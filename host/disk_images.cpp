@@ -1,0 +1,215 @@
+// Opens, formats and mounts the image files.
+#include "host/disk_images.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/loop.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include "host/child_process.hpp"
+#include "host/field_text.hpp"
+#include "host/kernel_files.hpp"
+
+namespace kel::host {
+namespace {
+
+using std::filesystem::path;
+
+constexpr std::chrono::seconds kFormatLimit(60);
+constexpr char kFileSystem[] = "ext4";
+
+path openPath(int descriptor) { return path("/proc/self/fd") / std::to_string(descriptor); }
+
+ResultCode codeOf(int error) {
+  switch (error) {
+    case ENOENT:
+      return ResultCode::notFound;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return ResultCode::rightMissing;
+    case EBUSY:
+      return ResultCode::inUse;
+    default:
+      return ResultCode::failed;
+  }
+}
+
+// For the host's operator, who may know what to do about it.
+ResultCode report(const char* what, const std::string& name, int error) {
+  fmt::print(stderr, "{} {}: {}\n", what, shown(name), std::strerror(error));
+  return codeOf(error);
+}
+
+bool isPlain(const std::string& name) {
+  return name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+// A second name might be one outside of the folder.
+bool isFileOfItsOwn(int descriptor) {
+  struct stat state {};
+  return fstat(descriptor, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1;
+}
+
+struct LoopDevice {
+  ResultCode code = ResultCode::loopMissing;
+  FileDescriptor device;
+  std::string path;
+};
+
+// A free device may be another's by the time that it is opened.
+constexpr int kAttempts = 16;
+
+LoopDevice attach(int image) {
+  const FileDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  if (!control.isOpen()) {
+    const bool forbidden = errno == EACCES || errno == EPERM;
+    return {forbidden ? ResultCode::rightMissing : ResultCode::loopMissing, {}, {}};
+  }
+  loop_config config{};
+  config.fd = static_cast<uint32_t>(image);
+  config.info.lo_flags = LO_FLAGS_AUTOCLEAR;  // gone with the last use
+  int error = EBUSY;
+  for (int i = 0; i < kAttempts && error == EBUSY; ++i) {
+    const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
+    if (number < 0) {
+      return {errno == EPERM ? ResultCode::rightMissing : ResultCode::loopMissing, {}, {}};
+    }
+    std::string devicePath = fmt::format("/dev/loop{}", number);
+    FileDescriptor device(::open(devicePath.c_str(), O_RDWR | O_CLOEXEC));
+    if (!device.isOpen()) {
+      return {codeOf(errno), {}, {}};
+    }
+    if (ioctl(device.get(), LOOP_CONFIGURE, &config) == 0) {
+      return {ResultCode::done, std::move(device), std::move(devicePath)};
+    }
+    error = errno;
+  }
+  return {codeOf(error), {}, {}};
+}
+
+}  // namespace
+
+DiskImages::DiskImages(const path& folder, std::vector<path> programFolders)
+    : folder_(std::filesystem::absolute(folder / "").parent_path()),
+      directory_(::open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+      programFolders_(std::move(programFolders)) {
+  if (!directory_.isOpen()) {
+    throw std::runtime_error(
+        fmt::format("cannot open the folder {}: {}", folder_.string(), std::strerror(errno)));
+  }
+}
+
+DiskImages::~DiskImages() {
+  for (const auto& [mountPoint, image] : mounted_) {
+    if (umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW) != 0) {
+      umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH);  // somebody is still in there
+    }
+  }
+  // Only folders that are empty go away, so that nothing is lost if one is still mounted.
+  if (!mountFolder_.empty()) {
+    std::error_code ignored;
+    for (const std::string& name : namesIn(mountFolder_)) {
+      std::filesystem::remove(mountFolder_ / name, ignored);
+    }
+    std::filesystem::remove(mountFolder_, ignored);
+  }
+}
+
+// Without any rights on the file at first: opening a device, say, might already act on it.
+DiskImages::Opened DiskImages::open(const std::string& name) const {
+  if (name.empty()) {
+    return {ResultCode::badArgument, {}};
+  }
+  if (!isPlain(name)) {
+    return {ResultCode::outsideFolder, {}};
+  }
+  const FileDescriptor found(
+      openat(directory_.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!found.isOpen()) {
+    return {codeOf(errno), {}};
+  }
+  if (!isFileOfItsOwn(found.get())) {
+    return {ResultCode::outsideFolder, {}};
+  }
+  FileDescriptor file(::open(openPath(found.get()).c_str(), O_RDWR | O_CLOEXEC));
+  if (!file.isOpen()) {
+    return {codeOf(errno), {}};
+  }
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    return {ResultCode::inUse, {}};
+  }
+  return {ResultCode::done, std::move(file)};
+}
+
+ResultCode DiskImages::format(const std::string& name) {
+  const Opened image = open(name);
+  if (image.code != ResultCode::done) {
+    return image.code;
+  }
+  for (const path& folder : programFolders_) {
+    const path program = folder / "mkfs.ext4";
+    if (access(program.c_str(), X_OK) == 0) {
+      // Forced, since whatever the image holds is to go.
+      const bool made =
+          runProgram({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit);
+      return made ? ResultCode::done : ResultCode::failed;
+    }
+  }
+  return ResultCode::programMissing;
+}
+
+ResultCode DiskImages::makeMountPoint(const std::string& name, path& mountPoint) {
+  if (mountFolder_.empty()) {
+    std::string pattern = folder_.string() + ".mounted.XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+      return report("no folder for mount points beside", folder_, errno);
+    }
+    mountFolder_ = pattern;
+  }
+  mountPoint = mountFolder_ / name;
+  if (mkdir(mountPoint.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    return report("no mount point", mountPoint, errno);
+  }
+  return ResultCode::done;
+}
+
+// Whoever made an image may have put anything into it, so nothing in it is run or is a device.
+ResultCode DiskImages::mount(const std::string& name) {
+  Opened image = open(name);
+  if (image.code != ResultCode::done) {
+    return image.code;
+  }
+  const std::scoped_lock lock(mutex_);
+  path mountPoint;
+  if (const ResultCode code = makeMountPoint(name, mountPoint); code != ResultCode::done) {
+    return code;
+  }
+  if (mounted_.contains(mountPoint)) {
+    return ResultCode::inUse;  // by an image that had this name
+  }
+  const LoopDevice loop = attach(image.file.get());
+  if (loop.code != ResultCode::done) {
+    return loop.code;
+  }
+  if (::mount(loop.path.c_str(), mountPoint.c_str(), kFileSystem, MS_NOSUID | MS_NODEV | MS_NOEXEC,
+              nullptr) != 0) {
+    return report("cannot mount", name, errno);
+  }
+  mounted_.emplace(std::move(mountPoint), std::move(image.file));
+  return ResultCode::done;
+}
+
+}  // namespace kel::host

@@ -1,0 +1,86 @@
+// Reads mountinfo and statvfs.
+#include "host/mount_table.hpp"
+
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <ranges>
+#include <sstream>
+
+#include "host/kernel_files.hpp"
+
+namespace kel::host {
+namespace {
+
+// White space and backslashes are written as a backslash and three octal digits.
+std::string unescaped(const std::string& text) {
+  const auto octal = [&](size_t at) { return text[at] >= '0' && text[at] <= '7'; };
+  std::string result;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 3 < text.size() && octal(i + 1) && octal(i + 2) && octal(i + 3)) {
+      result += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+      i += 3;
+    } else {
+      result += text[i];
+    }
+  }
+  return result;
+}
+
+// "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue", with any number
+// of words before the dash.
+std::optional<Mount> parseMount(const std::string& line) {
+  constexpr size_t kDevice = 2;
+  constexpr size_t kMountPoint = 4;
+  constexpr size_t kFirstOptional = 6;
+  const std::vector<std::string> parts = words(line);
+  if (parts.size() <= kFirstOptional) {
+    return std::nullopt;
+  }
+  const auto dash = std::find(parts.begin() + kFirstOptional, parts.end(), "-");
+  if (parts.end() - dash < 3) {
+    return std::nullopt;
+  }
+  return Mount{parseDeviceNumber(parts[kDevice]), unescaped(parts[kMountPoint]), dash[1],
+               unescaped(dash[2])};
+}
+
+}  // namespace
+
+std::vector<Mount> parseMounts(const std::string& text) {
+  std::vector<Mount> mounts;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (auto mount = parseMount(line)) {
+      mounts.push_back(*std::move(mount));
+    }
+  }
+  return mounts;
+}
+
+std::vector<Mount> readMounts(const std::filesystem::path& root) {
+  return parseMounts(readText(root / "proc/self/mountinfo").value_or(""));
+}
+
+std::optional<Mount> findMount(const std::vector<Mount>& mounts, const std::string& mountPoint) {
+  const auto backwards = mounts | std::views::reverse;
+  const auto found = std::ranges::find(backwards, mountPoint, &Mount::mountPoint);
+  if (found != backwards.end()) {
+    return *found;
+  }
+  return mountPoint == "/" ? std::optional(Mount{std::nullopt, "/", "-", "-"}) : std::nullopt;
+}
+
+std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint) {
+  struct statvfs state {};
+  if (statvfs(mountPoint.c_str(), &state) != 0) {
+    return std::nullopt;
+  }
+  const uint64_t used = state.f_blocks - state.f_bfree;
+  const uint64_t usable = used + state.f_bavail;
+  const uint64_t percent = usable == 0 ? 0 : (used * 100 + usable - 1) / usable;
+  return FileSystemUse{state.f_blocks * state.f_frsize, state.f_bavail * state.f_frsize,
+                       static_cast<uint32_t>(percent)};
+}
+
+}  // namespace kel::host

@@ -1,0 +1,156 @@
+// Reads /proc/<pid>.
+#include "host/processes.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <limits>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+
+#include "host/kernel_files.hpp"
+
+namespace kel::host {
+namespace {
+
+using std::filesystem::path;
+
+path folderOf(const path& root, uint32_t process) {
+  return root / "proc" / std::to_string(process);
+}
+
+std::optional<uint32_t> processFrom(const std::string& name) {
+  const auto number = name.starts_with("0x") ? std::nullopt : firstNumber(name);
+  return number && *number <= std::numeric_limits<uint32_t>::max()
+             ? std::optional(static_cast<uint32_t>(*number))
+             : std::nullopt;
+}
+
+std::optional<uint32_t> countEntries(const path& folder) {
+  std::error_code error;
+  uint32_t count = 0;
+  std::filesystem::directory_iterator entry(folder, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    ++count;
+  }
+  return error ? std::nullopt : std::optional(count);
+}
+
+uint32_t& kindOf(const path& link, DescriptorKinds& kinds) {
+  std::error_code error;
+  const std::string target = std::filesystem::read_symlink(link, error);
+  if (target.starts_with("socket:")) {
+    return kinds.sockets;
+  }
+  if (target.starts_with("pipe:")) {
+    return kinds.pipes;
+  }
+  if (target.starts_with("anon_inode:")) {
+    return kinds.anonymous;
+  }
+  struct stat state {};
+  if (error || stat(link.c_str(), &state) != 0) {
+    return kinds.others;
+  }
+  switch (state.st_mode & S_IFMT) {
+    case S_IFREG:
+    case S_IFDIR:
+      return kinds.files;
+    case S_IFCHR:
+    case S_IFBLK:
+      return kinds.devices;
+    case S_IFIFO:
+      return kinds.pipes;
+    case S_IFSOCK:
+      return kinds.sockets;
+    default:
+      return kinds.others;
+  }
+}
+
+DescriptorKinds classify(const path& folder) {
+  DescriptorKinds kinds;
+  for (const std::string& name : namesIn(folder)) {
+    ++kindOf(folder / name, kinds);
+  }
+  return kinds;
+}
+
+std::string commandLineOf(const path& folder) {
+  std::string text = readText(folder / "cmdline").value_or("");
+  text.erase(text.find_last_not_of('\0') + 1);
+  std::ranges::replace(text, '\0', ' ');
+  return text.empty() ? "[" + readText(folder / "comm").value_or("") + "]" : text;
+}
+
+// "Max open files            1024                 4096                 files"
+std::optional<uint32_t> softLimitOf(const path& folder) {
+  constexpr std::string_view kHeading = "Max open files";
+  const std::string text = readText(folder / "limits").value_or("");
+  const size_t at = text.find(kHeading);
+  const auto limit =
+      at == std::string::npos ? std::nullopt : firstNumber(text.substr(at + kHeading.size()));
+  return limit ? std::optional(static_cast<uint32_t>(
+                     std::min<uint64_t>(*limit, std::numeric_limits<uint32_t>::max())))
+               : std::nullopt;
+}
+
+std::optional<uint64_t> bootTime(const path& root) {
+  constexpr std::string_view kHeading = "\nbtime ";
+  const std::string text = readText(root / "proc/stat").value_or("");
+  const size_t at = text.find(kHeading);
+  return at == std::string::npos ? std::nullopt : firstNumber(text.substr(at + kHeading.size()));
+}
+
+// The start is the 22nd word, in ticks since the machine started; the second, a name in
+// parentheses, may hold anything.
+std::optional<uint64_t> startTicks(const path& folder) {
+  constexpr size_t kWordsBehindName = 19;
+  const std::string text = readText(folder / "stat").value_or("");
+  const size_t name = text.rfind(')');
+  if (name == std::string::npos) {
+    return std::nullopt;
+  }
+  const std::vector<std::string> behind = words(text.substr(name + 1));
+  return behind.size() > kWordsBehindName ? firstNumber(behind[kWordsBehindName]) : std::nullopt;
+}
+
+timeval startOf(const path& root, const path& folder) {
+  const auto boot = bootTime(root);
+  const auto ticks = startTicks(folder);
+  if (!boot || !ticks) {
+    return {};
+  }
+  constexpr uint64_t kMicroseconds = 1'000'000;
+  const auto perSecond = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+  return {static_cast<time_t>(*boot + *ticks / perSecond),
+          static_cast<suseconds_t>(*ticks % perSecond * kMicroseconds / perSecond)};
+}
+
+}  // namespace
+
+std::vector<ProcessUse> countDescriptors(const path& root, uint32_t atLeast) {
+  std::vector<ProcessUse> found;
+  for (const std::string& name : namesIn(root / "proc")) {
+    const auto process = processFrom(name);
+    const auto count = process ? countEntries(folderOf(root, *process) / "fd") : std::nullopt;
+    if (count && *count >= atLeast) {
+      found.push_back({*process, *count});
+    }
+  }
+  std::ranges::sort(found, [](const ProcessUse& one, const ProcessUse& other) {
+    return one.descriptors != other.descriptors ? one.descriptors > other.descriptors
+                                                : one.process < other.process;
+  });
+  return found;
+}
+
+ProcessDetails examineProcess(const path& root, uint32_t process) {
+  const path folder = folderOf(root, process);
+  return {commandLineOf(folder), startOf(root, folder), classify(folder / "fd"),
+          softLimitOf(folder)};
+}
+
+}  // namespace kel::host
