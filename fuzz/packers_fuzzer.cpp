@@ -1,0 +1,95 @@
+// Packs any record of any message into any capacity around its size, in both layouts, and reads the
+// result with the naive decoder. An input is a byte that chooses the message, then what the record
+// is made of.
+#include <cstring>
+
+#include "fuzz/checks.hpp"
+#include "fuzz/host_hooks.hpp"
+#include "fuzz/messages.hpp"
+#include "fuzz/naive_decoder.hpp"
+#include "fuzz/records.hpp"
+
+namespace kel::fuzz {
+namespace {
+
+constexpr size_t kLargestPacked = 24 * 512;
+constexpr uint8_t kUntouched = 0xEE;
+
+class Case {
+ public:
+  Case(const Message& message, Entropy& entropy) : message_(message), entropy_(entropy) {
+    fillRecord(*message.shape, entropy, &record_);
+  }
+
+  void run() {
+    host.startCase();
+    checkCompact();
+    if (message_.fixedPack != nullptr) checkFixed();
+    require(host.requests == 0, "a packer allocated");
+  }
+
+ private:
+  void require(bool condition, const char* what) const {
+    if (!condition) fail(message_.name, what);
+  }
+
+  // The buffer ends with the capacity.
+  uint8_t* open(size_t capacity) {
+    static FencedBuffer<kLargestPacked> buffer;
+    bytes_ = buffer.open(capacity);
+    std::memset(bytes_, kUntouched, capacity);
+    return bytes_;
+  }
+
+  void requireUntouched(size_t from, size_t to) const {
+    for (size_t i = from; i < to; ++i) require(bytes_[i] == kUntouched, "writes past its size");
+  }
+
+  void requireDecodes(size_t size) const {
+    RecordRoom decoded;
+    require(naiveDecode(*message_.shape, {bytes_, size}, &decoded).accepted, "does not decode");
+    require(sameRecord(*message_.shape, &record_, &decoded), "decodes to another record");
+  }
+
+  void checkCompact() {
+    const uint32_t size = message_.pack(nullptr, &record_);
+    require(size >= 12, "no size");
+    const auto capacity = static_cast<uint32_t>(entropy_.below(2) == 0 ? size + entropy_.below(9)
+                                                                       : entropy_.below(size + 9));
+    const PackTarget target{open(capacity), &capacity};
+    const uint32_t written = message_.pack(&target, &record_);
+    require(written == (capacity < size ? 0 : size), "the result");
+    requireUntouched(written, capacity);
+    require(host.logLines == (capacity < size ? 1 : 0), "log lines");
+    if (capacity < size) {
+      require(host.logCode == 22 && host.logFunction == "Kel_sys_diag_" + message_.name + "_pack" &&
+                  std::strcmp(host.logFormat, "[KORVA]:Param invalid(%s, %u, %s)") == 0,
+              "the log line");
+    } else {
+      requireDecodes(size);
+    }
+  }
+
+  void checkFixed() {
+    const uint32_t size = message_.fixedSize();
+    require(message_.fixedPack(open(size), &record_) == 0, "the fixed layout's result");
+    requireDecodes(size);
+  }
+
+  const Message& message_;
+  Entropy& entropy_;
+  RecordRoom record_;
+  uint8_t* bytes_ = nullptr;
+};
+
+}  // namespace
+}  // namespace kel::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace kel::fuzz;
+  if (size == 0) return -1;
+  Entropy entropy(size, {data + 1, size - 1});
+  const auto messages = allMessages();
+  Case(messages[data[0] % messages.size()], entropy).run();
+  return 0;
+}

@@ -1,0 +1,111 @@
+// Records of any shape.
+#include "fuzz/records.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace kel::fuzz {
+namespace {
+
+constexpr size_t kLongestText = 300;
+constexpr size_t kMostElements = 24;
+constexpr size_t kLargestElement = 300;
+
+template <class Value>
+Value get(const void* record, size_t at) {
+  Value value;
+  std::memcpy(&value, static_cast<const uint8_t*>(record) + at, sizeof value);
+  return value;
+}
+
+void fillScalar(uint32_t width, Entropy& entropy, uint8_t* member) {
+  const uint8_t choice = entropy.byte();
+  const uint64_t value = choice < 96    ? 0
+                         : choice < 128 ? 1
+                         : choice < 144 ? UINT64_MAX
+                                        : entropy.next();
+  std::memcpy(member, &value, width);
+}
+
+char* makeText(Entropy& entropy) {
+  static char text[kLongestText + 1];
+  const size_t length = entropy.below(8) == 0 ? entropy.below(kLongestText + 1) : entropy.below(8);
+  for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(1 + entropy.byte() % 255);
+  text[length] = '\0';
+  return text;
+}
+
+void fillVector(const Field& field, Entropy& entropy, uint8_t* record) {
+  static std::vector<uint8_t> elements(kMostElements * kLargestElement);
+  const auto count = static_cast<uint32_t>(entropy.below(16) == 0 ? entropy.below(kMostElements + 1)
+                                                                  : entropy.below(4));
+  std::memcpy(record + field.countAt, &count, sizeof count);
+  if (entropy.below(16) == 0) return;  // a count without an array
+  const uint8_t* const first = elements.data();
+  std::memcpy(record + field.at, &first, sizeof first);
+  for (uint32_t i = 0; i < count; ++i) {
+    fillRecord(*field.nested, entropy, elements.data() + i * field.nested->recordSize);
+  }
+}
+
+bool sameField(const Field& field, const void* left, const void* right) {
+  if (field.kind == Kind::scalar || field.kind == Kind::bytes) {
+    return std::memcmp(static_cast<const uint8_t*>(left) + field.at,
+                       static_cast<const uint8_t*>(right) + field.at, field.width) == 0;
+  }
+  if (field.kind == Kind::table) {
+    return sameRecord(*field.nested, static_cast<const uint8_t*>(left) + field.at,
+                      static_cast<const uint8_t*>(right) + field.at);
+  }
+  const auto* const a = get<const char*>(left, field.at);
+  const auto* const b = get<const char*>(right, field.at);
+  if (field.kind == Kind::string) {
+    return a == nullptr || b == nullptr ? a == b : std::strcmp(a, b) == 0;
+  }
+  const uint32_t count = a == nullptr ? 0 : get<uint32_t>(left, field.countAt);
+  if (count != (b == nullptr ? 0 : get<uint32_t>(right, field.countAt))) return false;
+  const size_t size = field.nested->recordSize;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (!sameRecord(*field.nested, a + i * size, b + i * size)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void fillRecord(const Shape& shape, Entropy& entropy, void* record) {
+  auto* const bytes = static_cast<uint8_t*>(record);
+  if (shape.recordSize != 0) std::memset(bytes, 0, shape.recordSize);
+  for (const Field& field : shape.fields) {
+    uint8_t* const member = bytes + field.at;
+    switch (field.kind) {
+      case Kind::scalar:
+        fillScalar(field.width, entropy, member);
+        break;
+      case Kind::bytes:
+        std::memset(member, entropy.byte(), field.width);
+        member[entropy.below(field.width)] = entropy.byte();
+        break;
+      case Kind::table:
+        fillRecord(*field.nested, entropy, member);
+        break;
+      case Kind::string:
+        if (entropy.below(4) != 0) {
+          const char* const text = makeText(entropy);
+          std::memcpy(member, &text, sizeof text);
+        }
+        break;
+      case Kind::vector:
+        fillVector(field, entropy, bytes);
+        break;
+    }
+  }
+}
+
+bool sameRecord(const Shape& shape, const void* left, const void* right) {
+  return std::ranges::all_of(shape.fields,
+                             [&](const Field& field) { return sameField(field, left, right); });
+}
+
+}  // namespace kel::fuzz

@@ -1,0 +1,236 @@
+// Makes inputs for the unpackers' fuzz programs: as raw bytes, and by bending the structure of
+// packed messages. Also writes the seeds.
+#include "fuzz/unpacker_inputs.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "fuzz/naive_decoder.hpp"
+#include "fuzz/records.hpp"
+
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maximumSize);
+
+namespace kel::fuzz {
+namespace {
+
+constexpr Side kSide = KEL_FUZZED_SIDE;
+
+const std::vector<const Message*>& fuzzedMessages() {
+  static const std::vector<const Message*> messages = [] {
+    std::vector<const Message*> found;
+    for (const Message& message : allMessages()) {
+      if (message.receiver == kSide) found.push_back(&message);
+    }
+    return found;
+  }();
+  return messages;
+}
+
+// A valid message, in either form.
+std::vector<uint8_t> makeMessage(const Message& message, Entropy& entropy) {
+  RecordRoom record;
+  fillRecord(*message.shape, entropy, &record);
+  std::vector<uint8_t> bytes;
+  if (message.fixedPack != nullptr && entropy.below(2) == 0) {
+    bytes.resize(message.fixedSize());
+    message.fixedPack(bytes.data(), &record);
+  } else {
+    const uint32_t size = message.pack(nullptr, &record);
+    bytes.resize(size);
+    const PackTarget target{bytes.data(), &size};
+    message.pack(&target, &record);
+  }
+  return bytes;
+}
+
+// Bends one thing about a message that may have been bent before.
+class Bender {
+ public:
+  Bender(uint8_t* bytes, size_t size, size_t capacity, const Shape& shape, Entropy& entropy)
+      : bytes_(bytes), size_(size), capacity_(capacity), entropy_(entropy) {
+    words_.clear();
+    if (size < 4) return;
+    RecordRoom record;
+    naiveDecode(shape, {bytes, size}, &record, &words_);
+  }
+
+  // Returns the new size.
+  size_t bend() {
+    if (words_.empty()) return size_;
+    switch (entropy_.below(8)) {
+      case 0:
+        moveVtable();
+        break;
+      case 1:
+        overlapTargets();
+        break;
+      case 2:
+        swapEntries();
+        break;
+      case 3:
+        moveTarget();
+        break;
+      case 4:
+        resize();
+        break;
+      default:
+        bendWord(words_[entropy_.below(words_.size())]);
+        break;
+    }
+    return size_;
+  }
+
+ private:
+  [[nodiscard]] uint64_t load(uint64_t position, uint32_t width) const {
+    uint64_t value = 0;
+    if (position + width <= size_) std::memcpy(&value, bytes_ + position, width);
+    return value;
+  }
+  void store(uint64_t position, uint32_t width, uint64_t value) {
+    if (position + width <= size_) std::memcpy(bytes_ + position, &value, width);
+  }
+
+  const Word* choose(Role role) {
+    const size_t start = entropy_.below(words_.size());
+    for (size_t i = 0; i < words_.size(); ++i) {
+      const Word& word = words_[(start + i) % words_.size()];
+      if (word.role == role) return &word;
+    }
+    return nullptr;
+  }
+
+  // To the limits of the message, of the word and of what its sums can hold.
+  void bendWord(const Word& word) {
+    const uint64_t current = load(word.position, word.width);
+    const uint64_t near = entropy_.below(9) - 4;
+    const uint64_t values[] = {near,
+                               current + near,
+                               size_ + near,
+                               size_ - word.position + near,
+                               size_ - word.table + near,
+                               0U - word.position + near,
+                               0x80000000 + near,
+                               0x40000000 + near,
+                               size_ / 4 + near,
+                               entropy_.below(size_ + 8),
+                               entropy_.next(),
+                               entropy_.next() & 0xFFFF};
+    store(word.position, word.width, values[entropy_.below(std::size(values))]);
+  }
+
+  // Puts a copy of count bytes behind the message; returns where, or 0 when there is no room.
+  uint64_t appendCopy(uint64_t position, uint64_t count) {
+    if (position + count > size_ || size_ + count > capacity_) return 0;
+    std::memmove(bytes_ + size_, bytes_ + position, count);
+    size_ += count;
+    return size_ - count;
+  }
+
+  void moveVtable() {
+    const Word* const word = choose(Role::displacement);
+    if (word == nullptr) return;
+    const uint64_t vtable = (word->position - load(word->position, 4)) & 0xFFFFFFFF;
+    const uint64_t copy = appendCopy(vtable, load(vtable, 2));
+    if (copy != 0) store(word->position, 4, word->position - copy);
+  }
+
+  void overlapTargets() {
+    const Word* const from = choose(Role::offset);
+    const Word* const to = choose(Role::offset);
+    if (from == nullptr || to == nullptr) return;
+    store(from->position, 4, to->position + load(to->position, 4) - from->position);
+  }
+
+  void swapEntries() {
+    const Word* const one = choose(Role::entry);
+    const Word* const other = choose(Role::entry);
+    if (one == nullptr || other == nullptr) return;
+    const uint64_t value = load(one->position, 2);
+    store(one->position, 2, load(other->position, 2));
+    store(other->position, 2, value);
+  }
+
+  void moveTarget() {
+    const Word* const word = choose(Role::offset);
+    if (word == nullptr) return;
+    const uint64_t target = word->position + load(word->position, 4);
+    const uint64_t copy = appendCopy(target, 4 + load(target, 4));
+    if (copy != 0) store(word->position, 4, copy - word->position);
+  }
+
+  void resize() {
+    if (entropy_.below(2) == 0) {
+      size_ -= entropy_.below(size_ < 16 ? size_ : 16);
+    } else if (size_ + 16 <= capacity_) {
+      std::memset(bytes_ + size_, entropy_.byte(), 16);
+      size_ += 1 + entropy_.below(16);
+    }
+  }
+
+  static std::vector<Word> words_;
+  uint8_t* bytes_;
+  size_t size_;
+  size_t capacity_;
+  Entropy& entropy_;
+};
+std::vector<Word> Bender::words_;
+
+constexpr int kSeedsOfAMessage = 6;
+
+void writeSeeds(const std::string& folder) {
+  Entropy entropy(20261122);
+  for (size_t choice = 0; choice < fuzzedMessages().size(); ++choice) {
+    for (int i = 0; i < kSeedsOfAMessage; ++i) {
+      const Message& message = *fuzzedMessages()[choice];
+      const std::vector<uint8_t> bytes = makeMessage(message, entropy);
+      std::ofstream file(folder + "/" + message.name + "-" + std::to_string(i), std::ios::binary);
+      file.put(static_cast<char>(choice));
+      file.write(reinterpret_cast<const char*>(bytes.data()),
+                 static_cast<std::streamsize>(bytes.size()));
+    }
+  }
+}
+
+}  // namespace
+
+const Message& chosenMessage(uint8_t choice) {
+  return *fuzzedMessages()[choice % 32 % fuzzedMessages().size()];
+}
+
+}  // namespace kel::fuzz
+
+// With --seeds FOLDER the program writes the seeds there and is done.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
+    kel::fuzz::writeSeeds((*argv)[2]);
+    std::exit(0);
+  }
+  return 0;
+}
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maximumSize,
+                                          unsigned seed) {
+  using namespace kel::fuzz;
+  Entropy entropy(seed);
+  const uint64_t kind = entropy.below(16);
+  if (size == 0 || kind == 0) {  // another message
+    const uint8_t choice = entropy.byte();
+    const std::vector<uint8_t> bytes = makeMessage(chosenMessage(choice), entropy);
+    if (1 + bytes.size() > maximumSize) return size;
+    data[0] = choice;
+    std::memcpy(data + 1, bytes.data(), bytes.size());
+    size = 1 + bytes.size();
+  } else if (kind < 5) {
+    return 1 + LLVMFuzzerMutate(data + 1, size - 1, maximumSize - 1);
+  }
+  do {
+    size =
+        1 +
+        Bender(data + 1, size - 1, maximumSize - 1, *chosenMessage(data[0]).shape, entropy).bend();
+  } while (entropy.below(3) == 0);
+  return size;
+}
