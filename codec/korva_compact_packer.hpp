@@ -4,10 +4,12 @@
 
 #include <kel_sys_diag/rpc.h>
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
 
 namespace korva {
@@ -72,53 +74,58 @@ template <class Slot, class Record>
   }
 }
 
+// With every scalar present.
 template <class Record>
-uint64_t variableSize(const Record& record, StringLengths<Record>& lengths);
-template <PlainTable Record>
-uint32_t packTable(PackCursor& cursor, const Record& record);
+inline constexpr uint32_t kFullSize = fixedSize<Record>() + scalars::allBytes<Record>();
 
 // Vector elements, with their entries. Where the count alone decides that the message is too large,
 // no element is looked at.
 template <PlainTable Element>
 uint64_t elementsSize(const Element* elements, uint32_t count) {
-  uint64_t size = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());
-  if (size > kSizeLimit) {
-    return size;
+  const uint64_t least = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());
+  if (least > kSizeLimit) {
+    return least;
   }
-  StringLengths<Element> none;
-  for (uint32_t i = 0; i < count; ++i) {
-    size += variableSize(elements[i], none);
+  uint64_t size = uint64_t{count} * (kOffsetFieldWidth + kFullSize<Element>);
+  for (uint32_t i = 0; i < count;) {
+    scalars::AbsentBytes<Element> absent;
+    const uint32_t end = i + std::min(count - i, absent.kCapacity);
+    for (; i < end; ++i) {
+      absent.add(elements[i]);
+    }
+    size -= absent.sum();
   }
   return size;
 }
 
-// What the values add to fixedSize.
+// What a table takes, with its vector's elements. Fills in the strings' lengths.
 template <class Record>
-[[gnu::always_inline]] inline uint64_t variableSize(const Record& record,
-                                                    StringLengths<Record>& lengths) {
-  uint64_t size = 0;
+[[gnu::always_inline]] inline uint64_t tableSize(const Record& record,
+                                                 StringLengths<Record>& lengths) {
+  scalars::AbsentBytes<Record> absent;
+  absent.add(record);
+  uint64_t size = kFullSize<Record> - absent.sum();
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
-    const auto& field = Slot::get(record);
-    if constexpr (Slot::kind == SlotKind::scalar) {
-      size += field != 0 ? Slot::width : 0;
-    } else if constexpr (Slot::kind == SlotKind::string) {
-      if (field != nullptr) {
-        const uint64_t length = std::strlen(field);
+    if constexpr (Slot::kind == SlotKind::string) {
+      if (const char* const text = Slot::get(record); text != nullptr) {
+        const uint64_t length = std::strlen(text);
         lengths[stringIndex<Record, Index>()] = length;
         size += kOffsetFieldWidth + kCountWidth + length + 1;
       }
     } else if constexpr (Slot::kind == SlotKind::table) {
       static_assert(PlainTable<typename Slot::Type>);
-      StringLengths<typename Slot::Type> none;
-      size += variableSize(field, none);
     } else if constexpr (Slot::kind == SlotKind::vector) {
       if (hasElements<Slot>(record)) {
-        size += kOffsetFieldWidth + kCountWidth + elementsSize(field, Slot::count(record));
+        size +=
+            kOffsetFieldWidth + kCountWidth + elementsSize(Slot::get(record), Slot::count(record));
       }
     }
   });
   return size;
 }
+
+template <PlainTable Record>
+uint32_t packTable(PackCursor& cursor, const Record& record);
 
 // A table being written. The order of its parts is the wire's: scalars, offset fields, strings and
 // byte arrays, vector header; its nested tables and elements follow behind it.
@@ -149,19 +156,58 @@ class TableWriter {
   }
 
  private:
+  // A window's scalars are moved together in one vector, which is stored whole where more than a
+  // vector follows in the table and overwrites what is too much. Where nothing may follow, the last
+  // present scalar ends exactly at the table's end, and what lies before the first one is the
+  // vtable and the displacement, which are written later.
   [[gnu::always_inline]] void writeScalars() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
-      if constexpr (Slot::kind == SlotKind::scalar) {
-        const auto value = Slot::get(record_);
-        if (value != 0) {
-          store(at_, value);
-          setEntry<Index>(at_);
-          at_ += Slot::width;
-        } else {
-          clearEntry<Index>();
-        }
-      }
-    });
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) { writeWindow<Index>(); });
+  }
+
+  template <uint32_t Index>
+  [[gnu::always_inline]] void writeWindow() {
+    using scalars::Depth;
+    using scalars::Side;
+    constexpr scalars::Window kWindow = scalars::kWindows<Record, Depth::ownTable>.items[Index];
+    constexpr scalars::Pattern kPattern = scalars::patternOf<Record, Index>();
+    constexpr Side kSide = kFollowing >= kVectorWidth ? Side::front : Side::end;
+    constexpr auto& kRows = scalars::kRows<kPattern, kSide>;
+    const ByteVector window = scalars::loadWindow<Record, Depth::ownTable, Index>(record_);
+    const uint32_t row = scalars::rowOf<Record, Index>(window);
+    const ByteVector together =
+        permute(window, loadVector<kVectorWidth>(kRows.indices[row].data()));
+    const auto begin = static_cast<uint64_t>(at_ - table_);
+    if constexpr (kSide == Side::front) {
+      storeVector(at_, together);
+      at_ += kRows.size[row];
+    } else {
+      static_assert(scalars::kWindows<Record, Depth::ownTable>.count == 1 &&
+                        scalars::totalWidth(kPattern) <= kVtableLength<Record> + kDisplacementWidth,
+                    "a table of scalars alone must fit one vector");
+      at_ += kRows.size[row];
+      storeVectorTail<scalars::totalWidth(kPattern)>(at_, together);
+    }
+    constexpr uint32_t kSlot = scalars::kScalars<Record, Depth::ownTable>.items[kWindow.first].slot;
+    writeEntries<kSlot, kWindow.count>(kRows.entries[row], kRows.presence[row], begin);
+  }
+
+  // Four entries at a time. The fourth of a word that holds three is the next slot's, or lies in
+  // the displacement; either is written later.
+  template <uint32_t Slot, uint32_t Count, class Words>
+  [[gnu::always_inline]] void writeEntries(const Words& entries, const Words& presence,
+                                           uint64_t begin) {
+    uint8_t* const to = vtable_ + vtableEntry(Slot);
+    constexpr uint32_t kWhole = Count / scalars::kLanes + (Count % scalars::kLanes == 3 ? 1 : 0);
+    for (uint32_t word = 0; word < kWhole; ++word) {
+      store(to + word * sizeof(uint64_t), entries[word] + begin * presence[word]);
+    }
+    constexpr uint32_t kRest = Count % scalars::kLanes == 3 ? 0 : Count % scalars::kLanes;
+    if constexpr (kRest != 0) {
+      using Rest = std::conditional_t<kRest == 1, uint16_t, uint32_t>;
+      store(to + kWhole * sizeof(uint64_t),
+            static_cast<Rest>(entries[kWhole] + begin * presence[kWhole]));
+    }
   }
 
   [[gnu::always_inline]] void reserveOffsetFields() {
@@ -260,6 +306,10 @@ class TableWriter {
     store(offsetField, target - cursor_.positionOf(offsetField));
   }
 
+  // Bytes that always follow the scalars.
+  static constexpr uint32_t kFollowing =
+      fixedSize<Record>() - kVtableLength<Record> - kDisplacementWidth;
+
   PackCursor& cursor_;
   const Record& record_;
   uint8_t* const vtable_;
@@ -281,8 +331,7 @@ uint32_t packTable(PackCursor& cursor, const Record& record) {
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record,
                                                    StringLengths<Record>& lengths) {
-  const uint64_t size =
-      kRootOffsetWidth + compact::fixedSize<Record>() + compact::variableSize(record, lengths);
+  const uint64_t size = kRootOffsetWidth + compact::tableSize(record, lengths);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 

@@ -1,0 +1,84 @@
+// Sixteen bytes at a time, in the compilers' own vector types; the one operation that those lack
+// has its two instructions here. For the codecs.
+#pragma once
+
+#if defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+namespace korva {
+
+inline constexpr uint32_t kVectorWidth = 16;
+
+template <class Lane>
+using Vector [[gnu::vector_size(kVectorWidth)]] = Lane;
+using ByteVector = Vector<uint8_t>;
+
+// Takes each byte from the position that its index names; an index of 0x80 takes 0.
+[[gnu::always_inline]] inline ByteVector permute(ByteVector bytes, ByteVector indices) {
+#if defined(__aarch64__)
+  return std::bit_cast<ByteVector>(
+      vqtbl1q_u8(std::bit_cast<uint8x16_t>(bytes), std::bit_cast<uint8x16_t>(indices)));
+#else
+  using Signed = Vector<char>;
+  return std::bit_cast<ByteVector>(
+      __builtin_ia32_pshufb128(std::bit_cast<Signed>(bytes), std::bit_cast<Signed>(indices)));
+#endif
+}
+
+// Loads Size bytes, and nothing behind them; the rest is 0.
+template <uint32_t Size>
+[[gnu::always_inline]] inline ByteVector loadVector(const uint8_t* at) {
+  static_assert(Size <= kVectorWidth);
+  if constexpr (Size == kVectorWidth) {
+    ByteVector vector;
+    std::memcpy(&vector, at, Size);
+    return vector;
+  } else {
+    constexpr uint32_t kLow = Size < sizeof(uint64_t) ? Size : sizeof(uint64_t);
+    Vector<uint64_t> words{};
+    uint64_t word = 0;
+    std::memcpy(&word, at, kLow);
+    words[0] = word;
+    if constexpr (Size > kLow) {
+      word = 0;
+      std::memcpy(&word, at + kLow, Size - kLow);
+      words[1] = word;
+    }
+    return std::bit_cast<ByteVector>(words);
+  }
+}
+
+[[gnu::always_inline]] inline void storeVector(uint8_t* at, ByteVector vector) {
+  std::memcpy(at, &vector, kVectorWidth);
+}
+
+// Stores the last Size bytes of a vector so that they end at end, and nothing before them.
+template <uint32_t Size>
+[[gnu::always_inline]] inline void storeVectorTail(uint8_t* end, ByteVector vector) {
+  static_assert(Size <= kVectorWidth);
+  const auto words = std::bit_cast<Vector<uint64_t>>(vector);
+  constexpr uint32_t kHigh = Size < sizeof(uint64_t) ? Size : sizeof(uint64_t);
+  const uint64_t high = words[1];
+  std::memcpy(end - kHigh, reinterpret_cast<const uint8_t*>(&high) + sizeof high - kHigh, kHigh);
+  if constexpr (Size > kHigh) {
+    const uint64_t low = words[0];
+    std::memcpy(end - Size, reinterpret_cast<const uint8_t*>(&low) + kVectorWidth - Size,
+                Size - kHigh);
+  }
+}
+
+// The sum of all sixteen bytes.
+[[gnu::always_inline]] inline uint32_t sumOfBytes(ByteVector bytes) {
+  const auto words = std::bit_cast<Vector<uint64_t>>(bytes);
+  constexpr uint64_t kEven = 0x00FF00FF00FF00FF;
+  const uint64_t pairs = (words[0] & kEven) + ((words[0] >> 8) & kEven) + (words[1] & kEven) +
+                         ((words[1] >> 8) & kEven);
+  return static_cast<uint32_t>((pairs * 0x0001000100010001) >> 48);
+}
+
+}  // namespace korva
