@@ -22,6 +22,7 @@
 #include "host/os_allocator.hpp"
 #include "host/record_text.hpp"
 #include "host/rpc_framework.hpp"
+#include "host/serve_diagnostics.hpp"
 
 namespace {
 
@@ -228,6 +229,17 @@ void run(const Options& options) {
   checkMemory();
 }
 
+const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
+  CLI::App* const command =
+      app.add_subcommand("serve", "serve KelSysdiagQarne until SIGTERM or SIGINT");
+  command->fallthrough();
+  command->add_option("--listen", options.listen, "gRPC target to listen on")
+      ->capture_default_str();
+  command->add_option("--images", options.imageFolder,
+                      "folder of disk images that may be formatted and mounted");
+  return command;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -240,9 +252,19 @@ int main(int argc, char** argv) {
   app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
       ->capture_default_str();
   app.add_flag("--compact", options.compact, "send no request in its fixed layout");
+  ServeOptions serving;
+  serving.listen = kDefaultQarneTarget;
+  const CLI::App* const serve = addServeCommand(app, serving);
   CLI11_PARSE(app, argc, argv);
   try {
-    run(options);
+    if (serve->parsed()) {
+      serving.library = options.library;
+      serving.master = options.target;
+      serving.compact = options.compact;
+      serveDiagnostics(serving);
+    } else {
+      run(options);
+    }
     return 0;
   } catch (const std::exception& error) {
     std::fflush(stdout);

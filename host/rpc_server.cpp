@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "host/hand_over.hpp"
+#include "host/worker_pool.hpp"
 
 namespace kel::host {
 namespace {
@@ -51,11 +52,12 @@ Answer answerTo(const RequestHandler& handler, const std::string& path,
   }
 }
 
-// One call: a request in, an answer out. Deletes itself when gRPC is done with it.
+// One call: a request in, an answer by one of the workers out. Deletes itself when gRPC is done
+// with it.
 class CallReactor final : public grpc::ServerGenericBidiReactor {
  public:
-  CallReactor(const RequestHandler& handler, std::string path)
-      : handler_(handler), path_(std::move(path)) {
+  CallReactor(const RequestHandler& handler, WorkerPool& workers, std::string path)
+      : handler_(handler), workers_(workers), path_(std::move(path)) {
     handOver();
     StartRead(&request_);
   }
@@ -66,8 +68,19 @@ class CallReactor final : public grpc::ServerGenericBidiReactor {
       Finish({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
       return;
     }
+    workers_.give([this] { reply(); });
+  }
+
+  void OnDone() override {
+    handOver();
+    delete this;
+  }
+
+ private:
+  void reply() {
     const Answer answer = answerTo(handler_, path_, request_);
     if (answer.status != AnswerStatus::ok) {
+      handOver();
       Finish({statusCode(answer.status), answer.detail});
       return;
     }
@@ -77,13 +90,8 @@ class CallReactor final : public grpc::ServerGenericBidiReactor {
     StartWriteAndFinish(&reply_, grpc::WriteOptions(), grpc::Status::OK);
   }
 
-  void OnDone() override {
-    handOver();
-    delete this;
-  }
-
- private:
   const RequestHandler& handler_;
+  WorkerPool& workers_;
   const std::string path_;
   grpc::ByteBuffer request_;
   grpc::ByteBuffer reply_;
@@ -140,7 +148,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
 
   grpc::ServerGenericBidiReactor* CreateReactor(
       grpc::GenericCallbackServerContext* context) override {
-    return new CallReactor(handler_, context->method());
+    return new CallReactor(handler_, workers_, context->method());
   }
 
   void stop(std::chrono::milliseconds grace) {
@@ -149,8 +157,11 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   }
 
  private:
+  static constexpr size_t kWorkers = 16;
+
   const RequestHandler handler_;
-  std::unique_ptr<grpc::Server> server_;
+  WorkerPool workers_{kWorkers};
+  std::unique_ptr<grpc::Server> server_;  // ends before the workers that it needs
 };
 
 RpcServer::RpcServer(const std::string& target, RequestHandler handler)

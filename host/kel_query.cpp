@@ -1,0 +1,182 @@
+// kel_query: asks a host that serves KelSysdiagQarne everything, and shows it to a person; or tells
+// the story of an overload. Ends with 0 only if every call was answered.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include "host/default_target.hpp"
+#include "host/field_text.hpp"
+#include "host/qarne_client.hpp"
+#include "host/qarne_text.hpp"
+#include "host/result_code.hpp"
+
+namespace {
+
+using namespace kel::host;
+
+struct Options {
+  std::string target = kDefaultQarneTarget;
+  std::string mountPoint = "/";
+  std::string image;
+  uint32_t threshold = 80;
+  uint32_t rows = 12;
+  uint32_t deadlineMs = 0;
+};
+
+// The reply, or the reason in an exception.
+template <class Method>
+Reply<typename Method::Output> ask(const QarneClient& client, const Method& method,
+                                   const typename Method::Input& input) {
+  Reply<typename Method::Output> reply = client.call(method, input);
+  if (reply.result() != kOk) {
+    throw std::runtime_error(fmt::format("{}: {}", method.name, describe(reply.result())));
+  }
+  return reply;
+}
+
+template <class Record>
+Record named(const std::string& name) {
+  Record record{};
+  if (name.size() > sizeof(record.bytes50)) {
+    throw std::runtime_error(fmt::format("{} is longer than a request can carry", shown(name)));
+  }
+  putText(record.bytes50, name);
+  return record;
+}
+
+template <class Method>
+void heading(const Method& method, const std::string& what) {
+  fmt::print("\n{}: {}\n", method.name, what);
+}
+
+Reply<OperResult> setThreshold(const QarneClient& client, const std::string& mountPoint,
+                               uint32_t percent) {
+  auto threshold = named<SysOvLoadDiskThreshold>(mountPoint);
+  threshold.value1 = percent;
+  return ask(client, kSysOvLoadDiskThresholdSet, threshold);
+}
+
+void showDisks(const QarneClient& client, const Options& options) {
+  heading(kBrdPartInfoQuery, "disks and partitions");
+  fmt::print("{}", tell(*ask(client, kBrdPartInfoQuery, {}), options.rows));
+  heading(kSysOvLoadDiskThresholdSet,
+          fmt::format("{} % for {}", options.threshold, shown(options.mountPoint)));
+  fmt::print("{}", tell(*setThreshold(client, options.mountPoint, options.threshold)));
+  heading(kGetSysDiskUseInfo, shown(options.mountPoint));
+  fmt::print("{}",
+             tell(*ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(options.mountPoint))));
+  heading(kQueryStorageEraseInfo, "all devices");
+  fmt::print("{}", tell(*ask(client, kQueryStorageEraseInfo, {}), options.rows));
+  heading(kQueryStorageBadBlockInfo, "all devices");
+  fmt::print("{}", tell(*ask(client, kQueryStorageBadBlockInfo, {}), options.rows));
+}
+
+void showProcesses(const QarneClient& client, const Options& options) {
+  constexpr uint32_t kAtLeast = 1;
+  constexpr uint32_t kAtMost = 1000;
+  heading(kFdProcInfoQuery, "processes by open descriptors");
+  fmt::print("{}", tell(*ask(client, kFdProcInfoQuery, {kAtLeast, kAtMost}), options.rows));
+}
+
+void useImage(const QarneClient& client, const Options& options) {
+  if (options.image.empty()) {
+    fmt::print("\n{} and {} were not asked: name an image of the host's folder with --image\n",
+               kResetDiskMakeFS.name, kMountDisk.name);
+    return;
+  }
+  heading(kResetDiskMakeFS, shown(options.image));
+  fmt::print("{}", tell(*ask(client, kResetDiskMakeFS, named<ResetDiskCondition>(options.image))));
+  heading(kMountDisk, shown(options.image));
+  fmt::print("{}", tell(*ask(client, kMountDisk, named<MountDiskInput>(options.image))));
+}
+
+void askEverything(const QarneClient& client, const Options& options) {
+  useImage(client, options);  // first, so that the disks show it
+  showDisks(client, options);
+  showProcesses(client, options);
+}
+
+// Every mount point that the host's disks have, and the root, which may be none of them.
+std::set<std::string> mountPoints(const QarneClient& client) {
+  std::set<std::string> found = {"/"};
+  const Reply<BrdPartInfo> disks = ask(client, kBrdPartInfoQuery, {});
+  for (uint32_t i = 0; i < disks->entryCount; ++i) {
+    found.insert(rawTextOf(disks->entries[i].bytes64));
+  }
+  std::erase_if(found, [](const std::string& mountPoint) {
+    return mountPoint.empty() || mountPoint.size() > sizeof(SysDiskUseInput::bytes50);
+  });
+  return found;
+}
+
+std::string fullest(const QarneClient& client) {
+  std::string result = "/";
+  uint32_t most = 0;
+  for (const std::string& mountPoint : mountPoints(client)) {
+    const auto use = ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
+    fmt::print("{}", tell(*use));
+    if (use->value3 > most) {
+      most = use->value3;
+      result = mountPoint;
+    }
+  }
+  return result;
+}
+
+// The host compares what it reports with the threshold that was set, and tells its master.
+void tellOverload(const QarneClient& client) {
+  fmt::print("How full are this host's disks?\n");
+  const std::string mountPoint = fullest(client);
+  const auto use = named<SysDiskUseInput>(mountPoint);
+  const uint32_t threshold = std::max(ask(client, kGetSysDiskUseInfo, use)->value3, 1U);
+  fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n",
+             shown(mountPoint), threshold);
+  fmt::print("{}", tell(*setThreshold(client, mountPoint, threshold)));
+  const auto report = ask(client, kGetSysDiskUseInfo, use);
+  fmt::print("\nSo the next report has the host raise an alarm at its master:\n{}", tell(*report));
+  fmt::print("\nThe threshold goes again:\n{}", tell(*setThreshold(client, mountPoint, 0)));
+  if (report->value5 == 0 || report->value3 < report->value5) {
+    throw std::runtime_error("the threshold was not reached");
+  }
+}
+
+int run(int argc, char** argv) {
+  Options options;
+  CLI::App app("Asks a host that serves KelSysdiagQarne about its machine.");
+  app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
+  app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
+      ->capture_default_str();
+  app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
+  app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
+      ->capture_default_str();
+  app.add_option("--threshold", options.threshold, "per cent, to be set there; 0 removes it")
+      ->capture_default_str();
+  app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted");
+  const CLI::App* const overload =
+      app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
+  CLI11_PARSE(app, argc, argv);
+  const QarneClient client(options.target, options.deadlineMs);
+  if (overload->parsed()) {
+    tellOverload(client);
+  } else {
+    askEverything(client, options);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "kel_query: %s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,81 @@
+// Puts the serving host together: library, methods, server, alarms.
+#include "host/serve_diagnostics.hpp"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+
+#include "host/client_library.hpp"
+#include "host/diagnostics.hpp"
+#include "host/field_text.hpp"
+#include "host/module_table.hpp"
+#include "host/os_allocator.hpp"
+#include "host/overload_alarms.hpp"
+#include "host/qarne_methods.hpp"
+#include "host/rpc_framework.hpp"
+#include "host/rpc_server.hpp"
+#include "host/service_framework.hpp"
+#include "host/stop_signals.hpp"
+
+namespace kel::host {
+namespace {
+
+constexpr std::chrono::seconds kGrace(2);
+constexpr char kService[] = "KelSysdiagQarne";
+
+void print(const std::string& line) {
+  fmt::print("{}\n", line);
+  std::fflush(stdout);
+}
+
+// Whom the library's functions ask, for the time of a scope.
+class Answering {
+ public:
+  explicit Answering(Diagnostics& diagnostics) { setDiagnostics(&diagnostics); }
+  ~Answering() { setDiagnostics(nullptr); }
+  Answering(const Answering&) = delete;
+  Answering& operator=(const Answering&) = delete;
+};
+
+void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
+  const ClientLibrary library = loadClientLibrary(options.library);
+  if (options.master.size() >= sizeof(library.address->endpoint)) {
+    throw std::runtime_error("the master's target is too long for the server address record");
+  }
+  putText(library.address->endpoint, options.master);
+  setCompactAlways(options.compact);
+  const ServedService service(loadModule(options.library, kService), kService,
+                              options.compact ? ServedService::ReplyForm::compact
+                                              : ServedService::ReplyForm::fixedWherePossible);
+  OverloadAlarms alarms(library, print);
+  Diagnostics diagnostics(
+      {.imageFolder = options.imageFolder,
+       .onOverload = [&](const Overload& overload) { alarms.raise(overload); }});
+  const Answering answering(diagnostics);
+  RpcServer server(options.listen, [&](const std::string& path, std::span<const uint8_t> request) {
+    return service.handle(path, request);
+  });
+  print(fmt::format("{} listens on {}", kService, options.listen));
+  print(options.imageFolder.empty()
+            ? "no folder of disk images: nothing will be formatted or mounted"
+            : fmt::format("formats and mounts the disk images of {}", options.imageFolder));
+  stop.wait();
+  server.stop(kGrace);
+}
+
+}  // namespace
+
+void serveDiagnostics(const ServeOptions& options) {
+  const StopSignals stop;
+  serveUntilStopped(options, stop);
+  const AllocatorUse use = allocatorUse();
+  print(fmt::format("{} stops; {} blocks were served, {} are outstanding", kService, use.served,
+                    use.outstanding));
+  if (use.outstanding != 0) {
+    throw std::runtime_error("blocks of the codecs or the replies did not come back");
+  }
+}
+
+}  // namespace kel::host

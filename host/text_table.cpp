@@ -1,0 +1,48 @@
+// Lays out tables.
+#include "host/text_table.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <span>
+
+namespace kel::host {
+namespace {
+
+std::string lineOf(const std::vector<Column>& columns, const std::vector<size_t>& widths,
+                   const Row& row) {
+  std::string line;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    line += columns[i].number ? fmt::format("  {:>{}}", row[i], widths[i])
+                              : fmt::format("  {:<{}}", row[i], widths[i]);
+  }
+  line.erase(line.find_last_not_of(' ') + 1);
+  return line + "\n";
+}
+
+}  // namespace
+
+std::string tableText(const std::vector<Column>& columns, const std::vector<Row>& rows,
+                      size_t limit) {
+  const std::span<const Row> shownRows(rows.data(), std::min(rows.size(), limit));
+  Row headings;
+  std::vector<size_t> widths;
+  for (size_t i = 0; i < columns.size(); ++i) {
+    headings.push_back(columns[i].heading);
+    size_t width = columns[i].heading.size();
+    for (const Row& row : shownRows) {
+      width = std::max(width, row[i].size());
+    }
+    widths.push_back(width);
+  }
+  std::string text = lineOf(columns, widths, headings);
+  for (const Row& row : shownRows) {
+    text += lineOf(columns, widths, row);
+  }
+  if (rows.size() > shownRows.size()) {
+    text += fmt::format("  and {} more\n", rows.size() - shownRows.size());
+  }
+  return text;
+}
+
+}  // namespace kel::host
