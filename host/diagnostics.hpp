@@ -29,9 +29,9 @@ class Diagnostics {
   using OverloadObserver = std::function<void(const Overload&)>;
 
   struct Settings {
-    std::filesystem::path root = "/";   // of the machine to be examined
-    std::filesystem::path imageFolder;  // empty: format and mount nothing
-    OverloadObserver onOverload;        // may be empty
+    std::filesystem::path root = "/";        // of the machine to be examined
+    std::filesystem::path imageFolder = {};  // empty: format and mount nothing
+    OverloadObserver onOverload = {};        // may be empty
   };
 
   // Throws std::runtime_error with a sentence when the image folder cannot be opened.

@@ -133,13 +133,16 @@ void tellOverload(const QarneClient& client) {
   fmt::print("How full are this host's disks?\n");
   const std::string mountPoint = fullest(client);
   const auto use = named<SysDiskUseInput>(mountPoint);
-  const uint32_t threshold = std::max(ask(client, kGetSysDiskUseInfo, use)->value3, 1U);
+  const auto before = ask(client, kGetSysDiskUseInfo, use);
+  const uint32_t threshold = std::max(before->value3, 1U);
   fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n",
              shown(mountPoint), threshold);
   fmt::print("{}", tell(*setThreshold(client, mountPoint, threshold)));
   const auto report = ask(client, kGetSysDiskUseInfo, use);
   fmt::print("\nSo the next report has the host raise an alarm at its master:\n{}", tell(*report));
-  fmt::print("\nThe threshold goes again:\n{}", tell(*setThreshold(client, mountPoint, 0)));
+  fmt::print("\nThe threshold becomes what it was, {}:\n{}",
+             before->value5 == 0 ? "none" : fmt::format("{} %", before->value5),
+             tell(*setThreshold(client, mountPoint, before->value5)));
   if (report->value5 == 0 || report->value3 < report->value5) {
     throw std::runtime_error("the threshold was not reached");
   }

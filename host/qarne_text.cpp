@@ -81,9 +81,10 @@ std::string tell(const BrdPartInfo& reply, size_t limit) {
 
 std::string tell(const FdProcInfoOutput& reply, size_t limit) {
   constexpr size_t kLongestCommand = 40;
-  const std::vector<Column> columns = {
-      {"process", true}, {"open", true},    {"files", true}, {"sockets", true}, {"pipes", true},
-      {"anon", true},    {"devices", true}, {"limit"},       {"started"},       {"command"}};
+  const std::vector<Column> columns = {{"process", true}, {"open", true},   {"files", true},
+                                       {"sockets", true}, {"pipes", true},  {"anon", true},
+                                       {"devices", true}, {"others", true}, {"limit"},
+                                       {"started"},       {"command"}};
   return listText(reply, columns, limit, "no processes", [](const FdProcEntry& entry) {
     const DiagSubRecord& kinds = entry.sub3;
     return Row{std::to_string(entry.value1),  std::to_string(entry.value2),

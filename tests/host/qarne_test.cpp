@@ -2,8 +2,10 @@
 // wrappers, to the host's methods on live and made-up machines, and back.
 #include <fmt/format.h>
 #include <kel_sys_diag/service.h>
+#include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
+#include <barrier>
 #include <fstream>
 #include <thread>
 
@@ -12,6 +14,7 @@
 #include "host/os_allocator.hpp"
 #include "host/qarne_client.hpp"
 #include "host/qarne_methods.hpp"
+#include "host/qarne_text.hpp"
 #include "host/rpc_server.hpp"
 #include "host/service_framework.hpp"
 #include "tests/host/host_fixture.hpp"
@@ -20,16 +23,40 @@
 namespace kel::host::test {
 namespace {
 
+using Form = ServedService::ReplyForm;
+
+constexpr size_t kAllRows = 1000;
+
+template <class Record>
+Record named(std::string_view text) {
+  Record record{};
+  putText(record.bytes50, text);
+  return record;
+}
+
+SysOvLoadDiskThreshold threshold(std::string_view mountPoint, uint32_t percent) {
+  auto record = named<SysOvLoadDiskThreshold>(mountPoint);
+  record.value1 = percent;
+  return record;
+}
+
+StorageBadBlockInfoInput badBlocksOf(std::string_view device) {
+  StorageBadBlockInfoInput record{};
+  putText(record.bytes32, device);
+  return record;
+}
+
 class Qarne : public HostFixture {
  protected:
+  Qarne() : machine_(folder / "machine") {}
   ~Qarne() override {
+    server_.reset();
     setDiagnostics(nullptr);
     EXPECT_EQ(allocatorUse().outstanding, 0U);
   }
 
   // Serves from now on.
-  void serve(Diagnostics::Settings settings,
-             ServedService::ReplyForm form = ServedService::ReplyForm::fixedWherePossible) {
+  QarneClient serve(Diagnostics::Settings settings, Form form = Form::fixedWherePossible) {
     server_.reset();
     diagnostics_ = std::make_unique<Diagnostics>(std::move(settings));
     setDiagnostics(diagnostics_.get());
@@ -39,9 +66,10 @@ class Qarne : public HostFixture {
         target, [this](const std::string& path, std::span<const uint8_t> request) {
           return service_->handle(path, request);
         });
+    return QarneClient(target, 60'000);
   }
 
-  QarneClient client() { return QarneClient(target, 20'000); }
+  MadeUpMachine machine_;
 
  private:
   std::unique_ptr<Diagnostics> diagnostics_;
@@ -50,19 +78,405 @@ class Qarne : public HostFixture {
 };
 
 TEST_F(Qarne, FailsWhileNobodyAnswers) {
-  serve({});
+  const QarneClient client = serve({});
   setDiagnostics(nullptr);
-  EXPECT_EQ(outcome(client().call(kBrdPartInfoQuery, {}).result()), outcome(kGrpcStatus + 13));
+  EXPECT_EQ(outcome(client.call(kBrdPartInfoQuery, {}).result()), outcome(kGrpcStatus + 13));
 }
 
+// The methods against what this process can see by itself.
 TEST_F(Qarne, SeesThisMachine) {
-  serve({});
-  const auto disks = client().call(kBrdPartInfoQuery, {});
-  EXPECT_EQ(outcome(disks.result()), outcome(kOk));
-  const auto processes = client().call(kFdProcInfoQuery, {1, 5});
-  EXPECT_EQ(outcome(processes.result()), outcome(kOk));
-  ASSERT_GT(processes->entryCount, 0U);
-  EXPECT_LE(processes->entryCount, 5U);
+  const QarneClient client = serve({});
+  const auto use = client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>("/"));
+  ASSERT_EQ(outcome(use.result()), outcome(kOk));
+  EXPECT_EQ(ResultCode{use->value4}, ResultCode::done);
+  EXPECT_EQ(use->value1, std::filesystem::space("/").capacity);
+  EXPECT_LE(use->value3, 100U);
+
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  std::vector<std::ifstream> files;
+  for (int i = 0; i < 100; ++i) {
+    files.emplace_back(self);
+  }
+  const auto processes = client.call(kFdProcInfoQuery, {100, 4000});
+  ASSERT_EQ(outcome(processes.result()), outcome(kOk));
+  const std::span entries(processes->entries, processes->entryCount);
+  const auto found =
+      std::ranges::find(entries, static_cast<uint32_t>(getpid()), &FdProcEntry::value1);
+  ASSERT_NE(found, entries.end());
+  EXPECT_GE(found->sub3.value16, 100U);
+  EXPECT_GE(found->value2, found->sub3.value16 + found->sub3.byte1);
+  EXPECT_GE(found->sub3.byte1, 2U) << "a server, a client and their connection";
+  EXPECT_NE(textOf(found->bytes256).find("qarne_test"), std::string::npos);
+  EXPECT_EQ(found->sub1.value16, found->sub2.value16) << "started this year, as it was counted";
+  for (const FdProcEntry& entry : entries) {
+    EXPECT_GE(entry.value2, 100U);
+  }
+
+  const auto disks = client.call(kBrdPartInfoQuery, {});
+  ASSERT_EQ(outcome(disks.result()), outcome(kOk));
+  for (uint32_t i = 0; i < disks->entryCount; ++i) {
+    EXPECT_NE(disks->entries[i].value1, 0U);
+  }
+  EXPECT_EQ(outcome(client.call(kQueryStorageEraseInfo, {}).result()), outcome(kOk));
+  EXPECT_EQ(outcome(client.call(kQueryStorageBadBlockInfo, {}).result()), outcome(kOk));
+  const std::string refused = "  the host may not: it was given no folder of disk images\n";
+  EXPECT_EQ(tell(*client.call(kResetDiskMakeFS, named<ResetDiskCondition>("x"))), refused);
+  EXPECT_EQ(tell(*client.call(kMountDisk, named<MountDiskInput>("x"))), refused);
+}
+
+TEST_F(Qarne, HasNothingToTellOfAnEmptyMachine) {
+  const QarneClient client = serve({.root = machine_.root});
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(client.call(kBrdPartInfoQuery, {})->entryCount, 0U);
+    EXPECT_EQ(client.call(kFdProcInfoQuery, {})->entryCount, 0U);
+    EXPECT_EQ(client.call(kQueryStorageEraseInfo, {})->entryCount, 0U);
+    EXPECT_EQ(client.call(kQueryStorageBadBlockInfo, {})->entryCount, 0U);
+  }
+}
+
+TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
+  // A disk with two partitions, numbered out of their names' order, and one mounted.
+  machine_.put("sys/block/sda/dev", "8:0");
+  machine_.put("sys/block/sda/size", "2048");
+  machine_.put("sys/block/sda/queue/logical_block_size", "4096");
+  machine_.put("sys/block/sda/device/model", "A disk of\x1b[2J the kind   ");
+  machine_.put("sys/block/sda/removable", "1");
+  for (const auto& [name, number] : {std::pair{"sda10", 10}, std::pair{"sda2", 2}}) {
+    const std::string partition = fmt::format("sys/block/sda/{}/", name);
+    machine_.put(partition + "dev", fmt::format("8:{}", number));
+    machine_.put(partition + "size", "1024");
+    machine_.put(partition + "start", "64");
+    machine_.put(partition + "partition", std::to_string(number));
+  }
+  machine_.mount("8:2", "/srv/data", "/dev/disk/by-label/data");
+  machine_.put("sys/block/loop0/size", "0");
+  // Worn memory of every kind.
+  const auto card = [&](const std::string& name, const std::string& device,
+                        const std::string& lifeTime) {
+    machine_.put(fmt::format("sys/block/{}/dev", name), device);
+    machine_.put(fmt::format("sys/block/{}/device/life_time", name), lifeTime);
+  };
+  card("mmcblk0", "179:0", "0x01 0x02");
+  card("mmcblk1", "179:256", "0x0b 0x01");
+  card("mmcblk2", "179:512", "0x00 0x00");
+  card("mmcblk3", "179:768", "0x0c nonsense");
+  machine_.put("sys/devices/ufs/health_descriptor/life_time_estimation_a", "0x0a");
+  machine_.put("sys/devices/ufs/health_descriptor/life_time_estimation_b", "0x00");
+  machine_.put("sys/devices/ufs/host0/block/sdb/dev", "8:16");
+  std::filesystem::create_directory_symlink("../devices/ufs/host0/block/sdb",
+                                            machine_.root / "sys/block/sdb");
+  // Bad blocks of every kind, and of a sound device.
+  machine_.put("sys/class/mtd/mtd0/bad_blocks", "3");
+  machine_.put("sys/class/mtd/mtd0ro/size", "4096");
+  machine_.put("sys/block/pmem0/badblocks", "8 2\n100 30");
+  machine_.put("sys/block/pmem1/badblocks", "");
+  machine_.put("sys/block/md0/md/dev-sda1/bad_blocks", "7 5");
+  machine_.put("sys/block/md0/md/dev-cciss!c0/bad_blocks", "");
+  machine_.put("proc/partitions",
+               "major minor  #blocks  name\n\n   8        0       1024 sda\n   9        9 "
+               "      4 old\n   1        1          0 none");
+
+  const QarneClient client = serve({.root = machine_.root});
+  EXPECT_EQ(tell(*client.call(kBrdPartInfoQuery, {}), kAllRows),
+            "  device      kind                  size     start    block  mounted at  model\n"
+            "  /dev/sda    disk, removable    1.0 MiB       0 B  4.0 KiB  -           "
+            "A disk of?[2J the kind\n"
+            "  /dev/sda2   partition        512.0 KiB  32.0 KiB  4.0 KiB  /srv/data   "
+            "A disk of?[2J the kind\n"
+            "  /dev/sda10  partition        512.0 KiB  32.0 KiB  4.0 KiB  -           "
+            "A disk of?[2J the kind\n"
+            "  /dev/old    block device       4.0 KiB       0 B      0 B  -           -\n");
+  EXPECT_EQ(tell(*client.call(kQueryStorageEraseInfo, {}), kAllRows),
+            "  device   life used\n"
+            "  179:0         20 %\n"
+            "  179:256      101 %\n"
+            "  8:16         100 %\n");
+  EXPECT_EQ(tell(*client.call(kQueryStorageEraseInfo, {(8U << 20U) + 16U}), kAllRows),
+            "  device  life used\n"
+            "  8:16        100 %\n");
+  EXPECT_EQ(client.call(kQueryStorageEraseInfo, {1})->entryCount, 0U);
+  EXPECT_EQ(tell(*client.call(kQueryStorageBadBlockInfo, {}), 4),
+            "  device        bad blocks\n"
+            "  mtd0                   3\n"
+            "  md0/cciss/c0           0\n"
+            "  md0/sda1               5\n"
+            "  pmem0                 32\n"
+            "  and 1 more\n");
+  for (const auto& [asked, expected] :
+       {std::pair{"md0", 2U}, std::pair{"md0/sda1", 1U}, std::pair{"md", 0U},
+        std::pair{"pmem1", 1U}, std::pair{"mtd0ro", 0U}}) {
+    EXPECT_EQ(client.call(kQueryStorageBadBlockInfo, badBlocksOf(asked))->entryCount, expected)
+        << asked;
+  }
+}
+
+TEST_F(Qarne, TellsWhatProcessesHaveOpen) {
+  std::ofstream(folder / "file").put('x');
+  machine_.put("proc/stat", "cpu 1 2 3\nbtime 1700000000");
+  machine_.addProcess(7, {"socket:[1]", "socket:[2]", "pipe:[3]", "anon_inode:[eventfd]",
+                          "/dev/null", folder / "file", folder, folder / "gone"});
+  machine_.put("proc/7/limits",
+               "Limit  Soft Limit Hard Limit Units\nMax open files            16     32     files");
+  machine_.put("proc/7/cmdline", std::string("run\0fast", 8));
+  // The 22nd word, behind a name that looks like more words.
+  machine_.put("proc/7/stat", "7 (a) b) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 250 20");
+  machine_.addProcess(8, {"pipe:[1]"});
+  machine_.put("proc/8/limits", "Max open files            unlimited     unlimited     files");
+  std::vector<std::string> many(300, "socket:[1]");
+  machine_.addProcess(9, many);
+  machine_.put("proc/9/limits", "Max open files            100     100     files");
+  std::filesystem::create_directories(machine_.root / "proc/10");  // may not be looked into
+  machine_.put("proc/0x8/fd/0", "");
+  machine_.put("proc/sys/fd/0", "");
+
+  const QarneClient client = serve({.root = machine_.root});
+  const auto reply = client.call(kFdProcInfoQuery, {});
+  ASSERT_EQ(reply->entryCount, 3U);
+  const FdProcEntry& busiest = reply->entries[0];
+  EXPECT_EQ(busiest.value1, 9U);
+  EXPECT_EQ(busiest.value2, 300U);
+  EXPECT_EQ(busiest.sub3.byte1, 255U);
+  EXPECT_EQ(busiest.sub3.byte6, 255U);
+  EXPECT_EQ(busiest.sub1.value16, 0U) << "a start that is not known";
+  EXPECT_EQ(textOf(busiest.bytes256), "[p9]");
+
+  const FdProcEntry& second = reply->entries[1];
+  EXPECT_EQ(second.value2, 8U);
+  EXPECT_EQ(second.sub3.value16, 2U);
+  EXPECT_EQ(second.sub3.byte1, 2U);
+  EXPECT_EQ(second.sub3.byte2, 1U);
+  EXPECT_EQ(second.sub3.byte3, 1U);
+  EXPECT_EQ(second.sub3.byte4, 1U);
+  EXPECT_EQ(second.sub3.byte5, 1U);
+  EXPECT_EQ(second.sub3.byte6, 50U);
+  EXPECT_EQ(second.sub3.value32, 16U);
+  EXPECT_EQ(second.sub1.value16, 2023U);
+  EXPECT_EQ(second.sub1.value32, 500'000U);
+  EXPECT_EQ(textOf(second.bytes256), "run fast");
+  EXPECT_EQ(reply->entries[2].sub3.value32, UINT32_MAX);
+
+  EXPECT_EQ(client.call(kFdProcInfoQuery, {8, 0})->entryCount, 2U);
+  EXPECT_EQ(client.call(kFdProcInfoQuery, {0, 1})->entryCount, 1U);
+  EXPECT_EQ(client.call(kFdProcInfoQuery, {301, UINT32_MAX})->entryCount, 0U);
+}
+
+TEST_F(Qarne, ComparesUseWithThresholdsAndAlarmsOncePerPassing) {
+  machine_.mount("1:1", "/data", "/dev/a");
+  machine_.mount("1:2", "/with space", "/dev/b");
+  machine_.put("proc/self/mountinfo",
+               "20 1 1:1 / /data rw - ext4 /dev/below rw\n20 1 1:2 / /with\\040space rw - ext4 "
+               "/dev/b rw\n21 1 1:3 / /data rw - xfs /dev/above rw\nnonsense\n1 2 3 4 5 6 - x");
+  std::vector<Overload> overloads;
+  const QarneClient client =
+      serve({.root = machine_.root,
+             .onOverload = [&](const Overload& overload) { overloads.push_back(overload); }});
+  const auto set = [&](std::string_view mountPoint, uint32_t percent) {
+    return ResultCode{
+        client.call(kSysOvLoadDiskThresholdSet, threshold(mountPoint, percent))->result};
+  };
+  const auto use = [&](std::string_view mountPoint) {
+    return client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
+  };
+  const auto report = use("/data");
+  const uint32_t used = report->value3;
+  EXPECT_EQ(textOf(report->bytes50a), "/data");
+  EXPECT_EQ(textOf(report->bytes50b), "/dev/above");
+  EXPECT_EQ(textOf(report->bytes32), "xfs");
+  EXPECT_EQ(report->value5, 0U);
+  if (used == 0 || used == 100) {
+    GTEST_SKIP() << "this disk is too empty or too full to have thresholds on both sides";
+  }
+
+  EXPECT_EQ(set("/data", used + 1), ResultCode::done);
+  EXPECT_EQ(use("/data")->value5, used + 1);
+  EXPECT_TRUE(overloads.empty());
+  EXPECT_EQ(set("/data", used), ResultCode::done);
+  EXPECT_EQ(use("/data")->value5, used);
+  EXPECT_EQ(use("/data")->value5, used);
+  ASSERT_EQ(overloads.size(), 1U);
+  EXPECT_EQ(overloads[0].mount.mountPoint, "/data");
+  EXPECT_EQ(overloads[0].threshold, used);
+  EXPECT_EQ(set("/data", used), ResultCode::done);
+  use("/data");
+  EXPECT_EQ(overloads.size(), 2U) << "set anew, it is passed anew";
+  EXPECT_EQ(set("/data", 0), ResultCode::done);
+  EXPECT_EQ(use("/data")->value5, 0U);
+  EXPECT_EQ(use("/with space")->value5, 0U);
+  EXPECT_EQ(set("/with space", 100), ResultCode::done);
+
+  struct Case {
+    std::string mountPoint;
+    uint32_t percent;
+    ResultCode ofSet;
+    ResultCode ofUse;
+  };
+  for (const Case& asked :
+       {Case{"/data", 101, ResultCode::badArgument, ResultCode::done},
+        Case{"/data", 0, ResultCode::notFound, ResultCode::done},
+        Case{"", 50, ResultCode::badArgument, ResultCode::badArgument},
+        Case{"data", 50, ResultCode::badArgument, ResultCode::badArgument},
+        Case{"/data/", 50, ResultCode::notFound, ResultCode::notFound},
+        Case{"/data/..", 50, ResultCode::notFound, ResultCode::notFound},
+        Case{"/" + std::string(49, 'x'), 50, ResultCode::notFound, ResultCode::notFound}}) {
+    EXPECT_EQ(set(asked.mountPoint, asked.percent), asked.ofSet) << asked.mountPoint;
+    const auto answer = use(asked.mountPoint);
+    EXPECT_EQ(ResultCode{answer->value4}, asked.ofUse) << asked.mountPoint;
+    EXPECT_EQ(textOf(answer->bytes50a), asked.mountPoint);
+  }
+}
+
+TEST_F(Qarne, AnswersAlikeInBothForms) {
+  machine_.mount("1:1", "/data", "/dev/a");
+  std::vector<std::string> answers;
+  for (const Form form : {Form::fixedWherePossible, Form::compact}) {
+    const QarneClient client = serve({.root = machine_.root}, form);
+    answers.push_back(tell(*client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>("/data"))) +
+                      tell(*client.call(kSysOvLoadDiskThresholdSet, threshold("/data", 101))) +
+                      tell(*client.call(kMountDisk, named<MountDiskInput>("x"))));
+  }
+  EXPECT_EQ(answers[0], answers[1]);
+  EXPECT_EQ(answers[0].find("/data (/dev/a, ext4)"), 2U) << answers[0];
+}
+
+// Slow methods do not wait for each other: all of these are only done once all have begun.
+TEST_F(Qarne, ServesSlowCallsAtTheSameTime) {
+  constexpr std::ptrdiff_t kCalls = 12;
+  machine_.mount("1:1", "/data", "/dev/a");
+  for (std::ptrdiff_t i = 0; i < kCalls; ++i) {
+    machine_.mount(fmt::format("2:{}", i), fmt::format("/m{}", i), "/dev/b");
+  }
+  std::barrier together(kCalls);
+  const QarneClient client = serve(
+      {.root = machine_.root, .onOverload = [&](const Overload&) { together.arrive_and_wait(); }});
+  std::vector<std::thread> callers;
+  for (std::ptrdiff_t i = 0; i < kCalls; ++i) {
+    callers.emplace_back([&, mountPoint = fmt::format("/m{}", i)] {
+      client.call(kSysOvLoadDiskThresholdSet, threshold(mountPoint, 1));
+      EXPECT_EQ(
+          outcome(client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint)).result()),
+          outcome(kOk));
+    });
+  }
+  for (std::thread& caller : callers) {
+    caller.join();
+  }
+}
+
+// Every caller asks for what is only its own, by all methods in turn, and gets nothing else.
+class Caller {
+ public:
+  Caller(const QarneClient& client, uint32_t number) : client_(client), number_(number) {}
+
+  void call(uint32_t round) const {
+    switch (round % 8) {
+      case 0:
+        return askDisks();
+      case 1:
+        return askProcesses();
+      case 2:
+        return expect(client_.call(kSysOvLoadDiskThresholdSet, threshold(mountPoint(), percent())),
+                      ResultCode::done);
+      case 3:
+        return askUse();
+      case 4:
+        return expect(client_.call(kResetDiskMakeFS, named<ResetDiskCondition>("x")),
+                      ResultCode::noImageFolder);
+      case 5:
+        return expect(client_.call(kMountDisk, named<MountDiskInput>("x")),
+                      ResultCode::noImageFolder);
+      case 6:
+        return askWear();
+      default:
+        return askBadBlocks();
+    }
+  }
+
+  // What the callers ask for.
+  static void prepare(MadeUpMachine& machine, uint32_t callers) {
+    machine.put("sys/block/sda/size", "8");
+    machine.put("sys/block/sda/dev", "8:0");
+    for (uint32_t i = 0; i < callers; ++i) {
+      machine.mount(fmt::format("7:{}", i), fmt::format("/m{}", i), fmt::format("/dev/d{}", i));
+      machine.put(fmt::format("sys/block/card{}/dev", i), fmt::format("179:{}", i + 1));
+      machine.put(fmt::format("sys/block/card{}/device/life_time", i),
+                  fmt::format("0x0{:x}", 1 + i % 10));
+      machine.put(fmt::format("sys/class/mtd/mtd{}/bad_blocks", i), std::to_string(i));
+    }
+    for (uint32_t i = 1; i <= kProcesses; ++i) {
+      machine.addProcess(i, std::vector<std::string>(i, "pipe:[1]"));
+    }
+  }
+
+ private:
+  static constexpr uint32_t kProcesses = 8;
+
+  [[nodiscard]] std::string mountPoint() const { return fmt::format("/m{}", number_); }
+  [[nodiscard]] uint32_t percent() const { return 1 + number_; }
+
+  static void expect(const Reply<OperResult>& reply, ResultCode code) {
+    EXPECT_EQ(outcome(reply.result()), outcome(kOk));
+    EXPECT_EQ(ResultCode{reply->result}, code);
+  }
+
+  void askDisks() const {
+    const auto reply = client_.call(kBrdPartInfoQuery, {});
+    ASSERT_EQ(reply->entryCount, 1U) << outcome(reply.result());
+    EXPECT_EQ(textOf(reply->entries[0].bytes50a), "/dev/sda");
+  }
+
+  void askProcesses() const {
+    const uint32_t wanted = 1 + number_ % kProcesses;
+    const auto reply = client_.call(kFdProcInfoQuery, {1, wanted});
+    ASSERT_EQ(reply->entryCount, wanted) << outcome(reply.result());
+    EXPECT_EQ(reply->entries[wanted - 1].value1, kProcesses - wanted + 1);
+  }
+
+  void askUse() const {
+    const auto reply = client_.call(kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint()));
+    EXPECT_EQ(textOf(reply->bytes50a), mountPoint()) << outcome(reply.result());
+    EXPECT_EQ(textOf(reply->bytes50b), fmt::format("/dev/d{}", number_));
+    EXPECT_EQ(reply->value5, percent());
+  }
+
+  void askWear() const {
+    const uint32_t device = (179U << 20U) + number_ + 1;
+    const auto reply = client_.call(kQueryStorageEraseInfo, {device});
+    ASSERT_EQ(reply->entryCount, 1U) << outcome(reply.result());
+    EXPECT_EQ(reply->entries[0].value1, device);
+    EXPECT_EQ(reply->entries[0].value2, 10 * (1 + number_ % 10));
+  }
+
+  void askBadBlocks() const {
+    const auto reply =
+        client_.call(kQueryStorageBadBlockInfo, badBlocksOf(fmt::format("mtd{}", number_)));
+    ASSERT_EQ(reply->entryCount, 1U) << outcome(reply.result());
+    EXPECT_EQ(reply->entries[0].value1, number_);
+  }
+
+  const QarneClient& client_;
+  const uint32_t number_;
+};
+
+TEST_F(Qarne, MatchesEveryReplyToItsRequestUnderLoad) {
+  constexpr uint32_t kCallers = 64;
+  constexpr uint32_t kCalls = 10'000;  // in each form
+  Caller::prepare(machine_, kCallers);
+  for (const Form form : {Form::fixedWherePossible, Form::compact}) {
+    const QarneClient client = serve({.root = machine_.root}, form);
+    std::vector<std::thread> callers;
+    for (uint32_t number = 0; number < kCallers; ++number) {
+      callers.emplace_back([&client, number] {
+        const Caller caller(client, number);
+        for (uint32_t round = 0; round < (kCalls + kCallers - 1) / kCallers; ++round) {
+          caller.call(round);
+        }
+      });
+    }
+    for (std::thread& caller : callers) {
+      caller.join();
+    }
+  }
+  EXPECT_GT(allocatorUse().served, kCalls / 2);
 }
 
 }  // namespace
