@@ -27,9 +27,7 @@ class Codec {
     }
     uint8_t* const buffer = target->buffer;
     const uint32_t capacity = *target->capacity;
-    const bool complete = buffer != nullptr && record != nullptr;
-    const uint32_t size = complete ? compactSize(*record, lengths) : 0;
-    if (size == 0 || capacity < size) [[unlikely]] {
+    if (buffer == nullptr || record == nullptr || !holds(capacity, *record, lengths)) [[unlikely]] {
       korvaLog(Runtime, kInvalid, kPackName.text(), "[KORVA]:Param invalid(%s, %u, %s)",
                nullness(buffer), capacity, nullness(record));
       return 0;
@@ -68,6 +66,17 @@ class Codec {
   [[gnu::always_inline]] static uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
+  // Whether a capacity takes the whole message. Most often the largest size settles it, and the
+  // record need not be measured; otherwise its strings' lengths are known afterwards.
+  [[gnu::always_inline]] static bool holds(uint32_t capacity, const Record& record,
+                                           StringLengths<Record>& lengths) {
+    if (kLargestCompactSize<Record> != 0 && capacity >= kLargestCompactSize<Record>) {
+      return true;
+    }
+    const uint32_t size = compactSize(record, lengths);
+    return size != 0 && size <= capacity;
+  }
+
   static constexpr auto kPackName = Title + "_pack";
   static constexpr auto kUnpackName = Title + "_unpack";
   static constexpr auto kReleaseName = Title + "_free_unpacked";

@@ -172,9 +172,9 @@ class TableWriter {
     constexpr scalars::Window kWindow = scalars::kWindows<Record, Depth::ownTable>.items[Index];
     constexpr scalars::Pattern kPattern = scalars::patternOf<Record, Index>();
     constexpr Side kSide = kFollowing >= kVectorWidth ? Side::front : Side::end;
-    constexpr auto& kRows = scalars::kRows<kPattern, kSide>;
+    constexpr auto& kRows = scalars::kRows<kPattern, kSide, Index == 0>;
     const ByteVector window = scalars::loadWindow<Record, Depth::ownTable, Index>(record_);
-    const uint32_t row = scalars::rowOf<Record, Index>(window);
+    const uint32_t row = scalars::rowOf<Record, Index>(record_, window);
     const ByteVector together =
         permute(window, loadVector<kVectorWidth>(kRows.indices[row].data()));
     const auto begin = static_cast<uint64_t>(at_ - table_);
@@ -183,30 +183,29 @@ class TableWriter {
       at_ += kRows.size[row];
     } else {
       static_assert(scalars::kWindows<Record, Depth::ownTable>.count == 1 &&
-                        scalars::totalWidth(kPattern) <= kVtableLength<Record> + kDisplacementWidth,
+                        scalars::alignUp(scalars::totalWidth(kPattern), 4) <=
+                            kVtableLength<Record> + kDisplacementWidth,
                     "a table of scalars alone must fit one vector");
       at_ += kRows.size[row];
-      storeVectorTail<scalars::totalWidth(kPattern)>(at_, together);
+      storeVectorTail<scalars::alignUp(scalars::totalWidth(kPattern), 4)>(at_, together);
     }
     constexpr uint32_t kSlot = scalars::kScalars<Record, Depth::ownTable>.items[kWindow.first].slot;
-    writeEntries<kSlot, kWindow.count>(kRows.entries[row], kRows.presence[row], begin);
+    writeEntries<kSlot, kWindow.count>(kRows, row, begin);
   }
 
   // Four entries at a time. The fourth of a word that holds three is the next slot's, or lies in
   // the displacement; either is written later.
-  template <uint32_t Slot, uint32_t Count, class Words>
-  [[gnu::always_inline]] void writeEntries(const Words& entries, const Words& presence,
-                                           uint64_t begin) {
+  template <uint32_t Slot, uint32_t Count, class Rows>
+  [[gnu::always_inline]] void writeEntries(const Rows& rows, uint32_t row, uint64_t begin) {
     uint8_t* const to = vtable_ + vtableEntry(Slot);
-    constexpr uint32_t kWhole = Count / scalars::kLanes + (Count % scalars::kLanes == 3 ? 1 : 0);
+    constexpr uint32_t kRest = Count % scalars::kLanes;
+    constexpr uint32_t kWhole = Count / scalars::kLanes + (kRest == 3 ? 1 : 0);
     for (uint32_t word = 0; word < kWhole; ++word) {
-      store(to + word * sizeof(uint64_t), entries[word] + begin * presence[word]);
+      store(to + word * sizeof(uint64_t), rows.entriesAt(row, word, begin));
     }
-    constexpr uint32_t kRest = Count % scalars::kLanes == 3 ? 0 : Count % scalars::kLanes;
-    if constexpr (kRest != 0) {
+    if constexpr (kRest == 1 || kRest == 2) {
       using Rest = std::conditional_t<kRest == 1, uint16_t, uint32_t>;
-      store(to + kWhole * sizeof(uint64_t),
-            static_cast<Rest>(entries[kWhole] + begin * presence[kWhole]));
+      store(to + kWhole * sizeof(uint64_t), static_cast<Rest>(rows.entriesAt(row, kWhole, begin)));
     }
   }
 
@@ -261,8 +260,8 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeTableHeader() {
-    store(vtable_, static_cast<uint16_t>(kVtableLength<Record>));
-    store(vtable_ + sizeof(uint16_t), static_cast<uint16_t>(at_ - table_));
+    const auto tableLength = static_cast<uint32_t>(at_ - table_);
+    store(vtable_, kVtableLength<Record> | tableLength << 16);
     store(table_, static_cast<int32_t>(kVtableLength<Record>));
   }
 
@@ -278,10 +277,14 @@ class TableWriter {
     forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::vector) {
         if (hasElements<Slot>(record_)) {
+          // Copies, because for all the compiler knows the bytes written may be the record's.
           const auto* const elements = Slot::get(record_);
-          for (uint32_t i = 0; i < Slot::count(record_); ++i) {
-            point(entries_ + size_t{i} * kOffsetFieldWidth, packTable(cursor_, elements[i]));
+          const uint32_t count = Slot::count(record_);
+          PackCursor cursor = cursor_;
+          for (uint32_t i = 0; i < count; ++i) {
+            point(entries_ + size_t{i} * kOffsetFieldWidth, packTable(cursor, elements[i]));
           }
+          cursor_.current = cursor.current;
         }
       }
     });
@@ -321,7 +324,7 @@ class TableWriter {
 
 // The nested-table packer: writes the table at the cursor and returns its position.
 template <PlainTable Record>
-uint32_t packTable(PackCursor& cursor, const Record& record) {
+[[gnu::always_inline]] inline uint32_t packTable(PackCursor& cursor, const Record& record) {
   return TableWriter<Record>(cursor, record).write({});
 }
 
@@ -334,6 +337,11 @@ template <class Record>
   const uint64_t size = kRootOffsetWidth + compact::tableSize(record, lengths);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
+
+// No record of the type takes more; 0 where strings or vectors set no bound.
+template <class Record>
+inline constexpr uint32_t kLargestCompactSize =
+    kOwnsMemory<Record> ? 0 : kRootOffsetWidth + compact::kFullSize<Record>;
 
 // Writes a record whose lengths compactSize has filled in, into a buffer that holds its size.
 template <class Record>

@@ -254,47 +254,64 @@ enum class Side : uint8_t { front, end };
 
 inline constexpr uint32_t kLanes = sizeof(uint64_t) / kSlotEntryWidth;
 
-// What to do with a window, for each combination of scalars that are zero.
-template <Pattern Which, Side To>
+// What to do with a window, for each combination of scalars that are zero. Vtable entries stand
+// four to a word. A table's first window begins where every table's scalars begin; the entries of
+// any other count from its own beginning, and hold a 1 for every present scalar in presence, so
+// that the beginning can be added to all of them by one multiplication.
+template <Pattern Which, Side To, bool First>
 struct Rows {
   static constexpr uint32_t kRows = 1U << Which.count;
   static constexpr uint32_t kWords = (Which.count + kLanes - 1) / kLanes;
+  using Words = std::array<uint64_t, kWords>;
 
   alignas(kVectorWidth) std::array<std::array<uint8_t, kVectorWidth>, kRows> indices{};
-  // Vtable entries, four to a word, counted from where the window's scalars begin in the table; and
-  // 1 for every present one, so that the beginning can be added by a multiplication.
-  std::array<std::array<uint64_t, kWords>, kRows> entries{};
-  std::array<std::array<uint64_t, kWords>, kRows> presence{};
+  std::array<Words, kRows> entries{};
+  std::array<Words, First ? 0 : kRows> presence{};
   std::array<uint8_t, kRows> size{};
 
   consteval Rows() {
-    for (uint32_t zeros = 0; zeros < kRows; ++zeros) fill(zeros);
+    for (uint32_t zeros = 0; zeros < kRows; ++zeros) {
+      fill(zeros);
+    }
+  }
+
+  // The entries of a row whose scalars begin at a position within the table.
+  [[gnu::always_inline]] uint64_t entriesAt(uint32_t row, uint32_t word, uint64_t begin) const {
+    if constexpr (First) {
+      return entries[row][word];
+    } else {
+      return entries[row][word] + begin * presence[row][word];
+    }
   }
 
  private:
   consteval void fill(uint32_t zeros) {
     indices[zeros].fill(0x80);
+    const auto present = [&](uint32_t scalar) { return (zeros >> scalar & 1) == 0; };
     for (uint32_t i = 0; i < Which.count; ++i) {
-      size[zeros] =
-          static_cast<uint8_t>(size[zeros] + ((zeros >> i & 1) != 0 ? 0 : Which.width[i]));
+      size[zeros] = static_cast<uint8_t>(size[zeros] + (present(i) ? Which.width[i] : 0));
     }
-    uint32_t at = 0;
-    const uint32_t shift = To == Side::end ? kVectorWidth - size[zeros] : 0;
+    uint32_t to = To == Side::end ? kVectorWidth - size[zeros] : 0;
+    uint64_t entry = First ? kDisplacementWidth : 0;
     for (uint32_t i = 0; i < Which.count; ++i) {
-      if ((zeros >> i & 1) != 0) continue;
-      const uint32_t lane = i % kLanes * 16;
-      entries[zeros][i / kLanes] |= uint64_t{at} << lane;
-      presence[zeros][i / kLanes] |= uint64_t{1} << lane;
-      for (uint32_t byte = 0; byte < Which.width[i]; ++byte) {
-        indices[zeros][shift + at + byte] = static_cast<uint8_t>(Which.position[i] + byte);
+      if (!present(i)) {
+        continue;
       }
-      at += Which.width[i];
+      entries[zeros][i / kLanes] |= entry << (i % kLanes * 16);
+      if constexpr (!First) {
+        presence[zeros][i / kLanes] |= uint64_t{1} << (i % kLanes * 16);
+      }
+      for (uint32_t byte = 0; byte < Which.width[i]; ++byte) {
+        indices[zeros][to + byte] = static_cast<uint8_t>(Which.position[i] + byte);
+      }
+      to += Which.width[i];
+      entry += Which.width[i];
     }
   }
 };
 
-template <Pattern Which, Side To>
-inline constexpr Rows<Which, To> kRows{};
+template <Pattern Which, Side To, bool First>
+inline constexpr Rows<Which, To, First> kRows{};
 
 // One byte of every scalar, brought to the front.
 template <Pattern Which>
@@ -305,15 +322,48 @@ inline constexpr auto kFirstBytes = [] {
   return indices;
 }();
 
+template <uint32_t Width>
+[[gnu::always_inline]] inline bool isZero(const uint8_t* scalar) {
+  if constexpr (Width == sizeof(uint64_t)) {
+    return load<uint64_t>(scalar) == 0;
+  } else if constexpr (Width == sizeof(uint32_t)) {
+    return load<uint32_t>(scalar) == 0;
+  } else if constexpr (Width == sizeof(uint16_t)) {
+    return load<uint16_t>(scalar) == 0;
+  } else {
+    return *scalar == 0;
+  }
+}
+
+// For as few scalars as this, testing one after the other is the shorter way to a row.
+inline constexpr uint32_t kFewScalars = 3;
+
+template <class Record, Pattern Which, uint32_t Offset>
+[[gnu::always_inline]] inline uint32_t rowOfFew(const Record& record) {
+  const auto* const window = reinterpret_cast<const uint8_t*>(&record) + Offset;
+  uint32_t row = 0;
+  [&]<size_t... Bit>(std::index_sequence<Bit...>) __attribute__((always_inline)) {
+    ((row |= static_cast<uint32_t>(isZero<Which.width[Bit]>(window + Which.position[Bit])) << Bit),
+     ...);
+  }
+  (std::make_index_sequence<Which.count>());
+  return row;
+}
+
 // The row of a window: bit i stands for scalar i being zero. Of the scalars' bytes, each gives one
 // bit of its own, and the multiplication adds them up in the topmost byte.
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline uint32_t rowOf(ByteVector window) {
+[[gnu::always_inline]] inline uint32_t rowOf(const Record& record, ByteVector window) {
   constexpr Pattern kPattern = patternOf<Record, Index>();
-  const ByteVector first = permute(zeros<Record, Depth::ownTable, Index>(window),
-                                   std::bit_cast<ByteVector>(kFirstBytes<kPattern>));
-  const uint64_t bytes = std::bit_cast<Vector<uint64_t>>(first)[0];
-  return static_cast<uint32_t>(((bytes & 0x8040201008040201) * 0x0101010101010101) >> 56);
+  if constexpr (kPattern.count <= kFewScalars) {
+    return rowOfFew<Record, kPattern, kWindows<Record, Depth::ownTable>.items[Index].offset>(
+        record);
+  } else {
+    const ByteVector first = permute(zeros<Record, Depth::ownTable, Index>(window),
+                                     std::bit_cast<ByteVector>(kFirstBytes<kPattern>));
+    const uint64_t bytes = std::bit_cast<Vector<uint64_t>>(first)[0];
+    return static_cast<uint32_t>(((bytes & 0x8040201008040201) * 0x0101010101010101) >> 56);
+  }
 }
 
 }  // namespace korva::scalars

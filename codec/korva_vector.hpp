@@ -57,18 +57,21 @@ template <uint32_t Size>
   std::memcpy(at, &vector, kVectorWidth);
 }
 
-// Stores the last Size bytes of a vector so that they end at end, and nothing before them.
+// Stores the last Size bytes of a vector, a multiple of four, so that they end at end, and nothing
+// before them.
 template <uint32_t Size>
 [[gnu::always_inline]] inline void storeVectorTail(uint8_t* end, ByteVector vector) {
-  static_assert(Size <= kVectorWidth);
-  const auto words = std::bit_cast<Vector<uint64_t>>(vector);
-  constexpr uint32_t kHigh = Size < sizeof(uint64_t) ? Size : sizeof(uint64_t);
-  const uint64_t high = words[1];
-  std::memcpy(end - kHigh, reinterpret_cast<const uint8_t*>(&high) + sizeof high - kHigh, kHigh);
-  if constexpr (Size > kHigh) {
-    const uint64_t low = words[0];
-    std::memcpy(end - Size, reinterpret_cast<const uint8_t*>(&low) + kVectorWidth - Size,
-                Size - kHigh);
+  static_assert(Size <= kVectorWidth && Size % sizeof(uint32_t) == 0);
+  if constexpr (Size >= sizeof(uint64_t)) {
+    const uint64_t last = std::bit_cast<Vector<uint64_t>>(vector)[1];
+    std::memcpy(end - sizeof last, &last, sizeof last);
+  }
+  if constexpr (Size == kVectorWidth) {
+    const uint64_t first = std::bit_cast<Vector<uint64_t>>(vector)[0];
+    std::memcpy(end - kVectorWidth, &first, sizeof first);
+  } else if constexpr (Size % sizeof(uint64_t) != 0) {
+    const uint32_t lane = std::bit_cast<Vector<uint32_t>>(vector)[4 - Size / sizeof(uint32_t)];
+    std::memcpy(end - Size, &lane, sizeof lane);
   }
 }
 
