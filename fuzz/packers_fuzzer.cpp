@@ -12,7 +12,7 @@
 namespace kel::fuzz {
 namespace {
 
-constexpr size_t kLargestPacked = 24 * 512;
+constexpr size_t kLargestPacked = size_t{24} * 512;
 constexpr uint8_t kUntouched = 0xEE;
 
 class Case {

@@ -108,8 +108,8 @@ void inAProcessOfItsOwn(const std::function<void()>& scenario) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     scenario();
-    std::fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    std::exit(testing::Test::HasFailure() ? 1
+                                          : 0);  // not _exit: coverage is written on the way out
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
