@@ -87,11 +87,17 @@ std::string tell(const FdProcInfoOutput& reply, size_t limit) {
                                        {"started"},       {"command"}};
   return listText(reply, columns, limit, "no processes", [](const FdProcEntry& entry) {
     const DiagSubRecord& kinds = entry.sub3;
-    return Row{std::to_string(entry.value1),  std::to_string(entry.value2),
-               std::to_string(kinds.value16), std::to_string(kinds.byte1),
-               std::to_string(kinds.byte2),   std::to_string(kinds.byte3),
-               std::to_string(kinds.byte4),   softLimitOf(kinds),
-               momentOf(entry.sub1),          textOf(entry.bytes256).substr(0, kLongestCommand)};
+    return Row{std::to_string(entry.value1),
+               std::to_string(entry.value2),
+               std::to_string(kinds.value16),
+               std::to_string(kinds.byte1),
+               std::to_string(kinds.byte2),
+               std::to_string(kinds.byte3),
+               std::to_string(kinds.byte4),
+               std::to_string(kinds.byte5),
+               softLimitOf(kinds),
+               momentOf(entry.sub1),
+               textOf(entry.bytes256).substr(0, kLongestCommand)};
   });
 }
 

@@ -13,8 +13,8 @@ std::string lineOf(const std::vector<Column>& columns, const std::vector<size_t>
                    const Row& row) {
   std::string line;
   for (size_t i = 0; i < columns.size(); ++i) {
-    line += columns[i].number ? fmt::format("  {:>{}}", row[i], widths[i])
-                              : fmt::format("  {:<{}}", row[i], widths[i]);
+    line += columns[i].number ? fmt::format("  {:>{}}", row.at(i), widths[i])
+                              : fmt::format("  {:<{}}", row.at(i), widths[i]);
   }
   line.erase(line.find_last_not_of(' ') + 1);
   return line + "\n";
@@ -31,7 +31,7 @@ std::string tableText(const std::vector<Column>& columns, const std::vector<Row>
     headings.push_back(columns[i].heading);
     size_t width = columns[i].heading.size();
     for (const Row& row : shownRows) {
-      width = std::max(width, row[i].size());
+      width = std::max(width, row.at(i).size());
     }
     widths.push_back(width);
   }
