@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <barrier>
@@ -21,10 +19,12 @@
 
 #include "schema/client_routines.hpp"
 #include "support/bytes.hpp"
+#include "support/own_process.hpp"
 
 namespace {
 
 using kel::test::Bytes;
+using kel::test::inAProcessOfItsOwn;
 using Events = std::vector<std::string>;
 
 // The platform of the process: which functions it offers, and all that happened, in order.
@@ -101,20 +101,6 @@ extern "C" void* __wrap_dlsym(void* handle, const char* name) {
 }
 
 namespace {
-
-// Runs a scenario in a child, which inherits a runtime that nothing has touched.
-void inAProcessOfItsOwn(const std::function<void()>& scenario) {
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    scenario();
-    std::exit(testing::Test::HasFailure() ? 1
-                                          : 0);  // not _exit: coverage is written on the way out
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-}
 
 // Returns what happened meanwhile.
 Events during(const std::function<void()>& action) {

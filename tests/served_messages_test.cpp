@@ -557,6 +557,24 @@ TEST(Replies, FailedAllocationLeavesNothing) {
                           "[KORVA]:Malloc unpack data unsuccess,                size(32)"});
 }
 
+// A count that its message has room for, and whose array has none in 32 bits.
+TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
+  constexpr uint32_t kMost = UINT32_MAX / sizeof(FdProcEntry);
+  std::vector<uint8_t> bytes = vectorHeader({});
+  bytes.resize(bytes.size() + (kMost + 1) * size_t{4});
+  FdProcInfoOutput record;
+  for (const uint32_t count : {kMost, kMost + 1}) {
+    std::memcpy(&bytes[18], &count, sizeof count);
+    allocationsUntilFailure = 0;
+    logLines.clear();
+    EXPECT_EQ(Kel_sys_diag_FdProcInfoOutput_unpack(bytes.data(),
+                                                   static_cast<uint32_t>(bytes.size()), &record),
+              0U);
+    allocationsUntilFailure = -1;
+    EXPECT_EQ(logLines.size(), count == kMost ? 1U : 0U);  // only one was asked for
+  }
+}
+
 constexpr auto kNoRelease = [](void*) {};
 
 TEST(RoundTrip, Requests) {
