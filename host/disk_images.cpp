@@ -90,7 +90,8 @@ LoopDevice attach(int image) {
     std::string devicePath = fmt::format("/dev/loop{}", number);
     FileDescriptor device(::open(devicePath.c_str(), O_RDWR | O_CLOEXEC));
     if (!device.isOpen()) {
-      return {codeOf(errno), {}, {}};
+      const ResultCode code = codeOf(errno);
+      return {code == ResultCode::notFound ? ResultCode::loopMissing : code, {}, {}};
     }
     if (ioctl(device.get(), LOOP_CONFIGURE, &config) == 0) {
       return {ResultCode::done, std::move(device), std::move(devicePath)};

@@ -66,6 +66,9 @@ class QarneClient {
                                       const typename Method::Input& input) const {
     Reply<typename Method::Output> reply(method.ops.releaseFn);
     reply.result_ = exchange(method.name, method.ops, &input, &reply.record_);
+    if (reply.result_ != kOk) {
+      reply.record_ = {};  // whatever a failed decoding left there is not to be released
+    }
     return reply;
   }
 
