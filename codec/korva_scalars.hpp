@@ -149,29 +149,30 @@ template <class Record, Depth Which, uint32_t Index>
   return loadVector<kWindow.size>(reinterpret_cast<const uint8_t*>(&record) + kWindow.offset);
 }
 
+using Bytes = std::array<uint8_t, kVectorWidth>;
+
 // All ones where the scalars of one width lie in a window.
 template <class Record, Depth Which, uint32_t Index, uint32_t Width>
-consteval ByteVector maskOf() {
+inline constexpr Bytes kMask = [] {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
-  std::array<uint8_t, kVectorWidth> mask{};
+  Bytes mask{};
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     const Scalar& scalar = kScalars<Record, Which>.items[kWindow.first + i];
     for (uint32_t byte = 0; byte < scalar.width && scalar.width == Width; ++byte) {
       mask[scalar.offset - kWindow.offset + byte] = 0xFF;
     }
   }
-  return std::bit_cast<ByteVector>(mask);
-}
+  return mask;
+}();
 
 template <class Record, Depth Which, uint32_t Index, class Lane>
 [[gnu::always_inline]] inline ByteVector zerosOfWidth(ByteVector window) {
-  constexpr auto kMask = std::bit_cast<std::array<uint8_t, kVectorWidth>>(
-      maskOf<Record, Which, Index, sizeof(Lane)>());
-  if constexpr (kMask == std::array<uint8_t, kVectorWidth>{}) {
+  constexpr auto& kLanesOfWidth = kMask<Record, Which, Index, sizeof(Lane)>;
+  if constexpr (kLanesOfWidth == Bytes{}) {
     return ByteVector{};
   } else {
     const auto equal = std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{};
-    return std::bit_cast<ByteVector>(equal) & maskOf<Record, Which, Index, sizeof(Lane)>();
+    return std::bit_cast<ByteVector>(equal) & loadVector<kVectorWidth>(kLanesOfWidth.data());
   }
 }
 
@@ -264,7 +265,7 @@ struct Rows {
   static constexpr uint32_t kWords = (Which.count + kLanes - 1) / kLanes;
   using Words = std::array<uint64_t, kWords>;
 
-  alignas(kVectorWidth) std::array<std::array<uint8_t, kVectorWidth>, kRows> indices{};
+  alignas(kVectorWidth) std::array<Bytes, kRows> indices{};
   std::array<Words, kRows> entries{};
   std::array<Words, First ? 0 : kRows> presence{};
   std::array<uint8_t, kRows> size{};
@@ -315,8 +316,8 @@ inline constexpr Rows<Which, To, First> kRows{};
 
 // One byte of every scalar, brought to the front.
 template <Pattern Which>
-inline constexpr auto kFirstBytes = [] {
-  std::array<uint8_t, kVectorWidth> indices{};
+inline constexpr Bytes kFirstBytes = [] {
+  Bytes indices{};
   indices.fill(0x80);
   for (uint32_t i = 0; i < Which.count; ++i) indices[i] = Which.position[i];
   return indices;
@@ -360,7 +361,7 @@ template <class Record, uint32_t Index>
         record);
   } else {
     const ByteVector first = permute(zeros<Record, Depth::ownTable, Index>(window),
-                                     std::bit_cast<ByteVector>(kFirstBytes<kPattern>));
+                                     loadVector<kVectorWidth>(kFirstBytes<kPattern>.data()));
     const uint64_t bytes = std::bit_cast<Vector<uint64_t>>(first)[0];
     return static_cast<uint32_t>(((bytes & 0x8040201008040201) * 0x0101010101010101) >> 56);
   }
