@@ -62,15 +62,13 @@ template <class Slot, class Record>
   return Slot::get(record) != nullptr && Slot::count(record) != 0;
 }
 
-// Whether slot has an offset field in this record's table.
+// Whether a slot that need not be there has an offset field in this record's table.
 template <class Slot, class Record>
 [[gnu::always_inline]] inline bool hasOffsetField(const Record& record) {
   if constexpr (Slot::kind == SlotKind::string) {
     return Slot::get(record) != nullptr;
-  } else if constexpr (Slot::kind == SlotKind::vector) {
-    return hasElements<Slot>(record);
   } else {
-    return Slot::kind != SlotKind::scalar;
+    return hasElements<Slot>(record);
   }
 }
 
@@ -211,16 +209,23 @@ class TableWriter {
 
   [[gnu::always_inline]] void reserveOffsetFields() {
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
-      if constexpr (Slot::kind != SlotKind::scalar) {
+      if constexpr (Slot::kind == SlotKind::byteArray || Slot::kind == SlotKind::table) {
+        reserveOffsetField<Index>();
+      } else if constexpr (Slot::kind != SlotKind::scalar) {
         if (hasOffsetField<Slot>(record_)) {
-          setEntry<Index>(at_);
-          offsetFields_[Index] = at_;
-          at_ += kOffsetFieldWidth;
+          reserveOffsetField<Index>();
         } else {
-          clearEntry<Index>();
+          store(vtable_ + vtableEntry(Index), uint16_t{0});
         }
       }
     });
+  }
+
+  template <size_t Index>
+  [[gnu::always_inline]] void reserveOffsetField() {
+    store(vtable_ + vtableEntry(Index), static_cast<uint16_t>(at_ - table_));
+    offsetFields_[Index] = at_;
+    at_ += kOffsetFieldWidth;
   }
 
   [[gnu::always_inline]] void writeStringsAndArrays(const StringLengths<Record>& lengths) {
@@ -288,16 +293,6 @@ class TableWriter {
         }
       }
     });
-  }
-
-  template <size_t Index>
-  [[gnu::always_inline]] void setEntry(const uint8_t* field) {
-    store(vtable_ + vtableEntry(Index), static_cast<uint16_t>(field - table_));
-  }
-
-  template <size_t Index>
-  [[gnu::always_inline]] void clearEntry() {
-    store(vtable_ + vtableEntry(Index), uint16_t{0});
   }
 
   template <size_t Index>

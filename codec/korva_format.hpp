@@ -41,15 +41,10 @@ template <class Value>
   std::memcpy(at, &value, sizeof(Value));
 }
 
-// Copies count bytes if the destination holds that many; otherwise touches nothing and says so.
-// Where both sizes are constants this is a plain copy.
-[[nodiscard, gnu::always_inline]] inline bool memcpy_s(void* destination, size_t destinationSize,
-                                                       const void* source, size_t count) {
-  if (count > destinationSize) {
-    return false;
-  }
-  std::memcpy(destination, source, count);
-  return true;
+// Fills an array. Its size is part of its type, so there is no count that could be wrong.
+template <size_t Size>
+[[gnu::always_inline]] inline void memcpy_s(uint8_t (&destination)[Size], const uint8_t* source) {
+  std::memcpy(destination, source, Size);
 }
 
 }  // namespace korva

@@ -57,21 +57,15 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
 [[gnu::cold, gnu::noinline]] inline void logHeaderFault(CodecRuntime& runtime, const char* function,
                                                         uint32_t length, HeaderFault fault,
                                                         TableView view) {
-  switch (fault) {
-    case HeaderFault::tableOffset:
-      korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
-               view.table, length);
-      break;
-    case HeaderFault::vtableOffset:
-      korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable offset(%u) is out of range(4 - %u)",
-               view.vtable, length - kDisplacementWidth);
-      break;
-    case HeaderFault::vtableLength:
-      korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)",
-               view.vtableLength, length - view.vtable);
-      break;
-    case HeaderFault::none:
-      break;
+  if (fault == HeaderFault::tableOffset) {
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
+             view.table, length);
+  } else if (fault == HeaderFault::vtableOffset) {
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable offset(%u) is out of range(4 - %u)",
+             view.vtable, length - kDisplacementWidth);
+  } else {
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)",
+             view.vtableLength, length - view.vtable);
   }
 }
 
@@ -106,8 +100,8 @@ template <class Slot, class Record>
       !source.holds(target + kCountWidth, Slot::width)) {
     return false;
   }
-  return memcpy_s(Slot::get(record), sizeof(Slot::get(record)), source.bytes + target + kCountWidth,
-                  Slot::width);
+  memcpy_s(Slot::get(record), source.bytes + target + kCountWidth);
+  return true;
 }
 
 // The copy gets a NUL of its own: the buffer need not hold one. The block belongs to the record
@@ -126,9 +120,10 @@ template <class Slot, class Record>
   const uint32_t size = count + 1;  // no wrap: count bytes lie within a buffer below 2^31
   auto* const text = static_cast<char*>(allocate(source, size));
   Slot::get(record) = text;
-  if (text == nullptr || !memcpy_s(text, size, source.bytes + target + kCountWidth, count)) {
+  if (text == nullptr) {
     return false;
   }
+  std::memcpy(text, source.bytes + target + kCountWidth, count);
   text[count] = '\0';
   return true;
 }
