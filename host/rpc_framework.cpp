@@ -244,7 +244,7 @@ grpc::Slice encode(const IdlCodecOps& ops, const void* input) {
   if (size == 0) {
     throw Failure{kRequestNotPacked};
   }
-  const grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
+  grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
   auto* const buffer = const_cast<uint8_t*>(slice.begin());
   if (fixed) {
     std::memset(buffer, 0, size);
