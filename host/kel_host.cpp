@@ -6,10 +6,9 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -85,22 +84,16 @@ struct Story {
 struct Pending {
   Story story;
   Clock::time_point began;
-  std::mutex mutex;
-  std::condition_variable finished;
-  bool done = false;
 };
 
 template <class Output>
 void complete(int32_t result, void* output, uintptr_t context) {
   auto& pending = *reinterpret_cast<Pending*>(context);
-  const std::scoped_lock lock(pending.mutex);
   pending.story.result = result;
   if (output != nullptr) {
     pending.story.reply = tell(*static_cast<const Output*>(output));
   }
   pending.story.took = Clock::now() - pending.began;
-  pending.done = true;
-  pending.finished.notify_one();
 }
 
 // Makes calls and prints each as it ends. A failed call throws std::runtime_error.
@@ -144,10 +137,7 @@ class Caller {
 
   // All of them, before the first failure is told: none may outlive what it writes to.
   void finish() const {
-    for (const auto& pending : pending_) {
-      std::unique_lock lock(pending->mutex);
-      pending->finished.wait(lock, [&] { return pending->done; });
-    }
+    waitForCompletions();
     for (const auto& pending : pending_) {
       end(pending->story);
     }

@@ -32,10 +32,7 @@ constexpr int kGrpcUnavailable = 14;
 class RpcFramework : public HostFixture {
  protected:
   ~RpcFramework() override {
-    // Completions return before their output is released, so the last block may be on its way.
-    for (int i = 0; i < 200 && allocatorUse().outstanding != 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    waitForCompletions();
     EXPECT_EQ(allocatorUse().outstanding, 0U);
   }
 
