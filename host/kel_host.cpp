@@ -6,12 +6,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/client_library.hpp"
@@ -50,13 +50,25 @@ void printMachine(const MachineState& machine) {
   fmt::print("  processors  {}\n", machine.processors);
   fmt::print("  load        {:.2f}  {:.2f}  {:.2f}  over 1, 5 and 15 minutes\n",
              machine.load[0] / 100.0, machine.load[1] / 100.0, machine.load[2] / 100.0);
-  fmt::print("  memory      {:.1f} GiB, {:.1f} GiB available\n",
-             static_cast<double>(machine.memory.totalMiB) / 1024,
-             static_cast<double>(machine.memory.availableMiB) / 1024);
+  fmt::print("  memory      {}, {} available\n", sizeText(machine.memory.totalMiB),
+             sizeText(machine.memory.availableMiB));
+  size_t widest = 0;
   for (const FileSystem& disk : machine.fileSystems) {
-    fmt::print("  disk        {:<24} {:>10.1f} GiB  {:>3} % used  {}\n", shown(disk.mountPoint),
-               static_cast<double>(disk.sizeMiB) / 1024, disk.usedPercent, dim(shown(disk.device)));
+    widest = std::max(widest, disk.mountPoint.size());
   }
+  for (const FileSystem& disk : machine.fileSystems) {
+    fmt::print("  disk        {:<{}}  {:>10}  {:>3} % used  {}\n", shown(disk.mountPoint), widest,
+               sizeText(disk.sizeMiB), disk.usedPercent, dim(shown(disk.device)));
+  }
+}
+
+// One part of a record a line.
+std::string spread(std::string words) {
+  constexpr std::string_view kEnd = "; ";
+  for (size_t at = 0; (at = words.find(kEnd, at)) != std::string::npos;) {
+    words.replace(at, kEnd.size(), ",\n              ");
+  }
+  return words;
 }
 
 // One call as it went.
@@ -73,22 +85,16 @@ struct Story {
 struct Pending {
   Story story;
   Clock::time_point began;
-  std::mutex mutex;
-  std::condition_variable finished;
-  bool done = false;
 };
 
 template <class Output>
 void complete(int32_t result, void* output, uintptr_t context) {
   auto& pending = *reinterpret_cast<Pending*>(context);
-  const std::scoped_lock lock(pending.mutex);
   pending.story.result = result;
   if (output != nullptr) {
     pending.story.reply = tell(*static_cast<const Output*>(output));
   }
   pending.story.took = Clock::now() - pending.began;
-  pending.done = true;
-  pending.finished.notify_one();
 }
 
 // Makes calls and prints each as it ends. A failed call throws std::runtime_error.
@@ -132,10 +138,7 @@ class Caller {
 
   // All of them, before the first failure is told: none may outlive what it writes to.
   void finish() const {
-    for (const auto& pending : pending_) {
-      std::unique_lock lock(pending->mutex);
-      pending->finished.wait(lock, [&] { return pending->done; });
-    }
+    waitForCompletions();
     for (const auto& pending : pending_) {
       end(pending->story);
     }
@@ -156,13 +159,13 @@ class Caller {
 
   static void end(const Story& story) {
     const double milliseconds = std::chrono::duration<double, std::milli>(story.took).count();
-    const std::string sentence = describe(story.result);
-    fmt::print("  {}  {}\n    asked     {}\n    {}  {}  {}\n", bold(story.method),
-               dim(story.encoding), story.request, story.result == kOk ? "answered" : "failed  ",
-               story.result == kOk ? story.reply : sentence,
-               dim(fmt::format("({:.1f} ms)", milliseconds)));
-    if (story.result != kOk) {
-      throw std::runtime_error(fmt::format("{}: {}", story.method, sentence));
+    const bool answered = story.result == kOk;
+    fmt::print("  {}  {}\n    asked     {}\n    {}  {}\n", bold(story.method),
+               dim(fmt::format("{}, {:.1f} ms", story.encoding, milliseconds)),
+               spread(story.request), answered ? "answered" : "failed  ",
+               spread(answered ? story.reply : describe(story.result)));
+    if (!answered) {
+      throw std::runtime_error(fmt::format("{}: {}", story.method, describe(story.result)));
     }
   }
 
@@ -218,7 +221,7 @@ void checkMemory() {
   }
 }
 
-void run(const Options& options) {
+void tellStory(const Options& options) {
   const ClientLibrary library = loadClientLibrary(options.library);
   if (options.target.size() >= sizeof(library.address->endpoint)) {
     throw std::runtime_error("the target is too long for the server address record");
@@ -240,9 +243,7 @@ const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
   return command;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   Options options;
   options.library =
       std::filesystem::read_symlink("/proc/self/exe").replace_filename("libkel_sys_diag.so");
@@ -256,19 +257,25 @@ int main(int argc, char** argv) {
   serving.listen = kDefaultQarneTarget;
   const CLI::App* const serve = addServeCommand(app, serving);
   CLI11_PARSE(app, argc, argv);
+  if (serve->parsed()) {
+    serving.library = options.library;
+    serving.master = options.target;
+    serving.compact = options.compact;
+    serveDiagnostics(serving);
+  } else {
+    tellStory(options);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    if (serve->parsed()) {
-      serving.library = options.library;
-      serving.master = options.target;
-      serving.compact = options.compact;
-      serveDiagnostics(serving);
-    } else {
-      run(options);
-    }
-    return 0;
+    return run(argc, argv);
   } catch (const std::exception& error) {
     std::fflush(stdout);
-    fmt::print(stderr, "kel_host: {}\n", error.what());
+    std::fprintf(stderr, "kel_host: %s\n", error.what());
     return 1;
   }
 }

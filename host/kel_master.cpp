@@ -46,9 +46,7 @@ void serve(const std::string& target, const std::string& configFile, const sigse
   print(fmt::format("KelSysdiagMaster stops, with {} alarms kept", service.keptAlarms().size()));
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   const sigset_t stopSignals = blockStopSignals();
   CLI::App app("Serves KelSysdiagMaster: takes alarms and tells disks their thresholds.");
   std::string target = kDefaultTarget;
@@ -56,11 +54,17 @@ int main(int argc, char** argv) {
   app.add_option("--listen", target, "gRPC target to listen on")->capture_default_str();
   app.add_option("--config", configFile, "JSON file with the disk rules")->required();
   CLI11_PARSE(app, argc, argv);
+  serve(target, configFile, stopSignals);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    serve(target, configFile, stopSignals);
-    return 0;
+    return run(argc, argv);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "kel_master: {}\n", error.what());
+    std::fprintf(stderr, "kel_master: %s\n", error.what());
     return 1;
   }
 }

@@ -43,6 +43,9 @@ std::optional<FileSystem> measure(const std::string& mountPoint, const std::stri
   if (statvfs(mountPoint.c_str(), &state) != 0 || state.f_blocks == 0) {
     return std::nullopt;  // no room at all, or none that this user may look at
   }
+  if ((state.f_flag & ST_RDONLY) != 0) {
+    return std::nullopt;  // images are full for good, and nobody can overload them
+  }
   const uint64_t used = state.f_blocks - state.f_bfree;
   const uint64_t usable = used + state.f_bavail;
   const uint64_t percent = usable == 0 ? 0 : (used * 100 + usable - 1) / usable;

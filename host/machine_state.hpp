@@ -1,5 +1,5 @@
 // The state of this machine, read live: mounted file systems, load, memory, name, time.
-// For kel_host; works with any set of mounts, and has none to show when / itself has no size.
+// For kel_host; works with any set of mounts, an empty one included.
 #pragma once
 
 #include <sys/time.h>
@@ -33,7 +33,7 @@ struct MachineState {
   uint32_t processors;
   LoadAverages load;
   Memory memory;
-  std::vector<FileSystem> fileSystems;  // every device once, those without a size left out
+  std::vector<FileSystem> fileSystems;  // every writable device of any size, once
 };
 
 // Throws std::runtime_error with a sentence when something cannot be read.

@@ -30,18 +30,19 @@ std::string heading(uint32_t number, uint32_t severity) {
 
 double hundredths(uint32_t value) { return value / 100.0; }
 
-std::string size(uint32_t mebibytes) {
-  constexpr uint32_t kTooManyToRead = 10'000;
-  return mebibytes < kTooManyToRead ? fmt::format("{} MiB", mebibytes)
-                                    : fmt::format("{:.1f} GiB", mebibytes / 1024.0);
-}
-
 std::string time(const DiagSubRecord& at) {
   return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:06}", at.value16, at.byte1, at.byte2,
                      at.byte3, at.byte4, at.byte5, at.value32);
 }
 
 }  // namespace
+
+std::string sizeText(uint64_t mebibytes) {
+  constexpr uint64_t kTooManyToRead = 10'000;
+  return mebibytes < kTooManyToRead
+             ? fmt::format("{} MiB", mebibytes)
+             : fmt::format("{:.1f} GiB", static_cast<double>(mebibytes) / 1024);
+}
 
 std::string tell(const AlarmInput& alarm) {
   return fmt::format("{}: {}, measured {}, threshold {}; host {}, {:%Y-%m-%d %H:%M:%S} UTC",
@@ -56,14 +57,14 @@ std::string tell(const OverloadAlarmInput& alarm) {
       "of {} memory available; host {}, {}",
       heading(alarm.value1, alarm.value2), hundredths(alarm.value3), hundredths(alarm.value4),
       hundredths(alarm.value5), hundredths(alarm.value6), hundredths(alarm.value7), alarm.value10,
-      size(alarm.value9), size(alarm.value8), textOf(alarm.bytes64), time(alarm.sub));
+      sizeText(alarm.value9), sizeText(alarm.value8), textOf(alarm.bytes64), time(alarm.sub));
 }
 
 std::string tell(const OverloadDiskAlarmInput& alarm) {
   return fmt::format("{}: {} ({}) {} % used, threshold {} %; {} of {} free; {}",
                      heading(alarm.value1, alarm.value2), textOf(alarm.bytes64),
-                     textOf(alarm.bytes32), alarm.value3, alarm.value4, size(alarm.value6),
-                     size(alarm.value5), time(alarm.sub));
+                     textOf(alarm.bytes32), alarm.value3, alarm.value4, sizeText(alarm.value6),
+                     sizeText(alarm.value5), time(alarm.sub));
 }
 
 std::string tell(const OvLoadDiskCtlInput& question) {

@@ -4,6 +4,7 @@
 
 #include <kel_sys_diag/records.h>
 
+#include <cstdint>
 #include <string>
 
 namespace kel::host {
@@ -20,5 +21,7 @@ std::string tell(const OverloadDiskAlarmInput& alarm);
 std::string tell(const OvLoadDiskCtlInput& question);
 std::string tell(const AlarmOutput& reply);
 std::string tell(const OvLoadDiskCtlOutput& reply);
+
+std::string sizeText(uint64_t mebibytes);
 
 }  // namespace kel::host

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -186,7 +187,21 @@ class Engine {
     return engine;
   }
 
-  grpc::CompletionQueue& queue() { return queue_; }
+  void start(std::unique_ptr<AsyncCall> call, const Invoker& invoker, const std::string& path,
+             const grpc::Slice& request) {
+    const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
+    {
+      const std::scoped_lock lock(mutex_);
+      ++pending_;
+    }
+    AsyncCall* const started = call.release();  // to run()
+    started->exchange.start(channel, queue_, started, path, request, invoker.deadline);
+  }
+
+  void waitForCompletions() {
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [this] { return pending_ == 0; });
+  }
 
   // A channel that failed to connect answers for its back-off time with that failure, whether the
   // server is there again or not. A new one tries at once. Its own pool of connections keeps it
@@ -224,12 +239,22 @@ class Engine {
       if (call->exchange.advance(succeeded)) {
         call->complete();
         delete call;
+        forget();
       }
+    }
+  }
+
+  void forget() {
+    const std::scoped_lock lock(mutex_);
+    if (--pending_ == 0) {
+      idle_.notify_all();
     }
   }
 
   grpc::CompletionQueue queue_;
   std::mutex mutex_;
+  std::condition_variable idle_;
+  size_t pending_ = 0;
   std::map<std::string, std::shared_ptr<grpc::Channel>> channels_;
 };
 
@@ -244,7 +269,7 @@ grpc::Slice encode(const IdlCodecOps& ops, const void* input) {
   if (size == 0) {
     throw Failure{kRequestNotPacked};
   }
-  const grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
+  grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
   auto* const buffer = const_cast<uint8_t*>(slice.begin());
   if (fixed) {
     std::memset(buffer, 0, size);
@@ -349,6 +374,8 @@ std::string describe(int32_t result) {
   return fmt::format("the call failed with the unknown result {}", result);
 }
 
+void waitForCompletions() { Engine::instance().waitForCompletions(); }
+
 void setCompactAlways(bool compact) { compactAlways = compact; }
 
 }  // namespace kel::host
@@ -403,13 +430,8 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
       return kBadArgument;
     }
     const grpc::Slice request = encode(*ops, input);
-    const std::string path = pathOf(*method);
-    Engine& engine = Engine::instance();
-    const std::shared_ptr<grpc::Channel> channel = engine.channelTo(call->target);
-    auto pending = std::make_unique<AsyncCall>(*ops, *info);
-    // Nothing throws once the call has started, or its completion would run in spite of a failure.
-    AsyncCall* const started = pending.release();
-    started->exchange.start(channel, engine.queue(), started, path, request, call->deadline);
+    Engine::instance().start(std::make_unique<AsyncCall>(*ops, *info), *call, pathOf(*method),
+                             request);
     return kOk;
   });
 }

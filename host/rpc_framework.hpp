@@ -20,7 +20,7 @@
 // input record is needed until the call stub returns, no longer. If and only if that returns kOk,
 // the completion runs exactly once, on a thread of the framework, maybe before the stub has
 // returned. It may make calls of its own, but must not wait for other completions: they share a few
-// threads. Wait for your completions before the process ends.
+// threads. Call waitForCompletions before the process ends.
 //
 // A handle of RPC_GetRpcInvoke belongs to the one call that follows; null is allowed and makes that
 // call fail.
@@ -61,6 +61,10 @@ std::string describe(int32_t result);
 // Called with the call's result and the decoded output record. The record is null on failure;
 // otherwise it is valid until the completion returns, and the framework releases it then.
 using Completion = void (*)(int32_t result, void* output, uintptr_t context);
+
+// Waits until every asynchronous call has completed, its completion has returned and its output has
+// been released; their deadlines bound that. Not for completions.
+void waitForCompletions();
 
 // Whether requests that have a fixed layout are sent in the compact form all the same. For the
 // process; off at first.

@@ -20,10 +20,10 @@ HostFixture::~HostFixture() {
   std::filesystem::remove_all(folder);
 }
 
-void HostFixture::aimAt(const std::string& text) {
+void HostFixture::aimAt(const std::string& where) {
   auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;
   std::memset(endpoint, 0, sizeof(endpoint));
-  std::memcpy(endpoint, text.data(), std::min(text.size(), sizeof(endpoint)));
+  std::memcpy(endpoint, where.data(), std::min(where.size(), sizeof(endpoint)));
 }
 
 std::filesystem::path HostFixture::beside(const std::string& program) {

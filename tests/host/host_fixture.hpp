@@ -24,7 +24,7 @@ class HostFixture : public ::testing::Test {
   HostFixture();
   ~HostFixture() override;
 
-  static void aimAt(const std::string& target);
+  static void aimAt(const std::string& where);
 
   // A program built beside this test.
   static std::filesystem::path beside(const std::string& program);
@@ -44,7 +44,7 @@ class Completions {
 
   static void onAlarmOutput(int32_t result, void* output, uintptr_t context);
 
-  [[nodiscard]] uintptr_t function() const {
+  static uintptr_t function() {
     return reinterpret_cast<uintptr_t>(static_cast<Completion>(onAlarmOutput));
   }
   [[nodiscard]] uintptr_t context() const { return reinterpret_cast<uintptr_t>(this); }

@@ -42,7 +42,7 @@ std::string callForText(int32_t (*call)(const Input*, AlarmOutput*, uintptr_t),
   KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
   AlarmOutput output{};
   EXPECT_EQ(outcome(call(&input, &output, 0)), outcome(kOk));
-  const std::string text = tell(output);
+  std::string text = tell(output);
   ops.releaseFn(&output);
   return text;
 }
@@ -151,6 +151,7 @@ TEST_F(Master, KeepsTheNewestAlarmsOfManyThreads) {
 
   constexpr uint32_t kThreads = 4;
   constexpr uint32_t kEach = MasterService::kKeptAlarms / kThreads + 10;
+  constexpr uint64_t kAll = uint64_t{kThreads} * kEach;
   std::vector<std::thread> threads;
   for (uint32_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&] {
@@ -164,8 +165,8 @@ TEST_F(Master, KeepsTheNewestAlarmsOfManyThreads) {
   }
   const std::vector<KeptAlarm> kept = service_.keptAlarms();
   ASSERT_EQ(kept.size(), MasterService::kKeptAlarms);
-  EXPECT_EQ(kept.front().sequence, kThreads * kEach - MasterService::kKeptAlarms + 1);
-  EXPECT_EQ(kept.back().sequence, kThreads * kEach);
+  EXPECT_EQ(kept.front().sequence, kAll - MasterService::kKeptAlarms + 1);
+  EXPECT_EQ(kept.back().sequence, kAll);
 }
 
 TEST_F(Master, ReplacesADeadSocketButNotALiveOne) {

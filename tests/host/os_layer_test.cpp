@@ -9,7 +9,9 @@
 
 namespace kel::host {
 
-[[gnu::weak]] AllocatorUse allocatorUse();  // null where it is left out
+// Null where it is left out.
+// NOLINTNEXTLINE(readability-redundant-declaration): the header's is not weak
+[[gnu::weak]] AllocatorUse allocatorUse();
 
 namespace test {
 namespace {

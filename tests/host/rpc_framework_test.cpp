@@ -32,10 +32,7 @@ constexpr int kGrpcUnavailable = 14;
 class RpcFramework : public HostFixture {
  protected:
   ~RpcFramework() override {
-    // Completions return before their output is released, so the last block may be on its way.
-    for (int i = 0; i < 200 && allocatorUse().outstanding != 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    waitForCompletions();
     EXPECT_EQ(allocatorUse().outstanding, 0U);
   }
 
@@ -46,7 +43,7 @@ class RpcFramework : public HostFixture {
     std::string reply;
     const int32_t result = sendAlarm(alarm, reply, deadlineMs);
     Completions completions;
-    const int32_t started = KelSysdiagMaster_KelSendAlarm_async(&alarm, completions.function(),
+    const int32_t started = KelSysdiagMaster_KelSendAlarm_async(&alarm, Completions::function(),
                                                                 completions.context(), deadlineMs);
     EXPECT_EQ(outcome(started), outcome(kOk));
     const auto completed = completions.wait(1);
@@ -121,7 +118,7 @@ TEST_F(RpcFramework, RefusesWhatItCannotCarryWithoutACompletion) {
   AlarmOutput output{};
   Completions completions;
   const IdlMethodRef method{"KelSysdiagMaster", "KelSendAlarm"};
-  const IdlAsyncInfo info{sizeof(AlarmInput), sizeof(AlarmOutput), completions.function(),
+  const IdlAsyncInfo info{sizeof(AlarmInput), sizeof(AlarmOutput), Completions::function(),
                           completions.context()};
   IdlCodecOps ops{};
   KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
@@ -133,7 +130,7 @@ TEST_F(RpcFramework, RefusesWhatItCannotCarryWithoutACompletion) {
   EXPECT_EQ(KelSysdiagMaster_KelSendOverloadAlarm(nullptr, &output, 0), kRequestNotPacked);
   EXPECT_EQ(KelSysdiagMaster_KelSendAlarm(&alarm, nullptr, 0), kBadArgument);
   EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, 0, 0, 0), kBadArgument);
-  EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(nullptr, completions.function(),
+  EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(nullptr, Completions::function(),
                                                 completions.context(), 0),
             kRequestNotPacked);
   EXPECT_TRUE(completions.wait(0).empty());
@@ -258,7 +255,7 @@ TEST_F(RpcFramework, LosesAServerInMidCallAndFindsTheNextOne) {
     lose([&] { return sendAlarm(alarm, reply, 20'000); });
     lose([&] {
       Completions completions;
-      EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, completions.function(),
+      EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, Completions::function(),
                                                     completions.context(), 20'000),
                 kOk);
       return completions.wait(1).at(0).result;
@@ -309,7 +306,7 @@ TEST_F(RpcFramework, KeepsConcurrentCallsApart) {
         const AlarmInput alarm = sampleAlarm(static_cast<uint8_t>(expected[0]) |
                                              static_cast<uint32_t>(expected[1]) << 8U);
         Completions completions;
-        EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, completions.function(),
+        EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, Completions::function(),
                                                       completions.context(), 30'000),
                   kOk);
         std::string reply;
