@@ -135,7 +135,10 @@ std::vector<ProcessUse> countDescriptors(const path& root, uint32_t atLeast) {
   std::vector<ProcessUse> found;
   for (const std::string& name : namesIn(root / "proc")) {
     const auto process = processFrom(name);
-    const auto count = process ? countEntries(folderOf(root, *process) / "fd") : std::nullopt;
+    if (!process) {
+      continue;
+    }
+    const auto count = countEntries(folderOf(root, *process) / "fd");
     if (count && *count >= atLeast) {
       found.push_back({*process, *count});
     }
