@@ -31,7 +31,7 @@ std::string sizeOf(uint64_t bytes) {
   return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
-std::string orDash(std::string text) { return text.empty() ? "-" : text; }
+std::string orDash(const std::string& text) { return text.empty() ? "-" : text; }
 
 std::string momentOf(const DiagSubRecord& at) {
   return at.value16 == 0 ? "-"
