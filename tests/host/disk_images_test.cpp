@@ -51,7 +51,7 @@ class Images : public ::testing::Test {
 
   // A stand-in for mkfs.ext4 that does what the shell is told.
   path fakePrograms(const std::string& script) const {
-    const path programs = top / "programs";
+    path programs = top / "programs";
     std::filesystem::create_directories(programs);
     std::ofstream(programs / "mkfs.ext4") << "#!/bin/sh\n" << script << '\n';
     std::filesystem::permissions(programs / "mkfs.ext4", std::filesystem::perms::owner_all);
