@@ -112,7 +112,7 @@ class Bender {
                                size_ + near,
                                size_ - word.position + near,
                                size_ - word.table + near,
-                               0U - word.position + near,
+                               0U - word.position + entropy_.below(64),
                                0x80000000 + near,
                                0x40000000 + near,
                                size_ / 4 + near,

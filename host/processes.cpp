@@ -1,6 +1,7 @@
 // Reads /proc/<pid>.
 #include "host/processes.hpp"
 
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,7 +83,7 @@ std::string commandLineOf(const path& folder) {
   std::string text = readText(folder / "cmdline").value_or("");
   text.erase(text.find_last_not_of('\0') + 1);
   std::ranges::replace(text, '\0', ' ');
-  return text.empty() ? "[" + readText(folder / "comm").value_or("") + "]" : text;
+  return text.empty() ? fmt::format("[{}]", readText(folder / "comm").value_or("")) : text;
 }
 
 // "Max open files            1024                 4096                 files"
