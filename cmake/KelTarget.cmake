@@ -7,9 +7,6 @@ function(kel_target target)
   target_compile_options(${target} PRIVATE ${KEL_WARNINGS})
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${target} PRIVATE kel_headers)
-  if(KEL_CLANG_TIDY)
-    set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "clang-tidy-16")
-  endif()
 endfunction()
 
 # Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
@@ -17,6 +14,15 @@ function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
   kel_target(${target})
   target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+  if(KEL_CLANG_TIDY)
+    set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "clang-tidy-16")
+  endif()
+endfunction()
+
+# Programs that test: their own speed matters less than that of building them.
+function(kel_test_target target)
+  kel_target(${target})
+  target_compile_options(${target} PRIVATE -O1)
 endfunction()
 
 # A shared library of the product. Without the toolchain's start files it has no initialiser and no
