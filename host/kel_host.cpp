@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/client_library.hpp"
+#include "host/command_line.hpp"
 #include "host/default_target.hpp"
 #include "host/field_text.hpp"
 #include "host/machine_records.hpp"
@@ -33,6 +34,7 @@ struct Options {
   std::string target = kDefaultTarget;
   uint32_t deadlineMs = 0;
   bool compact = false;
+  CallSettings calls;
 };
 
 // Bold and dim, for terminals only.
@@ -226,6 +228,7 @@ void tellStory(const Options& options) {
     throw std::runtime_error("the target is too long for the server address record");
   }
   putText(library.address->endpoint, options.target);
+  configureCalls(options.calls);
   setCompactAlways(options.compact);
   report(options, library);
   checkMemory();
@@ -241,6 +244,7 @@ int run(int argc, char** argv) {
   app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
       ->capture_default_str();
   app.add_flag("--compact", options.compact, "send no request in its fixed layout");
+  addCallOptions(app, options.calls);
   CLI11_PARSE(app, argc, argv);
   tellStory(options);
   return 0;

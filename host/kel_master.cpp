@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "host/command_line.hpp"
 #include "host/default_target.hpp"
 #include "host/master_service.hpp"
 #include "host/rpc_server.hpp"
@@ -15,7 +16,8 @@ namespace {
 
 using namespace kel::host;
 
-constexpr std::chrono::seconds kGrace(2);
+// Longer than any call takes here, and than what callers wait by default.
+constexpr std::chrono::seconds kGrace(6);
 
 void print(const std::string& line) {
   fmt::print("{}\n", line);
@@ -32,14 +34,18 @@ sigset_t blockStopSignals() {
   return signals;
 }
 
-void serve(const std::string& target, const std::string& configFile, const sigset_t& stopSignals) {
+void serve(const std::string& target, const std::string& configFile, const ServerOptions& options,
+           const sigset_t& stopSignals) {
   MasterService service(DiskRules::fromFile(configFile), [](const KeptAlarm& alarm) {
     print(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
-  RpcServer server(target, [&service](const std::string& path, std::span<const uint8_t> request) {
-    return service.handle(path, request);
-  });
-  print(fmt::format("KelSysdiagMaster listens on {}", target));
+  RpcServer server(
+      target,
+      [&service](const std::string& path, std::span<const uint8_t> request) {
+        return service.handle(path, request);
+      },
+      options);
+  print(fmt::format("KelSysdiagMaster listens on {}", server.target()));
   int signal = 0;
   sigwait(&stopSignals, &signal);
   server.stop(kGrace);
@@ -51,10 +57,12 @@ int run(int argc, char** argv) {
   CLI::App app("Serves KelSysdiagMaster: takes alarms and tells disks their thresholds.");
   std::string target = kDefaultTarget;
   std::string configFile;
+  ServerOptions options;
   app.add_option("--listen", target, "gRPC target to listen on")->capture_default_str();
   app.add_option("--config", configFile, "JSON file with the disk rules")->required();
+  addServerOptions(app, options);
   CLI11_PARSE(app, argc, argv);
-  serve(target, configFile, stopSignals);
+  serve(target, configFile, options, stopSignals);
   return 0;
 }
 

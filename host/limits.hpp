@@ -1,0 +1,29 @@
+// What one server spends on its callers at most. For servers and whoever configures them;
+// docs/host-security.md has the reasoning in full.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace kel::host {
+
+// Of a request or a reply, in either direction. The messages here are of some hundred bytes; what
+// grows is a text.
+inline constexpr uint32_t kDefaultMessageBytes = 4U << 20U;
+
+struct ServerLimits {
+  uint32_t messageBytes = kDefaultMessageBytes;
+  // Calls at a time, those that wait for a thread included. Bounds the memory that requests and
+  // replies take to twice this times messageBytes.
+  uint32_t calls = 64;
+  // However long a deadline the caller has. Making a file system is the slowest thing that anybody
+  // asks for.
+  std::chrono::milliseconds longestCall = std::chrono::minutes(5);
+  // For a connection to say who it is and that it speaks gRPC.
+  std::chrono::milliseconds handshake = std::chrono::seconds(10);
+  // After this long without a sign of life a connection is asked for one, and closed if it gives
+  // none for as long again.
+  std::chrono::milliseconds keepalive = std::chrono::seconds(20);
+};
+
+}  // namespace kel::host
