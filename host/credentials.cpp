@@ -2,30 +2,49 @@
 #include "host/credentials.hpp"
 
 #include <fmt/format.h>
-#include <grpcpp/create_channel.h>
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/security/server_credentials.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 
-#include <cerrno>
-#include <cstring>
+#include <array>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace kel::host {
 namespace {
 
-// gRPC takes whatever a file holds and only complains, call after call, once it is used.
-std::string readPem(const std::string& path, const char* label) {
+std::string lastTlsError() {
+  std::array<char, 256> text{};
+  ERR_error_string_n(ERR_get_error(), text.data(), text.size());
+  ERR_clear_error();
+  return text.data();
+}
+
+// gRPC takes whatever the files hold, and only complains at every connection that then fails.
+void check(const TlsFiles& files) {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
+                                                                  SSL_CTX_free);
+  const auto demand = [](bool usable, const std::string& file, const char* what) {
+    if (!usable) {
+      throw std::runtime_error(fmt::format("cannot use {} as {}: {}", file, what, lastTlsError()));
+    }
+  };
+  demand(SSL_CTX_load_verify_file(context.get(), files.authority.c_str()) == 1, files.authority,
+         "the authority's certificate");
+  demand(SSL_CTX_use_certificate_chain_file(context.get(), files.certificate.c_str()) == 1,
+         files.certificate, "a certificate");
+  demand(SSL_CTX_use_PrivateKey_file(context.get(), files.key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+             SSL_CTX_check_private_key(context.get()) == 1,
+         files.key, fmt::format("the key of {}", files.certificate).c_str());
+}
+
+std::string read(const std::string& path) {
   std::ifstream file(path);
-  const std::string pem{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (!file) {
-    throw std::runtime_error(fmt::format("cannot read {}: {}", path, std::strerror(errno)));
-  }
-  if (pem.find(label) == std::string::npos) {
-    throw std::runtime_error(fmt::format("{} holds no PEM block \"{}\"", path, label));
-  }
-  return pem;
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 struct Pems {
@@ -35,9 +54,8 @@ struct Pems {
 };
 
 Pems readPems(const TlsFiles& files) {
-  constexpr char kCertificate[] = "BEGIN CERTIFICATE";
-  return {readPem(files.authority, kCertificate), readPem(files.certificate, kCertificate),
-          readPem(files.key, "PRIVATE KEY")};
+  check(files);
+  return {read(files.authority), read(files.certificate), read(files.key)};
 }
 
 enum class Protection : uint8_t { none, tls, plain };
@@ -92,16 +110,8 @@ std::shared_ptr<grpc::ChannelCredentials> channelCredentials(const TransportSecu
       break;
   }
   Pems pems = readPems(security.tls);
-  auto credentials = grpc::SslCredentials(
+  return grpc::SslCredentials(
       {std::move(pems.authority), std::move(pems.key), std::move(pems.certificate)});
-  // A channel over credentials that do not fit together is dead from the start.
-  const auto probe = grpc::CreateChannel("unix:/", credentials);
-  if (probe->GetState(false) == GRPC_CHANNEL_SHUTDOWN) {
-    throw std::runtime_error(fmt::format("{}, {} and {} cannot be used together for TLS",
-                                         security.tls.authority, security.tls.certificate,
-                                         security.tls.key));
-  }
-  return credentials;
 }
 
 }  // namespace kel::host

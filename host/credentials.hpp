@@ -21,7 +21,7 @@ struct TlsFiles {
 };
 
 struct TransportSecurity {
-  TlsFiles tls;
+  TlsFiles tls = {};
   bool insecurePlainTcp = false;  // TCP that anybody may read, change and call
 };
 

@@ -75,10 +75,10 @@ using Completion = void (*)(int32_t result, void* output, uintptr_t context);
 void waitForCompletions();
 
 struct CallSettings {
-  TransportSecurity security;
+  TransportSecurity security = {};
   // The name that servers' certificates must bear. Empty: the target's host, which several servers
   // at one target have no common one of.
-  std::string serverName;
+  std::string serverName = {};
   uint32_t messageBytes = kDefaultMessageBytes;  // of a request or a reply at most
 };
 

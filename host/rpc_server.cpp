@@ -99,8 +99,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
     server_ = builder.BuildAndStart();
     if (server_ == nullptr) {
-      throw std::runtime_error(fmt::format(
-          "cannot listen on {}: the TLS files cannot be used together", listener_->target()));
+      throw std::runtime_error(
+          fmt::format("cannot listen on {}: gRPC refuses to serve there", listener_->target()));
     }
     listener_->start([this](int connection) {
       grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters parameters;

@@ -30,9 +30,9 @@ using RequestHandler =
     std::function<Answer(const std::string& path, std::span<const uint8_t> request)>;
 
 struct ServerOptions {
-  TransportSecurity security;
-  ServerLimits limits;
-  PeerPolicy policy;  // none: everything is open to whoever gets in
+  TransportSecurity security = {};
+  ServerLimits limits = {};
+  PeerPolicy policy = {};  // none: everything is open to whoever gets in
 };
 
 class RpcServer {
