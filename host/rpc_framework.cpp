@@ -131,6 +131,8 @@ class Exchange {
     switch (status_.error_code()) {
       case grpc::StatusCode::UNAVAILABLE:
         return sent_ ? kConnectionLost : kUnreachable;
+      case grpc::StatusCode::CANCELLED:  // by a server that stops
+        return kConnectionLost;
       case grpc::StatusCode::DEADLINE_EXCEEDED:
         return kDeadlinePassed;
       case grpc::StatusCode::INVALID_ARGUMENT:
@@ -360,7 +362,7 @@ std::string describe(int32_t result) {
     case kUnreachable:
       return "the server cannot be reached; the request has not left";
     case kConnectionLost:
-      return "the connection was lost after the request had been sent";
+      return "the connection was lost, or the server stopped, after the request had been sent";
     case kDeadlinePassed:
       return "the deadline passed before the reply was complete";
     case kReplyEmpty:

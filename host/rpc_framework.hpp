@@ -50,7 +50,7 @@ enum RpcResult : int32_t {
   kRequestNotPacked = 4,  // no input record, or one that is too large to encode
   kNoMemory = 5,
   kUnreachable = 6,     // nobody listens there, or not with gRPC; the request has not left
-  kConnectionLost = 7,  // the request was sent, and no answer is known to have come back
+  kConnectionLost = 7,  // or the server stopped; the request was sent, and its fate is not known
   kDeadlinePassed = 8,  // the request may or may not have been acted upon
   kReplyEmpty = 9,      // the server reported success with no reply, or with one of no bytes
   kReplyNotDecoded = 10,

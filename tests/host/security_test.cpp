@@ -240,7 +240,9 @@ TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
   expectStatus(rawCall(target), grpc::StatusCode::RESOURCE_EXHAUSTED,
                "the reply has 1001 bytes, and this server sends 1000 at most");
   EXPECT_EQ(handled_, 2);
-  rawCall(target, 100 * kMost, grpc::InsecureChannelCredentials(), GRPC_COMPRESS_GZIP);
+  expectStatus(rawCall(target, 100 * kMost, grpc::InsecureChannelCredentials(), GRPC_COMPRESS_GZIP),
+               grpc::StatusCode::RESOURCE_EXHAUSTED, "the reply has 1001 bytes");
+  EXPECT_EQ(handled_, 3) << "what is compressed is not unfolded, but handled as it is";
   EXPECT_EQ(call(), outcome(kTooLarge));
 
   replyBytes = kMost;
