@@ -13,6 +13,9 @@ constexpr int kKeepaliveMs = 10'000;
 constexpr int kKeepaliveTimeoutMs = 5'000;
 // A server that is back gets its share of calls again within this time.
 constexpr int kLongestBackOffMs = 2'000;
+// For a server to take a connection and greet. Less than calls wait, so that a machine that does
+// not answer counts as unreachable.
+constexpr int kConnectMs = 3'000;
 
 }  // namespace
 
@@ -29,6 +32,7 @@ std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) c
   // A pool of connections of its own keeps a channel from inheriting another one's back-off.
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kLongestBackOffMs);
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, kConnectMs);
   // The address record and the settings alone decide how calls go, not the environment or the DNS.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
