@@ -21,19 +21,20 @@ class Codec {
   // Records come untyped, as the slots of an IdlCodecOps hand them over.
   [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const void* untyped) {
     const auto* const record = static_cast<const Record*>(untyped);
-    StringLengths<Record> lengths{};
     if (target == nullptr) {
-      return record == nullptr ? 0 : compactSize(*record, lengths);
+      return record == nullptr ? 0 : compactSize(*record);
     }
     uint8_t* const buffer = target->buffer;
     const uint32_t capacity = *target->capacity;
-    if (buffer == nullptr || record == nullptr || !holds(capacity, *record, lengths)) [[unlikely]] {
+    compact::Survey<Record> survey;
+    if (buffer == nullptr || record == nullptr || !compactFits(*record, capacity, survey))
+        [[unlikely]] {
       korvaLog(Runtime, kInvalid, kPackName.text(), "[KORVA]:Param invalid(%s, %u, %s)",
                nullness(buffer), capacity, nullness(record));
       return 0;
     }
     KorvaMemInit(Runtime);
-    return compactPack(buffer, *record, lengths);
+    return compactPack(buffer, *record, survey);
   }
 
   [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* record) {
@@ -66,17 +67,6 @@ class Codec {
   [[gnu::always_inline]] static uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
-  // Whether a capacity takes the whole message. Most often the largest size settles it, and the
-  // record need not be measured; otherwise its strings' lengths are known afterwards.
-  [[gnu::always_inline]] static bool holds(uint32_t capacity, const Record& record,
-                                           StringLengths<Record>& lengths) {
-    if (kLargestCompactSize<Record> != 0 && capacity >= kLargestCompactSize<Record>) {
-      return true;
-    }
-    const uint32_t size = compactSize(record, lengths);
-    return size != 0 && size <= capacity;
-  }
-
   static constexpr auto kPackName = Title + "_pack";
   static constexpr auto kUnpackName = Title + "_unpack";
   static constexpr auto kReleaseName = Title + "_free_unpacked";

@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_rows.hpp"
 #include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
 
@@ -24,7 +25,7 @@ struct PackCursor {
   }
 };
 
-// The lengths that the size pass found, so that no string is scanned twice in a pack pass.
+// The lengths of a record's strings, so that none is scanned twice in a pack pass.
 template <class Record>
 using StringLengths = std::array<uint64_t, countSlots<Record>(SlotKind::string)>;
 
@@ -76,6 +77,10 @@ template <class Slot, class Record>
 template <class Record>
 inline constexpr uint32_t kFullSize = fixedSize<Record>() + scalars::allBytes<Record>();
 
+// With its entry.
+template <class Element>
+inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Element>;
+
 // Vector elements, with their entries. Where the count alone decides that the message is too large,
 // no element is looked at.
 template <PlainTable Element>
@@ -84,7 +89,7 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
   if (least > kSizeLimit) {
     return least;
   }
-  uint64_t size = uint64_t{count} * (kOffsetFieldWidth + kFullSize<Element>);
+  uint64_t size = uint64_t{count} * kFullElementSize<Element>;
   for (uint32_t i = 0; i < count;) {
     scalars::AbsentBytes<Element> absent;
     const uint32_t end = i + std::min(count - i, absent.kCapacity);
@@ -96,13 +101,11 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
   return size;
 }
 
-// What a table takes, with its vector's elements. Fills in the strings' lengths.
+// What a record's strings take, with their offset fields. Fills in their lengths.
 template <class Record>
-[[gnu::always_inline]] inline uint64_t tableSize(const Record& record,
-                                                 StringLengths<Record>& lengths) {
-  scalars::AbsentBytes<Record> absent;
-  absent.add(record);
-  uint64_t size = kFullSize<Record> - absent.sum();
+[[gnu::always_inline]] inline uint64_t stringsSize(const Record& record,
+                                                   StringLengths<Record>& lengths) {
+  uint64_t size = 0;
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::string) {
       if (const char* const text = Slot::get(record); text != nullptr) {
@@ -110,43 +113,117 @@ template <class Record>
         lengths[stringIndex<Record, Index>()] = length;
         size += kOffsetFieldWidth + kCountWidth + length + 1;
       }
-    } else if constexpr (Slot::kind == SlotKind::table) {
-      static_assert(PlainTable<typename Slot::Type>);
-    } else if constexpr (Slot::kind == SlotKind::vector) {
+    }
+  });
+  return size;
+}
+
+// What a record's vector takes, with its offset field; or, unmeasured, what it takes at most.
+template <class Record, bool Measured>
+[[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
+  uint64_t size = 0;
+  forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+    if constexpr (Slot::kind == SlotKind::vector) {
       if (hasElements<Slot>(record)) {
-        size +=
-            kOffsetFieldWidth + kCountWidth + elementsSize(Slot::get(record), Slot::count(record));
+        const uint32_t count = Slot::count(record);
+        size += kOffsetFieldWidth + kCountWidth;
+        size += Measured ? elementsSize(Slot::get(record), count)
+                         : uint64_t{count} * kFullElementSize<typename Slot::Element>;
       }
     }
   });
   return size;
 }
 
-template <PlainTable Record>
+// Tables whose scalars end them. All they consist of fits one window.
+template <class Record>
+concept ScalarTable =
+    Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == Schema<Record>::count;
+
+// How many windows a table has, those of its nested tables behind its own.
+template <class Record>
+consteval uint32_t windowCount() {
+  uint32_t count = rows::kWindows<Record>.count;
+  forEachSlot<Record>([&]<class Slot, size_t>() {
+    if constexpr (Slot::kind == SlotKind::table) {
+      count += windowCount<typename Slot::Type>();
+    }
+  });
+  return count;
+}
+
+// All that packing has to know of a record's scalars, found before the first byte is written.
+template <class Record>
+using Windows = std::array<rows::WindowState, windowCount<Record>()>;
+
+// Calls visit.operator()<Slot, Index>(windows) for every nested table with the windows of its own.
+template <class Record, class State, class Visit>
+[[gnu::always_inline]] inline void forEachNested(State* windows, Visit&& visit) {
+  State* next = windows + rows::kWindows<Record>.count;
+  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    if constexpr (Slot::kind == SlotKind::table) {
+      static_assert(PlainTable<typename Slot::Type>);
+      visit.template operator()<Slot, Index>(next);
+      next += windowCount<typename Slot::Type>();
+    }
+  });
+}
+
+template <class Record>
+[[gnu::always_inline]] inline void lookAt(const Record& record, rows::WindowState* windows) {
+  scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) { windows[Index] = rows::look<Record, Index>(record); });
+  forEachNested<Record>(
+      windows, [&]<class Slot, size_t>(rows::WindowState * nested)
+                   __attribute__((always_inline)) { lookAt(Slot::get(record), nested); });
+}
+
+template <class Record>
+[[gnu::always_inline]] inline uint32_t presentBytes(const rows::WindowState* windows) {
+  uint32_t bytes = 0;
+  scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) { bytes += rows::kSizes<Record, Index>[windows[Index].row]; });
+  forEachNested<Record>(
+      windows, [&]<class Slot, size_t>(const rows::WindowState* nested) __attribute__((
+                   always_inline)) { bytes += presentBytes<typename Slot::Type>(nested); });
+  return bytes;
+}
+
+// Whether another table follows, whose first bytes may be overwritten before it is written.
+enum class Followed : uint8_t { no, byTable };
+
+template <Followed By, PlainTable Record>
 uint32_t packTable(PackCursor& cursor, const Record& record);
 
-// A table being written. The order of its parts is the wire's: scalars, offset fields, strings and
-// byte arrays, vector header; its nested tables and elements follow behind it.
-template <class Record>
+// A table being written. The order of its parts is the wire's: head, scalars, offset fields,
+// strings and byte arrays, vector header; its nested tables and elements follow behind it.
+template <class Record, Followed By>
 class TableWriter {
   static_assert(countSlots<Record>(SlotKind::vector) <= 1,
                 "a second vector's header would have no place before the first one's elements");
 
  public:
-  [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record)
+  [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record,
+                                     const rows::WindowState* windows)
       : cursor_(cursor),
         record_(record),
+        windows_(windows),
         vtable_(cursor.current),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {}
 
   // Returns the table's position and leaves the cursor behind everything that belongs to it.
   [[gnu::always_inline]] uint32_t write(const StringLengths<Record>& lengths) {
-    writeScalars();
-    reserveOffsetFields();
-    writeStringsAndArrays(lengths);
-    writeVectorHeader();
-    writeTableHeader();
+    if constexpr (ScalarTable<Record>) {
+      writeScalarTable();
+    } else {
+      writeHead();
+      writeScalars();
+      reserveOffsetFields();
+      writeStringsAndArrays(lengths);
+      writeVectorHeader();
+      writeTableLength();
+    }
     cursor_.current = at_;
     writeNestedTables();
     writeElements();
@@ -154,57 +231,82 @@ class TableWriter {
   }
 
  private:
-  // A window's scalars are moved together in one vector, which is stored whole where more than a
-  // vector follows in the table and overwrites what is too much. Where nothing may follow, the last
-  // present scalar ends exactly at the table's end, and what lies before the first one is the
-  // vtable and the displacement, which are written later.
-  [[gnu::always_inline]] void writeScalars() {
-    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { writeWindow<Index>(); });
-  }
+  // Bytes that always follow the scalars.
+  static constexpr uint32_t kFollowing = fixedSize<Record>() - rows::kHeadLength<Record>;
 
-  template <uint32_t Index>
-  [[gnu::always_inline]] void writeWindow() {
-    using scalars::Depth;
-    using scalars::Side;
-    constexpr scalars::Window kWindow = scalars::kWindows<Record, Depth::ownTable>.items[Index];
-    constexpr scalars::Pattern kPattern = scalars::patternOf<Record, Index>();
-    constexpr Side kSide = kFollowing >= kVectorWidth ? Side::front : Side::end;
-    constexpr auto& kRows = scalars::kRows<kPattern, kSide, Index == 0>;
-    const ByteVector window = scalars::loadWindow<Record, Depth::ownTable, Index>(record_);
-    const uint32_t row = scalars::rowOf<Record, Index>(record_, window);
-    const ByteVector together =
-        permute(window, loadVector<kVectorWidth>(kRows.indices[row].data()));
-    const auto begin = static_cast<uint64_t>(at_ - table_);
-    if constexpr (kSide == Side::front) {
-      storeVector(at_, together);
-      at_ += kRows.size[row];
+  // What lies before the scalars in their vector is the head, which is written over it, or else is
+  // not stored.
+  [[gnu::always_inline]] void writeScalarTable() {
+    static_assert(rows::kWindows<Record>.count == 1);
+    constexpr uint32_t kScalarBytes = scalars::alignUp(scalars::allBytes<Record>(), 4);
+    const rows::WindowState& window = windows_[0];
+    const auto& head = rows::kHeadsOfWindow<Record, 0>[window.row];
+    at_ += rows::kSizes<Record, 0>[window.row];
+    if constexpr (By == Followed::byTable) {
+      static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
+                        kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
+                    "the vector must not reach behind the next table's head");
+      std::memcpy(vtable_, head.data(), kVtableLength<Record>);
+      constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
+      storeVector(table_, rows::moveTogether<Record, 0, rows::Place::behindDisplacement>(window) |
+                              std::bit_cast<ByteVector>(kDisplacement));
     } else {
-      static_assert(scalars::kWindows<Record, Depth::ownTable>.count == 1 &&
-                        scalars::alignUp(scalars::totalWidth(kPattern), 4) <=
-                            kVtableLength<Record> + kDisplacementWidth,
-                    "a table of scalars alone must fit one vector");
-      at_ += kRows.size[row];
-      storeVectorTail<scalars::alignUp(scalars::totalWidth(kPattern), 4)>(at_, together);
+      constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
+      static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
+      storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(
+          at_, rows::moveTogether<Record, 0, rows::Place::end>(window));
+      std::memcpy(vtable_, head.data(), rows::kHeadLength<Record>);
     }
-    constexpr uint32_t kSlot = scalars::kScalars<Record, Depth::ownTable>.items[kWindow.first].slot;
-    writeEntries<kSlot, kWindow.count>(kRows, row, begin);
   }
 
-  // Four entries at a time. The fourth of a word that holds three is the next slot's, or lies in
-  // the displacement; either is written later.
-  template <uint32_t Slot, uint32_t Count, class Rows>
-  [[gnu::always_inline]] void writeEntries(const Rows& rows, uint32_t row, uint64_t begin) {
-    uint8_t* const to = vtable_ + vtableEntry(Slot);
-    constexpr uint32_t kRest = Count % scalars::kLanes;
-    constexpr uint32_t kWhole = Count / scalars::kLanes + (kRest == 3 ? 1 : 0);
-    for (uint32_t word = 0; word < kWhole; ++word) {
-      store(to + word * sizeof(uint64_t), rows.entriesAt(row, word, begin));
+  // Stored in whole vectors where enough follows in the table to overwrite what is too much.
+  [[gnu::always_inline]] void writeHead() {
+    constexpr uint32_t kLength = rows::kHeadLength<Record>;
+    if constexpr (kFollowing < kVectorWidth) {
+      static_assert(kLength <= kVectorWidth);
+      const ByteVector head = headVector<0>();
+      std::memcpy(vtable_, &head, kLength);
+    } else {
+      [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
+        (storeVector(vtable_ + Part * kVectorWidth, headVector<Part>()), ...);
+      }
+      (std::make_index_sequence<sizeof(rows::Head<Record>) / kVectorWidth>());
     }
-    if constexpr (kRest == 1 || kRest == 2) {
-      using Rest = std::conditional_t<kRest == 1, uint16_t, uint32_t>;
-      store(to + kWhole * sizeof(uint64_t), static_cast<Rest>(rows.entriesAt(row, kWhole, begin)));
+  }
+
+  template <size_t Part>
+  [[gnu::always_inline]] ByteVector headVector() {
+    using Lanes = Vector<int16_t>;
+    const auto lanesOf = [](const rows::Head<Record>& head) __attribute__((always_inline)) {
+      const auto* const bytes = reinterpret_cast<const uint8_t*>(head.data());
+      return std::bit_cast<Lanes>(loadVector<kVectorWidth>(bytes + Part * kVectorWidth));
+    };
+    Lanes sum = rows::kSummands<Record> == 0 ? lanesOf(rows::kEmptyHead<Record>) : Lanes{};
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) {
+      sum += lanesOf(rows::kHeadsOfWindow<Record, Index>[windows_[Index].row]);
+    });
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (rows::isOptional(Slot::kind)) {
+        sum +=
+            lanesOf(rows::kHeadsOfOptional<Record, Index>[hasOffsetField<Slot>(record_) ? 0 : 1]);
+      }
+    });
+    if constexpr (rows::kSummands<Record> > 1) {
+      sum &= ~(sum >> 15);  // the absent slots' lanes
     }
+    return std::bit_cast<ByteVector>(sum);
+  }
+
+  // A window's scalars are moved together in one vector, which is stored whole: more than a vector
+  // follows in the table, and overwrites what is too much.
+  [[gnu::always_inline]] void writeScalars() {
+    static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) {
+      storeVector(at_, rows::moveTogether<Record, Index, rows::Place::front>(windows_[Index]));
+      at_ += rows::kSizes<Record, Index>[windows_[Index].row];
+    });
   }
 
   [[gnu::always_inline]] void reserveOffsetFields() {
@@ -214,8 +316,6 @@ class TableWriter {
       } else if constexpr (Slot::kind != SlotKind::scalar) {
         if (hasOffsetField<Slot>(record_)) {
           reserveOffsetField<Index>();
-        } else {
-          store(vtable_ + vtableEntry(Index), uint16_t{0});
         }
       }
     });
@@ -223,7 +323,6 @@ class TableWriter {
 
   template <size_t Index>
   [[gnu::always_inline]] void reserveOffsetField() {
-    store(vtable_ + vtableEntry(Index), static_cast<uint16_t>(at_ - table_));
     offsetFields_[Index] = at_;
     at_ += kOffsetFieldWidth;
   }
@@ -264,18 +363,22 @@ class TableWriter {
     });
   }
 
-  [[gnu::always_inline]] void writeTableHeader() {
-    const auto tableLength = static_cast<uint32_t>(at_ - table_);
-    store(vtable_, kVtableLength<Record> | tableLength << 16);
-    store(table_, static_cast<int32_t>(kVtableLength<Record>));
+  // The head does not know how long strings and vectors are.
+  [[gnu::always_inline]] void writeTableLength() {
+    if constexpr (kOwnsMemory<Record>) {
+      store(vtable_ + sizeof(uint16_t) * rows::kTableLengthLane,
+            static_cast<uint16_t>(at_ - table_));
+    }
   }
 
   [[gnu::always_inline]] void writeNestedTables() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
-      if constexpr (Slot::kind == SlotKind::table) {
-        point(offsetFields_[Index], packTable(cursor_, Slot::get(record_)));
-      }
-    });
+    forEachNested<Record>(
+        windows_, [&]<class Slot, size_t Index>(
+                      const rows::WindowState* windows) __attribute__((always_inline)) {
+          using Nested = typename Slot::Type;
+          TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_), windows);
+          point(offsetFields_[Index], writer.write({}));
+        });
   }
 
   [[gnu::always_inline]] void writeElements() {
@@ -284,15 +387,26 @@ class TableWriter {
         if (hasElements<Slot>(record_)) {
           // Copies, because for all the compiler knows the bytes written may be the record's.
           const auto* const elements = Slot::get(record_);
-          const uint32_t count = Slot::count(record_);
           PackCursor cursor = cursor_;
-          for (uint32_t i = 0; i < count; ++i) {
-            point(entries_ + size_t{i} * kOffsetFieldWidth, packTable(cursor, elements[i]));
-          }
+          writeElements(cursor, elements, elements + Slot::count(record_));
           cursor_.current = cursor.current;
         }
       }
     });
+  }
+
+  template <class Element>
+  [[gnu::always_inline]] void writeElements(PackCursor& cursor, const Element* element,
+                                            const Element* end) {
+    uint8_t* entry = entries_;
+    if constexpr (ScalarTable<Element>) {
+      for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
+        point(entry, packTable<Followed::byTable>(cursor, *element));
+      }
+    }
+    for (; element != end; ++element, entry += kOffsetFieldWidth) {
+      point(entry, packTable<Followed::no>(cursor, *element));
+    }
   }
 
   template <size_t Index>
@@ -304,12 +418,9 @@ class TableWriter {
     store(offsetField, target - cursor_.positionOf(offsetField));
   }
 
-  // Bytes that always follow the scalars.
-  static constexpr uint32_t kFollowing =
-      fixedSize<Record>() - kVtableLength<Record> - kDisplacementWidth;
-
   PackCursor& cursor_;
   const Record& record_;
+  const rows::WindowState* const windows_;
   uint8_t* const vtable_;
   uint8_t* const table_;
   uint8_t* at_;
@@ -317,33 +428,56 @@ class TableWriter {
   std::array<uint8_t*, Schema<Record>::count> offsetFields_;
 };
 
-// The nested-table packer: writes the table at the cursor and returns its position.
-template <PlainTable Record>
+// Writes an element at the cursor and returns its position.
+template <Followed By, PlainTable Record>
 [[gnu::always_inline]] inline uint32_t packTable(PackCursor& cursor, const Record& record) {
-  return TableWriter<Record>(cursor, record).write({});
+  Windows<Record> windows;
+  lookAt(record, windows.data());
+  return TableWriter<Record, By>(cursor, record, windows.data()).write({});
 }
+
+// What a pack pass finds out before it writes.
+template <class Record>
+struct Survey {
+  Windows<Record> windows;
+  StringLengths<Record> lengths;
+};
 
 }  // namespace compact
 
 // The encoded size of a record, or 0 when it passes 32 bits.
 template <class Record>
-[[gnu::always_inline]] inline uint32_t compactSize(const Record& record,
-                                                   StringLengths<Record>& lengths) {
-  const uint64_t size = kRootOffsetWidth + compact::tableSize(record, lengths);
+[[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
+  StringLengths<Record> lengths;
+  scalars::AbsentBytes<Record> absent;
+  absent.add(record);
+  const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
+                        compact::stringsSize(record, lengths) +
+                        compact::vectorSize<Record, true>(record);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 
-// No record of the type takes more; 0 where strings or vectors set no bound.
+// Whether a capacity takes the whole message. A vector is measured only where its largest size
+// leaves that open; all else is what packing has to find out anyway, and leaves in the survey.
 template <class Record>
-inline constexpr uint32_t kLargestCompactSize =
-    kOwnsMemory<Record> ? 0 : kRootOffsetWidth + compact::kFullSize<Record>;
+[[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
+                                               compact::Survey<Record>& survey) {
+  compact::lookAt(record, survey.windows.data());
+  const uint64_t size = kRootOffsetWidth + compact::fixedSize<Record>() +
+                        compact::presentBytes<Record>(survey.windows.data()) +
+                        compact::stringsSize(record, survey.lengths);
+  return size + compact::vectorSize<Record, false>(record) <= capacity ||
+         (countSlots<Record>(SlotKind::vector) != 0 &&
+          size + compact::vectorSize<Record, true>(record) <= capacity);
+}
 
-// Writes a record whose lengths compactSize has filled in, into a buffer that holds its size.
+// Writes a surveyed record into a buffer that it fits, and returns its size.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
-                                                   const StringLengths<Record>& lengths) {
+                                                   const compact::Survey<Record>& survey) {
   PackCursor cursor{buffer, buffer + kRootOffsetWidth};
-  store(buffer, compact::TableWriter<Record>(cursor, record).write(lengths));
+  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.windows.data());
+  store(buffer, writer.write(survey.lengths));
   return cursor.positionOf(cursor.current);
 }
 

@@ -1,6 +1,6 @@
-// The scalars of a record, up to sixteen bytes of them at a time: which are zero, how many bytes
-// that saves, and how the others are moved together. Nothing here branches on a value, since which
-// scalars are zero is as good as random. For the compact packer.
+// The scalars of a record, up to sixteen bytes of them at a time: which are zero, and how many
+// bytes that saves. Nothing here branches on a value, since which scalars are zero is as good as
+// random. For the compact packer.
 #pragma once
 
 #include <algorithm>
@@ -95,16 +95,14 @@ consteval auto listScalars() {
 template <class Record, Depth Which>
 inline constexpr auto kScalars = listScalars<Record, Which>();
 
-// How many scalars a window of a table may hold: its table of rows has 2 to that power.
+// How many scalars a window of a table may hold: its tables of rows have 2 to that power.
 inline constexpr uint32_t kMaximumScalars = 8;
 
-// Whether scalar can join the window that begins with first. In a table, a window's slots must also
-// be neighbours, so that their vtable entries are.
+// Whether scalar can join the window that begins with first.
 constexpr bool fits(const Scalar& first, const Scalar& scalar, uint32_t count, Depth which) {
   const uint32_t distance = scalar.offset - first.offset;
   const bool inVector = distance + scalar.width <= kVectorWidth && distance % scalar.width == 0;
-  const bool inRow = count < kMaximumScalars && scalar.slot == first.slot + count;
-  return inVector && (which == Depth::withNested || inRow);
+  return inVector && (which == Depth::withNested || count < kMaximumScalars);
 }
 
 // A window never reaches past the record's end: near it, it begins earlier, or is a shorter one.
@@ -151,38 +149,48 @@ template <class Record, Depth Which, uint32_t Index>
 
 using Bytes = std::array<uint8_t, kVectorWidth>;
 
-// All ones where the scalars of one width lie in a window.
-template <class Record, Depth Which, uint32_t Index, uint32_t Width>
+// All ones where a window's scalars lie: all of them, or those of one width.
+template <class Record, Depth Which, uint32_t Index, uint32_t Width = 0>
 inline constexpr Bytes kMask = [] {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
   Bytes mask{};
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     const Scalar& scalar = kScalars<Record, Which>.items[kWindow.first + i];
-    for (uint32_t byte = 0; byte < scalar.width && scalar.width == Width; ++byte) {
+    for (uint32_t byte = 0; byte < scalar.width && (Width == 0 || Width == scalar.width); ++byte) {
       mask[scalar.offset - kWindow.offset + byte] = 0xFF;
     }
   }
   return mask;
 }();
 
-template <class Record, Depth Which, uint32_t Index, class Lane>
-[[gnu::always_inline]] inline ByteVector zerosOfWidth(ByteVector window) {
-  constexpr auto& kLanesOfWidth = kMask<Record, Which, Index, sizeof(Lane)>;
-  if constexpr (kLanesOfWidth == Bytes{}) {
-    return ByteVector{};
-  } else {
-    const auto equal = std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{};
-    return std::bit_cast<ByteVector>(equal) & loadVector<kVectorWidth>(kLanesOfWidth.data());
+// Takes the bytes that Mask names from chosen, and the others from rest.
+template <const Bytes& Mask>
+[[gnu::always_inline]] inline ByteVector blend(ByteVector rest, ByteVector chosen) {
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+    return __builtin_shufflevector(rest, chosen, (Mask[Byte] == 0 ? Byte : kVectorWidth + Byte)...);
   }
+  (std::make_index_sequence<kVectorWidth>());
 }
 
-// All ones where a scalar of the window is zero.
+// All ones where a scalar of the window is zero; anything where no scalar lies.
 template <class Record, Depth Which, uint32_t Index>
 [[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
-  return zerosOfWidth<Record, Which, Index, uint8_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint16_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint32_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint64_t>(window);
+  ByteVector zeros{};
+  bool first = true;
+  const auto compare = [&]<class Lane>() __attribute__((always_inline)) {
+    constexpr auto& kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
+    if constexpr (kLanes != Bytes{}) {
+      const auto equal =
+          std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{});
+      zeros = first ? equal : blend<kLanes>(zeros, equal);
+      first = false;
+    }
+  };
+  compare.template operator()<uint8_t>();
+  compare.template operator()<uint16_t>();
+  compare.template operator()<uint32_t>();
+  compare.template operator()<uint64_t>();
+  return zeros;
 }
 
 template <class Record, Depth Which, class Visit>
@@ -204,8 +212,10 @@ class AbsentBytes {
 
   [[gnu::always_inline]] void add(const Record& record) {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes_ -= zeros<Record, Depth::withNested, Index>(
-          loadWindow<Record, Depth::withNested, Index>(record));
+      constexpr auto& kLanes = kMask<Record, Depth::withNested, Index>;
+      lanes_ -=
+          blend<kLanes>(ByteVector{}, zeros<Record, Depth::withNested, Index>(
+                                          loadWindow<Record, Depth::withNested, Index>(record)));
     });
   }
 
@@ -223,148 +233,6 @@ consteval uint32_t allBytes() {
     bytes += kScalars<Record, Depth::withNested>.items[i].width;
   }
   return bytes;
-}
-
-// The scalars of one window, as the rows below depend on them; windows alike share their rows.
-struct Pattern {
-  uint32_t count;
-  std::array<uint8_t, kMaximumScalars> position;  // within the window
-  std::array<uint8_t, kMaximumScalars> width;
-};
-
-template <class Record, uint32_t Index>
-consteval Pattern patternOf() {
-  constexpr Window kWindow = kWindows<Record, Depth::ownTable>.items[Index];
-  Pattern pattern{kWindow.count, {}, {}};
-  for (uint32_t i = 0; i < kWindow.count; ++i) {
-    const Scalar& scalar = kScalars<Record, Depth::ownTable>.items[kWindow.first + i];
-    pattern.position[i] = static_cast<uint8_t>(scalar.offset - kWindow.offset);
-    pattern.width[i] = static_cast<uint8_t>(scalar.width);
-  }
-  return pattern;
-}
-
-constexpr uint32_t totalWidth(const Pattern& pattern) {
-  uint32_t total = 0;
-  for (const uint8_t width : pattern.width) total += width;
-  return total;
-}
-
-// Whether the present scalars are moved to a vector's front or to its end.
-enum class Side : uint8_t { front, end };
-
-inline constexpr uint32_t kLanes = sizeof(uint64_t) / kSlotEntryWidth;
-
-// What to do with a window, for each combination of scalars that are zero. Vtable entries stand
-// four to a word. A table's first window begins where every table's scalars begin; the entries of
-// any other count from its own beginning, and hold a 1 for every present scalar in presence, so
-// that the beginning can be added to all of them by one multiplication.
-template <Pattern Which, Side To, bool First>
-struct Rows {
-  static constexpr uint32_t kRows = 1U << Which.count;
-  static constexpr uint32_t kWords = (Which.count + kLanes - 1) / kLanes;
-  using Words = std::array<uint64_t, kWords>;
-
-  alignas(kVectorWidth) std::array<Bytes, kRows> indices{};
-  std::array<Words, kRows> entries{};
-  std::array<Words, First ? 0 : kRows> presence{};
-  std::array<uint8_t, kRows> size{};
-
-  consteval Rows() {
-    for (uint32_t zeros = 0; zeros < kRows; ++zeros) {
-      fill(zeros);
-    }
-  }
-
-  // The entries of a row whose scalars begin at a position within the table.
-  [[gnu::always_inline]] uint64_t entriesAt(uint32_t row, uint32_t word, uint64_t begin) const {
-    if constexpr (First) {
-      return entries[row][word];
-    } else {
-      return entries[row][word] + begin * presence[row][word];
-    }
-  }
-
- private:
-  consteval void fill(uint32_t zeros) {
-    indices[zeros].fill(0x80);
-    const auto present = [&](uint32_t scalar) { return (zeros >> scalar & 1) == 0; };
-    for (uint32_t i = 0; i < Which.count; ++i) {
-      size[zeros] = static_cast<uint8_t>(size[zeros] + (present(i) ? Which.width[i] : 0));
-    }
-    uint32_t to = To == Side::end ? kVectorWidth - size[zeros] : 0;
-    uint64_t entry = First ? kDisplacementWidth : 0;
-    for (uint32_t i = 0; i < Which.count; ++i) {
-      if (!present(i)) {
-        continue;
-      }
-      entries[zeros][i / kLanes] |= entry << (i % kLanes * 16);
-      if constexpr (!First) {
-        presence[zeros][i / kLanes] |= uint64_t{1} << (i % kLanes * 16);
-      }
-      for (uint32_t byte = 0; byte < Which.width[i]; ++byte) {
-        indices[zeros][to + byte] = static_cast<uint8_t>(Which.position[i] + byte);
-      }
-      to += Which.width[i];
-      entry += Which.width[i];
-    }
-  }
-};
-
-template <Pattern Which, Side To, bool First>
-inline constexpr Rows<Which, To, First> kRows{};
-
-// One byte of every scalar, brought to the front.
-template <Pattern Which>
-inline constexpr Bytes kFirstBytes = [] {
-  Bytes indices{};
-  indices.fill(0x80);
-  for (uint32_t i = 0; i < Which.count; ++i) indices[i] = Which.position[i];
-  return indices;
-}();
-
-template <uint32_t Width>
-[[gnu::always_inline]] inline bool isZero(const uint8_t* scalar) {
-  if constexpr (Width == sizeof(uint64_t)) {
-    return load<uint64_t>(scalar) == 0;
-  } else if constexpr (Width == sizeof(uint32_t)) {
-    return load<uint32_t>(scalar) == 0;
-  } else if constexpr (Width == sizeof(uint16_t)) {
-    return load<uint16_t>(scalar) == 0;
-  } else {
-    return *scalar == 0;
-  }
-}
-
-// For as few scalars as this, testing one after the other is the shorter way to a row.
-inline constexpr uint32_t kFewScalars = 3;
-
-template <class Record, Pattern Which, uint32_t Offset>
-[[gnu::always_inline]] inline uint32_t rowOfFew(const Record& record) {
-  const auto* const window = reinterpret_cast<const uint8_t*>(&record) + Offset;
-  uint32_t row = 0;
-  [&]<size_t... Bit>(std::index_sequence<Bit...>) __attribute__((always_inline)) {
-    ((row |= static_cast<uint32_t>(isZero<Which.width[Bit]>(window + Which.position[Bit])) << Bit),
-     ...);
-  }
-  (std::make_index_sequence<Which.count>());
-  return row;
-}
-
-// The row of a window: bit i stands for scalar i being zero. Of the scalars' bytes, each gives one
-// bit of its own, and the multiplication adds them up in the topmost byte.
-template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline uint32_t rowOf(const Record& record, ByteVector window) {
-  constexpr Pattern kPattern = patternOf<Record, Index>();
-  if constexpr (kPattern.count <= kFewScalars) {
-    return rowOfFew<Record, kPattern, kWindows<Record, Depth::ownTable>.items[Index].offset>(
-        record);
-  } else {
-    const ByteVector first = permute(zeros<Record, Depth::ownTable, Index>(window),
-                                     loadVector<kVectorWidth>(kFirstBytes<kPattern>.data()));
-    const uint64_t bytes = std::bit_cast<Vector<uint64_t>>(first)[0];
-    return static_cast<uint32_t>(((bytes & 0x8040201008040201) * 0x0101010101010101) >> 56);
-  }
 }
 
 }  // namespace korva::scalars

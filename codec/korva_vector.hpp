@@ -1,5 +1,5 @@
-// Sixteen bytes at a time, in the compilers' own vector types; the one operation that those lack
-// has its two instructions here. For the codecs.
+// Sixteen bytes at a time, in the compilers' own vector types; the three operations that those lack
+// have their instructions here. For the codecs.
 #pragma once
 
 #if defined(__aarch64__)
@@ -18,7 +18,8 @@ template <class Lane>
 using Vector [[gnu::vector_size(kVectorWidth)]] = Lane;
 using ByteVector = Vector<uint8_t>;
 
-// Takes each byte from the position that its index names; an index of 0x80 takes 0.
+// Takes each byte from the position that its index names, or 0.
+inline constexpr uint8_t kTakesZero = 0x80;
 [[gnu::always_inline]] inline ByteVector permute(ByteVector bytes, ByteVector indices) {
 #if defined(__aarch64__)
   return std::bit_cast<ByteVector>(
@@ -62,26 +63,40 @@ template <uint32_t Size>
 template <uint32_t Size>
 [[gnu::always_inline]] inline void storeVectorTail(uint8_t* end, ByteVector vector) {
   static_assert(Size <= kVectorWidth && Size % sizeof(uint32_t) == 0);
-  if constexpr (Size >= sizeof(uint64_t)) {
-    const uint64_t last = std::bit_cast<Vector<uint64_t>>(vector)[1];
-    std::memcpy(end - sizeof last, &last, sizeof last);
-  }
   if constexpr (Size == kVectorWidth) {
-    const uint64_t first = std::bit_cast<Vector<uint64_t>>(vector)[0];
-    std::memcpy(end - kVectorWidth, &first, sizeof first);
-  } else if constexpr (Size % sizeof(uint64_t) != 0) {
-    const uint32_t lane = std::bit_cast<Vector<uint32_t>>(vector)[4 - Size / sizeof(uint32_t)];
-    std::memcpy(end - Size, &lane, sizeof lane);
+    storeVector(end - kVectorWidth, vector);
+  } else {
+    if constexpr (Size >= sizeof(uint64_t)) {
+      const uint64_t last = std::bit_cast<Vector<uint64_t>>(vector)[1];
+      std::memcpy(end - sizeof last, &last, sizeof last);
+    }
+    if constexpr (Size % sizeof(uint64_t) != 0) {
+      const uint32_t lane = std::bit_cast<Vector<uint32_t>>(vector)[4 - Size / sizeof(uint32_t)];
+      std::memcpy(end - Size, &lane, sizeof lane);
+    }
   }
 }
 
 // The sum of all sixteen bytes.
 [[gnu::always_inline]] inline uint32_t sumOfBytes(ByteVector bytes) {
-  const auto words = std::bit_cast<Vector<uint64_t>>(bytes);
-  constexpr uint64_t kEven = 0x00FF00FF00FF00FF;
-  const uint64_t pairs = (words[0] & kEven) + ((words[0] >> 8) & kEven) + (words[1] & kEven) +
-                         ((words[1] >> 8) & kEven);
-  return static_cast<uint32_t>((pairs * 0x0001000100010001) >> 48);
+#if defined(__aarch64__)
+  return vaddlvq_u8(std::bit_cast<uint8x16_t>(bytes));
+#else
+  const auto halves = std::bit_cast<Vector<uint64_t>>(__builtin_ia32_psadbw128(
+      std::bit_cast<Vector<char>>(bytes), std::bit_cast<Vector<char>>(ByteVector{})));
+  return static_cast<uint32_t>(halves[0] + halves[1]);
+#endif
+}
+
+// Bit i says whether byte i of the first eight is all ones; every byte must be all ones or 0, and
+// the last eight 0.
+[[gnu::always_inline]] inline uint32_t bitsOfBytes(ByteVector bytes) {
+#if defined(__aarch64__)
+  constexpr uint8x8_t kWeights{1, 2, 4, 8, 16, 32, 64, 128};
+  return vaddv_u8(vand_u8(vget_low_u8(std::bit_cast<uint8x16_t>(bytes)), kWeights));
+#else
+  return static_cast<uint32_t>(__builtin_ia32_pmovmskb128(std::bit_cast<Vector<char>>(bytes)));
+#endif
 }
 
 }  // namespace korva
