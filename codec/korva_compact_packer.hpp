@@ -445,6 +445,10 @@ struct Survey {
 
 }  // namespace compact
 
+// No record of the type takes less.
+template <class Record>
+inline constexpr uint32_t kSmallestCompactSize = kRootOffsetWidth + compact::fixedSize<Record>();
+
 // The encoded size of a record, or 0 when it passes 32 bits.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
@@ -463,7 +467,7 @@ template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
   compact::lookAt(record, survey.windows.data());
-  const uint64_t size = kRootOffsetWidth + compact::fixedSize<Record>() +
+  const uint64_t size = kSmallestCompactSize<Record> +
                         compact::presentBytes<Record>(survey.windows.data()) +
                         compact::stringsSize(record, survey.lengths);
   return size + compact::vectorSize<Record, false>(record) <= capacity ||

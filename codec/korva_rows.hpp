@@ -35,11 +35,11 @@ constexpr bool isPresent(uint32_t row, uint32_t scalar) { return (row >> scalar 
 template <class Record, uint32_t Index>
 inline constexpr auto kSizes = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
-  std::array<uint8_t, kRowCount<Record, Index>> sizes{};
+  std::array<uint32_t, kRowCount<Record, Index>> sizes{};
   for (uint32_t row = 0; row < sizes.size(); ++row) {
     for (uint32_t i = 0; i < kWindow.count; ++i) {
       const uint32_t width = kScalars<Record>.items[kWindow.first + i].width;
-      sizes[row] = static_cast<uint8_t>(sizes[row] + (isPresent(row, i) ? width : 0));
+      sizes[row] += isPresent(row, i) ? width : 0;
     }
   }
   return sizes;
