@@ -135,11 +135,6 @@ template <class Record, bool Measured>
   return size;
 }
 
-// Tables whose scalars end them. All they consist of fits one window.
-template <class Record>
-concept ScalarTable =
-    Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == Schema<Record>::count;
-
 // How many windows a table has, those of its nested tables behind its own.
 template <class Record>
 consteval uint32_t windowCount() {
@@ -182,7 +177,7 @@ template <class Record>
 [[gnu::always_inline]] inline uint32_t presentBytes(const rows::WindowState* windows) {
   uint32_t bytes = 0;
   scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) { bytes += rows::kSizes<Record, Index>[windows[Index].row]; });
+      always_inline)) { bytes += rows::rowOf<Record, Index>(windows[Index]).size; });
   forEachNested<Record>(
       windows, [&]<class Slot, size_t>(const rows::WindowState* nested) __attribute__((
                    always_inline)) { bytes += presentBytes<typename Slot::Type>(nested); });
@@ -214,7 +209,7 @@ class TableWriter {
 
   // Returns the table's position and leaves the cursor behind everything that belongs to it.
   [[gnu::always_inline]] uint32_t write(const StringLengths<Record>& lengths) {
-    if constexpr (ScalarTable<Record>) {
+    if constexpr (rows::ScalarTable<Record>) {
       writeScalarTable();
     } else {
       writeHead();
@@ -239,23 +234,23 @@ class TableWriter {
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1);
     constexpr uint32_t kScalarBytes = scalars::alignUp(scalars::allBytes<Record>(), 4);
-    const rows::WindowState& window = windows_[0];
-    const auto& head = rows::kHeadsOfWindow<Record, 0>[window.row];
-    at_ += rows::kSizes<Record, 0>[window.row];
-    if constexpr (By == Followed::byTable) {
+    using rows::Place;
+    constexpr Place kPlace = By == Followed::byTable ? Place::behindDisplacement : Place::end;
+    const rows::Row<Record>& row = rows::rowOf<Record, 0, kPlace>(windows_[0]);
+    const ByteVector scalars = rows::moveTogether(windows_[0], row);
+    at_ += row.size;
+    if constexpr (kPlace == Place::behindDisplacement) {
       static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
                         kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
                     "the vector must not reach behind the next table's head");
-      std::memcpy(vtable_, head.data(), kVtableLength<Record>);
       constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-      storeVector(table_, rows::moveTogether<Record, 0, rows::Place::behindDisplacement>(window) |
-                              std::bit_cast<ByteVector>(kDisplacement));
+      std::memcpy(vtable_, row.head.data(), kVtableLength<Record>);
+      storeVector(table_, scalars | std::bit_cast<ByteVector>(kDisplacement));
     } else {
       constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
       static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
-      storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(
-          at_, rows::moveTogether<Record, 0, rows::Place::end>(window));
-      std::memcpy(vtable_, head.data(), rows::kHeadLength<Record>);
+      storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, scalars);
+      std::memcpy(vtable_, row.head.data(), rows::kHeadLength<Record>);
     }
   }
 
@@ -276,26 +271,24 @@ class TableWriter {
 
   template <size_t Part>
   [[gnu::always_inline]] ByteVector headVector() {
-    using Lanes = Vector<int16_t>;
-    const auto lanesOf = [](const rows::Head<Record>& head) __attribute__((always_inline)) {
-      const auto* const bytes = reinterpret_cast<const uint8_t*>(head.data());
-      return std::bit_cast<Lanes>(loadVector<kVectorWidth>(bytes + Part * kVectorWidth));
+    const auto part = [](const rows::Head<Record>& head) __attribute__((always_inline)) {
+      return loadAligned(head.data() + Part * kVectorWidth / kSlotEntryWidth);
     };
-    Lanes sum = rows::kSummands<Record> == 0 ? lanesOf(rows::kEmptyHead<Record>) : Lanes{};
+    ByteVector head = part(rows::kFullHead<Record>);
+    bool first = true;  // the first to take away something has done so with the full head
+    const auto takeAway = [&](ByteVector what) __attribute__((always_inline)) {
+      head = first ? what : subtractDownToZero(head, what);
+      first = false;
+    };
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) {
-      sum += lanesOf(rows::kHeadsOfWindow<Record, Index>[windows_[Index].row]);
-    });
+        always_inline)) { takeAway(part(rows::rowOf<Record, Index>(windows_[Index]).head)); });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (rows::isOptional(Slot::kind)) {
-        sum +=
-            lanesOf(rows::kHeadsOfOptional<Record, Index>[hasOffsetField<Slot>(record_) ? 0 : 1]);
+        const size_t isThere = hasOffsetField<Slot>(record_) ? 1 : 0;
+        takeAway(part(rows::kOptionalRows<Record, Index>[isThere].head));
       }
     });
-    if constexpr (rows::kSummands<Record> > 1) {
-      sum &= ~(sum >> 15);  // the absent slots' lanes
-    }
-    return std::bit_cast<ByteVector>(sum);
+    return head;
   }
 
   // A window's scalars are moved together in one vector, which is stored whole: more than a vector
@@ -304,8 +297,9 @@ class TableWriter {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
         always_inline)) {
-      storeVector(at_, rows::moveTogether<Record, Index, rows::Place::front>(windows_[Index]));
-      at_ += rows::kSizes<Record, Index>[windows_[Index].row];
+      const rows::Row<Record>& row = rows::rowOf<Record, Index>(windows_[Index]);
+      storeVector(at_, rows::moveTogether(windows_[Index], row));
+      at_ += row.size;
     });
   }
 
@@ -399,7 +393,7 @@ class TableWriter {
   [[gnu::always_inline]] void writeElements(PackCursor& cursor, const Element* element,
                                             const Element* end) {
     uint8_t* entry = entries_;
-    if constexpr (ScalarTable<Element>) {
+    if constexpr (rows::ScalarTable<Element>) {
       for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
         point(entry, packTable<Followed::byTable>(cursor, *element));
       }

@@ -1,4 +1,4 @@
-// Sixteen bytes at a time, in the compilers' own vector types; the three operations that those lack
+// Sixteen bytes at a time, in the compilers' own vector types; the four operations that those lack
 // have their instructions here. For the codecs.
 #pragma once
 
@@ -54,6 +54,13 @@ template <uint32_t Size>
   }
 }
 
+// Loads one that lies aligned, which saves x86-64 an instruction for each operation.
+[[gnu::always_inline]] inline ByteVector loadAligned(const void* at) {
+  ByteVector vector;
+  std::memcpy(&vector, __builtin_assume_aligned(at, kVectorWidth), kVectorWidth);
+  return vector;
+}
+
 [[gnu::always_inline]] inline void storeVector(uint8_t* at, ByteVector vector) {
   std::memcpy(at, &vector, kVectorWidth);
 }
@@ -75,6 +82,18 @@ template <uint32_t Size>
       std::memcpy(end - Size, &lane, sizeof lane);
     }
   }
+}
+
+// Subtracts in lanes of two bytes; what would be less than 0 is 0.
+[[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
+#if defined(__aarch64__)
+  return std::bit_cast<ByteVector>(
+      vqsubq_u16(std::bit_cast<uint16x8_t>(from), std::bit_cast<uint16x8_t>(what)));
+#else
+  using Signed = Vector<short>;
+  return std::bit_cast<ByteVector>(
+      __builtin_ia32_psubusw128(std::bit_cast<Signed>(from), std::bit_cast<Signed>(what)));
+#endif
 }
 
 // The sum of all sixteen bytes.
