@@ -135,57 +135,12 @@ template <class Record, bool Measured>
   return size;
 }
 
-// How many windows a table has, those of its nested tables behind its own.
-template <class Record>
-consteval uint32_t windowCount() {
-  uint32_t count = rows::kWindows<Record>.count;
-  forEachSlot<Record>([&]<class Slot, size_t>() {
-    if constexpr (Slot::kind == SlotKind::table) {
-      count += windowCount<typename Slot::Type>();
-    }
-  });
-  return count;
-}
-
-// All that packing has to know of a record's scalars, found before the first byte is written.
-template <class Record>
-using Windows = std::array<rows::WindowState, windowCount<Record>()>;
-
-// Calls visit.operator()<Slot, Index>(windows) for every nested table with the windows of its own.
-template <class Record, class State, class Visit>
-[[gnu::always_inline]] inline void forEachNested(State* windows, Visit&& visit) {
-  State* next = windows + rows::kWindows<Record>.count;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
-    if constexpr (Slot::kind == SlotKind::table) {
-      static_assert(PlainTable<typename Slot::Type>);
-      visit.template operator()<Slot, Index>(next);
-      next += windowCount<typename Slot::Type>();
-    }
-  });
-}
-
-template <class Record>
-[[gnu::always_inline]] inline void lookAt(const Record& record, rows::WindowState* windows) {
-  scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) { windows[Index] = rows::look<Record, Index>(record); });
-  forEachNested<Record>(
-      windows, [&]<class Slot, size_t>(rows::WindowState * nested)
-                   __attribute__((always_inline)) { lookAt(Slot::get(record), nested); });
-}
-
-template <class Record>
-[[gnu::always_inline]] inline uint32_t presentBytes(const rows::WindowState* windows) {
-  uint32_t bytes = 0;
-  scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) { bytes += rows::rowOf<Record, Index>(windows[Index]).size; });
-  forEachNested<Record>(
-      windows, [&]<class Slot, size_t>(const rows::WindowState* nested) __attribute__((
-                   always_inline)) { bytes += presentBytes<typename Slot::Type>(nested); });
-  return bytes;
-}
-
 // Whether another table follows, whose first bytes may be overwritten before it is written.
 enum class Followed : uint8_t { no, byTable };
+
+template <class Record, Followed By>
+inline constexpr rows::Place kPlace =
+    By == Followed::byTable ? rows::Place::behindDisplacement : rows::kUsualPlace<Record>;
 
 template <Followed By, PlainTable Record>
 uint32_t packTable(PackCursor& cursor, const Record& record);
@@ -199,10 +154,10 @@ class TableWriter {
 
  public:
   [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record,
-                                     const rows::WindowState* windows)
+                                     const rows::TableState<Record>& state)
       : cursor_(cursor),
         record_(record),
-        windows_(windows),
+        state_(state),
         vtable_(cursor.current),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {}
@@ -234,23 +189,22 @@ class TableWriter {
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1);
     constexpr uint32_t kScalarBytes = scalars::alignUp(scalars::allBytes<Record>(), 4);
-    using rows::Place;
-    constexpr Place kPlace = By == Followed::byTable ? Place::behindDisplacement : Place::end;
-    const rows::Row<Record>& row = rows::rowOf<Record, 0, kPlace>(windows_[0]);
-    const ByteVector scalars = rows::moveTogether(windows_[0], row);
-    at_ += row.size;
-    if constexpr (kPlace == Place::behindDisplacement) {
+    const rows::WindowState<Record>& window = state_.windows[0];
+    const ByteVector scalars = window.movedTogether();
+    const auto& head = window.row->head;
+    at_ += window.row->size;
+    if constexpr (kPlace<Record, By> == rows::Place::behindDisplacement) {
       static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
                         kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
                     "the vector must not reach behind the next table's head");
       constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-      std::memcpy(vtable_, row.head.data(), kVtableLength<Record>);
+      std::memcpy(vtable_, head.data(), kVtableLength<Record>);
       storeVector(table_, scalars | std::bit_cast<ByteVector>(kDisplacement));
     } else {
       constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
       static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
       storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, scalars);
-      std::memcpy(vtable_, row.head.data(), rows::kHeadLength<Record>);
+      std::memcpy(vtable_, head.data(), rows::kHeadLength<Record>);
     }
   }
 
@@ -280,8 +234,9 @@ class TableWriter {
       head = first ? what : subtractDownToZero(head, what);
       first = false;
     };
-    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { takeAway(part(rows::rowOf<Record, Index>(windows_[Index]).head)); });
+    for (const auto& window : state_.windows) {
+      takeAway(part(window.row->head));
+    }
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t isThere = hasOffsetField<Slot>(record_) ? 1 : 0;
@@ -295,12 +250,10 @@ class TableWriter {
   // follows in the table, and overwrites what is too much.
   [[gnu::always_inline]] void writeScalars() {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
-    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) {
-      const rows::Row<Record>& row = rows::rowOf<Record, Index>(windows_[Index]);
-      storeVector(at_, rows::moveTogether(windows_[Index], row));
-      at_ += row.size;
-    });
+    for (const auto& window : state_.windows) {
+      storeVector(at_, window.movedTogether());
+      at_ += window.row->size;
+    }
   }
 
   [[gnu::always_inline]] void reserveOffsetFields() {
@@ -366,13 +319,15 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeNestedTables() {
-    forEachNested<Record>(
-        windows_, [&]<class Slot, size_t Index>(
-                      const rows::WindowState* windows) __attribute__((always_inline)) {
-          using Nested = typename Slot::Type;
-          TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_), windows);
-          point(offsetFields_[Index], writer.write({}));
-        });
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::table) {
+        using Nested = typename Slot::Type;
+        static_assert(PlainTable<Nested>);
+        TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
+                                                 std::get<Index>(state_.bySlot));
+        point(offsetFields_[Index], writer.write({}));
+      }
+    });
   }
 
   [[gnu::always_inline]] void writeElements() {
@@ -414,7 +369,7 @@ class TableWriter {
 
   PackCursor& cursor_;
   const Record& record_;
-  const rows::WindowState* const windows_;
+  const rows::TableState<Record>& state_;
   uint8_t* const vtable_;
   uint8_t* const table_;
   uint8_t* at_;
@@ -425,15 +380,15 @@ class TableWriter {
 // Writes an element at the cursor and returns its position.
 template <Followed By, PlainTable Record>
 [[gnu::always_inline]] inline uint32_t packTable(PackCursor& cursor, const Record& record) {
-  Windows<Record> windows;
-  lookAt(record, windows.data());
-  return TableWriter<Record, By>(cursor, record, windows.data()).write({});
+  rows::TableState<Record> state;
+  rows::lookAtTable<kPlace<Record, By>>(record, state);
+  return TableWriter<Record, By>(cursor, record, state).write({});
 }
 
 // What a pack pass finds out before it writes.
 template <class Record>
 struct Survey {
-  Windows<Record> windows;
+  rows::TableState<Record> scalars;
   StringLengths<Record> lengths;
 };
 
@@ -460,9 +415,8 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
-  compact::lookAt(record, survey.windows.data());
-  const uint64_t size = kSmallestCompactSize<Record> +
-                        compact::presentBytes<Record>(survey.windows.data()) +
+  rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
+  const uint64_t size = kSmallestCompactSize<Record> + survey.scalars.presentBytes() +
                         compact::stringsSize(record, survey.lengths);
   return size + compact::vectorSize<Record, false>(record) <= capacity ||
          (countSlots<Record>(SlotKind::vector) != 0 &&
@@ -474,7 +428,7 @@ template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
                                                    const compact::Survey<Record>& survey) {
   PackCursor cursor{buffer, buffer + kRootOffsetWidth};
-  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.windows.data());
+  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.scalars);
   store(buffer, writer.write(survey.lengths));
   return cursor.positionOf(cursor.current);
 }

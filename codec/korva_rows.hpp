@@ -187,29 +187,72 @@ alignas(kVectorWidth) inline constexpr Bytes kFirstBytes = [] {
   return indices;
 }();
 
-// A window's content, and which of its rows applies.
+// A window's content, and its row.
+template <class Record>
 struct WindowState {
   ByteVector content;
-  uint32_t row;
+  const Row<Record>* row;
+
+  [[nodiscard, gnu::always_inline]] ByteVector movedTogether() const {
+    return permute(content, loadAligned(row->move.data()));
+  }
 };
 
-template <class Record, uint32_t Index, Place To = kUsualPlace<Record>>
-[[gnu::always_inline]] inline const Row<Record>& rowOf(const WindowState& window) {
-  return kRows<Record, Index, To>[window.row];
-}
-
-template <class Record>
-[[gnu::always_inline]] inline ByteVector moveTogether(const WindowState& window,
-                                                      const Row<Record>& row) {
-  return permute(window.content, loadAligned(row.move.data()));
-}
-
-template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline WindowState look(const Record& record) {
+template <class Record, uint32_t Index, Place To>
+[[gnu::always_inline]] inline WindowState<Record> lookAtWindow(const Record& record) {
   const ByteVector content = scalars::loadWindow<Record, Depth::ownTable, Index>(record);
   const ByteVector first = permute(scalars::zeros<Record, Depth::ownTable, Index>(content),
                                    loadAligned(kFirstBytes<Record, Index>.data()));
-  return {content, bitsOfBytes(first)};
+  return {content, &kRows<Record, Index, To>[bitsOfBytes(first)]};
+}
+
+template <class Record>
+struct TableState;
+
+// Of a slot's own table, if it is one.
+template <class Slot, SlotKind Kind = Slot::kind>
+struct NestedState {};
+template <class Slot>
+struct NestedState<Slot, SlotKind::table> : TableState<typename Slot::Type> {};
+
+template <class Slots>
+struct NestedStates;
+template <class... Slot>
+struct NestedStates<std::tuple<Slot...>> {
+  std::tuple<NestedState<Slot>...> bySlot;
+};
+
+// All that packing has to know of a table's scalars and of its nested tables'.
+template <class Record>
+struct TableState : NestedStates<typename Schema<Record>::List> {
+  std::array<WindowState<Record>, kWindows<Record>.count> windows;
+
+  // How many bytes of scalars are there.
+  [[nodiscard, gnu::always_inline]] uint32_t presentBytes() const {
+    uint32_t bytes = 0;
+    for (const auto& window : windows) {
+      bytes += window.row->size;
+    }
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::table) {
+        bytes += std::get<Index>(this->bySlot).presentBytes();
+      }
+    });
+    return bytes;
+  }
+};
+
+template <Place To, class Record>
+[[gnu::always_inline]] inline void lookAtTable(const Record& record, TableState<Record>& state) {
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) { state.windows[Index] = lookAtWindow<Record, Index, To>(record); });
+  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    if constexpr (Slot::kind == SlotKind::table) {
+      using Nested = typename Slot::Type;
+      lookAtTable<kUsualPlace<Nested>>(
+          Slot::get(record), static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
+    }
+  });
 }
 
 }  // namespace korva::rows
