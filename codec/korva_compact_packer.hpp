@@ -188,7 +188,7 @@ class TableWriter {
   // not stored.
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1);
-    constexpr uint32_t kScalarBytes = scalars::alignUp(scalars::allBytes<Record>(), 4);
+    constexpr uint32_t kScalarBytes = alignUp(scalars::allBytes<Record>(), 4);
     const rows::WindowState<Record>& window = state_.windows[0];
     const ByteVector scalars = window.movedTogether();
     const auto& head = window.row->head;

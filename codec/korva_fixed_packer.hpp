@@ -14,10 +14,6 @@ inline constexpr uint32_t kTablePosition = kRootOffsetWidth;
 inline constexpr uint32_t kRootVtableAlignment = 4;
 inline constexpr uint32_t kSizeAlignment = 8;
 
-constexpr uint32_t roundUp(uint32_t value, uint32_t alignment) {
-  return (value + alignment - 1) / alignment * alignment;
-}
-
 template <PlainTable Record>
 consteval uint32_t tableLength();
 
@@ -61,9 +57,27 @@ inline constexpr auto kVtable = [] {
 
 template <PlainTable Record>
 inline constexpr uint32_t kRootVtablePosition =
-    roundUp(kTablePosition + tableLength<Record>(), kRootVtableAlignment);
+    alignUp(kTablePosition + tableLength<Record>(), kRootVtableAlignment);
 
-// Writes a table whose vtable lies vtableDistance bytes behind it.
+// How many bytes of scalars stand together from a slot on, in the record as in the table; 0 if the
+// slot before belongs to them, or this one is no scalar.
+template <PlainTable Record, size_t Slot>
+consteval uint32_t runWidth() {
+  uint32_t width = 0;
+  uint32_t end = 0;  // of the previous slot within the record, if it is a scalar
+  bool inRun = false;
+  forEachMember<Record>([&]<class Other, size_t Index>(uint32_t offset) {
+    const bool scalar = Other::kind == SlotKind::scalar;
+    const bool joins = scalar && Index != 0 && end == offset;
+    inRun = scalar && (Index == Slot ? !joins : joins && inRun);
+    width += inRun ? Other::width : 0;
+    end = scalar ? offset + Other::width : 0;
+  });
+  return width;
+}
+
+// Writes a table whose vtable lies vtableDistance bytes behind it. Scalars that stand together are
+// copied together.
 template <PlainTable Record, uint32_t vtableDistance>
 [[gnu::always_inline]] inline void packTable(uint8_t* table, const Record& record) {
   store(table, -static_cast<int32_t>(vtableDistance));
@@ -71,7 +85,7 @@ template <PlainTable Record, uint32_t vtableDistance>
     uint8_t* const field = table + fieldPosition<Record, Index>();
     const auto& value = Slot::get(record);
     if constexpr (Slot::kind == SlotKind::scalar) {
-      store(field, value);
+      std::memcpy(field, reinterpret_cast<const uint8_t*>(&value), runWidth<Record, Index>());
     } else {
       store(field, kOffsetFieldWidth);
       uint8_t* const target = field + kOffsetFieldWidth;
@@ -91,8 +105,8 @@ template <PlainTable Record, uint32_t vtableDistance>
 
 // The bytes to reserve for a record in its fixed layout.
 template <PlainTable Record>
-inline constexpr uint32_t kFixedSize = fixed::roundUp(
-    fixed::kRootVtablePosition<Record> + kVtableLength<Record>, fixed::kSizeAlignment);
+inline constexpr uint32_t kFixedSize =
+    alignUp(fixed::kRootVtablePosition<Record> + kVtableLength<Record>, fixed::kSizeAlignment);
 
 // Writes a record into a buffer of kFixedSize bytes; the gap before the vtable and the tail behind
 // it keep what they held.

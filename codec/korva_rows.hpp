@@ -37,10 +37,9 @@ inline constexpr uint32_t kHeadLength = kVtableLength<Record> + kDisplacementWid
 // A table's head in lanes of a vtable entry's width, filled up to whole vectors where it is summed
 // up in vectors.
 template <class Record>
-using Head =
-    std::array<uint16_t, scalars::alignUp(kHeadLength<Record>,
+using Head = std::array<uint16_t, alignUp(kHeadLength<Record>,
                                           ScalarTable<Record> ? kSlotEntryWidth : kVectorWidth) /
-                             kSlotEntryWidth>;
+                                      kSlotEntryWidth>;
 
 inline constexpr uint32_t kTableLengthLane = 1;
 inline constexpr uint32_t kFirstSlotLane = kVtableHeaderWidth / kSlotEntryWidth;

@@ -34,32 +34,6 @@ struct List {
   constexpr void add(const Item& item) { items[count++] = item; }
 };
 
-constexpr uint32_t alignUp(uint32_t offset, size_t alignment) {
-  return static_cast<uint32_t>((offset + alignment - 1) / alignment * alignment);
-}
-
-// Not constant, so that calling it ends the compilation.
-void slotsAreNotTheMembersInTheirOrder();
-
-// Calls visit.operator()<Slot, Index>(offset) with where each member lies. Slots stand in the order
-// of their members, which lie as closely as their alignment lets them.
-template <class Record, class Visit>
-consteval void forEachMember(Visit visit) {
-  uint32_t offset = 0;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() {
-    using Type = typename Slot::Type;
-    if constexpr (Slot::kind == SlotKind::vector) {
-      offset += kCountWidth;
-    }
-    offset = alignUp(offset, alignof(Type));
-    visit.template operator()<Slot, Index>(offset);
-    offset += sizeof(Type);
-  });
-  if (alignUp(offset, alignof(Record)) != kRecordSize<Record>) {
-    slotsAreNotTheMembersInTheirOrder();
-  }
-}
-
 enum class Depth : uint8_t { ownTable, withNested };
 
 template <class Record, Depth Which>
