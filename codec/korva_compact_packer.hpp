@@ -415,9 +415,9 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
+  uint64_t size = kSmallestCompactSize<Record> + compact::stringsSize(record, survey.lengths);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
-  const uint64_t size = kSmallestCompactSize<Record> + survey.scalars.presentBytes() +
-                        compact::stringsSize(record, survey.lengths);
+  size += survey.scalars.presentBytes();
   return size + compact::vectorSize<Record, false>(record) <= capacity ||
          (countSlots<Record>(SlotKind::vector) != 0 &&
           size + compact::vectorSize<Record, true>(record) <= capacity);

@@ -175,28 +175,32 @@ template <class Record, Depth Which, class Visit>
   (std::make_index_sequence<kWindows<Record, Which>.count>());
 }
 
-// Counts the bytes of absent scalars, nested tables' included, over many records: each lane of the
-// sum takes in at most one for a window.
+// Counts the bytes of absent scalars, nested tables' included, over many records.
 template <class Record>
 class AbsentBytes {
  public:
-  // How many records may be added before the sum is taken.
+  // How many records may be added before the sum is taken. Each adds at most one to a lane of each
+  // window.
   static constexpr uint32_t kCapacity =
       255 / std::max(uint32_t{1}, kWindows<Record, Depth::withNested>.count);
 
   [[gnu::always_inline]] void add(const Record& record) {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      constexpr auto& kLanes = kMask<Record, Depth::withNested, Index>;
-      lanes_ -=
-          blend<kLanes>(ByteVector{}, zeros<Record, Depth::withNested, Index>(
-                                          loadWindow<Record, Depth::withNested, Index>(record)));
+      lanes_[Index] -= zeros<Record, Depth::withNested, Index>(
+          loadWindow<Record, Depth::withNested, Index>(record));
     });
   }
 
-  [[nodiscard, gnu::always_inline]] uint32_t sum() const { return sumOfBytes(lanes_); }
+  [[nodiscard, gnu::always_inline]] uint32_t sum() const {
+    ByteVector lanes{};
+    forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
+      lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
+    });
+    return sumOfBytes(lanes);
+  }
 
  private:
-  ByteVector lanes_{};
+  std::array<ByteVector, kWindows<Record, Depth::withNested>.count> lanes_{};
 };
 
 // The bytes of all scalars, nested tables' included.
