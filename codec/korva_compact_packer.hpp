@@ -374,7 +374,7 @@ class TableWriter {
   uint8_t* const table_;
   uint8_t* at_;
   uint8_t* entries_ = nullptr;
-  std::array<uint8_t*, Schema<Record>::count> offsetFields_;
+  std::array<uint8_t*, Schema<Record>::count> offsetFields_{};
 };
 
 // Writes an element at the cursor and returns its position.
@@ -389,7 +389,7 @@ template <Followed By, PlainTable Record>
 template <class Record>
 struct Survey {
   rows::TableState<Record> scalars;
-  StringLengths<Record> lengths;
+  StringLengths<Record> lengths{};
 };
 
 }  // namespace compact
