@@ -4,6 +4,8 @@
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
+#else
+#include <tmmintrin.h>
 #endif
 
 #include <bit>
@@ -22,12 +24,11 @@ using ByteVector = Vector<uint8_t>;
 inline constexpr uint8_t kTakesZero = 0x80;
 [[gnu::always_inline]] inline ByteVector permute(ByteVector bytes, ByteVector indices) {
 #if defined(__aarch64__)
-  return std::bit_cast<ByteVector>(
-      vqtbl1q_u8(std::bit_cast<uint8x16_t>(bytes), std::bit_cast<uint8x16_t>(indices)));
+  return reinterpret_cast<ByteVector>(
+      vqtbl1q_u8(reinterpret_cast<uint8x16_t>(bytes), reinterpret_cast<uint8x16_t>(indices)));
 #else
-  using Signed = Vector<char>;
-  return std::bit_cast<ByteVector>(
-      __builtin_ia32_pshufb128(std::bit_cast<Signed>(bytes), std::bit_cast<Signed>(indices)));
+  return reinterpret_cast<ByteVector>(
+      _mm_shuffle_epi8(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(indices)));
 #endif
 }
 
@@ -87,22 +88,21 @@ template <uint32_t Size>
 // Subtracts in lanes of two bytes; what would be less than 0 is 0.
 [[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
 #if defined(__aarch64__)
-  return std::bit_cast<ByteVector>(
-      vqsubq_u16(std::bit_cast<uint16x8_t>(from), std::bit_cast<uint16x8_t>(what)));
+  return reinterpret_cast<ByteVector>(
+      vqsubq_u16(reinterpret_cast<uint16x8_t>(from), reinterpret_cast<uint16x8_t>(what)));
 #else
-  using Signed = Vector<short>;
-  return std::bit_cast<ByteVector>(
-      __builtin_ia32_psubusw128(std::bit_cast<Signed>(from), std::bit_cast<Signed>(what)));
+  return reinterpret_cast<ByteVector>(
+      _mm_subs_epu16(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
 #endif
 }
 
 // The sum of all sixteen bytes.
 [[gnu::always_inline]] inline uint32_t sumOfBytes(ByteVector bytes) {
 #if defined(__aarch64__)
-  return vaddlvq_u8(std::bit_cast<uint8x16_t>(bytes));
+  return vaddlvq_u8(reinterpret_cast<uint8x16_t>(bytes));
 #else
-  const auto halves = std::bit_cast<Vector<uint64_t>>(__builtin_ia32_psadbw128(
-      std::bit_cast<Vector<char>>(bytes), std::bit_cast<Vector<char>>(ByteVector{})));
+  const auto halves = reinterpret_cast<Vector<uint64_t>>(
+      _mm_sad_epu8(reinterpret_cast<__m128i>(bytes), _mm_setzero_si128()));
   return static_cast<uint32_t>(halves[0] + halves[1]);
 #endif
 }
@@ -112,9 +112,9 @@ template <uint32_t Size>
 [[gnu::always_inline]] inline uint32_t bitsOfBytes(ByteVector bytes) {
 #if defined(__aarch64__)
   constexpr uint8x8_t kWeights{1, 2, 4, 8, 16, 32, 64, 128};
-  return vaddv_u8(vand_u8(vget_low_u8(std::bit_cast<uint8x16_t>(bytes)), kWeights));
+  return vaddv_u8(vand_u8(vget_low_u8(reinterpret_cast<uint8x16_t>(bytes)), kWeights));
 #else
-  return static_cast<uint32_t>(__builtin_ia32_pmovmskb128(std::bit_cast<Vector<char>>(bytes)));
+  return static_cast<uint32_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(bytes)));
 #endif
 }
 
