@@ -137,34 +137,32 @@ inline constexpr Bytes kMask = [] {
   return mask;
 }();
 
-// Takes the bytes that Mask names from chosen, and the others from rest.
-template <const Bytes& Mask>
-[[gnu::always_inline]] inline ByteVector blend(ByteVector rest, ByteVector chosen) {
-  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
-    return __builtin_shufflevector(rest, chosen, (Mask[Byte] == 0 ? Byte : kVectorWidth + Byte)...);
+[[gnu::always_inline]] inline ByteVector masked(ByteVector bytes, const Bytes& mask) {
+  return bytes & loadVector<kVectorWidth>(mask.data());
+}
+
+// All ones in every lane that is zero, if a scalar of the window has the lane's width.
+template <class Record, Depth Which, uint32_t Index, class Lane>
+[[gnu::always_inline]] inline ByteVector zerosOfWidth(ByteVector window) {
+  constexpr auto& kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
+  const auto equal =
+      std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{});
+  if constexpr (kLanes == Bytes{}) {
+    return ByteVector{};
+  } else if constexpr (kLanes == kMask<Record, Which, Index>) {
+    return equal;
+  } else {
+    return masked(equal, kLanes);
   }
-  (std::make_index_sequence<kVectorWidth>());
 }
 
 // All ones where a scalar of the window is zero; anything where no scalar lies.
 template <class Record, Depth Which, uint32_t Index>
 [[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
-  ByteVector zeros{};
-  bool first = true;
-  const auto compare = [&]<class Lane>() __attribute__((always_inline)) {
-    constexpr auto& kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
-    if constexpr (kLanes != Bytes{}) {
-      const auto equal =
-          std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{});
-      zeros = first ? equal : blend<kLanes>(zeros, equal);
-      first = false;
-    }
-  };
-  compare.template operator()<uint8_t>();
-  compare.template operator()<uint16_t>();
-  compare.template operator()<uint32_t>();
-  compare.template operator()<uint64_t>();
-  return zeros;
+  return zerosOfWidth<Record, Which, Index, uint8_t>(window) |
+         zerosOfWidth<Record, Which, Index, uint16_t>(window) |
+         zerosOfWidth<Record, Which, Index, uint32_t>(window) |
+         zerosOfWidth<Record, Which, Index, uint64_t>(window);
 }
 
 template <class Record, Depth Which, class Visit>
@@ -194,7 +192,7 @@ class AbsentBytes {
   [[nodiscard, gnu::always_inline]] uint32_t sum() const {
     ByteVector lanes{};
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
+      lanes += masked(lanes_[Index], kMask<Record, Depth::withNested, Index>);
     });
     return sumOfBytes(lanes);
   }
