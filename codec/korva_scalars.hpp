@@ -152,7 +152,7 @@ template <class Record, Depth Which, uint32_t Index, class Lane>
   } else if constexpr (kLanes == kMask<Record, Which, Index>) {
     return equal;
   } else {
-    return masked(equal, kLanes);
+    return masked(apart(equal), kLanes);
   }
 }
 

@@ -32,6 +32,15 @@ inline constexpr uint8_t kTakesZero = 0x80;
 #endif
 }
 
+// Keeps Clang 16 from joining comparisons of one vector in lanes of different widths: for x86-64 it
+// takes the outcome of one for that of the other.
+[[gnu::always_inline]] inline ByteVector apart(ByteVector compared) {
+#if defined(__clang__) && defined(__x86_64__)
+  asm("" : "+x"(compared));
+#endif
+  return compared;
+}
+
 // Loads Size bytes, and nothing behind them; the rest is 0.
 template <uint32_t Size>
 [[gnu::always_inline]] inline ByteVector loadVector(const uint8_t* at) {
