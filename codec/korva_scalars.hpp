@@ -137,32 +137,31 @@ inline constexpr Bytes kMask = [] {
   return mask;
 }();
 
-[[gnu::always_inline]] inline ByteVector masked(ByteVector bytes, const Bytes& mask) {
-  return bytes & loadVector<kVectorWidth>(mask.data());
+// Takes the bytes that Mask names from chosen, and the others from rest.
+template <Bytes Mask>
+[[gnu::always_inline]] inline ByteVector blend(ByteVector rest, ByteVector chosen) {
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+    return __builtin_shufflevector(rest, chosen, (Mask[Byte] == 0 ? Byte : kVectorWidth + Byte)...);
+  }
+  (std::make_index_sequence<kVectorWidth>());
 }
 
-// All ones in every lane that is zero, if a scalar of the window has the lane's width.
-template <class Record, Depth Which, uint32_t Index, class Lane>
-[[gnu::always_inline]] inline ByteVector zerosOfWidth(ByteVector window) {
-  constexpr auto& kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
-  const auto equal =
-      std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{});
-  if constexpr (kLanes == Bytes{}) {
-    return ByteVector{};
-  } else if constexpr (kLanes == kMask<Record, Which, Index>) {
+template <class Lane>
+using Wider = std::conditional_t<sizeof(Lane) == 1, uint16_t,
+                                 std::conditional_t<sizeof(Lane) == 2, uint32_t, uint64_t>>;
+
+// All ones where a scalar of the window is zero; anything where no scalar lies. A width that no
+// scalar has costs nothing.
+template <class Record, Depth Which, uint32_t Index, class Lane = uint8_t>
+[[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
+  constexpr Bytes kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
+  const ByteVector equal =
+      apart(std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
+  if constexpr (kLanes == kMask<Record, Which, Index> || sizeof(Lane) == sizeof(uint64_t)) {
     return equal;
   } else {
-    return masked(apart(equal), kLanes);
+    return blend<kLanes>(zeros<Record, Which, Index, Wider<Lane>>(window), equal);
   }
-}
-
-// All ones where a scalar of the window is zero; anything where no scalar lies.
-template <class Record, Depth Which, uint32_t Index>
-[[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
-  return zerosOfWidth<Record, Which, Index, uint8_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint16_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint32_t>(window) |
-         zerosOfWidth<Record, Which, Index, uint64_t>(window);
 }
 
 template <class Record, Depth Which, class Visit>
@@ -192,7 +191,7 @@ class AbsentBytes {
   [[nodiscard, gnu::always_inline]] uint32_t sum() const {
     ByteVector lanes{};
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes += masked(lanes_[Index], kMask<Record, Depth::withNested, Index>);
+      lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
     });
     return sumOfBytes(lanes);
   }
