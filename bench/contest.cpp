@@ -10,7 +10,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kSliceNanoseconds = 150'000;
-constexpr size_t kFewestRounds = 7;
+constexpr size_t kFewestRounds = 5;
 
 double nanosecondsSince(Clock::time_point begin) {
   return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
@@ -18,9 +18,7 @@ double nanosecondsSince(Clock::time_point begin) {
 
 uint32_t doNothing(const Message&, const Item& item, uint8_t*) { return item.length; }
 
-// Waits until everything before it is done. Without it a processor runs the next operations while
-// the last one is still under way, a short copy hides behind the loop's own work, and a ratio to it
-// means nothing.
+// Waits until everything before it is done.
 inline void drain() {
 #if defined(__x86_64__)
   asm volatile("lfence" : : : "memory");
@@ -29,35 +27,54 @@ inline void drain() {
 #endif
 }
 
-// Visits items in an order that is new for every seed and the same for every entrant. Made on the
-// way, since a branch predictor learns any order that repeats.
-void run(const Message& message, const Entrant& entrant, size_t count, uint64_t seed,
-         uint8_t* out) {
-  const Item* const items = entrant.items->data();
-  const uint64_t size = entrant.items->size();
-  for (size_t i = 0; i < count; ++i) {
-    seed = seed * 6364136223846793005 + 1442695040888963407;
-    entrant.operation(message, items[((seed >> 32) * size) >> 32], out);
-    drain();
-  }
-}
+class Contest {
+ public:
+  Contest(const Message& message, Pace pace, uint8_t* out)
+      : message_(message), pace_(pace), out_(out) {}
 
-double slice(const Message& message, const Entrant& entrant, size_t count, uint64_t seed,
-             uint8_t* out) {
-  run(message, entrant, count / 4, ~seed,
-      out);  // brings caches and predictors back to this entrant
-  const Clock::time_point begin = Clock::now();
-  run(message, entrant, count, seed, out);
-  return nanosecondsSince(begin) / static_cast<double>(count);
-}
-
-size_t countForASlice(const Message& message, const Entrant& entrant, uint8_t* out) {
-  for (size_t count = 1;; count *= 2) {
-    const double each = slice(message, entrant, count, 1, out);
-    if (each * static_cast<double>(count) < kSliceNanoseconds / 2) continue;
-    return std::max<size_t>(1, static_cast<size_t>(kSliceNanoseconds / each));
+  // The time of one operation, in nanoseconds.
+  double slice(const Entrant& entrant, size_t count, uint64_t seed) const {
+    run(entrant, 2 * entrant.items->size(), ~seed);  // fills caches and predictors again
+    const Clock::time_point begin = Clock::now();
+    run(entrant, count, seed);
+    return nanosecondsSince(begin) / static_cast<double>(count);
   }
-}
+
+  [[nodiscard]] size_t countForASlice(const Entrant& entrant) const {
+    for (size_t count = 1;; count *= 2) {
+      const double each = slice(entrant, count, 1);
+      if (each * static_cast<double>(count) < kSliceNanoseconds / 2) continue;
+      return std::max<size_t>(1, static_cast<size_t>(kSliceNanoseconds / each));
+    }
+  }
+
+ private:
+  void run(const Entrant& entrant, size_t count, uint64_t seed) const {
+    if (pace_ == Pace::isolated) {
+      visit(entrant, count, seed, drain);
+    } else {
+      visit(entrant, count, seed, [] {});
+    }
+  }
+
+  // Visits items in an order that is new for every seed and the same for every entrant. Made on the
+  // way, since a branch predictor learns any order that repeats.
+  template <class After>
+  [[gnu::always_inline]] void visit(const Entrant& entrant, size_t count, uint64_t seed,
+                                    After after) const {
+    const Item* const items = entrant.items->data();
+    const uint64_t size = entrant.items->size();
+    for (size_t i = 0; i < count; ++i) {
+      seed = seed * 6364136223846793005 + 1442695040888963407;
+      entrant.operation(message_, items[((seed >> 32) * size) >> 32], out_);
+      after();
+    }
+  }
+
+  const Message& message_;
+  Pace pace_;
+  uint8_t* out_;
+};
 
 double median(std::vector<double>& values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
@@ -67,21 +84,24 @@ double median(std::vector<double>& values) {
 
 }  // namespace
 
+std::string_view nameOf(Pace pace) { return pace == Pace::isolated ? "isolated" : "back to back"; }
+
 std::vector<Outcome> compete(const Message& message, const std::vector<Entrant>& entrants,
-                             uint8_t* out, double seconds) {
+                             Pace pace, uint8_t* out, double seconds) {
+  const Contest contest(message, pace, out);
   const Entrant empty{"", doNothing, entrants.front().items};
-  const size_t emptyCount = countForASlice(message, empty, out);
+  const size_t emptyCount = contest.countForASlice(empty);
   std::vector<size_t> counts;
-  for (const Entrant& entrant : entrants) counts.push_back(countForASlice(message, entrant, out));
+  for (const Entrant& entrant : entrants) counts.push_back(contest.countForASlice(entrant));
 
   std::vector<std::vector<double>> times(entrants.size());
   std::vector<std::vector<double>> ratios(entrants.size());
   const Clock::time_point begin = Clock::now();
   for (uint64_t round = 1; round <= kFewestRounds || nanosecondsSince(begin) < seconds * 1e9;
        ++round) {
-    const double nothing = slice(message, empty, emptyCount, round, out);
+    const double nothing = contest.slice(empty, emptyCount, round);
     for (size_t i = 0; i < entrants.size(); ++i) {
-      times[i].push_back(slice(message, entrants[i], counts[i], round, out) - nothing);
+      times[i].push_back(contest.slice(entrants[i], counts[i], round) - nothing);
       ratios[i].push_back(times[0].back() / times[i].back());
     }
   }
