@@ -43,6 +43,10 @@ struct Candidate {
   void (*dropObject)(const void* object) = nullptr;
 };
 
+// Whether it shares its record and its schema with another message, and so has the same code under
+// another name. Measured once is enough.
+bool isTwin(const Message& message);
+
 Candidate ours(const Message& message);
 Candidate oursInFixedLayout(const Message& message);  // of a message that has one
 

@@ -135,13 +135,6 @@ void addSizes(const Message& message, Direction direction, Filling filling) {
   for (const uint32_t entries : {1, 100, 10'000}) add(message, direction, filling, entries);
 }
 
-// Messages that share a record and a schema with another one have the same code under other names.
-bool isTwin(const Message& message) {
-  constexpr std::string_view kTwins[] = {"ResetDiskCondition", "ResetDiskResult", "MountDiskInput",
-                                         "MountDiskResult"};
-  return std::ranges::find(kTwins, message.name) != std::end(kTwins);
-}
-
 void addAll() {
   for (const Message& message : fuzz::allMessages()) {
     if (isTwin(message)) continue;

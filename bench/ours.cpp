@@ -1,4 +1,6 @@
 // Our own routines as candidates, by the entry points that ship.
+#include <algorithm>
+
 #include "bench/candidate.hpp"
 
 namespace kel::bench {
@@ -31,6 +33,12 @@ void release(const Message& message, void* record) {
 }
 
 }  // namespace
+
+bool isTwin(const Message& message) {
+  constexpr std::string_view kTwins[] = {"ResetDiskCondition", "ResetDiskResult", "MountDiskInput",
+                                         "MountDiskResult"};
+  return std::ranges::find(kTwins, message.name) != std::end(kTwins);
+}
 
 // A host has nothing to release where no record points at memory.
 Candidate ours(const Message& message) {

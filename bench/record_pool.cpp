@@ -7,7 +7,6 @@
 namespace kel::bench {
 namespace {
 
-constexpr size_t kMostRecords = 1024;
 constexpr size_t kMostBytes = size_t{1} << 19;
 
 // What a record takes with all that it points at, to the next multiple of 8. One without fields
@@ -28,9 +27,9 @@ std::string_view nameOf(Filling filling) {
   return kNames[static_cast<size_t>(filling)];
 }
 
-RecordPool::RecordPool(const fuzz::Shape& shape, Filling filling, uint32_t entries)
+RecordPool::RecordPool(const fuzz::Shape& shape, Filling filling, uint32_t entries, size_t most)
     : entries_(entries), bytesEach_(bytesOf(shape, entries)) {
-  const size_t count = std::clamp<size_t>(kMostBytes / bytesEach_, 1, kMostRecords);
+  const size_t count = std::clamp<size_t>(kMostBytes / bytesEach_, 1, most);
   memory_.resize(count * bytesEach_);
   for (size_t i = 0; i < count; ++i) records_.push_back(makeRecord(shape, filling));
 }

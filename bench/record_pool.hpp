@@ -12,6 +12,7 @@
 namespace kel::bench {
 
 inline constexpr size_t kTextLength = 40;
+inline constexpr size_t kMostRecords = 1024;
 
 // Which scalars are zero, and so take no room in our layout: none; each with probability one half;
 // the one or the other from record to record. Byte arrays and texts are always there.
@@ -21,9 +22,10 @@ std::string_view nameOf(Filling filling);
 
 class RecordPool {
  public:
-  // Lists have as many entries as told, texts kTextLength characters. The same arguments make the
-  // same records.
-  RecordPool(const fuzz::Shape& shape, Filling filling, uint32_t entries);
+  // As many records as are sensible, or fewer if told. Lists have as many entries as told, texts
+  // kTextLength characters. The same arguments make the same records.
+  RecordPool(const fuzz::Shape& shape, Filling filling, uint32_t entries,
+             size_t most = kMostRecords);
 
   [[nodiscard]] size_t size() const { return records_.size(); }
   [[nodiscard]] const void* record(size_t index) const { return records_[index]; }
