@@ -49,8 +49,10 @@ bool takeEntries(const Objects& objects, Record& record) {
 }
 
 #define KEL_FILL_SCALAR(name, Name) object.set_##name(record.name);
-#define KEL_FILL_BYTES(name, Name) object.set_##name(record.name, sizeof record.name);
-#define KEL_FILL_TEXT(name, Name) object.set_##name(record.name);
+// The setters would make a temporary string.
+#define KEL_FILL_BYTES(name, Name) \
+  object.mutable_##name()->assign(reinterpret_cast<const char*>(record.name), sizeof record.name);
+#define KEL_FILL_TEXT(name, Name) object.mutable_##name()->assign(record.name);
 #define KEL_FILL_TABLE(name, Name) fill(record.name, *object.mutable_##name());
 #define KEL_FILL_ENTRIES(name, Name) \
   fillEntries(record.name, record.entryCount, *object.mutable_##name());

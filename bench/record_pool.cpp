@@ -31,18 +31,18 @@ RecordPool::RecordPool(const fuzz::Shape& shape, Filling filling, uint32_t entri
     : entries_(entries), bytesEach_(bytesOf(shape, entries)) {
   const size_t count = std::clamp<size_t>(kMostBytes / bytesEach_, 1, most);
   memory_.resize(count * bytesEach_);
-  for (size_t i = 0; i < count; ++i) records_.push_back(makeRecord(shape, filling));
+  for (size_t i = 0; i < count; ++i) {
+    void* const record = room(shape.recordSize);
+    fill(shape, filling, zerosIn(filling), record);
+    records_.push_back(record);
+  }
 }
 
-void* RecordPool::makeRecord(const fuzz::Shape& shape, Filling filling) {
-  void* const record = room(shape.recordSize);
-  const bool zeros =
-      filling == Filling::random || (filling == Filling::half && entropy_.below(2) == 0);
-  fill(shape, zeros, record);
-  return record;
+bool RecordPool::zerosIn(Filling filling) {
+  return filling == Filling::random || (filling == Filling::half && entropy_.below(2) == 0);
 }
 
-void RecordPool::fill(const fuzz::Shape& shape, bool zeros, void* record) {
+void RecordPool::fill(const fuzz::Shape& shape, Filling filling, bool zeros, void* record) {
   for (const fuzz::Field& field : shape.fields) {
     uint8_t* const member = static_cast<uint8_t*>(record) + field.at;
     if (field.kind == fuzz::Kind::scalar) {
@@ -51,7 +51,7 @@ void RecordPool::fill(const fuzz::Shape& shape, bool zeros, void* record) {
     } else if (field.kind == fuzz::Kind::bytes) {
       std::generate_n(member, field.width, [&] { return entropy_.byte(); });
     } else if (field.kind == fuzz::Kind::table) {
-      fill(*field.nested, zeros, member);
+      fill(*field.nested, filling, zeros, member);
     } else if (field.kind == fuzz::Kind::string) {
       uint8_t* const text = room(kTextLength + 1);
       std::generate_n(text, kTextLength, [&] { return 'a' + entropy_.byte() % 26; });
@@ -61,7 +61,7 @@ void RecordPool::fill(const fuzz::Shape& shape, bool zeros, void* record) {
       std::memcpy(member, &elements, sizeof elements);
       std::memcpy(static_cast<uint8_t*>(record) + field.countAt, &entries_, sizeof entries_);
       for (uint32_t i = 0; i < entries_; ++i) {
-        fill(*field.nested, zeros, elements + i * field.nested->recordSize);
+        fill(*field.nested, filling, zerosIn(filling), elements + i * field.nested->recordSize);
       }
     }
   }

@@ -15,7 +15,8 @@ inline constexpr size_t kTextLength = 40;
 inline constexpr size_t kMostRecords = 1024;
 
 // Which scalars are zero, and so take no room in our layout: none; each with probability one half;
-// the one or the other from record to record. Byte arrays and texts are always there.
+// the one or the other from record to record, in lists from entry to entry. Byte arrays and texts
+// are always there.
 enum class Filling : uint8_t { allSet, random, half };
 
 std::string_view nameOf(Filling filling);
@@ -32,8 +33,8 @@ class RecordPool {
   [[nodiscard]] size_t bytesEach() const { return bytesEach_; }
 
  private:
-  void* makeRecord(const fuzz::Shape& shape, Filling filling);
-  void fill(const fuzz::Shape& shape, bool zeros, void* record);
+  bool zerosIn(Filling filling);
+  void fill(const fuzz::Shape& shape, Filling filling, bool zeros, void* record);
   uint64_t scalar(bool zeros);
   uint8_t* room(size_t size);
 

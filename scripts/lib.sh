@@ -14,8 +14,8 @@ readonly kel_test_packages=(
 )
 
 readonly kel_bench_packages=(
-  capnproto libbenchmark-dev libcapnp-dev libmsgpack-cxx-dev libnanopb-dev libprotobuf-dev nanopb
-  protobuf-compiler
+  capnproto g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu libbenchmark-dev libcapnp-dev
+  libmsgpack-cxx-dev libnanopb-dev libprotobuf-dev nanopb protobuf-compiler qemu-user
 )
 
 say() { printf '\n== %s\n' "$*"; }
