@@ -30,11 +30,15 @@ bool takeBytes(const std::string& bytes, Field& field) {
   bool take(const pb::Record& object, Record& record);
 KEL_FOR_EACH_RECORD(KEL_DECLARE)
 
+// Objects that are there already are filled again: clearing them would delete what they nest.
 template <class Entry, class Objects>
 void fillEntries(const Entry* entries, uint32_t count, Objects& objects) {
-  objects.Clear();
-  objects.Reserve(static_cast<int>(count));
-  for (uint32_t i = 0; i < count; ++i) fill(entries[i], *objects.Add());
+  const auto wanted = static_cast<int>(count);
+  while (objects.size() > wanted) objects.RemoveLast();
+  objects.Reserve(wanted);
+  for (int i = 0; i < wanted; ++i) {
+    fill(entries[i], i < objects.size() ? *objects.Mutable(i) : *objects.Add());
+  }
 }
 
 template <class Record, class Objects>
