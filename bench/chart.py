@@ -6,7 +6,7 @@ import math
 COLOURS = {"ours": "#c2185b", "protobuf": "#1f6fb2", "protobuf, arena": "#7fb3dd",
            "nanopb": "#2e8b57", "Cap'n Proto": "#e08a00", "msgpack-c": "#6a4fa3",
            "msgpack-c, forced": "#b3a5d1"}
-LEFT, RIGHT, TOP, LINE, BOTTOM, WIDTH = 230, 30, 78, 24, 40, 900
+LEFT, RIGHT, TOP, LINE, BOTTOM, WIDTH = 250, 30, 78, 24, 40, 920
 
 
 def text(x, y, content, anchor="start", size=13, weight="normal"):
@@ -20,10 +20,10 @@ def dot(x, y, name):
 
 
 def legend():
-    parts, x = [], LEFT
+    parts, x = [], 130
     for name in COLOURS:
         parts += [dot(x, 48, name), text(x + 9, 52, name, size=12)]
-        x += 26 + 6.4 * len(name)
+        x += 30 + 6.8 * len(name)
     return parts
 
 

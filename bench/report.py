@@ -255,7 +255,7 @@ def draw_chart(codecs, direction):
         messages[name] = {"ours": to_memcpy} | {
             rival: to_memcpy * times_ours(row, rival) for rival in [*RIVALS, FORCED]
             if f"ratio/{rival}" in row}
-    return chart.draw(f"{direction.capitalize()}: time, as a multiple of memcpy's", messages)
+    return chart.draw(f"{direction.capitalize()} random records: time, as a multiple of memcpy's", messages)
 
 
 def rewrite_docs(parts, codecs):
