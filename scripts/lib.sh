@@ -13,6 +13,11 @@ readonly kel_test_packages=(
   libclang-rt-16-dev llvm-16 openssl qemu-user
 )
 
+readonly kel_bench_packages=(
+  capnproto g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu libbenchmark-dev libcapnp-dev
+  libmsgpack-cxx-dev libnanopb-dev libprotobuf-dev nanopb protobuf-compiler qemu-user
+)
+
 say() { printf '\n== %s\n' "$*"; }
 
 # Installs those of the named packages that are missing; asks apt nothing when none is.

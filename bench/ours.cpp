@@ -1,0 +1,55 @@
+// Our own routines as candidates, by the entry points that ship.
+#include <algorithm>
+
+#include "bench/candidate.hpp"
+
+namespace kel::bench {
+namespace {
+
+uint32_t encode(const Message& message, const Item& item, uint8_t* out) {
+  const uint32_t size = message.pack(nullptr, item.record);
+  const PackTarget target{out, &size};
+  return message.pack(&target, item.record);
+}
+
+uint32_t encodeFixed(const Message& message, const Item& item, uint8_t* out) {
+  const uint32_t size = message.fixedSize();
+  message.fixedPack(out, item.record);
+  return size;
+}
+
+uint32_t unpack(const Message& message, const Item& item, uint8_t* out) {
+  return message.unpack(item.bytes, item.length, out) == 0 ? 0 : 1;
+}
+
+uint32_t unpackAndRelease(const Message& message, const Item& item, uint8_t* out) {
+  const uint32_t done = unpack(message, item, out);
+  message.release(out);
+  return done;
+}
+
+void release(const Message& message, void* record) {
+  if (message.release != nullptr) message.release(record);
+}
+
+}  // namespace
+
+bool isTwin(const Message& message) {
+  constexpr std::string_view kTwins[] = {"ResetDiskCondition", "ResetDiskResult", "MountDiskInput",
+                                         "MountDiskResult"};
+  return std::ranges::find(kTwins, message.name) != std::end(kTwins);
+}
+
+// A host has nothing to release where no record points at memory.
+Candidate ours(const Message& message) {
+  const Operation decode = message.shape->ownsMemory() ? unpackAndRelease : unpack;
+  return {"ours", encode, decode, unpack, release};
+}
+
+Candidate oursInFixedLayout(const Message& message) {
+  Candidate candidate = ours(message);
+  candidate.encode = encodeFixed;
+  return candidate;
+}
+
+}  // namespace kel::bench
