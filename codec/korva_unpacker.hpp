@@ -3,6 +3,7 @@
 #pragma once
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_known_table.hpp"
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
@@ -179,7 +180,6 @@ template <class Slot, class Record>
     return false;
   }
   Slot::count(record) = count;
-  std::memset(elements, 0, size);
   for (uint32_t i = 0; i < count; ++i) {
     const uint64_t entry = entries + uint64_t{i} * kOffsetFieldWidth;
     TableView view{};
@@ -211,10 +211,15 @@ template <class Slot, class Record>
   return true;
 }
 
-// Reads what a present entry names. Such slots are there more often than not.
+// Reads what an entry of any other kind names. Such slots are there more often than not.
 template <class Slot, class Record>
-[[nodiscard, gnu::always_inline]] inline bool readReference(const Source& source, uint64_t field,
-                                                            Record& record) {
+[[nodiscard, gnu::always_inline]] inline bool readReference(const Source& source, uint32_t table,
+                                                            uint32_t entry, Record& record) {
+  if (entry == 0) [[unlikely]] {
+    std::memset(&Slot::get(record), 0, sizeof(Slot::get(record)));
+    return true;
+  }
+  const uint64_t field = uint64_t{table} + entry;
   if constexpr (Slot::kind == SlotKind::byteArray) {
     return readByteArray<Slot>(source, field, record);
   } else if constexpr (Slot::kind == SlotKind::string) {
@@ -233,7 +238,8 @@ template <class Slot, class Record>
   std::memcpy(complete, vtable, length / kSlotEntryWidth * kSlotEntryWidth);
 }
 
-// Reads the present fields of a table into a record that has been cleared.
+// Reads all of a table: an absent field is 0, and so is every byte of an absent array or nested
+// record. Strings and vectors are null already.
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool readFields(const Source& source,
                                                          const TableView& view, Record& record) {
@@ -243,12 +249,17 @@ template <class Record>
     completeVtable(vtable, view.vtableLength, complete, sizeof(complete));
     vtable = complete;
   }
+  bool hasScalars = false;
+  if constexpr (known::KnownLayout<Record>) {
+    hasScalars = known::readScalars(vtable, source.bytes + view.table, view.table,
+                                    source.length - view.table, record);
+  }
   return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
-      return readScalar<Slot>(source, view.table, entry, record);
+      return hasScalars || readScalar<Slot>(source, view.table, entry, record);
     } else {
-      return entry == 0 || readReference<Slot>(source, uint64_t{view.table} + entry, record);
+      return readReference<Slot>(source, view.table, entry, record);
     }
   });
 }
@@ -258,11 +269,6 @@ bool readTable(const Source& source, const TableView& view, Record& record) {
   return readFields(source, view, record);
 }
 
-template <class Record>
-[[gnu::always_inline]] inline void clear(Record* record) {
-  std::memset(static_cast<void*>(record), 0, kRecordSize<Record>);
-}
-
 // Everything behind the argument check. A record that owns memory is cleared before the first
 // check, so that the release after a failure never meets a stale pointer; any other keeps its
 // content until the header has been accepted.
@@ -270,16 +276,13 @@ template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool readMessage(const Source& source, Record* record) {
   KorvaMemInit(source.runtime);
   if constexpr (kOwnsMemory<Record>) {
-    clear(record);
+    *record = {};
   }
   TableView view{};
   const HeaderFault fault = openRoot<Record>(source, view);
   if (fault != HeaderFault::none) {
     logHeaderFault(source.runtime, source.function, source.length, fault, view);
     return false;
-  }
-  if constexpr (!kOwnsMemory<Record>) {
-    clear(record);
   }
   return readFields(source, view, *record);
 }

@@ -1,0 +1,175 @@
+// Reads all scalars of a table at once where it is laid out as our own packer does it: the vtable
+// says which are absent, and everything else follows from that. For the unpacker; whatever is laid
+// out in another way is left to it.
+#pragma once
+
+#include <algorithm>
+#include <array>
+
+#include "codec/korva_rows.hpp"
+#include "codec/korva_scalars.hpp"
+#include "codec/korva_schema.hpp"
+#include "codec/korva_vector.hpp"
+
+namespace korva::known {
+
+using rows::kScalars;
+using rows::kWindows;
+using scalars::Bytes;
+using scalars::Depth;
+using scalars::Scalar;
+using scalars::Window;
+
+// Fewer are read sooner one by one.
+inline constexpr uint32_t kWorthwhile = 3;
+
+template <class Record>
+concept KnownLayout = PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
+                      kVtableLength<Record> >= kVectorWidth;
+
+// The permutation for each row that moves a window's scalars back to where they belong, with zeros
+// for those that are absent.
+template <class Record, uint32_t Index>
+alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
+  constexpr Window kWindow = kWindows<Record>.items[Index];
+  constexpr auto& kRows = rows::kRows<Record, Index, rows::kUsualPlace<Record>>;
+  std::array<Bytes, kRows.size()> spreads{};
+  for (size_t row = 0; row < spreads.size(); ++row) {
+    spreads[row].fill(kTakesZero);
+    for (uint32_t lane = 0; lane < kVectorWidth; ++lane) {
+      if (const uint8_t from = kRows[row].move[lane]; from != kTakesZero) {
+        spreads[row][from] = static_cast<uint8_t>(lane);
+      }
+    }
+  }
+  static_assert(kWindow.count != 0);
+  return spreads;
+}();
+
+// A vtable is read in whole vectors; near its end, one begins earlier.
+template <class Record>
+consteval uint32_t vectorAt(uint32_t position) {
+  return std::min(position, kVtableLength<Record> - kVectorWidth);
+}
+
+// Where the vector begins that holds the entries of a window's scalars.
+template <class Record, uint32_t Index>
+inline constexpr uint32_t kEntries =
+    vectorAt<Record>(vtableEntry(kScalars<Record>.items[kWindows<Record>.items[Index].first].slot));
+
+// The permutation that brings one byte of every scalar's vtable entry to the front.
+template <class Record, uint32_t Index>
+alignas(kVectorWidth) inline constexpr Bytes kEntryBytes = [] {
+  constexpr Window kWindow = kWindows<Record>.items[Index];
+  Bytes indices{};
+  indices.fill(kTakesZero);
+  for (uint32_t i = 0; i < kWindow.count; ++i) {
+    const uint32_t entry = vtableEntry(kScalars<Record>.items[kWindow.first + i].slot);
+    indices.at(i) = static_cast<uint8_t>(entry - kEntries<Record, Index>);
+  }
+  return indices;
+}();
+
+template <class Record, uint32_t Index>
+[[gnu::always_inline]] inline uint32_t rowOf(const uint8_t* vtable) {
+  const auto entries =
+      std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
+  return bitsOfBytes(permute(std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}),
+                             loadAligned(kEntryBytes<Record, Index>.data())));
+}
+
+template <class Record>
+using Rows = std::array<uint32_t, kWindows<Record>.count>;
+
+template <class Record, uint32_t Index>
+[[gnu::always_inline]] inline const rows::Row<Record>& rowAt(const Rows<Record>& found) {
+  return rows::kRows<Record, Index, rows::kUsualPlace<Record>>[found[Index]];
+}
+
+// All ones where a part of the head holds slots' entries.
+template <class Record, uint32_t Position>
+alignas(kVectorWidth) inline constexpr Bytes kEntryLanes = [] {
+  Bytes lanes{};
+  for (uint32_t i = 0; i < kVectorWidth; ++i) {
+    lanes[i] = Position + i >= kVtableHeaderWidth ? 0xFF : 0;
+  }
+  return lanes;
+}();
+
+// Nothing but zeros if the entries of a part of the vtable are what our packer writes in these
+// rows.
+template <class Record, uint32_t Position>
+[[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable,
+                                                    const Rows<Record>& found) {
+  ByteVector head{};
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) {
+    const auto* const bytes =
+        reinterpret_cast<const uint8_t*>(rowAt<Record, Index>(found).head.data());
+    const ByteVector part = loadVector<kVectorWidth>(bytes + Position);
+    head = Index == 0 ? part : subtractDownToZero(head, part);
+  });
+  return (head ^ loadVector<kVectorWidth>(vtable + Position)) &
+         loadAligned(kEntryLanes<Record, Position>.data());
+}
+
+template <class Record>
+[[gnu::always_inline]] inline bool isOurs(const uint8_t* vtable, const Rows<Record>& found) {
+  ByteVector different{};
+  [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
+    ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, found)), ...);
+  }
+  (std::make_index_sequence<alignUp(kVtableLength<Record>, kVectorWidth) / kVectorWidth>());
+  const auto words = std::bit_cast<Vector<uint64_t>>(different);
+  return (words[0] | words[1]) == 0;
+}
+
+// Whether a window's vector holds no scalar in front of the window's own, which would be lost.
+template <class Record, uint32_t Index>
+consteval bool startsWithItsScalars() {
+  constexpr Window kWindow = kWindows<Record>.items[Index];
+  for (uint32_t i = 0; i < kWindow.first; ++i) {
+    const Scalar& scalar = kScalars<Record>.items[i];
+    if (scalar.offset + scalar.width > kWindow.offset) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Fills in a table's scalars, and zeros in what else their vectors cover, if the table is laid out
+// as ours are. The vtable must be complete; the room is that from the table to the buffer's end, of
+// which position bytes lie before the table. Says whether it did.
+template <KnownLayout Record>
+[[nodiscard, gnu::always_inline]] inline bool readScalars(const uint8_t* vtable,
+                                                          const uint8_t* table, uint64_t position,
+                                                          uint64_t room, Record& record) {
+  constexpr bool kAtEnd = rows::kUsualPlace<Record> == rows::Place::end;
+  Rows<Record> found;
+  uint32_t size = 0;
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
+                                                      __attribute__((always_inline)) {
+                                                        found[Index] = rowOf<Record, Index>(vtable);
+                                                        size += rowAt<Record, Index>(found).size;
+                                                      });
+  const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
+  if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
+    return false;
+  }
+  const uint8_t* at = table + kDisplacementWidth;
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) {
+    static_assert(startsWithItsScalars<Record, Index>());
+    constexpr Window kWindow = kWindows<Record>.items[Index];
+    const uint32_t windowSize = rowAt<Record, Index>(found).size;
+    const ByteVector together =
+        loadVector<kVectorWidth>(kAtEnd ? at + windowSize - kVectorWidth : at);
+    const ByteVector spread =
+        permute(together, loadAligned(kSpreads<Record, Index>[found[Index]].data()));
+    std::memcpy(reinterpret_cast<uint8_t*>(&record) + kWindow.offset, &spread, kWindow.size);
+    at += windowSize;
+  });
+  return true;
+}
+
+}  // namespace korva::known
