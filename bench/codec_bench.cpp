@@ -1,7 +1,7 @@
 // Every message's encoding and decoding, ours against its limits and its rivals, as benchmarks
-// whose counters are the medians of one contest each. "ns/<entrant>" is an operation's time, the
-// empty one subtracted; "ratio/<entrant>" is what ours takes, divided by that; "bytes" the mean
-// encoded size.
+// whose counters are the medians of a contest at either pace. "<pace>/ns/<entrant>" is an
+// operation's time, the empty one subtracted; "<pace>/ratio/<entrant>" is what ours takes, divided
+// by that; "bytes" the mean encoded size.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -28,7 +28,7 @@ uint32_t copyRecord(const Message& message, const Item& item, uint8_t* out) {
   return 1;
 }
 
-// The text is the last that a message holds, but for its NUL.
+// As much as a text, from a message's end, where AlarmOutput has it.
 uint32_t copyTextToTheHeap(const Message&, const Item& item, uint8_t*) {
   size_t length = kTextLength;
   asm volatile("" : "+r"(length));  // no compile-time constant to a decoder

@@ -58,8 +58,8 @@ class Contest {
   }
 
   // Visits items in an order that is new for every seed and the same for every entrant. Made on the
-  // way, since a branch predictor learns any order that repeats; and no index waits for the last, or
-  // a short operation would hide behind that.
+  // way, since a branch predictor learns any order that repeats; and no index waits for the last,
+  // or a short operation would hide behind that.
   template <class After>
   [[gnu::always_inline]] void visit(const Entrant& entrant, size_t count, uint64_t seed,
                                     After after) const {
