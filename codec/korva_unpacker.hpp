@@ -249,7 +249,7 @@ template <class Record>
     completeVtable(vtable, view.vtableLength, complete, sizeof(complete));
     vtable = complete;
   }
-  bool hasScalars = false;
+  [[maybe_unused]] bool hasScalars = false;
   if constexpr (known::KnownLayout<Record>) {
     hasScalars = known::readScalars(vtable, source.bytes + view.table, view.table,
                                     source.length - view.table, record);
@@ -257,7 +257,12 @@ template <class Record>
   return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
-      return hasScalars || readScalar<Slot>(source, view.table, entry, record);
+      if constexpr (known::KnownLayout<Record>) {
+        if (hasScalars) {
+          return true;
+        }
+      }
+      return readScalar<Slot>(source, view.table, entry, record);
     } else {
       return readReference<Slot>(source, view.table, entry, record);
     }
