@@ -20,7 +20,9 @@
 #include <optional>
 #include <string_view>
 #include <thread>
+#include <utility>
 
+#include "host/channels.hpp"
 #include "host/hand_over.hpp"
 
 namespace kel::host {
@@ -129,6 +131,8 @@ class Exchange {
     switch (status_.error_code()) {
       case grpc::StatusCode::UNAVAILABLE:
         return sent_ ? kConnectionLost : kUnreachable;
+      case grpc::StatusCode::CANCELLED:  // by a server that stops
+        return kConnectionLost;
       case grpc::StatusCode::DEADLINE_EXCEEDED:
         return kDeadlinePassed;
       case grpc::StatusCode::INVALID_ARGUMENT:
@@ -137,6 +141,8 @@ class Exchange {
         return kMethodUnknown;
       case grpc::StatusCode::RESOURCE_EXHAUSTED:
         return kTooLarge;
+      case grpc::StatusCode::PERMISSION_DENIED:
+        return kNotPermitted;
       default:
         return kGrpcStatus + static_cast<int32_t>(status_.error_code());
     }
@@ -204,19 +210,25 @@ class Engine {
   }
 
   // A channel that failed to connect answers for its back-off time with that failure, whether the
-  // server is there again or not. A new one tries at once. Its own pool of connections keeps it
-  // from inheriting the old one's back-off.
+  // server is there again or not. A new one tries at once. With several servers that is only so
+  // when none of them can be reached.
   std::shared_ptr<grpc::Channel> channelTo(const std::string& target) {
     const std::scoped_lock lock(mutex_);
     std::shared_ptr<grpc::Channel>& channel = channels_[target];
     if (channel == nullptr || channel->GetState(false) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      grpc::ChannelArguments arguments;
-      arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-      // The address record alone decides where calls go, not the environment.
-      arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-      channel = grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), arguments);
+      channel = factory_.open(target);
+      if (channel == nullptr) {
+        throw Failure{kNotProtected};
+      }
     }
     return channel;
+  }
+
+  void configure(const CallSettings& settings) {
+    ChannelFactory factory(settings);
+    const std::scoped_lock lock(mutex_);
+    factory_ = std::move(factory);
+    channels_.clear();
   }
 
  private:
@@ -255,6 +267,7 @@ class Engine {
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
+  ChannelFactory factory_;
   std::map<std::string, std::shared_ptr<grpc::Channel>> channels_;
 };
 
@@ -349,7 +362,7 @@ std::string describe(int32_t result) {
     case kUnreachable:
       return "the server cannot be reached; the request has not left";
     case kConnectionLost:
-      return "the connection was lost after the request had been sent";
+      return "the connection was lost, or the server stopped, after the request had been sent";
     case kDeadlinePassed:
       return "the deadline passed before the reply was complete";
     case kReplyEmpty:
@@ -364,6 +377,10 @@ std::string describe(int32_t result) {
       return "the server does not know the method";
     case kTooLarge:
       return "the request or the reply is too large, or the server is out of means";
+    case kNotProtected:
+      return "the target is no Unix socket, and neither TLS nor plain TCP has been configured";
+    case kNotPermitted:
+      return "the server does not let this caller call the method";
     default:
       break;
   }
@@ -375,6 +392,8 @@ std::string describe(int32_t result) {
 }
 
 void waitForCompletions() { Engine::instance().waitForCompletions(); }
+
+void configureCalls(const CallSettings& settings) { Engine::instance().configure(settings); }
 
 void setCompactAlways(bool compact) { compactAlways = compact; }
 
