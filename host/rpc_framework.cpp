@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "host/channels.hpp"
+#include "host/encoding.hpp"
 #include "host/hand_over.hpp"
 
 namespace kel::host {
@@ -267,28 +268,25 @@ class Engine {
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
+  // gRPC sets up with the first channel what they all share, and gives it up with the last. Setting
+  // it up ends the process when there is no descriptor left. So one channel, which never connects,
+  // is there from the start.
+  const std::shared_ptr<grpc::Channel> first_ = ChannelFactory().open("unix:/");
   ChannelFactory factory_;
   std::map<std::string, std::shared_ptr<grpc::Channel>> channels_;
 };
 
-// A message in the fixed layout leaves bytes of its buffer unwritten, which must not carry this
-// process's old memory away.
 grpc::Slice encode(const IdlCodecOps& ops, const void* input) {
   if (input == nullptr) {
     throw Failure{kRequestNotPacked};
   }
-  const bool fixed = ops.fixedPackFn != nullptr && !compactAlways.load(std::memory_order_relaxed);
-  const uint32_t size = fixed ? ops.fixedSizeFn() : ops.packFn(nullptr, input);
-  if (size == 0) {
+  const Encoding encoding(ops, input, compactAlways.load(std::memory_order_relaxed));
+  if (encoding.size() == 0) {
     throw Failure{kRequestNotPacked};
   }
-  grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
-  auto* const buffer = const_cast<uint8_t*>(slice.begin());
-  if (fixed) {
-    std::memset(buffer, 0, size);
-    ops.fixedPackFn(buffer, input);
-  } else if (const PackTarget target{buffer, &size}; ops.packFn(&target, input) != size) {
-    throw Failure{kRequestNotPacked};  // the record changed under the packer
+  grpc::Slice slice(grpc_slice_malloc(encoding.size()), grpc::Slice::STEAL_REF);
+  if (!encoding.writeTo(const_cast<uint8_t*>(slice.begin()))) {
+    throw Failure{kRequestNotPacked};
   }
   return slice;
 }
@@ -378,7 +376,8 @@ std::string describe(int32_t result) {
     case kTooLarge:
       return "the request or the reply is too large, or the server is out of means";
     case kNotProtected:
-      return "the target is no Unix socket, and neither TLS nor plain TCP has been configured";
+      return "the target is no Unix socket, and neither mutual TLS (--tls-ca, --tls-certificate, "
+             "--tls-key) nor --insecure-plain-tcp has been asked for";
     case kNotPermitted:
       return "the server does not let this caller call the method";
     default:
