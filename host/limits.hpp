@@ -13,8 +13,9 @@ inline constexpr uint32_t kDefaultMessageBytes = 4U << 20U;
 
 struct ServerLimits {
   uint32_t messageBytes = kDefaultMessageBytes;
-  // Calls at a time, those that wait for a thread included. Bounds the memory that requests and
-  // replies take to twice this times messageBytes.
+  // Calls at a time, those that wait for a thread included. Three times as many again may have been
+  // answered and wait for their callers to read, so that requests and replies take little more than
+  // four times this times messageBytes.
   uint32_t calls = 64;
   // However long a deadline the caller has. Making a file system is the slowest thing that anybody
   // asks for.

@@ -96,7 +96,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
                                milliseconds(limits.keepalive) / 4);
     // Enough to be refused by the sentence that names the limit; a peer that goes on without
     // waiting for it is held up by HTTP/2.
-    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, static_cast<int>(2 * limits.calls));
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS,
+                               static_cast<int>(2 * kCallsPerOneAtWork * limits.calls));
     // Messages are never compressed here, and one that is could grow beyond the limit.
     builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
     server_ = builder.BuildAndStart();
@@ -126,10 +127,20 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
  private:
   class Call;
 
+  // Callers may see the end of a call long before gRPC tells this side of it.
+  static constexpr uint32_t kCallsPerOneAtWork = 4;
+
   bool enter() {
     const std::scoped_lock lock(mutex_);
     ++calls_;
-    return calls_ <= options_.limits.calls;
+    ++callsAtWork_;
+    const uint32_t most = options_.limits.calls;
+    return callsAtWork_ <= most && calls_ <= uint64_t{kCallsPerOneAtWork} * most;
+  }
+
+  void ended() {
+    const std::scoped_lock lock(mutex_);
+    --callsAtWork_;
   }
 
   void leave() {
@@ -147,6 +158,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   std::mutex mutex_;
   std::condition_variable idle_;
   uint32_t calls_ = 0;
+  uint32_t callsAtWork_ = 0;  // that have not been ended
   WorkerPool workers_{kWorkers};
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
@@ -157,8 +169,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
 // the caller. Lives until gRPC, the alarm and the handler are done with it.
 class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
  public:
-  Call(Running& server, const grpc::GenericCallbackServerContext& context)
-      : server_(server), path_(context.method()) {
+  Call(Running& server, grpc::GenericCallbackServerContext& context)
+      : server_(server), path_(context.method()), context_(&context) {
     const ServerLimits& limits = server_.options_.limits;
     if (!server_.enter()) {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
@@ -199,6 +211,10 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   void OnDone() override {
     handOver();
     alarm_.Cancel();
+    {
+      const std::scoped_lock lock(contextMutex_);
+      context_ = nullptr;
+    }
     leave();
   }
 
@@ -213,16 +229,25 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
 
   void onAlarm(bool expired) {
     handOver();
-    if (expired) {
-      end({grpc::StatusCode::DEADLINE_EXCEEDED,
-           fmt::format("the server gives a call {} ms at most",
-                       server_.options_.limits.longestCall.count())});
+    if (expired && !end({grpc::StatusCode::DEADLINE_EXCEEDED,
+                         fmt::format("the server gives a call {} ms at most",
+                                     server_.options_.limits.longestCall.count())})) {
+      cut();
     }
     leave();
   }
 
+  // An answer is on its way, but its reader takes no more of it.
+  void cut() {
+    const std::scoped_lock lock(contextMutex_);
+    if (context_ != nullptr) {
+      context_->TryCancel();
+    }
+  }
+
   void answer() {
     const Answer answer = answerTo(server_.handler_, path_, request_);
+    request_.Clear();
     const uint32_t most = server_.options_.limits.messageBytes;
     if (answer.status != AnswerStatus::ok) {
       end({statusCode(answer.status), answer.detail});
@@ -230,7 +255,7 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
            fmt::format("the reply has {} bytes, and this server sends {} at most",
                        answer.reply.size(), most)});
-    } else if (!ended_.exchange(true)) {
+    } else if (begunToEnd()) {
       const grpc::Slice slice(answer.reply.data(), answer.reply.size());
       reply_ = grpc::ByteBuffer(&slice, 1);
       handOver();
@@ -238,11 +263,23 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
     }
   }
 
-  void end(const grpc::Status& status) {
-    if (!ended_.exchange(true)) {
-      handOver();
-      Finish(status);
+  // For one of those who come to end it.
+  bool begunToEnd() {
+    if (ended_.exchange(true)) {
+      return false;
     }
+    server_.ended();
+    return true;
+  }
+
+  // Says whether it was not ended already.
+  bool end(const grpc::Status& status) {
+    if (!begunToEnd()) {
+      return false;
+    }
+    handOver();
+    Finish(status);
+    return true;
   }
 
   Running& server_;
@@ -250,6 +287,8 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   std::atomic<int> users_ = 1;  // gRPC, until OnDone
   std::atomic<bool> ended_ = false;
   grpc::Alarm alarm_;
+  std::recursive_mutex contextMutex_;            // cancelling may call OnDone on the same thread
+  grpc::GenericCallbackServerContext* context_;  // null once gRPC is done with it
   grpc::ByteBuffer request_;
   grpc::ByteBuffer reply_;
 };

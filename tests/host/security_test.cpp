@@ -6,6 +6,7 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <deque>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -278,9 +279,7 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
               kOk);
   }
   constexpr int kWorkers = 16;
-  for (int i = 0; i < 100 && handled_ < kWorkers; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  EXPECT_TRUE(eventually([&] { return handled_ == kWorkers; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for those that have to wait
   expectStatus(rawCall(target), grpc::StatusCode::RESOURCE_EXHAUSTED,
                "the server is at work on 20 calls, and takes no more at a time");
@@ -291,12 +290,68 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
   }
   EXPECT_LT(Clock::now() - began, std::chrono::seconds(4)) << "they waited for the handlers";
   slow = false;
-  std::string last;
-  for (int i = 0; i < 100 && last != outcome(kOk); ++i) {  // until the handlers have returned
-    last = call();
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(eventually([] { return call() == outcome(kOk); })) << "once they have returned";
+}
+
+// A call without a deadline, whose caller does not read the reply.
+class UnreadCall {
+ public:
+  explicit UnreadCall(const std::string& target)
+      : call_(grpc::GenericStub(open(target)).PrepareCall(&context_, kAlarmPath, &queue_)) {
+    const grpc::Slice slice("x");
+    call_->StartCall(nullptr);
+    next();
+    call_->WriteLast(grpc::ByteBuffer(&slice, 1), grpc::WriteOptions(), nullptr);
+    next();
   }
-  EXPECT_EQ(last, outcome(kOk));
+
+  ~UnreadCall() {
+    context_.TryCancel();
+    grpc::Status status;
+    call_->Finish(&status, nullptr);
+    next();
+  }
+  UnreadCall(const UnreadCall&) = delete;
+  UnreadCall& operator=(const UnreadCall&) = delete;
+
+ private:
+  // That takes in no more than it must.
+  static std::shared_ptr<grpc::Channel> open(const std::string& target) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+    arguments.SetInt(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, 1024);
+    return grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), arguments);
+  }
+
+  void next() {
+    void* tag = nullptr;
+    bool succeeded = false;
+    queue_.Next(&tag, &succeeded);
+  }
+
+  grpc::ClientContext context_;
+  grpc::CompletionQueue queue_;
+  std::unique_ptr<grpc::GenericClientAsyncReaderWriter> call_;
+};
+
+TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
+  constexpr int kPlaces = 4;  // where one call may be at work
+  RpcServer server(
+      target,
+      [&](const std::string&, std::span<const uint8_t>) {
+        const bool first = handled_++ < kPlaces;
+        return Answer{AnswerStatus::ok, {}, first ? Bytes(kDefaultMessageBytes, 'x') : okReply()};
+      },
+      {.limits = {.calls = 1, .longestCall = std::chrono::milliseconds(1500)}});
+  std::deque<UnreadCall> unread;
+  for (int i = 1; i <= kPlaces; ++i) {
+    unread.emplace_back(target);
+    EXPECT_TRUE(eventually([&] { return handled_ == i; }));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for what needs no reader
+  EXPECT_EQ(call(), outcome(kTooLarge)) << "there is room for so many";
+  EXPECT_TRUE(eventually([&] { return call() == outcome(kOk); })) << "they keep their places";
 }
 
 }  // namespace
