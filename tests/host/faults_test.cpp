@@ -1,8 +1,10 @@
 // Faults between caller and server, one after the other: each call ends in exactly one result, no
 // alarm is kept twice, and afterwards everything is as before.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <malloc.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,7 +18,11 @@
 #include <optional>
 #include <thread>
 
+#include "host/field_text.hpp"
+#include "host/file_descriptor.hpp"
 #include "host/os_allocator.hpp"
+#include "host/qarne_client.hpp"
+#include "host/result_code.hpp"
 #include "host/rpc_server.hpp"
 #include "tests/host/faulty_server.hpp"
 #include "tests/host/host_fixture.hpp"
@@ -30,17 +36,12 @@ namespace {
 constexpr std::chrono::seconds kSoon(2);  // bounded time, on a busy machine
 constexpr uintptr_t kDeadlineMs = 3000;
 
-// Tries until it holds or time is up.
-bool eventually(const std::function<bool()>& holds) {
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(10);
-  while (!holds()) {
-    if (Clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
+// Whose memory comes back late, or never.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
 
 // Numbered calls by both ways, and what became of them.
 class Load {
@@ -160,18 +161,16 @@ class Faults : public HostFixture {
   }
   ~Faults() override { configureCalls({}); }
 
-  [[nodiscard]] std::unique_ptr<RunningProgram> launchMaster(
-      const std::string& where, const std::vector<std::string>& more = {}) const {
+  [[nodiscard]] std::unique_ptr<RunningProgram> startMaster(
+      const std::string& where, const std::vector<std::string>& more = {},
+      const std::string& ready = "listens on") const {
     std::vector<std::string> arguments = {"--listen", where, "--config", folder / "rules.json"};
     arguments.insert(arguments.end(), more.begin(), more.end());
-    return std::make_unique<RunningProgram>(beside("kel_master"), arguments, folder / "output");
+    return std::make_unique<RunningProgram>(beside("kel_master"), arguments, folder / "output",
+                                            ready);
   }
 
-  [[nodiscard]] std::unique_ptr<RunningProgram> startMaster() const {
-    auto master = launchMaster(target);
-    EXPECT_TRUE(master->says("listens on")) << master->output();
-    return master;
-  }
+  [[nodiscard]] std::unique_ptr<RunningProgram> startMaster() const { return startMaster(target); }
 
   // Of all servers so far.
   std::string output() {
@@ -184,21 +183,52 @@ class Faults : public HostFixture {
     return outcome(sendAlarm(sampleAlarm(), reply, deadlineMs));
   }
 
-  // Runs a fault twice, since the first time leaves what is made once, and compares.
-  static void expectNothingLeft(const std::function<void()>& fault) {
-    constexpr size_t kTolerance = 256U << 10U;  // gRPC and the allocator keep caches
+  // Runs a fault twice, since the first time leaves what is made once, and compares: this process,
+  // and the server if it is the same one all the time.
+  static void expectNothingLeft(const std::function<void()>& fault,
+                                const RunningProgram* server = nullptr) {
     fault();
     waitForCompletions();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const size_t descriptors = openDescriptors();
-    const size_t memory = mallinfo2().uordblks;
+    const Use before = useOf(server);
     fault();
     waitForCompletions();
-    EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptors; }))
-        << openDescriptors() << " after " << descriptors;
-    EXPECT_TRUE(eventually([&] { return mallinfo2().uordblks <= memory + kTolerance; }))
-        << mallinfo2().uordblks << " after " << memory;
+    EXPECT_TRUE(eventually([&] { return useOf(server).isWithin(before); }))
+        << useOf(server).words() << "\nafter\n"
+        << before.words();
     EXPECT_EQ(allocatorUse().outstanding, 0U);
+  }
+
+ private:
+  struct Use {
+    size_t descriptors;
+    size_t memory;
+    size_t serverDescriptors = 0;
+    size_t serverMemory = 0;
+
+    [[nodiscard]] bool isWithin(const Use& other) const {
+      constexpr size_t kTolerance = 256U << 10U;         // gRPC and the allocator keep caches
+      constexpr size_t kServerTolerance = 4096U << 10U;  // and give back whole pages only
+      return descriptors <= other.descriptors && memory <= other.memory + kTolerance &&
+             serverDescriptors <= other.serverDescriptors &&
+             (kSanitized || serverMemory <= other.serverMemory + kServerTolerance);
+    }
+    [[nodiscard]] std::string words() const {
+      return fmt::format("{} descriptors, {} bytes here; {} descriptors, {} bytes at the server",
+                         descriptors, memory, serverDescriptors, serverMemory);
+    }
+  };
+
+  static Use useOf(const RunningProgram* server) {
+    Use use{openDescriptors(), mallinfo2().uordblks};
+    if (server != nullptr) {
+      const std::string process = std::to_string(server->id());
+      use.serverDescriptors = openDescriptors(process);
+      size_t all = 0;
+      std::ifstream(fmt::format("/proc/{}/statm", process)) >> all >> use.serverMemory;
+      use.serverMemory *= static_cast<size_t>(getpagesize());
+    }
+    return use;
   }
 };
 
@@ -224,18 +254,20 @@ TEST_F(Faults, ServerKilledAndRestartedUnderLoad) {
 TEST_F(Faults, ServerStoppedAndContinued) {
   const auto master = startMaster();
   EXPECT_EQ(call(), outcome(kOk));
-  expectNothingLeft([&] {
-    Load load;
-    for (int i = 0; i < 5; ++i) {
-      master->signal(SIGSTOP);
-      siginfo_t stopped{};
-      EXPECT_EQ(waitid(P_PID, static_cast<id_t>(master->id()), &stopped, WSTOPPED), 0);
-      EXPECT_EQ(load.callBothWays(50), kDeadlinePassed);
-      master->signal(SIGCONT);
-      EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
-    }
-    load.stop();
-  });
+  expectNothingLeft(
+      [&] {
+        Load load;
+        for (int i = 0; i < 5; ++i) {
+          master->signal(SIGSTOP);
+          siginfo_t stopped{};
+          EXPECT_EQ(waitid(P_PID, static_cast<id_t>(master->id()), &stopped, WSTOPPED), 0);
+          EXPECT_EQ(load.callBothWays(50), kDeadlinePassed);
+          master->signal(SIGCONT);
+          EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
+        }
+        load.stop();
+      },
+      master.get());
 }
 
 TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryTenthByte) {
@@ -246,30 +278,32 @@ TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryTenthByte) {
   constexpr std::chrono::milliseconds kNoticing(15);  // that a connection has been cut
   const size_t speech = relay.longestSpeech();
   EXPECT_GT(speech, 100U);
-  expectNothingLeft([&] {
-    Load load;
-    size_t failed = 0;
-    for (const Damage::Kind kind : {Damage::Kind::cut, Damage::Kind::corrupt}) {
-      for (size_t position = 0; position < speech; position += 10) {
-        SCOPED_TRACE(fmt::format("damage {} at {}", static_cast<int>(kind), position));
-        relay.cutAndSet({kind, position});
-        std::this_thread::sleep_for(kNoticing);
-        const Clock::time_point began = Clock::now();
-        std::string reply;
-        failed += sendAlarm(sampleAlarm(), reply, 100) == kOk ? 0U : 1U;
-        EXPECT_LT(Clock::now() - began, kSoon);
-        relay.cutAndSet({});
-        std::this_thread::sleep_for(kNoticing);
-        EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
-        waitForCompletions();
-      }
-    }
-    EXPECT_GT(failed, speech / 10) << "of twice as many that were damaged";
-    load.stop();
-    load.check(output());
-    EXPECT_EQ(load.count(kOk), load.calls()) << load.summary();
-    std::ofstream(folder / "output");  // the next load counts from one again
-  });
+  expectNothingLeft(
+      [&] {
+        Load load;
+        size_t failed = 0;
+        for (const Damage::Kind kind : {Damage::Kind::cut, Damage::Kind::corrupt}) {
+          for (size_t position = 0; position < speech; position += 10) {
+            SCOPED_TRACE(fmt::format("damage {} at {}", static_cast<int>(kind), position));
+            relay.cutAndSet({kind, position});
+            std::this_thread::sleep_for(kNoticing);
+            const Clock::time_point began = Clock::now();
+            std::string reply;
+            failed += sendAlarm(sampleAlarm(), reply, 100) == kOk ? 0U : 1U;
+            EXPECT_LT(Clock::now() - began, kSoon);
+            relay.cutAndSet({});
+            std::this_thread::sleep_for(kNoticing);
+            EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
+            waitForCompletions();
+          }
+        }
+        EXPECT_GT(failed, speech / 10) << "of twice as many that were damaged";
+        load.stop();
+        load.check(output());
+        EXPECT_EQ(load.count(kOk), load.calls()) << load.summary();
+        std::ofstream(folder / "output");  // the next load counts from one again
+      },
+      master.get());
 }
 
 TEST_F(Faults, DescriptorsExhaustedAtTheServer) {
@@ -279,24 +313,27 @@ TEST_F(Faults, DescriptorsExhaustedAtTheServer) {
   const size_t before = openDescriptors(id);
   const rlimit few{before + 20, before + 20};
   ASSERT_EQ(prlimit(master->id(), RLIMIT_NOFILE, &few, nullptr), 0);
-  expectNothingLeft([&] {
-    std::vector<int> idlers;
-    for (int i = 0; i < 100; ++i) {
-      idlers.push_back(connectTo(folder / "socket"));
-    }
-    EXPECT_EQ(call(), outcome(kOk)) << "on a connection that is there already";
-    configureCalls({});  // gives one up
-    EXPECT_TRUE(eventually([&] {
-      idlers.push_back(connectTo(folder / "socket"));
-      return call() != outcome(kOk);
-    }));
-    const Clock::time_point began = Clock::now();
-    EXPECT_EQ(call(), outcome(kUnreachable)) << "on a new one";
-    EXPECT_LT(Clock::now() - began, kSoon);
-    std::ranges::for_each(idlers, close);
-    EXPECT_TRUE(eventually([&] { return openDescriptors(id) <= before; }));
-    EXPECT_EQ(call(), outcome(kOk));
-  });
+  expectNothingLeft(
+      [&] {
+        std::vector<int> idlers;
+        for (int i = 0; i < 100; ++i) {
+          idlers.push_back(connectTo(folder / "socket"));
+        }
+        EXPECT_EQ(call(), outcome(kOk)) << "on a connection that is there already";
+        EXPECT_TRUE(eventually([&] {
+          configureCalls({});  // gives the connection up, and so a descriptor, if there is one
+          idlers.push_back(connectTo(folder / "socket"));
+          idlers.push_back(connectTo(folder / "socket"));
+          const Clock::time_point began = Clock::now();
+          const std::string result = call();
+          EXPECT_LT(Clock::now() - began, kSoon);
+          return result == outcome(kUnreachable);
+        })) << "on a new one";
+        std::ranges::for_each(idlers, close);
+        EXPECT_TRUE(eventually([&] { return openDescriptors(id) <= before; }));
+        EXPECT_EQ(call(), outcome(kOk));
+      },
+      master.get());
 }
 
 TEST_F(Faults, DescriptorsExhaustedAtTheCaller) {
@@ -347,7 +384,7 @@ TEST_F(Faults, SeveralServersOnOneSocket) {
     for (int round = 0; round < 5; ++round) {
       std::vector<std::unique_ptr<RunningProgram>> masters;
       for (int i = 0; i < 3; ++i) {
-        masters.push_back(launchMaster(target));
+        masters.push_back(startMaster(target, {}, ""));
       }
       const auto serving = [&] {
         return std::ranges::count_if(masters, [](const auto& master) { return !master->ended(); });
@@ -365,14 +402,13 @@ TEST_F(Faults, OneOfTwoServersDies) {
   const std::vector<std::string> options = {"--tls-ca",        files.authority, "--tls-certificate",
                                             files.certificate, "--tls-key",     files.key};
   const auto portOf = [](const RunningProgram& master) {
-    EXPECT_TRUE(master.says("listens on 127.0.0.1:")) << master.output();
     const std::string said = master.output();
     const std::string port = said.substr(said.find("127.0.0.1:") + 10);
     return port.substr(0, port.find('\n'));
   };
-  const auto steady = launchMaster("127.0.0.1:0", options);
+  const auto steady = startMaster("127.0.0.1:0", options);
   const std::string steadyPort = portOf(*steady);
-  auto mortal = launchMaster("127.0.0.1:0", options);
+  auto mortal = startMaster("127.0.0.1:0", options);
   const std::string mortalAddress = "127.0.0.1:" + portOf(*mortal);
   configureCalls({.security = {files}, .serverName = "kel-server"});
   aimAt(fmt::format("ipv4:{},127.0.0.1:{}", mortalAddress, steadyPort));
@@ -385,7 +421,7 @@ TEST_F(Faults, OneOfTwoServersDies) {
   mortal->signal(SIGKILL);
   mortal->end();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  mortal = launchMaster(mortalAddress, options);
+  mortal = startMaster(mortalAddress, options);
   EXPECT_TRUE(mortal->says("measured")) << "nothing goes to the one that is back";
   load.stop();
   load.check(output());
@@ -414,6 +450,115 @@ TEST_F(Faults, OrderlyShutdown) {
     EXPECT_EQ(master->end(), 0);
     std::filesystem::remove(folder / "output");
   });
+}
+
+class ServingFaults : public Faults {
+ protected:
+  ServingFaults() {
+    std::filesystem::create_directory(images);
+    aimAt("unix:" + (folder / "master").string());
+  }
+
+  // With its own view of what is mounted where, in which the images' folder has room for half a
+  // megabyte. Null where that is not to be had.
+  std::unique_ptr<RunningProgram> serveOnSmallDisk() {
+    const std::string script = fmt::format(
+        "mount -t tmpfs -o size=512k none {0} && exec {1} serve --listen {2} --images {0}",
+        images.string(), beside("kel_host").string(), target);
+    std::vector<std::string> arguments = {"--mount"};
+    if (geteuid() != 0) {
+      arguments.push_back("--map-root-user");
+    }
+    arguments.insert(arguments.end(), {"sh", "-c", script});
+    auto host =
+        std::make_unique<RunningProgram>("/usr/bin/unshare", arguments, folder / "host.output");
+    return host->says("listens on") ? std::move(host) : nullptr;
+  }
+
+  ResultCode format(const std::string& name) const {
+    ResetDiskCondition condition{};
+    putText(condition.bytes50, name);
+    const auto reply = QarneClient(target, kFormatMs).call(kResetDiskMakeFS, condition);
+    EXPECT_EQ(outcome(reply.result()), outcome(kOk));
+    return ResultCode{reply->result};
+  }
+
+  // The program that the host runs at this moment; 0 if there is none.
+  static pid_t haltChildOf(const RunningProgram& host) {
+    pid_t child = 0;
+    for (const auto& thread :
+         std::filesystem::directory_iterator(fmt::format("/proc/{}/task", host.id()))) {
+      if (std::ifstream(thread.path() / "children") >> child) {
+        break;
+      }
+    }
+    std::string name;
+    char state = '-';
+    if (child != 0 && kill(child, SIGSTOP) == 0) {
+      std::ifstream(fmt::format("/proc/{}/stat", child)) >> child >> name >> state;
+    }
+    return state == 'T' ? child : 0;
+  }
+
+  // All that there is room for.
+  static void fill(const std::filesystem::path& file) {
+    std::ofstream filler(file);
+    while (filler.put('x').flush()) {
+    }
+    EXPECT_EQ(errno, ENOSPC);
+  }
+
+  static void addImage(const std::filesystem::path& file, uintmax_t bytes) {
+    std::ofstream(file).put('x');
+    std::filesystem::resize_file(file, bytes);
+  }
+
+  static constexpr uint32_t kFormatMs = 60'000;
+  const std::filesystem::path images = folder / "images";
+};
+
+TEST_F(ServingFaults, DiskOfTheImagesFull) {
+  const auto host = serveOnSmallDisk();
+  if (host == nullptr) {
+    GTEST_SKIP() << "no disk of its own is to be had here";
+  }
+  // The folder as the host sees it.
+  const std::filesystem::path seen = fmt::format("/proc/{}/root{}", host->id(), images.string());
+  expectNothingLeft(
+      [&] {
+        addImage(seen / "disk.img", uintmax_t{8} << 20U);
+        fill(seen / "filler");
+        EXPECT_EQ(describe(format("disk.img")), describe(ResultCode::failed));
+        std::filesystem::remove(seen / "filler");
+        EXPECT_EQ(describe(format("disk.img")), describe(ResultCode::done));
+      },
+      host.get());
+  EXPECT_NE(host->output().find("mkfs.ext4: No space left on device"), std::string::npos);
+  host->signal(SIGTERM);
+  EXPECT_EQ(host->end(), 0) << host->output();
+}
+
+// What a host is at work on when it is told to stop still ends well, and new calls find nobody.
+TEST_F(ServingFaults, OrderlyShutdownOfAHost) {
+  addImage(images / "disk.img", uintmax_t{8} << 20U);
+  RunningProgram host(beside("kel_host"), {"serve", "--listen", target, "--images", images},
+                      folder / "host.output", "listens on");
+  std::atomic<pid_t> making = 0;
+  std::thread caller([&] {
+    do {
+      EXPECT_EQ(describe(format("disk.img")), describe(ResultCode::done));
+    } while (making == 0);
+  });
+  EXPECT_TRUE(eventually([&] { return (making = haltChildOf(host)) != 0; }));
+  host.signal(SIGTERM);
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(folder / "socket"); }));
+  EXPECT_TRUE(eventually([&] {
+    return QarneClient(target, kDeadlineMs).call(kBrdPartInfoQuery, {}).result() == kUnreachable;
+  }));
+  kill(making, SIGCONT);
+  caller.join();
+  EXPECT_EQ(host.end(), 0) << host.output();
+  EXPECT_NE(host.output().find(" 0 are outstanding"), std::string::npos);
 }
 
 // What is in flight ends well if it can within the grace time, and otherwise at its end.

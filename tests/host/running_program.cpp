@@ -17,7 +17,8 @@
 namespace kel::host::test {
 
 RunningProgram::RunningProgram(const std::filesystem::path& program,
-                               std::vector<std::string> arguments, std::filesystem::path output)
+                               std::vector<std::string> arguments, std::filesystem::path output,
+                               const std::string& ready)
     : output_(std::move(output)) {
   outputStart_ = std::filesystem::exists(output_) ? std::filesystem::file_size(output_) : 0;
   arguments.insert(arguments.begin(), program);
@@ -33,6 +34,7 @@ RunningProgram::RunningProgram(const std::filesystem::path& program,
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
   EXPECT_EQ(posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), environ), 0);
   posix_spawn_file_actions_destroy(&actions);
+  EXPECT_TRUE(says(ready)) << this->output();
 }
 
 RunningProgram::~RunningProgram() {

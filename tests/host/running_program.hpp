@@ -12,9 +12,9 @@ namespace kel::host::test {
 // Killed in the end, if it is still there.
 class RunningProgram {
  public:
-  // Both of its outputs go to the end of the file.
+  // Both of its outputs go to the end of the file. Waits until it has said what makes it ready.
   RunningProgram(const std::filesystem::path& program, std::vector<std::string> arguments,
-                 std::filesystem::path output);
+                 std::filesystem::path output, const std::string& ready = "");
   ~RunningProgram();
   RunningProgram(const RunningProgram&) = delete;
   RunningProgram& operator=(const RunningProgram&) = delete;
