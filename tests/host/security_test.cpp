@@ -336,14 +336,15 @@ class UnreadCall {
 };
 
 TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
-  constexpr int kPlaces = 4;  // where one call may be at work
+  constexpr uint32_t kCalls = 4;
+  constexpr int kPlaces = 16;  // of those that have been answered
   RpcServer server(
       target,
       [&](const std::string&, std::span<const uint8_t>) {
         const bool first = handled_++ < kPlaces;
         return Answer{AnswerStatus::ok, {}, first ? Bytes(kDefaultMessageBytes, 'x') : okReply()};
       },
-      {.limits = {.calls = 1, .longestCall = std::chrono::milliseconds(1500)}});
+      {.limits = {.calls = kCalls, .longestCall = std::chrono::milliseconds(1500)}});
   std::deque<UnreadCall> unread;
   for (int i = 1; i <= kPlaces; ++i) {
     unread.emplace_back(target);
