@@ -226,7 +226,7 @@ TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
 
 TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
   constexpr uint32_t kMost = 1000;
-  size_t replyBytes = 0;
+  std::atomic<size_t> replyBytes = 0;
   RpcServer server(target,
                    [&](const std::string&, std::span<const uint8_t> request) {
                      ++handled_;
@@ -338,17 +338,18 @@ class UnreadCall {
 TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
   constexpr uint32_t kCalls = 4;
   constexpr int kPlaces = 16;  // of those that have been answered
-  RpcServer server(
-      target,
-      [&](const std::string&, std::span<const uint8_t>) {
-        const bool first = handled_++ < kPlaces;
-        return Answer{AnswerStatus::ok, {}, first ? Bytes(kDefaultMessageBytes, 'x') : okReply()};
-      },
-      {.limits = {.calls = kCalls, .longestCall = std::chrono::milliseconds(1500)}});
+  RpcServer server(target,
+                   [&](const std::string&, std::span<const uint8_t>) {
+                     Bytes reply =
+                         handled_ < kPlaces ? Bytes(kDefaultMessageBytes, 'x') : okReply();
+                     ++handled_;  // last of all, since the test goes on then
+                     return Answer{AnswerStatus::ok, {}, std::move(reply)};
+                   },
+                   {.limits = {.calls = kCalls, .longestCall = std::chrono::milliseconds(1500)}});
   std::deque<UnreadCall> unread;
   for (int i = 1; i <= kPlaces; ++i) {
     unread.emplace_back(target);
-    EXPECT_TRUE(eventually([&] { return handled_ == i; }));
+    ASSERT_TRUE(eventually([&] { return handled_ == i; }));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for what needs no reader
   EXPECT_EQ(call(), outcome(kTooLarge)) << "there is room for so many";
