@@ -48,6 +48,7 @@ class Exchange {
   void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue, void* tag,
              const std::string& path, const grpc::Slice& request,
              std::chrono::milliseconds deadline) {
+    channel_ = channel;
     tag_ = tag;
     context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                                        gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
@@ -149,6 +150,9 @@ class Exchange {
     }
   }
 
+  // To be given up after the context, and so not by gRPC's code, into which a race detector cannot
+  // see.
+  std::shared_ptr<grpc::Channel> channel_;
   grpc::ClientContext context_;
   std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
   void* tag_ = nullptr;

@@ -100,6 +100,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
                                static_cast<int>(2 * kCallsPerOneAtWork * limits.calls));
     // Messages are never compressed here, and one that is could grow beyond the limit.
     builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
+    handOver();
     server_ = builder.BuildAndStart();
     if (server_ == nullptr) {
       throw std::runtime_error(
@@ -171,6 +172,7 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
  public:
   Call(Running& server, grpc::GenericCallbackServerContext& context)
       : server_(server), path_(context.method()), context_(&context) {
+    handOver();
     const ServerLimits& limits = server_.options_.limits;
     if (!server_.enter()) {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
@@ -206,7 +208,10 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
     });
   }
 
-  void OnCancel() override { end(grpc::Status::CANCELLED); }
+  void OnCancel() override {
+    handOver();
+    end(grpc::Status::CANCELLED);
+  }
 
   void OnDone() override {
     handOver();
