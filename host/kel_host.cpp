@@ -243,9 +243,11 @@ const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
       ->capture_default_str();
   command->add_option("--images", options.imageFolder,
                       "folder of disk images that may be formatted and mounted");
-  command->add_option("--operator", options.operators,
-                      "name in the certificate of a peer that may set thresholds, format and "
-                      "mount; as often as there are any");
+  command
+      ->add_option("--operator", options.operators,
+                   "name in the certificate of a peer that may set thresholds, format and mount; "
+                   "may be given several times")
+      ->allow_extra_args(false);
   addLimitOptions(*command, options.limits);
   return command;
 }

@@ -553,7 +553,6 @@ TEST_F(ServingFaults, OrderlyShutdownOfAHost) {
   });
   EXPECT_TRUE(eventually([&] { return (making = haltChildOf(host)) != 0; }));
   host.signal(SIGTERM);
-  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(folder / "socket"); }));
   EXPECT_TRUE(eventually([&] {
     return QarneClient(target, kDeadlineMs).call(kBrdPartInfoQuery, {}).result() == kUnreachable;
   }));
@@ -577,8 +576,7 @@ TEST_F(Faults, ShutdownWithSlowCalls) {
     std::thread caller([&] { inFlight = call(); });
     EXPECT_TRUE(eventually([&] { return entered.load(); }));
     std::thread stopper([&] { server.stop(patient ? 10 * kSlow : kSlow / 10); });
-    EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(folder / "socket"); }));
-    EXPECT_EQ(call(), outcome(kUnreachable)) << "a new call";
+    EXPECT_TRUE(eventually([] { return call() == outcome(kUnreachable); })) << "a new call";
     caller.join();
     stopper.join();
     EXPECT_EQ(inFlight == outcome(kOk), patient) << inFlight;
