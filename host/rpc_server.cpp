@@ -75,8 +75,8 @@ int milliseconds(std::chrono::milliseconds time) { return static_cast<int>(time.
 
 class RpcServer::Running final : public grpc::CallbackGenericService {
  public:
-  Running(const std::string& target, RequestHandler handler, const ServerOptions& options)
-      : handler_(std::move(handler)), options_(options), local_(isUnixSocket(target)) {
+  Running(const std::string& target, RequestHandler handler, ServerOptions options)
+      : handler_(std::move(handler)), options_(std::move(options)), local_(isUnixSocket(target)) {
     const auto credentials = serverCredentials(target, options_.security);
     listener_ = std::make_unique<Listener>(target);
     const ServerLimits& limits = options_.limits;
@@ -96,8 +96,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
                                milliseconds(limits.keepalive) / 4);
     // Enough to be refused by the sentence that names the limit; a peer that goes on without
     // waiting for it is held up by HTTP/2.
-    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS,
-                               static_cast<int>(2 * kCallsPerOneAtWork * limits.calls));
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, static_cast<int>(2 * limits.calls));
     // Messages are never compressed here, and one that is could grow beyond the limit.
     builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
     handOver();
@@ -128,24 +127,40 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
  private:
   class Call;
 
-  // Callers may see the end of a call long before gRPC tells this side of it.
-  static constexpr uint32_t kCallsPerOneAtWork = 4;
-
+  // Says whether there was a place left for the call to take.
   bool enter() {
     const std::scoped_lock lock(mutex_);
     ++calls_;
-    ++callsAtWork_;
-    const uint32_t most = options_.limits.calls;
-    return callsAtWork_ <= most && calls_ <= uint64_t{kCallsPerOneAtWork} * most;
+    if (places_ == options_.limits.calls) {
+      return false;
+    }
+    ++places_;
+    return true;
   }
 
-  void ended() {
+  void giveBackPlace() {
     const std::scoped_lock lock(mutex_);
-    --callsAtWork_;
+    --places_;
   }
 
-  void leave() {
+  // Says whether there is room for a reply of so many bytes.
+  bool keepUnread(size_t bytes) {
     const std::scoped_lock lock(mutex_);
+    if (unreadBytes_ + bytes > mostUnread()) {
+      return false;
+    }
+    unreadBytes_ += bytes;
+    return true;
+  }
+
+  // As much as the requests of all places.
+  [[nodiscard]] uint64_t mostUnread() const {
+    return uint64_t{options_.limits.calls} * options_.limits.messageBytes;
+  }
+
+  void leave(size_t unreadBytes) {
+    const std::scoped_lock lock(mutex_);
+    unreadBytes_ -= unreadBytes;
     if (--calls_ == 0) {
       idle_.notify_all();
     }
@@ -159,7 +174,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   std::mutex mutex_;
   std::condition_variable idle_;
   uint32_t calls_ = 0;
-  uint32_t callsAtWork_ = 0;  // that have not been ended
+  uint32_t places_ = 0;       // of calls that the handler has not returned from
+  uint64_t unreadBytes_ = 0;  // of replies whose callers may not have read them
   WorkerPool workers_{kWorkers};
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
@@ -174,7 +190,8 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
       : server_(server), path_(context.method()), context_(&context) {
     handOver();
     const ServerLimits& limits = server_.options_.limits;
-    if (!server_.enter()) {
+    holdsPlace_ = server_.enter();
+    if (!holdsPlace_) {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
            fmt::format("the server is at work on {} calls, and takes no more at a time",
                        limits.calls)});
@@ -201,7 +218,10 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
     }
     ++users_;
     server_.workers_.give([this] {
-      if (!ended_) {
+      if (ended_) {
+        request_.Clear();
+        giveBackPlace();
+      } else {
         answer();
       }
       leave();
@@ -224,7 +244,18 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   }
 
  private:
-  ~Call() override { server_.leave(); }
+  ~Call() override {
+    giveBackPlace();
+    server_.leave(unreadBytes_);
+  }
+
+  // Before the caller learns of the end, since it may call again at once, whereas gRPC takes its
+  // time to tell this side.
+  void giveBackPlace() {
+    if (std::exchange(holdsPlace_, false)) {
+      server_.giveBackPlace();
+    }
+  }
 
   void leave() {
     if (--users_ == 0) {
@@ -253,6 +284,7 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   void answer() {
     const Answer answer = answerTo(server_.handler_, path_, request_);
     request_.Clear();
+    giveBackPlace();
     const uint32_t most = server_.options_.limits.messageBytes;
     if (answer.status != AnswerStatus::ok) {
       end({statusCode(answer.status), answer.detail});
@@ -260,26 +292,31 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
            fmt::format("the reply has {} bytes, and this server sends {} at most",
                        answer.reply.size(), most)});
-    } else if (begunToEnd()) {
-      const grpc::Slice slice(answer.reply.data(), answer.reply.size());
+    } else {
+      send(answer.reply);
+    }
+  }
+
+  void send(const std::vector<uint8_t>& reply) {
+    if (!server_.keepUnread(reply.size())) {
+      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
+           fmt::format("callers have yet to read the replies that they have, of which this server "
+                       "keeps {} bytes at most",
+                       server_.mostUnread())});
+      return;
+    }
+    unreadBytes_ = reply.size();
+    if (!ended_.exchange(true)) {
+      const grpc::Slice slice(reply.data(), reply.size());
       reply_ = grpc::ByteBuffer(&slice, 1);
       handOver();
       StartWriteAndFinish(&reply_, grpc::WriteOptions(), grpc::Status::OK);
     }
   }
 
-  // For one of those who come to end it.
-  bool begunToEnd() {
-    if (ended_.exchange(true)) {
-      return false;
-    }
-    server_.ended();
-    return true;
-  }
-
   // Says whether it was not ended already.
   bool end(const grpc::Status& status) {
-    if (!begunToEnd()) {
+    if (ended_.exchange(true)) {
       return false;
     }
     handOver();
@@ -291,6 +328,8 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   const std::string path_;
   std::atomic<int> users_ = 1;  // gRPC, until OnDone
   std::atomic<bool> ended_ = false;
+  bool holdsPlace_ = false;
+  size_t unreadBytes_ = 0;
   grpc::Alarm alarm_;
   std::recursive_mutex contextMutex_;            // cancelling may call OnDone on the same thread
   grpc::GenericCallbackServerContext* context_;  // null once gRPC is done with it

@@ -244,7 +244,8 @@ TEST_F(Faults, ServerKilledAndRestartedUnderLoad) {
       master->signal(SIGKILL);
       master->end();
       master = startMaster();
-      EXPECT_EQ(call(), outcome(kOk)) << i;
+      // The first may have joined an attempt to connect that failed while there was no server.
+      EXPECT_TRUE(call() == outcome(kOk) || call() == outcome(kOk)) << i;
     }
     load.stop();
     load.check(output());
