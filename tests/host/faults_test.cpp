@@ -249,7 +249,7 @@ TEST_F(Faults, ServerKilledAndRestartedUnderLoad) {
     }
     load.stop();
     load.check(output());
-    EXPECT_GT(load.count(kOk), 2U * kRounds) << load.summary();
+    EXPECT_GE(load.count(kOk), size_t{kRounds}) << load.summary();
     std::filesystem::remove(folder / "output");
   });
 }
