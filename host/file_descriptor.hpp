@@ -1,4 +1,4 @@
-// A file descriptor that closes itself. For disk_images.
+// A file descriptor that closes itself. For disk_images and listener.
 #pragma once
 
 #include <unistd.h>
@@ -22,6 +22,8 @@ class FileDescriptor {
     return *this;
   }
 
+  // To whoever closes it.
+  int release() { return std::exchange(number_, -1); }
   [[nodiscard]] bool isOpen() const { return number_ >= 0; }
   [[nodiscard]] int get() const { return number_; }
 

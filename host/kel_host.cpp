@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/client_library.hpp"
+#include "host/command_line.hpp"
 #include "host/default_target.hpp"
 #include "host/field_text.hpp"
 #include "host/machine_records.hpp"
@@ -34,6 +35,7 @@ struct Options {
   std::string target = kDefaultTarget;
   uint32_t deadlineMs = 0;
   bool compact = false;
+  CallSettings calls;
 };
 
 // Bold and dim, for terminals only.
@@ -227,6 +229,7 @@ void tellStory(const Options& options) {
     throw std::runtime_error("the target is too long for the server address record");
   }
   putText(library.address->endpoint, options.target);
+  configureCalls(options.calls);
   setCompactAlways(options.compact);
   report(options, library);
   checkMemory();
@@ -240,6 +243,12 @@ const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
       ->capture_default_str();
   command->add_option("--images", options.imageFolder,
                       "folder of disk images that may be formatted and mounted");
+  command
+      ->add_option("--operator", options.operators,
+                   "name in the certificate of a peer that may set thresholds, format and mount; "
+                   "may be given several times")
+      ->allow_extra_args(false);
+  addLimitOptions(*command, options.limits);
   return command;
 }
 
@@ -253,6 +262,7 @@ int run(int argc, char** argv) {
   app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
       ->capture_default_str();
   app.add_flag("--compact", options.compact, "send no request in its fixed layout");
+  addCallOptions(app, options.calls);
   ServeOptions serving;
   serving.listen = kDefaultQarneTarget;
   const CLI::App* const serve = addServeCommand(app, serving);
@@ -261,6 +271,7 @@ int run(int argc, char** argv) {
     serving.library = options.library;
     serving.master = options.target;
     serving.compact = options.compact;
+    serving.calls = options.calls;
     serveDiagnostics(serving);
   } else {
     tellStory(options);

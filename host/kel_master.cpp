@@ -1,60 +1,53 @@
 // kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM or SIGINT.
 #include <fmt/format.h>
-#include <signal.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdio>
 #include <exception>
 
+#include "host/command_line.hpp"
 #include "host/default_target.hpp"
 #include "host/master_service.hpp"
 #include "host/rpc_server.hpp"
+#include "host/stop_signals.hpp"
 
 namespace {
 
 using namespace kel::host;
-
-constexpr std::chrono::seconds kGrace(2);
 
 void print(const std::string& line) {
   fmt::print("{}\n", line);
   std::fflush(stdout);
 }
 
-// Blocked here for every thread that follows, so that only waitForStop sees them.
-sigset_t blockStopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  return signals;
-}
-
-void serve(const std::string& target, const std::string& configFile, const sigset_t& stopSignals) {
+void serve(const std::string& target, const std::string& configFile, const ServerOptions& options,
+           const StopSignals& stop) {
   MasterService service(DiskRules::fromFile(configFile), [](const KeptAlarm& alarm) {
     print(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
-  RpcServer server(target, [&service](const std::string& path, std::span<const uint8_t> request) {
-    return service.handle(path, request);
-  });
-  print(fmt::format("KelSysdiagMaster listens on {}", target));
-  int signal = 0;
-  sigwait(&stopSignals, &signal);
-  server.stop(kGrace);
+  RpcServer server(
+      target,
+      [&service](const std::string& path, std::span<const uint8_t> request) {
+        return service.handle(path, request);
+      },
+      options);
+  print(fmt::format("KelSysdiagMaster listens on {}", server.target()));
+  stop.wait();
+  server.stop(kShutdownGrace);
   print(fmt::format("KelSysdiagMaster stops, with {} alarms kept", service.keptAlarms().size()));
 }
 
 int run(int argc, char** argv) {
-  const sigset_t stopSignals = blockStopSignals();
+  const StopSignals stop;
   CLI::App app("Serves KelSysdiagMaster: takes alarms and tells disks their thresholds.");
   std::string target = kDefaultTarget;
   std::string configFile;
+  ServerOptions options;
   app.add_option("--listen", target, "gRPC target to listen on")->capture_default_str();
   app.add_option("--config", configFile, "JSON file with the disk rules")->required();
+  addServerOptions(app, options);
   CLI11_PARSE(app, argc, argv);
-  serve(target, configFile, stopSignals);
+  serve(target, configFile, options, stop);
   return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "host/command_line.hpp"
 #include "host/default_target.hpp"
 #include "host/field_text.hpp"
 #include "host/qarne_client.hpp"
@@ -26,6 +27,7 @@ struct Options {
   uint32_t threshold = 80;
   uint32_t rows = 12;
   uint32_t deadlineMs = 0;
+  CallSettings calls = {};
 };
 
 // The reply, or the reason in an exception.
@@ -160,9 +162,11 @@ int run(int argc, char** argv) {
   app.add_option("--threshold", options.threshold, "per cent, to be set there; 0 removes it")
       ->capture_default_str();
   app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted");
+  addCallOptions(app, options.calls);
   const CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
   CLI11_PARSE(app, argc, argv);
+  configureCalls(options.calls);
   const QarneClient client(options.target, options.deadlineMs);
   if (overload->parsed()) {
     tellOverload(client);

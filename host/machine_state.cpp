@@ -17,6 +17,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "host/used_percent.hpp"
+
 namespace kel::host {
 namespace {
 
@@ -46,11 +48,8 @@ std::optional<FileSystem> measure(const std::string& mountPoint, const std::stri
   if ((state.f_flag & ST_RDONLY) != 0) {
     return std::nullopt;  // images are full for good, and nobody can overload them
   }
-  const uint64_t used = state.f_blocks - state.f_bfree;
-  const uint64_t usable = used + state.f_bavail;
-  const uint64_t percent = usable == 0 ? 0 : (used * 100 + usable - 1) / usable;
   return FileSystem{mountPoint, device, state.f_blocks * state.f_frsize / kMiB,
-                    state.f_bavail * state.f_frsize / kMiB, static_cast<uint32_t>(percent)};
+                    state.f_bavail * state.f_frsize / kMiB, usedPercent(state)};
 }
 
 // Containers mount one device in many places, of which the first is as good as any. File systems

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "host/kernel_files.hpp"
+#include "host/used_percent.hpp"
 
 namespace kel::host {
 namespace {
@@ -76,11 +77,8 @@ std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint)
   if (statvfs(mountPoint.c_str(), &state) != 0) {
     return std::nullopt;
   }
-  const uint64_t used = state.f_blocks - state.f_bfree;
-  const uint64_t usable = used + state.f_bavail;
-  const uint64_t percent = usable == 0 ? 0 : (used * 100 + usable - 1) / usable;
   return FileSystemUse{state.f_blocks * state.f_frsize, state.f_bavail * state.f_frsize,
-                       static_cast<uint32_t>(percent)};
+                       usedPercent(state)};
 }
 
 }  // namespace kel::host

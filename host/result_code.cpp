@@ -26,7 +26,7 @@ std::string describe(ResultCode code) {
     case ResultCode::inUse:
       return "the image is in use";
     case ResultCode::failed:
-      return "it was tried and failed";
+      return "it was tried and failed; the host's output says why";
   }
   return fmt::format("an unknown result, {}", static_cast<uint32_t>(code));
 }

@@ -20,7 +20,10 @@
 #include <optional>
 #include <string_view>
 #include <thread>
+#include <utility>
 
+#include "host/channels.hpp"
+#include "host/encoding.hpp"
 #include "host/hand_over.hpp"
 
 namespace kel::host {
@@ -45,6 +48,7 @@ class Exchange {
   void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue, void* tag,
              const std::string& path, const grpc::Slice& request,
              std::chrono::milliseconds deadline) {
+    channel_ = channel;
     tag_ = tag;
     context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                                        gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
@@ -129,6 +133,8 @@ class Exchange {
     switch (status_.error_code()) {
       case grpc::StatusCode::UNAVAILABLE:
         return sent_ ? kConnectionLost : kUnreachable;
+      case grpc::StatusCode::CANCELLED:  // by a server that stops
+        return kConnectionLost;
       case grpc::StatusCode::DEADLINE_EXCEEDED:
         return kDeadlinePassed;
       case grpc::StatusCode::INVALID_ARGUMENT:
@@ -137,11 +143,16 @@ class Exchange {
         return kMethodUnknown;
       case grpc::StatusCode::RESOURCE_EXHAUSTED:
         return kTooLarge;
+      case grpc::StatusCode::PERMISSION_DENIED:
+        return kNotPermitted;
       default:
         return kGrpcStatus + static_cast<int32_t>(status_.error_code());
     }
   }
 
+  // To be given up after the context, and so not by gRPC's code, into which a race detector cannot
+  // see.
+  std::shared_ptr<grpc::Channel> channel_;
   grpc::ClientContext context_;
   std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
   void* tag_ = nullptr;
@@ -204,19 +215,25 @@ class Engine {
   }
 
   // A channel that failed to connect answers for its back-off time with that failure, whether the
-  // server is there again or not. A new one tries at once. Its own pool of connections keeps it
-  // from inheriting the old one's back-off.
+  // server is there again or not. A new one tries at once. With several servers that is only so
+  // when none of them can be reached.
   std::shared_ptr<grpc::Channel> channelTo(const std::string& target) {
     const std::scoped_lock lock(mutex_);
     std::shared_ptr<grpc::Channel>& channel = channels_[target];
     if (channel == nullptr || channel->GetState(false) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      grpc::ChannelArguments arguments;
-      arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-      // The address record alone decides where calls go, not the environment.
-      arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-      channel = grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), arguments);
+      channel = factory_.open(target);
+      if (channel == nullptr) {
+        throw Failure{kNotProtected};
+      }
     }
     return channel;
+  }
+
+  void configure(const CallSettings& settings) {
+    ChannelFactory factory(settings);
+    const std::scoped_lock lock(mutex_);
+    factory_ = std::move(factory);
+    channels_.clear();
   }
 
  private:
@@ -255,27 +272,25 @@ class Engine {
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
+  // gRPC sets up with the first channel what they all share, and gives it up with the last. Setting
+  // it up ends the process when there is no descriptor left. So one channel, which never connects,
+  // is there from the start.
+  const std::shared_ptr<grpc::Channel> first_ = ChannelFactory().open("unix:/");
+  ChannelFactory factory_;
   std::map<std::string, std::shared_ptr<grpc::Channel>> channels_;
 };
 
-// A message in the fixed layout leaves bytes of its buffer unwritten, which must not carry this
-// process's old memory away.
 grpc::Slice encode(const IdlCodecOps& ops, const void* input) {
   if (input == nullptr) {
     throw Failure{kRequestNotPacked};
   }
-  const bool fixed = ops.fixedPackFn != nullptr && !compactAlways.load(std::memory_order_relaxed);
-  const uint32_t size = fixed ? ops.fixedSizeFn() : ops.packFn(nullptr, input);
-  if (size == 0) {
+  const Encoding encoding(ops, input, compactAlways.load(std::memory_order_relaxed));
+  if (encoding.size() == 0) {
     throw Failure{kRequestNotPacked};
   }
-  grpc::Slice slice(grpc_slice_malloc(size), grpc::Slice::STEAL_REF);
-  auto* const buffer = const_cast<uint8_t*>(slice.begin());
-  if (fixed) {
-    std::memset(buffer, 0, size);
-    ops.fixedPackFn(buffer, input);
-  } else if (const PackTarget target{buffer, &size}; ops.packFn(&target, input) != size) {
-    throw Failure{kRequestNotPacked};  // the record changed under the packer
+  grpc::Slice slice(grpc_slice_malloc(encoding.size()), grpc::Slice::STEAL_REF);
+  if (!encoding.writeTo(const_cast<uint8_t*>(slice.begin()))) {
+    throw Failure{kRequestNotPacked};
   }
   return slice;
 }
@@ -349,7 +364,7 @@ std::string describe(int32_t result) {
     case kUnreachable:
       return "the server cannot be reached; the request has not left";
     case kConnectionLost:
-      return "the connection was lost after the request had been sent";
+      return "the connection was lost, or the server stopped, after the request had been sent";
     case kDeadlinePassed:
       return "the deadline passed before the reply was complete";
     case kReplyEmpty:
@@ -364,6 +379,11 @@ std::string describe(int32_t result) {
       return "the server does not know the method";
     case kTooLarge:
       return "the request or the reply is too large, or the server is out of means";
+    case kNotProtected:
+      return "the target is no Unix socket, and neither mutual TLS (--tls-ca, --tls-certificate, "
+             "--tls-key) nor --insecure-plain-tcp has been asked for";
+    case kNotPermitted:
+      return "the server does not let this caller call the method";
     default:
       break;
   }
@@ -375,6 +395,8 @@ std::string describe(int32_t result) {
 }
 
 void waitForCompletions() { Engine::instance().waitForCompletions(); }
+
+void configureCalls(const CallSettings& settings) { Engine::instance().configure(settings); }
 
 void setCompactAlways(bool compact) { compactAlways = compact; }
 

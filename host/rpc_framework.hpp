@@ -4,13 +4,16 @@
 //
 // Address. The first 96 bytes of the server address record hold a NUL-terminated gRPC target, such
 // as "unix:/run/kel/master.sock". Fill it in before the first call. Methods are called at the path
-// /<serviceName>/<methodName>.
+// /<serviceName>/<methodName>. A target may name several servers, as in
+// "ipv4:10.0.0.1:50051,10.0.0.2:50051": calls go round among those that can be reached, and a
+// server that dies costs the calls that it was at work on. Servers on other machines need
+// configureCalls.
 //
 // invokeArg is the call's deadline in milliseconds; 0 stands for kDefaultDeadline, and more than
 // kLongestDeadline counts as that. The deadline covers everything from connecting to the last byte
 // of the reply, so every call ends. A call to a server that is not there fails at once, and every
-// call tries afresh: nobody waits out a back-off after the server has come back. No request is ever
-// sent twice.
+// call tries afresh, or joins the attempt of a call beside it: nobody waits out a back-off after
+// the server has come back. No request is ever sent twice.
 //
 // A synchronous call returns a result below. After kOk the output record belongs to the caller, who
 // gives back its content with the releaseFn that SetIdl hands out. After anything else it holds
@@ -30,6 +33,9 @@
 #include <cstdint>
 #include <string>
 
+#include "host/credentials.hpp"
+#include "host/limits.hpp"
+
 namespace kel::host {
 
 inline constexpr std::chrono::milliseconds kDefaultDeadline = std::chrono::seconds(5);
@@ -44,15 +50,17 @@ enum RpcResult : int32_t {
   kRequestNotPacked = 4,  // no input record, or one that is too large to encode
   kNoMemory = 5,
   kUnreachable = 6,     // nobody listens there, or not with gRPC; the request has not left
-  kConnectionLost = 7,  // the request was sent, and no answer is known to have come back
+  kConnectionLost = 7,  // or the server stopped; the request was sent, and its fate is not known
   kDeadlinePassed = 8,  // the request may or may not have been acted upon
   kReplyEmpty = 9,      // the server reported success with no reply, or with one of no bytes
   kReplyNotDecoded = 10,
   kTooManyReplies = 11,
   kRequestRejected = 12,  // the server could not decode the request
   kMethodUnknown = 13,
-  kTooLarge = 14,    // a request or reply beyond a size limit (4 MiB), or a server out of means
-  kGrpcStatus = 100  // plus the gRPC status code, for any other failure that the server reported
+  kTooLarge = 14,      // a request or reply beyond a size limit, or a server out of means
+  kNotProtected = 15,  // the target is no Unix socket, and configureCalls has not opened others
+  kNotPermitted = 16,  // the server does not let this caller call the method
+  kGrpcStatus = 100    // plus the gRPC status code, for any other failure that the server reported
 };
 
 // A sentence without its full stop, for people.
@@ -65,6 +73,18 @@ using Completion = void (*)(int32_t result, void* output, uintptr_t context);
 // Waits until every asynchronous call has completed, its completion has returned and its output has
 // been released; their deadlines bound that. Not for completions.
 void waitForCompletions();
+
+struct CallSettings {
+  TransportSecurity security = {};
+  // The name that servers' certificates must bear. Empty: the target's host, which several servers
+  // at one target have no common one of.
+  std::string serverName = {};
+  uint32_t messageBytes = kDefaultMessageBytes;  // of a request or a reply at most
+};
+
+// How calls that start from now on reach their servers. For the process; before the first call.
+// Throws std::runtime_error with a sentence.
+void configureCalls(const CallSettings& settings);
 
 // Whether requests that have a fixed layout are sent in the compact form all the same. For the
 // process; off at first.

@@ -1,20 +1,21 @@
-// The generic server on gRPC's callback interface: one reactor for every call.
+// The generic server on gRPC's callback interface: one reactor for every call, and threads of its
+// own for the handler, so that slow ones keep nobody from being refused at once.
 #include "host/rpc_server.hpp"
 
 #include <fmt/core.h>
+#include <grpcpp/alarm.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstring>
+#include <atomic>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "host/hand_over.hpp"
+#include "host/listener.hpp"
 #include "host/worker_pool.hpp"
 
 namespace kel::host {
@@ -52,122 +53,302 @@ Answer answerTo(const RequestHandler& handler, const std::string& path,
   }
 }
 
-// One call: a request in, an answer by one of the workers out. Deletes itself when gRPC is done
-// with it.
-class CallReactor final : public grpc::ServerGenericBidiReactor {
+Peer peerOf(const grpc::ServerContextBase& context, bool local) {
+  Peer peer{local, {}};
+  const auto identity = context.auth_context();
+  if (identity != nullptr && identity->IsPeerAuthenticated()) {
+    for (const grpc::string_ref& name : identity->GetPeerIdentity()) {
+      peer.names.emplace_back(name.data(), name.size());
+    }
+  }
+  return peer;
+}
+
+gpr_timespec after(std::chrono::milliseconds time) {
+  return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
+                      gpr_time_from_millis(time.count(), GPR_TIMESPAN));
+}
+
+int milliseconds(std::chrono::milliseconds time) { return static_cast<int>(time.count()); }
+
+}  // namespace
+
+class RpcServer::Running final : public grpc::CallbackGenericService {
  public:
-  CallReactor(const RequestHandler& handler, WorkerPool& workers, std::string path)
-      : handler_(handler), workers_(workers), path_(std::move(path)) {
+  Running(const std::string& target, RequestHandler handler, ServerOptions options)
+      : handler_(std::move(handler)), options_(std::move(options)), local_(isUnixSocket(target)) {
+    const auto credentials = serverCredentials(target, options_.security);
+    listener_ = std::make_unique<Listener>(target);
+    const ServerLimits& limits = options_.limits;
+    grpc::ServerBuilder builder;
+    acceptor_ = builder.experimental().AddExternalConnectionAcceptor(
+        grpc::ServerBuilder::experimental_type::ExternalConnectionType::FROM_FD, credentials);
+    builder.RegisterCallbackGenericService(this);
+    builder.SetMaxReceiveMessageSize(static_cast<int>(limits.messageBytes));
+    builder.SetMaxSendMessageSize(static_cast<int>(limits.messageBytes));
+    builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS,
+                               milliseconds(limits.handshake));
+    builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, milliseconds(limits.keepalive));
+    builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, milliseconds(limits.keepalive));
+    builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+    // Clients may look for signs of life as often as that too.
+    builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS,
+                               milliseconds(limits.keepalive) / 4);
+    // Enough to be refused by the sentence that names the limit; a peer that goes on without
+    // waiting for it is held up by HTTP/2.
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, static_cast<int>(2 * limits.calls));
+    // Messages are never compressed here, and one that is could grow beyond the limit.
+    builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
     handOver();
+    server_ = builder.BuildAndStart();
+    if (server_ == nullptr) {
+      throw std::runtime_error(
+          fmt::format("cannot listen on {}: gRPC refuses to serve there", listener_->target()));
+    }
+    listener_->start([this](int connection) {
+      grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters parameters;
+      parameters.fd = connection;
+      acceptor_->HandleNewConnection(&parameters);
+    });
+  }
+
+  grpc::ServerGenericBidiReactor* CreateReactor(
+      grpc::GenericCallbackServerContext* context) override;
+
+  [[nodiscard]] const std::string& target() const { return listener_->target(); }
+
+  void stop(std::chrono::milliseconds grace) {
+    listener_->stop();
+    server_->Shutdown(after(grace));
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [this] { return calls_ == 0; });
+  }
+
+ private:
+  class Call;
+
+  // Says whether there was a place left for the call to take.
+  bool enter() {
+    const std::scoped_lock lock(mutex_);
+    ++calls_;
+    if (places_ == options_.limits.calls) {
+      return false;
+    }
+    ++places_;
+    return true;
+  }
+
+  void giveBackPlace() {
+    const std::scoped_lock lock(mutex_);
+    --places_;
+  }
+
+  // Says whether there is room for a reply of so many bytes.
+  bool keepUnread(size_t bytes) {
+    const std::scoped_lock lock(mutex_);
+    if (unreadBytes_ + bytes > mostUnread()) {
+      return false;
+    }
+    unreadBytes_ += bytes;
+    return true;
+  }
+
+  // As much as the requests of all places.
+  [[nodiscard]] uint64_t mostUnread() const {
+    return uint64_t{options_.limits.calls} * options_.limits.messageBytes;
+  }
+
+  void leave(size_t unreadBytes) {
+    const std::scoped_lock lock(mutex_);
+    unreadBytes_ -= unreadBytes;
+    if (--calls_ == 0) {
+      idle_.notify_all();
+    }
+  }
+
+  static constexpr size_t kWorkers = 16;
+
+  const RequestHandler handler_;
+  const ServerOptions options_;
+  const bool local_;
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  uint32_t calls_ = 0;
+  uint32_t places_ = 0;       // of calls that the handler has not returned from
+  uint64_t unreadBytes_ = 0;  // of replies whose callers may not have read them
+  WorkerPool workers_{kWorkers};
+  std::unique_ptr<Listener> listener_;
+  std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
+  std::unique_ptr<grpc::Server> server_;  // ends before the workers that it needs
+};
+
+// One call: a request in, an answer out. Whoever comes first ends it: the answer, the time limit or
+// the caller. Lives until gRPC, the alarm and the handler are done with it.
+class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
+ public:
+  Call(Running& server, grpc::GenericCallbackServerContext& context)
+      : server_(server), path_(context.method()), context_(&context) {
+    handOver();
+    const ServerLimits& limits = server_.options_.limits;
+    holdsPlace_ = server_.enter();
+    if (!holdsPlace_) {
+      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
+           fmt::format("the server is at work on {} calls, and takes no more at a time",
+                       limits.calls)});
+      return;
+    }
+    if (server_.options_.policy) {
+      const std::string refusal = server_.options_.policy(path_, peerOf(context, server_.local_));
+      if (!refusal.empty()) {
+        end({grpc::StatusCode::PERMISSION_DENIED, refusal});
+        return;
+      }
+    }
+    ++users_;
+    handOver();
+    alarm_.Set(after(limits.longestCall), [this](bool expired) { onAlarm(expired); });
     StartRead(&request_);
   }
 
   void OnReadDone(bool succeeded) override {
     handOver();
     if (!succeeded) {
-      Finish({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
+      end({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
       return;
     }
-    workers_.give([this] { reply(); });
+    ++users_;
+    server_.workers_.give([this] {
+      if (ended_) {
+        request_.Clear();
+        giveBackPlace();
+      } else {
+        answer();
+      }
+      leave();
+    });
+  }
+
+  void OnCancel() override {
+    handOver();
+    end(grpc::Status::CANCELLED);
   }
 
   void OnDone() override {
     handOver();
-    delete this;
+    alarm_.Cancel();
+    {
+      const std::scoped_lock lock(contextMutex_);
+      context_ = nullptr;
+    }
+    leave();
   }
 
  private:
-  void reply() {
-    const Answer answer = answerTo(handler_, path_, request_);
-    if (answer.status != AnswerStatus::ok) {
-      handOver();
-      Finish({statusCode(answer.status), answer.detail});
-      return;
-    }
-    const grpc::Slice slice(answer.reply.data(), answer.reply.size());
-    reply_ = grpc::ByteBuffer(&slice, 1);
-    handOver();
-    StartWriteAndFinish(&reply_, grpc::WriteOptions(), grpc::Status::OK);
+  ~Call() override {
+    giveBackPlace();
+    server_.leave(unreadBytes_);
   }
 
-  const RequestHandler& handler_;
-  WorkerPool& workers_;
+  // Before the caller learns of the end, since it may call again at once, whereas gRPC takes its
+  // time to tell this side.
+  void giveBackPlace() {
+    if (std::exchange(holdsPlace_, false)) {
+      server_.giveBackPlace();
+    }
+  }
+
+  void leave() {
+    if (--users_ == 0) {
+      delete this;
+    }
+  }
+
+  void onAlarm(bool expired) {
+    handOver();
+    if (expired && !end({grpc::StatusCode::DEADLINE_EXCEEDED,
+                         fmt::format("the server gives a call {} ms at most",
+                                     server_.options_.limits.longestCall.count())})) {
+      cut();
+    }
+    leave();
+  }
+
+  // An answer is on its way, but its reader takes no more of it.
+  void cut() {
+    const std::scoped_lock lock(contextMutex_);
+    if (context_ != nullptr) {
+      context_->TryCancel();
+    }
+  }
+
+  void answer() {
+    const Answer answer = answerTo(server_.handler_, path_, request_);
+    request_.Clear();
+    giveBackPlace();
+    const uint32_t most = server_.options_.limits.messageBytes;
+    if (answer.status != AnswerStatus::ok) {
+      end({statusCode(answer.status), answer.detail});
+    } else if (answer.reply.size() > most) {
+      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
+           fmt::format("the reply has {} bytes, and this server sends {} at most",
+                       answer.reply.size(), most)});
+    } else {
+      send(answer.reply);
+    }
+  }
+
+  void send(const std::vector<uint8_t>& reply) {
+    if (!server_.keepUnread(reply.size())) {
+      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
+           fmt::format("callers have yet to read the replies that they have, of which this server "
+                       "keeps {} bytes at most",
+                       server_.mostUnread())});
+      return;
+    }
+    unreadBytes_ = reply.size();
+    if (!ended_.exchange(true)) {
+      const grpc::Slice slice(reply.data(), reply.size());
+      reply_ = grpc::ByteBuffer(&slice, 1);
+      handOver();
+      StartWriteAndFinish(&reply_, grpc::WriteOptions(), grpc::Status::OK);
+    }
+  }
+
+  // Says whether it was not ended already.
+  bool end(const grpc::Status& status) {
+    if (ended_.exchange(true)) {
+      return false;
+    }
+    handOver();
+    Finish(status);
+    return true;
+  }
+
+  Running& server_;
   const std::string path_;
+  std::atomic<int> users_ = 1;  // gRPC, until OnDone
+  std::atomic<bool> ended_ = false;
+  bool holdsPlace_ = false;
+  size_t unreadBytes_ = 0;
+  grpc::Alarm alarm_;
+  std::recursive_mutex contextMutex_;            // cancelling may call OnDone on the same thread
+  grpc::GenericCallbackServerContext* context_;  // null once gRPC is done with it
   grpc::ByteBuffer request_;
   grpc::ByteBuffer reply_;
 };
 
-// gRPC would replace a socket in use without a word, and the other server would never be called
-// again.
-bool isServed(const std::string& target) {
-  constexpr std::string_view kScheme = "unix:";
-  if (!target.starts_with(kScheme)) {
-    return false;
-  }
-  std::string path = target.substr(kScheme.size());
-  if (path.starts_with("//")) {
-    path.erase(0, 2);
-  }
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) {
-    return false;  // gRPC will refuse it
-  }
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (probe < 0) {
-    return false;
-  }
-  const bool served =
-      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
-      errno == EAGAIN;  // somebody listens, and has much to do
-  close(probe);
-  return served;
+grpc::ServerGenericBidiReactor* RpcServer::Running::CreateReactor(
+    grpc::GenericCallbackServerContext* context) {
+  return new Call(*this, *context);
 }
 
-}  // namespace
-
-class RpcServer::Running final : public grpc::CallbackGenericService {
- public:
-  Running(const std::string& target, RequestHandler handler) : handler_(std::move(handler)) {
-    if (isServed(target)) {
-      throw std::runtime_error(
-          fmt::format("cannot listen on {}: another process serves there", target));
-    }
-    int port = 0;
-    grpc::ServerBuilder builder;
-    builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
-    builder.AddListeningPort(target, grpc::InsecureServerCredentials(), &port);
-    builder.RegisterCallbackGenericService(this);
-    server_ = builder.BuildAndStart();
-    if (server_ == nullptr || port == 0) {
-      throw std::runtime_error(fmt::format(
-          "cannot listen on {}: is it a gRPC target that this user may create?", target));
-    }
-  }
-
-  grpc::ServerGenericBidiReactor* CreateReactor(
-      grpc::GenericCallbackServerContext* context) override {
-    return new CallReactor(handler_, workers_, context->method());
-  }
-
-  void stop(std::chrono::milliseconds grace) {
-    server_->Shutdown(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
-                                   gpr_time_from_millis(grace.count(), GPR_TIMESPAN)));
-  }
-
- private:
-  static constexpr size_t kWorkers = 16;
-
-  const RequestHandler handler_;
-  WorkerPool workers_{kWorkers};
-  std::unique_ptr<grpc::Server> server_;  // ends before the workers that it needs
-};
-
-RpcServer::RpcServer(const std::string& target, RequestHandler handler)
-    : running_(std::make_unique<Running>(target, std::move(handler))) {}
+RpcServer::RpcServer(const std::string& target, RequestHandler handler,
+                     const ServerOptions& options)
+    : running_(std::make_unique<Running>(target, std::move(handler), options)) {}
 
 RpcServer::~RpcServer() { stop(std::chrono::milliseconds(0)); }
+
+const std::string& RpcServer::target() const { return running_->target(); }
 
 void RpcServer::stop(std::chrono::milliseconds grace) {
   if (running_ != nullptr) {

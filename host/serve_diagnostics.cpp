@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <cstdio>
 #include <stdexcept>
 
@@ -22,7 +21,6 @@
 namespace kel::host {
 namespace {
 
-constexpr std::chrono::seconds kGrace(2);
 constexpr char kService[] = "KelSysdiagQarne";
 
 void print(const std::string& line) {
@@ -39,12 +37,20 @@ class Answering {
   Answering& operator=(const Answering&) = delete;
 };
 
+ServerOptions serverOptions(const ServeOptions& options) {
+  ServerOptions result{options.calls.security, options.limits,
+                       restrictTo(options.operators, kChangingMethods)};
+  result.limits.messageBytes = options.calls.messageBytes;
+  return result;
+}
+
 void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
   const ClientLibrary library = loadClientLibrary(options.library);
   if (options.master.size() >= sizeof(library.address->endpoint)) {
     throw std::runtime_error("the master's target is too long for the server address record");
   }
   putText(library.address->endpoint, options.master);
+  configureCalls(options.calls);
   setCompactAlways(options.compact);
   const ServedService service(loadModule(options.library, kService), kService,
                               options.compact ? ServedService::ReplyForm::compact
@@ -54,15 +60,18 @@ void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
       {.imageFolder = options.imageFolder,
        .onOverload = [&](const Overload& overload) { alarms.raise(overload); }});
   const Answering answering(diagnostics);
-  RpcServer server(options.listen, [&](const std::string& path, std::span<const uint8_t> request) {
-    return service.handle(path, request);
-  });
-  print(fmt::format("{} listens on {}", kService, options.listen));
+  RpcServer server(
+      options.listen,
+      [&](const std::string& path, std::span<const uint8_t> request) {
+        return service.handle(path, request);
+      },
+      serverOptions(options));
+  print(fmt::format("{} listens on {}", kService, server.target()));
   print(options.imageFolder.empty()
             ? "no folder of disk images: nothing will be formatted or mounted"
             : fmt::format("formats and mounts the disk images of {}", options.imageFolder));
   stop.wait();
-  server.stop(kGrace);
+  server.stop(kShutdownGrace);
 }
 
 }  // namespace

@@ -2,6 +2,10 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "host/limits.hpp"
+#include "host/rpc_framework.hpp"
 
 namespace kel::host {
 
@@ -11,6 +15,12 @@ struct ServeOptions {
   std::string master;       // gRPC target of KelSysdiagMaster, told of overloads
   std::string imageFolder;  // of the disk images that may be formatted and mounted; empty: none
   bool compact = false;
+  // Of the calls to the master. Callers of this host are met with the same protection, and with the
+  // same limit to a message.
+  CallSettings calls = {};
+  ServerLimits limits = {};
+  // Names in the certificates of the peers that may call the methods which change this machine.
+  std::vector<std::string> operators = {};
 };
 
 // Serves KelSysdiagQarne until SIGTERM or SIGINT. Throws std::runtime_error with a sentence, also

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/encoding.hpp"
 #include "host/field_text.hpp"
 #include "host/method_convention.hpp"
 #include "host/module_table.hpp"
@@ -63,15 +64,11 @@ class Output {
   alignas(std::max_align_t) std::array<std::byte, kLargestOutputRecord> record_{};
 };
 
-// Empty when the reply does not encode. Bytes that the fixed layout leaves alone are zero.
+// Empty when the reply does not encode.
 std::vector<uint8_t> encode(const IdlCodecOps& ops, const void* output, bool compact) {
-  const bool fixed = ops.fixedPackFn != nullptr && !compact;
-  const uint32_t size = fixed ? ops.fixedSizeFn() : ops.packFn(nullptr, output);
-  std::vector<uint8_t> reply(size);
-  const PackTarget target{reply.data(), &size};
-  if (fixed) {
-    ops.fixedPackFn(reply.data(), output);
-  } else if (size == 0 || ops.packFn(&target, output) != size) {
+  const Encoding encoding(ops, output, compact);
+  std::vector<uint8_t> reply(encoding.size());
+  if (!reply.empty() && !encoding.writeTo(reply.data())) {
     reply.clear();
   }
   return reply;

@@ -23,10 +23,9 @@ WorkerPool::~WorkerPool() {
 }
 
 void WorkerPool::give(std::function<void()> job) {
-  {
-    const std::scoped_lock lock(mutex_);
-    jobs_.push_back(std::move(job));
-  }
+  // To the end under the lock: once the job is done, nothing else keeps the pool alive for this.
+  const std::scoped_lock lock(mutex_);
+  jobs_.push_back(std::move(job));
   given_.notify_one();
 }
 

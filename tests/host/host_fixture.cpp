@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace kel::host::test {
 
@@ -46,6 +47,17 @@ std::vector<Completions::Completed> Completions::wait(size_t count) {
   arrived_.wait_for(lock, kPatience, [&] { return completed_.size() >= count; });
   arrived_.wait_for(lock, kMore, [&] { return completed_.size() > count; });
   return completed_;
+}
+
+bool eventually(const std::function<bool()>& holds) {
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(10);
+  while (!holds()) {
+    if (Clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
 }
 
 AlarmInput sampleAlarm(uint32_t number) {

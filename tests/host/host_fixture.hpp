@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -57,6 +58,9 @@ class Completions {
   std::condition_variable arrived_;
   std::vector<Completed> completed_;
 };
+
+// Tries until it holds or time is up. Says whether it does.
+bool eventually(const std::function<bool()>& holds);
 
 AlarmInput sampleAlarm(uint32_t number = 7);
 

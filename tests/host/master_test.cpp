@@ -169,25 +169,6 @@ TEST_F(Master, KeepsTheNewestAlarmsOfManyThreads) {
   EXPECT_EQ(kept.back().sequence, kAll);
 }
 
-TEST_F(Master, ReplacesADeadSocketButNotALiveOne) {
-  const RequestHandler handler = [](const std::string&, std::span<const uint8_t>) {
-    return Answer{AnswerStatus::internal, "not called here", {}};
-  };
-  {
-    RpcServer server(target, handler);
-    EXPECT_THROW(RpcServer(target, handler), std::runtime_error);
-    std::string reply;
-    EXPECT_EQ(outcome(sendAlarm(sampleAlarm(), reply)), outcome(kGrpcStatus + 13));
-    // As a process that is killed leaves it behind.
-    std::filesystem::create_hard_link(folder / "socket", folder / "left");
-  }
-  EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
-  std::filesystem::rename(folder / "left", folder / "socket");
-  EXPECT_NO_THROW(RpcServer(target, handler));
-  EXPECT_THROW(RpcServer("unix:" + (folder / "none" / "socket").string(), handler),
-               std::runtime_error);
-}
-
 TEST(DiskRules, NameTheFaultOfABadConfiguration) {
   const std::string start = R"({"rules": [{"name": "r", "mountPoint": "*", "device": "*", )";
   const std::string longName(33, 'n');

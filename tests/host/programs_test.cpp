@@ -1,107 +1,87 @@
 // The programs as a person runs them: how they end, and what they say when it is ill.
-#include <fcntl.h>
+#include <fmt/format.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
-#include <iterator>
-#include <thread>
 
+#include "host/qarne_client.hpp"
 #include "tests/host/host_fixture.hpp"
+#include "tests/host/running_program.hpp"
+#include "tests/host/test_authority.hpp"
 
 namespace kel::host::test {
 namespace {
 
+using Arguments = std::vector<std::string>;
+
+Arguments operator+(Arguments left, const Arguments& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
 class Programs : public HostFixture {
  protected:
+  // How a program ended, and its last words.
+  struct End {
+    int code;
+    std::string output;
+    [[nodiscard]] bool says(const std::string& text) const {
+      return output.find(text) != std::string::npos;
+    }
+  };
+
   Programs() {
     std::ofstream(folder / "rules.json") << R"({"rules": [{"name": "all", "mountPoint": "*",
       "device": "*", "warningPercent": 80, "criticalPercent": 90}]})";
   }
+  ~Programs() override { configureCalls({}); }
 
-  // Starts a program with both of its outputs in one file.
-  pid_t start(const std::string& program, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), beside(program));
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
-      pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    const std::string file = folder / (program + ".out");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, file.c_str(),
-                                     O_CREAT | O_TRUNC | O_WRONLY, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    pid_t process = 0;
-    EXPECT_EQ(posix_spawn(&process, pointers[0], &actions, nullptr, pointers.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    return process;
+  RunningProgram startMaster(const Arguments& more) {
+    return {beside("kel_master"), Arguments{"--config", folder / "rules.json"} + more,
+            folder / "master", "listens on"};
+  }
+  RunningProgram startMaster() { return startMaster({"--listen", target}); }
+
+  // Its alarms go to the master.
+  RunningProgram startServing(const Arguments& more) {
+    return {beside("kel_host"), Arguments{"serve", "--target", target} + more, folder / "host",
+            "listens on"};
   }
 
-  static int exitCodeOf(pid_t process) {
-    int status = 0;
-    waitpid(process, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  End run(const std::string& program, const Arguments& arguments) {
+    RunningProgram running(beside(program), arguments, folder / "run");
+    const int code = running.end();
+    return {code, running.output()};
+  }
+  End runHost(const Arguments& more = {}) {
+    return run("kel_host", more + Arguments{"--target", target});
+  }
+  End runQuery(const Arguments& more) {
+    return run("kel_query", more + Arguments{"--target", qarne_, "--deadline", "60000"});
   }
 
-  std::string output(const std::string& program) {
-    std::ifstream file(folder / (program + ".out"));
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  static End stop(RunningProgram& program, int signal = SIGTERM) {
+    program.signal(signal);
+    const int code = program.end();
+    return {code, program.output()};
   }
 
-  bool says(const std::string& program, const std::string& text) {
-    return output(program).find(text) != std::string::npos;
-  }
-
-  pid_t startMaster() {
-    const pid_t master =
-        start("kel_master", {"--listen", target, "--config", folder / "rules.json"});
-    waitFor("kel_master", "listens on");
-    return master;
-  }
-
-  // A serving host whose alarms go to the master; its own log is "kel_host".
-  pid_t startServing(const std::filesystem::path& images) {
-    const pid_t host =
-        start("kel_host", {"serve", "--listen", qarne_, "--target", target, "--images", images});
-    waitFor("kel_host", "listens on");
-    return host;
-  }
-
-  int runQuery(std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--target", qarne_, "--deadline", "60000"});
-    return exitCodeOf(start("kel_query", arguments));
-  }
-
-  // Programs write their lines when they like.
-  void waitFor(const std::string& program, const std::string& text) {
-    for (int i = 0; i < 1000 && !says(program, text); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  }
-
-  const std::string qarne_ = "unix:" + (folder / "qarne").string();
-
-  int runHost(std::vector<std::string> more = {}) {
-    more.insert(more.end(), {"--target", target});
-    return exitCodeOf(start("kel_host", more));
-  }
+  std::string qarne_ = "unix:" + (folder / "qarne").string();
 };
 
 TEST_F(Programs, TellTheWholeStoryAndEndWell) {
-  const pid_t master = startMaster();
-  EXPECT_EQ(runHost(), 0) << output("kel_host");
-  EXPECT_TRUE(says("kel_host", "192 bytes, fixed layout"));
-  EXPECT_TRUE(says("kel_host", " 0 are outstanding"));
-  EXPECT_EQ(runHost({"--compact"}), 0) << output("kel_host");
-  EXPECT_FALSE(says("kel_host", "fixed layout"));
-  EXPECT_EQ(output("kel_host").find('\033'), std::string::npos) << "styled, but not for a terminal";
-  kill(master, SIGTERM);
-  EXPECT_EQ(exitCodeOf(master), 0);
-  EXPECT_TRUE(says("kel_master", "12 alarms kept")) << output("kel_master");
+  RunningProgram master = startMaster();
+  const End full = runHost();
+  EXPECT_EQ(full.code, 0) << full.output;
+  EXPECT_TRUE(full.says("192 bytes, fixed layout"));
+  EXPECT_TRUE(full.says(" 0 are outstanding"));
+  const End compact = runHost({"--compact"});
+  EXPECT_EQ(compact.code, 0) << compact.output;
+  EXPECT_FALSE(compact.says("fixed layout"));
+  EXPECT_FALSE(compact.says("\033")) << "styled, but not for a terminal";
+  const End stopped = stop(master);
+  EXPECT_EQ(stopped.code, 0);
+  EXPECT_TRUE(stopped.says("12 alarms kept")) << stopped.output;
   EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
 }
 
@@ -110,73 +90,119 @@ TEST_F(Programs, ServeAndShowThisMachine) {
   std::filesystem::create_directory(folder / "images");
   std::ofstream(folder / "images" / "disk.img").put('x');
   std::filesystem::resize_file(folder / "images" / "disk.img", uintmax_t{8} << 20U);
-  const pid_t host = startServing(folder / "images");
-  EXPECT_EQ(runQuery({"--image", "disk.img", "--rows", "3"}), 0) << output("kel_query");
+  RunningProgram host = startServing({"--listen", qarne_, "--images", folder / "images"});
+  const End shown = runQuery({"--image", "disk.img", "--rows", "3"});
+  EXPECT_EQ(shown.code, 0) << shown.output;
   for (const char* method :
        {"KelBrdPartInfoQuery", "FdProcInfoQuery", "KelSysOvLoadDiskThresholdSet",
         "KelGetSysDiskUseInfo", "KelResetDiskMakeFS", "KelMountDisk", "KelQueryStorageEraseInfo",
         "KelQueryStorageBadBlockInfo"}) {
-    EXPECT_TRUE(says("kel_query", std::string(method) + ": ")) << method;
+    EXPECT_TRUE(shown.says(std::string(method) + ": ")) << method;
   }
-  EXPECT_TRUE(says("kel_query", " the threshold of 80 %")) << output("kel_query");
-  EXPECT_EQ(runQuery({"--image", "../disk.img"}), 0);
-  EXPECT_TRUE(says("kel_query", "the name is not that of a file of its own"));
-  kill(host, SIGTERM);
-  EXPECT_EQ(exitCodeOf(host), 0) << output("kel_host");
-  EXPECT_TRUE(says("kel_host", " 0 are outstanding"));
+  EXPECT_TRUE(shown.says(" the threshold of 80 %")) << shown.output;
+  const End outside = runQuery({"--image", "../disk.img"});
+  EXPECT_EQ(outside.code, 0);
+  EXPECT_TRUE(outside.says("the name is not that of a file of its own"));
+  const End stopped = stop(host);
+  EXPECT_EQ(stopped.code, 0) << stopped.output;
+  EXPECT_TRUE(stopped.says(" 0 are outstanding"));
   for (const auto& left : std::filesystem::directory_iterator(folder)) {
     EXPECT_EQ(left.path().filename().string().find("images.mounted"), std::string::npos);
   }
-  EXPECT_EQ(runQuery({}), 1);
-  EXPECT_TRUE(says("kel_query", "KelBrdPartInfoQuery: the server cannot be reached"))
-      << output("kel_query");
+  const End alone = runQuery({});
+  EXPECT_EQ(alone.code, 1);
+  EXPECT_TRUE(alone.says("KelBrdPartInfoQuery: the server cannot be reached")) << alone.output;
 }
 
 TEST_F(Programs, TellOfAnOverloadFromTheThresholdToTheMaster) {
-  const pid_t master = startMaster();
-  const pid_t host = startServing(folder);
-  EXPECT_EQ(runQuery({"overload"}), 0) << output("kel_query");
-  EXPECT_TRUE(says("kel_query", "has reached the threshold")) << output("kel_query");
-  waitFor("kel_host", "answered by the master");
-  EXPECT_TRUE(says("kel_host", "answered by the master: no. 1, understood: alarm 1003, warning: "))
-      << output("kel_host");
-  kill(master, SIGTERM);
-  EXPECT_EQ(exitCodeOf(master), 0);
-  EXPECT_TRUE(says("kel_master", "alarm 1003, warning: ")) << output("kel_master");
+  RunningProgram master = startMaster();
+  RunningProgram host = startServing({"--listen", qarne_});
+  const End told = runQuery({"overload"});
+  EXPECT_EQ(told.code, 0) << told.output;
+  EXPECT_TRUE(told.says("has reached the threshold")) << told.output;
+  EXPECT_TRUE(host.says("answered by the master: no. 1, understood: alarm 1003, warning: "))
+      << host.output();
+  const End stopped = stop(master);
+  EXPECT_EQ(stopped.code, 0);
+  EXPECT_TRUE(stopped.says("alarm 1003, warning: ")) << stopped.output;
   // Without a master, the host says so and goes on.
-  EXPECT_EQ(runQuery({"overload"}), 0) << output("kel_query");
-  waitFor("kel_host", "could not be raised");
-  EXPECT_TRUE(says("kel_host", "could not be raised: the server cannot be reached"))
-      << output("kel_host");
-  kill(host, SIGINT);
-  EXPECT_EQ(exitCodeOf(host), 0) << output("kel_host");
+  EXPECT_EQ(runQuery({"overload"}).code, 0);
+  EXPECT_TRUE(host.says("could not be raised: the server cannot be reached")) << host.output();
+  EXPECT_EQ(stop(host, SIGINT).code, 0);
+}
+
+// Between machines: everybody of the authority may ask, and only operators may change.
+TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
+  const TestAuthority authority(folder, "authority");
+  const auto tls = [](const TlsFiles& files) {
+    return Arguments{"--tls-ca",        files.authority, "--tls-certificate",
+                     files.certificate, "--tls-key",     files.key};
+  };
+  constexpr char kEveryPort[] = "127.0.0.1:0";
+  const auto addressOf = [](const RunningProgram& program) {
+    const std::string said = program.output();
+    const std::string address = said.substr(said.find("127.0.0.1:"));
+    return address.substr(0, address.find('\n'));
+  };
+  const Arguments own = tls(authority.issue("server", "subjectAltName=IP:127.0.0.1"));
+  const RunningProgram master = startMaster(own + Arguments{"--listen", kEveryPort});
+  const RunningProgram host = startServing(
+      own + Arguments{"--listen", kEveryPort, "--operator", "chief", "--operator", "deputy"});
+  qarne_ = addressOf(host);
+  target = addressOf(master);
+
+  for (const char* name : {"chief", "deputy", "reader"}) {
+    SCOPED_TRACE(name);
+    const TlsFiles files = authority.issue(name);
+    const bool mayChange = name != std::string("reader");
+    const int32_t changing = mayChange ? kOk : kNotPermitted;
+    configureCalls({.security = {files}});
+    const QarneClient client(qarne_, 0);
+    EXPECT_EQ(outcome(client.call(kSysOvLoadDiskThresholdSet, {}).result()), outcome(changing));
+    EXPECT_EQ(outcome(client.call(kResetDiskMakeFS, {}).result()), outcome(changing));
+    EXPECT_EQ(outcome(client.call(kMountDisk, {}).result()), outcome(changing));
+    EXPECT_EQ(outcome(client.call(kBrdPartInfoQuery, {}).result()), outcome(kOk));
+    EXPECT_EQ(outcome(client.call(kGetSysDiskUseInfo, {}).result()), outcome(kOk));
+    const End query = runQuery(tls(files));
+    EXPECT_EQ(query.code, mayChange ? 0 : 1) << query.output;
+    EXPECT_NE(query.says("does not let this caller call"), mayChange) << query.output;
+    const End report = runHost(tls(files));
+    EXPECT_EQ(report.code, 0) << report.output;
+  }
+  const End unprotected = runQuery({});
+  EXPECT_EQ(unprotected.code, 1);
+  EXPECT_TRUE(unprotected.says("--tls-ca")) << unprotected.output;
 }
 
 TEST_F(Programs, SayWhatIsWrong) {
-  EXPECT_EQ(runHost(), 1);
-  EXPECT_TRUE(says("kel_host", "kel_host: KelSendAlarm: the server cannot be reached"))
-      << output("kel_host");
-  EXPECT_EQ(runHost({"--library", folder / "none.so"}), 1);
-  EXPECT_TRUE(says("kel_host", "kel_host: cannot load the library: ")) << output("kel_host");
-
-  EXPECT_EQ(exitCodeOf(start("kel_master", {"--config", folder / "none.json"})), 1);
-  EXPECT_TRUE(says("kel_master", "No such file")) << output("kel_master");
+  const RunningProgram master = startMaster({"--listen", "unix:" + (folder / "taken").string()});
   std::ofstream(folder / "bad.json") << "{";
-  EXPECT_EQ(exitCodeOf(start("kel_master", {"--config", folder / "bad.json"})), 1);
-  EXPECT_TRUE(says("kel_master", "bad.json: ")) << output("kel_master");
-
-  EXPECT_EQ(exitCodeOf(start("kel_host", {"serve", "--listen", qarne_, "--images", folder / "x"})),
-            1);
-  EXPECT_TRUE(says("kel_host", "cannot open the folder")) << output("kel_host");
-  EXPECT_EQ(exitCodeOf(start("kel_host", {"serve", "--listen", "unix:/none/here"})), 1);
-  EXPECT_TRUE(says("kel_host", "cannot listen on")) << output("kel_host");
-
-  const pid_t master = startMaster();
-  EXPECT_EQ(
-      exitCodeOf(start("kel_master", {"--listen", target, "--config", folder / "rules.json"})), 1);
-  EXPECT_TRUE(says("kel_master", "another process serves there")) << output("kel_master");
-  kill(master, SIGINT);
-  EXPECT_EQ(exitCodeOf(master), 0);
+  struct Case {
+    const char* program;
+    Arguments arguments;
+    std::string complaint;
+  };
+  const std::string none = folder / "none";
+  const Case cases[] = {
+      {"kel_host", {"--target", target}, "kel_host: KelSendAlarm: the server cannot be reached"},
+      {"kel_host", {"--library", none}, "kel_host: cannot load the library: "},
+      {"kel_host", {"--tls-ca", none}, "three files"},
+      {"kel_host", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
+      {"kel_host", {"serve", "--listen", qarne_, "--images", none}, "cannot open the folder"},
+      {"kel_host", {"serve", "--listen", "unix:/none/here"}, "cannot listen on"},
+      {"kel_host", {"serve", "--listen", "127.0.0.1:0"}, "--insecure-plain-tcp"},
+      {"kel_query", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
+      {"kel_master", {"--config", none}, "No such file"},
+      {"kel_master", {"--config", folder / "bad.json"}, "bad.json: "},
+      {"kel_master",
+       {"--listen", "unix:" + (folder / "taken").string(), "--config", folder / "rules.json"},
+       "another process serves there"},
+  };
+  for (const Case& ill : cases) {
+    const End end = run(ill.program, ill.arguments);
+    EXPECT_EQ(end.code, 1) << ill.complaint;
+    EXPECT_TRUE(end.says(ill.complaint)) << ill.complaint << "\nis not in\n" << end.output;
+  }
 }
 
 }  // namespace

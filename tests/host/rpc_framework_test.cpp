@@ -4,10 +4,8 @@
 
 #include <malloc.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,6 +19,7 @@
 #include "host/rpc_server.hpp"
 #include "tests/host/faulty_server.hpp"
 #include "tests/host/host_fixture.hpp"
+#include "tests/host/running_program.hpp"
 
 namespace kel::host::test {
 namespace {
@@ -189,61 +188,13 @@ TEST_F(RpcFramework, SurvivesListenersThatAreNotServers) {
   EXPECT_EQ(callBothWays(kShortMs), outcome(kDeadlinePassed));
 }
 
-// A server process that keeps silent when it is called.
-class SilentServer {
- public:
-  SilentServer(const std::filesystem::path& program, const std::string& target) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(pipe(ends.data()), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, ends[0]);
-    std::string name = program;
-    std::string argument = target;
-    std::array<char*, 3> arguments = {name.data(), argument.data(), nullptr};
-    EXPECT_EQ(posix_spawn(&process_, name.c_str(), &actions, nullptr, arguments.data(), environ),
-              0);
-    posix_spawn_file_actions_destroy(&actions);
-    close(ends[1]);
-    output_ = fdopen(ends[0], "r");
-    waitFor("listening\n");
-  }
-  ~SilentServer() {
-    if (process_ != 0) {
-      die();
-    }
-    std::fclose(output_);
-  }
-  SilentServer(const SilentServer&) = delete;
-  SilentServer& operator=(const SilentServer&) = delete;
-
-  void dieWhenCalled() {
-    waitFor("called\n");
-    die();
-  }
-
- private:
-  void waitFor(const char* expected) {
-    std::array<char, 64> line{};
-    EXPECT_NE(std::fgets(line.data(), line.size(), output_), nullptr);
-    EXPECT_STREQ(line.data(), expected);
-  }
-
-  void die() {
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
-    process_ = 0;
-  }
-
-  pid_t process_ = 0;
-  FILE* output_ = nullptr;
-};
-
 TEST_F(RpcFramework, LosesAServerInMidCallAndFindsTheNextOne) {
   const auto lose = [&](const std::function<int32_t()>& call) {
-    SilentServer server(beside("kel_silent_server"), target);
-    std::thread killer([&] { server.dieWhenCalled(); });
+    RunningProgram server(beside("kel_silent_server"), {target}, folder / "output", "listening");
+    std::thread killer([&] {
+      EXPECT_TRUE(server.says("called"));
+      server.signal(SIGKILL);
+    });
     const Clock::time_point began = Clock::now();
     EXPECT_EQ(outcome(call()), outcome(kConnectionLost));
     EXPECT_LT(Clock::now() - began, kSoon);

@@ -1,0 +1,28 @@
+// Opens gRPC channels as this process has been told to. For the RPC framework.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/rpc_framework.hpp"
+
+namespace grpc {
+class Channel;
+}  // namespace grpc
+
+namespace kel::host {
+
+class ChannelFactory {
+ public:
+  // Throws std::runtime_error with a sentence.
+  explicit ChannelFactory(const CallSettings& settings = {});
+
+  // Null if the target is no Unix socket and nothing has been said about protection.
+  [[nodiscard]] std::shared_ptr<grpc::Channel> open(const std::string& target) const;
+
+ private:
+  CallSettings settings_;
+  std::shared_ptr<grpc::ChannelCredentials> credentials_;  // but for Unix sockets
+};
+
+}  // namespace kel::host

@@ -1,0 +1,58 @@
+// Options on CLI11.
+#include "host/command_line.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace kel::host {
+namespace {
+
+void addSecurityOptions(CLI::App& app, TransportSecurity& security) {
+  app.add_option("--tls-ca", security.tls.authority,
+                 "PEM file of the authority that peers' certificates are of; for TCP");
+  app.add_option("--tls-certificate", security.tls.certificate, "PEM file of the own certificate");
+  app.add_option("--tls-key", security.tls.key, "PEM file of the certificate's key");
+  app.add_flag("--insecure-plain-tcp", security.insecurePlainTcp,
+               "TCP that anybody may read, change and call");
+}
+
+// gRPC counts bytes by an int.
+void addMessageOption(CLI::App& app, uint32_t& bytes) {
+  app.add_option("--max-message", bytes, "bytes of a request or a reply at most")
+      ->check(CLI::Range(1, std::numeric_limits<int32_t>::max()))
+      ->capture_default_str();
+}
+
+}  // namespace
+
+void addCallOptions(CLI::App& app, CallSettings& settings) {
+  addSecurityOptions(app, settings.security);
+  app.add_option("--tls-server-name", settings.serverName,
+                 "name that servers' certificates must bear; default: the target's host");
+  addMessageOption(app, settings.messageBytes);
+}
+
+void addServerOptions(CLI::App& app, ServerOptions& options) {
+  addSecurityOptions(app, options.security);
+  addMessageOption(app, options.limits.messageBytes);
+  addLimitOptions(app, options.limits);
+}
+
+void addLimitOptions(CLI::App& app, ServerLimits& limits) {
+  constexpr int kMostCalls = 100'000;
+  constexpr int64_t kMostSeconds = 86'400;
+  app.add_option("--max-calls", limits.calls, "calls at a time at most")
+      ->check(CLI::Range(1, kMostCalls))
+      ->capture_default_str();
+  app.add_option_function<int64_t>(
+         "--longest-call",
+         [&limits](int64_t seconds) { limits.longestCall = std::chrono::seconds(seconds); },
+         "seconds that a call may take at most")
+      ->check(CLI::Range(int64_t{1}, kMostSeconds))
+      ->default_str(std::to_string(
+          std::chrono::duration_cast<std::chrono::seconds>(limits.longestCall).count()));
+}
+
+}  // namespace kel::host

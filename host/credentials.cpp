@@ -1,0 +1,117 @@
+// Credentials of gRPC's own, from files.
+#include "host/credentials.hpp"
+
+#include <fmt/format.h>
+#include <grpcpp/security/credentials.h>
+#include <grpcpp/security/server_credentials.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <array>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+namespace kel::host {
+namespace {
+
+std::string lastTlsError() {
+  std::array<char, 256> text{};
+  ERR_error_string_n(ERR_get_error(), text.data(), text.size());
+  ERR_clear_error();
+  return text.data();
+}
+
+// gRPC takes whatever the files hold, and only complains at every connection that then fails.
+void check(const TlsFiles& files) {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
+                                                                  SSL_CTX_free);
+  const auto demand = [](bool usable, const std::string& file, const char* what) {
+    if (!usable) {
+      throw std::runtime_error(fmt::format("cannot use {} as {}: {}", file, what, lastTlsError()));
+    }
+  };
+  demand(SSL_CTX_load_verify_file(context.get(), files.authority.c_str()) == 1, files.authority,
+         "the authority's certificate");
+  demand(SSL_CTX_use_certificate_chain_file(context.get(), files.certificate.c_str()) == 1,
+         files.certificate, "a certificate");
+  demand(SSL_CTX_use_PrivateKey_file(context.get(), files.key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+             SSL_CTX_check_private_key(context.get()) == 1,
+         files.key, fmt::format("the key of {}", files.certificate).c_str());
+}
+
+std::string read(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+struct Pems {
+  std::string authority;
+  std::string certificate;
+  std::string key;
+};
+
+Pems readPems(const TlsFiles& files) {
+  check(files);
+  return {read(files.authority), read(files.certificate), read(files.key)};
+}
+
+enum class Protection : uint8_t { none, tls, plain };
+
+Protection protectionOf(const TransportSecurity& security) {
+  const TlsFiles& tls = security.tls;
+  const bool any = !tls.authority.empty() || !tls.certificate.empty() || !tls.key.empty();
+  const bool all = !tls.authority.empty() && !tls.certificate.empty() && !tls.key.empty();
+  if (any && !all) {
+    throw std::runtime_error("mutual TLS needs three files: authority, certificate and key");
+  }
+  if (any && security.insecurePlainTcp) {
+    throw std::runtime_error("mutual TLS and insecure plain TCP exclude each other");
+  }
+  if (security.insecurePlainTcp) {
+    return Protection::plain;
+  }
+  return any ? Protection::tls : Protection::none;
+}
+
+}  // namespace
+
+bool isUnixSocket(const std::string& target) { return target.starts_with("unix:"); }
+
+std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& target,
+                                                           const TransportSecurity& security) {
+  const Protection protection = protectionOf(security);
+  if (isUnixSocket(target) || protection == Protection::plain) {
+    return grpc::InsecureServerCredentials();
+  }
+  if (protection == Protection::none) {
+    throw std::runtime_error(fmt::format(
+        "will not listen on {} unprotected: give --tls-ca, --tls-certificate and --tls-key, or "
+        "--insecure-plain-tcp if anybody may read, change and call",
+        target));
+  }
+  Pems pems = readPems(security.tls);
+  grpc::SslServerCredentialsOptions options(
+      GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+  options.pem_root_certs = std::move(pems.authority);
+  options.pem_key_cert_pairs = {{std::move(pems.key), std::move(pems.certificate)}};
+  return grpc::SslServerCredentials(options);
+}
+
+std::shared_ptr<grpc::ChannelCredentials> channelCredentials(const TransportSecurity& security) {
+  switch (protectionOf(security)) {
+    case Protection::none:
+      return nullptr;
+    case Protection::plain:
+      return grpc::InsecureChannelCredentials();
+    case Protection::tls:
+      break;
+  }
+  Pems pems = readPems(security.tls);
+  return grpc::SslCredentials(
+      {std::move(pems.authority), std::move(pems.key), std::move(pems.certificate)});
+}
+
+}  // namespace kel::host

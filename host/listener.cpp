@@ -1,0 +1,256 @@
+// Sockets that listen, and the thread that accepts.
+#include "host/listener.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+#include "host/credentials.hpp"
+
+namespace kel::host {
+namespace {
+
+// What new connections leave for those that are served: files, pipes, connections to others.
+constexpr rlim_t kReservedDescriptors = 32;
+
+[[noreturn]] void fail(const std::string& target, const std::string& why) {
+  throw std::runtime_error(fmt::format("cannot listen on {}: {}", target, why));
+}
+
+[[noreturn]] void failWithErrno(const std::string& target) { fail(target, std::strerror(errno)); }
+
+FileDescriptor openSocket(int family, const std::string& target) {
+  FileDescriptor result(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!result.isOpen()) {
+    failWithErrno(target);
+  }
+  return result;
+}
+
+std::string socketPath(const std::string& target) {
+  std::string path = target.substr(target.find(':') + 1);
+  if (path.starts_with("//")) {
+    path.erase(0, 2);
+  }
+  return path;
+}
+
+std::filesystem::path folderOf(const std::string& path) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  return folder.empty() ? "." : folder;
+}
+
+void warnOfUnsafeFolder(const std::filesystem::path& folder) {
+  struct stat status {};
+  constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+  if (stat(folder.c_str(), &status) == 0 && (status.st_mode & kOthersWrite) != 0 &&
+      (status.st_mode & S_ISVTX) == 0) {
+    fmt::print(stderr,
+               "warning: others may replace the socket in {}, and answer in its place: take the "
+               "right to write from them (chmod go-w {}) or use a folder of its own\n",
+               folder.string(), folder.string());
+  }
+}
+
+// Whoever holds the folder's lock may find a dead socket and replace it. Bounded, since in a folder
+// for all anybody can take the lock.
+FileDescriptor lockFolder(const std::filesystem::path& folder, const std::string& target) {
+  FileDescriptor result(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!result.isOpen()) {
+    failWithErrno(target);
+  }
+  constexpr int kAttempts = 200;
+  constexpr useconds_t kPause = 10'000;
+  for (int i = 0; i < kAttempts; ++i) {
+    if (flock(result.get(), LOCK_EX | LOCK_NB) == 0) {
+      return result;
+    }
+    usleep(kPause);
+  }
+  fail(target, "another process keeps the folder locked");
+}
+
+bool isServed(const sockaddr_un& address, const std::string& target) {
+  const FileDescriptor probe = openSocket(AF_UNIX, target);
+  return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
+         errno == EAGAIN;  // somebody listens, and has much to do
+}
+
+void removeDeadSocket(const sockaddr_un& address, const std::string& target) {
+  const char* const path = address.sun_path;
+  struct stat status {};
+  if (lstat(path, &status) != 0) {
+    return;
+  }
+  if (!S_ISSOCK(status.st_mode)) {
+    fail(target, "there is a file of that name that is no socket");
+  }
+  if (isServed(address, target)) {
+    fail(target, "another process serves there");
+  }
+  unlink(path);
+}
+
+struct FreeAddresses {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+std::unique_ptr<addrinfo, FreeAddresses> resolve(const std::string& host, const std::string& port,
+                                                 const std::string& target) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* list = nullptr;
+  const int error = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+  if (error != 0) {
+    fail(target, gai_strerror(error));
+  }
+  return std::unique_ptr<addrinfo, FreeAddresses>(list);
+}
+
+unsigned portOf(int bound) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof(address);
+  getsockname(bound, reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
+                                             : reinterpret_cast<sockaddr_in&>(address).sin_port);
+}
+
+// The kernel gives out the lowest number that is free, so a high one tells that many are in use.
+bool isOfTheReserve(int descriptor) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t reserved = std::min(kReservedDescriptors, limit.rlim_cur / 4);
+  return static_cast<rlim_t>(descriptor) >= limit.rlim_cur - reserved;
+}
+
+}  // namespace
+
+Listener::Listener(const std::string& target)
+    : target_(target), wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wakeUp_.isOpen()) {
+    failWithErrno(target);
+  }
+  isUnixSocket(target) ? listenOnUnixSocket(socketPath(target)) : listenOnTcp(target);
+}
+
+Listener::~Listener() { stop(); }
+
+void Listener::listenOnUnixSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+    fail(target_, fmt::format("a socket's path has 1 to {} bytes", sizeof(address.sun_path) - 1));
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  warnOfUnsafeFolder(folderOf(path));
+  const FileDescriptor lock = lockFolder(folderOf(path), target_);
+  removeDeadSocket(address, target_);
+  socket_ = openSocket(AF_UNIX, target_);
+  // The file takes its mode from the socket when it is bound, so there is no moment with another.
+  if (fchmod(socket_.get(), S_IRUSR | S_IWUSR) != 0 ||
+      bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(socket_.get(), SOMAXCONN) != 0) {
+    failWithErrno(target_);
+  }
+  struct stat status {};
+  stat(path.c_str(), &status);
+  path_ = path;
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+}
+
+void Listener::listenOnTcp(const std::string& address) {
+  std::string host = address;
+  if (host.starts_with("ipv4:") || host.starts_with("ipv6:")) {
+    host = socketPath(address);
+  }
+  const size_t colon = host.rfind(':');
+  if (colon == std::string::npos || colon == 0) {
+    fail(target_, "it is neither unix:PATH nor ADDRESS:PORT");
+  }
+  const std::string port = host.substr(colon + 1);
+  host.resize(colon);
+  if (host.starts_with('[') && host.ends_with(']')) {
+    host = host.substr(1, host.size() - 2);
+  }
+  const auto resolved = resolve(host, port, target_);
+  socket_ = openSocket(resolved->ai_family, target_);
+  const int on = 1;
+  if (setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+      // Inherited by the connections.
+      setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) != 0 ||
+      bind(socket_.get(), resolved->ai_addr, resolved->ai_addrlen) != 0 ||
+      listen(socket_.get(), SOMAXCONN) != 0) {
+    failWithErrno(target_);
+  }
+  target_ = fmt::format("{}:{}", address.substr(0, address.rfind(':')), portOf(socket_.get()));
+}
+
+void Listener::start(std::function<void(int)> take) {
+  thread_ = std::thread([this, take = std::move(take)] { run(take); });
+}
+
+void Listener::stop() {
+  if (thread_.joinable()) {
+    eventfd_write(wakeUp_.get(), 1);
+    thread_.join();
+  }
+  if (!path_.empty()) {
+    // As long as this socket listens, no other server takes the path for a dead one's.
+    struct stat status {};
+    if (stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+      unlink(path_.c_str());
+    }
+    path_.clear();
+  }
+  socket_ = FileDescriptor();
+}
+
+void Listener::run(const std::function<void(int)>& take) const {
+  constexpr int kForever = -1;
+  constexpr int kPauseMs = 50;  // until descriptors or memory may have come free
+  std::array<pollfd, 2> awaited = {{{wakeUp_.get(), POLLIN, 0}, {socket_.get(), POLLIN, 0}}};
+  bool able = true;
+  while ((awaited[0].revents & POLLIN) == 0) {
+    if (able || poll(awaited.data(), 1, kPauseMs) == 0) {
+      poll(awaited.data(), awaited.size(), kForever);
+    }
+    if ((awaited[1].revents & POLLIN) != 0) {
+      able = acceptOne(take);
+    }
+  }
+}
+
+bool Listener::acceptOne(const std::function<void(int)>& take) const {
+  FileDescriptor connection(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!connection.isOpen()) {
+    return errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM;
+  }
+  if (!isOfTheReserve(connection.get())) {
+    take(connection.release());
+  }
+  return true;
+}
+
+}  // namespace kel::host

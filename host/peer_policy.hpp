@@ -1,0 +1,36 @@
+// Which peers may call what. For RpcServer, which asks before it reads a request, and for programs
+// that serve methods which are not for everybody.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kel::host {
+
+struct Peer {
+  // Over a Unix socket, whose mode lets in nobody but this process's own user (and root).
+  bool local = false;
+  // The certificate's subject alternative names; without any, its common name. Empty over plain
+  // TCP.
+  std::vector<std::string> names;
+};
+
+// Returns why peer may not call path, as a sentence without its full stop, or nothing if it may.
+// Runs on any number of threads at a time.
+using PeerPolicy = std::function<std::string(const std::string& path, const Peer& peer)>;
+
+// Opens paths only to local peers and to those that bear one of names, and everything else to all.
+PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> paths);
+
+// The methods of KelSysdiagQarne that change the system that they are called on.
+inline constexpr std::array<std::string_view, 3> kChangingMethods = {
+    "/KelSysdiagQarne/KelSysOvLoadDiskThresholdSet",
+    "/KelSysdiagQarne/KelResetDiskMakeFS",
+    "/KelSysdiagQarne/KelMountDisk",
+};
+
+}  // namespace kel::host

@@ -1,0 +1,88 @@
+#include "tests/host/running_program.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+#include <utility>
+
+namespace kel::host::test {
+
+RunningProgram::RunningProgram(const std::filesystem::path& program,
+                               std::vector<std::string> arguments, std::filesystem::path output,
+                               const std::string& ready)
+    : output_(std::move(output)) {
+  outputStart_ = std::filesystem::exists(output_) ? std::filesystem::file_size(output_) : 0;
+  arguments.insert(arguments.begin(), program);
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_.c_str(),
+                                   O_CREAT | O_APPEND | O_WRONLY, S_IRUSR | S_IWUSR);
+  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  EXPECT_EQ(posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  EXPECT_TRUE(says(ready)) << this->output();
+}
+
+RunningProgram::~RunningProgram() {
+  if (process_ != 0) {
+    signal(SIGKILL);
+    end();
+  }
+}
+
+bool RunningProgram::says(const std::string& text) const {
+  constexpr int kAttempts = 4000;
+  constexpr std::chrono::milliseconds kPause(5);
+  for (int i = 0; i < kAttempts; ++i) {
+    const bool last = ended();
+    if (output().find(text) != std::string::npos) {
+      return true;
+    }
+    if (last) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return false;
+}
+
+bool RunningProgram::ended() const {
+  siginfo_t end{};
+  waitid(P_PID, static_cast<id_t>(process_), &end, WEXITED | WNOHANG | WNOWAIT);
+  return end.si_pid != 0;
+}
+
+std::string RunningProgram::output() const {
+  std::ifstream file(output_);
+  file.seekg(static_cast<std::streamoff>(outputStart_));
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void RunningProgram::signal(int number) const { kill(process_, number); }
+
+int RunningProgram::end() {
+  int status = 0;
+  waitpid(std::exchange(process_, 0), &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+size_t openDescriptors(const std::string& process) {
+  const std::filesystem::directory_iterator entries(fmt::format("/proc/{}/fd", process));
+  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+}  // namespace kel::host::test

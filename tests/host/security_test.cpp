@@ -1,0 +1,360 @@
+// Who gets in, what they may call, and what they may cost the server.
+#include <fmt/format.h>
+#include <grpcpp/generic/generic_stub.h>
+#include <grpcpp/grpcpp.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+#include "host/rpc_server.hpp"
+#include "tests/host/faulty_server.hpp"
+#include "tests/host/host_fixture.hpp"
+#include "tests/host/test_authority.hpp"
+
+namespace kel::host::test {
+namespace {
+
+constexpr char kLoopback[] = "127.0.0.1:0";
+constexpr char kAlarmPath[] = "/KelSysdiagMaster/KelSendAlarm";
+
+class Security : public HostFixture {
+ protected:
+  ~Security() override { configureCalls({}); }
+
+  RequestHandler handler() {
+    return [this](const std::string&, std::span<const uint8_t>) {
+      ++handled_;
+      return Answer{AnswerStatus::ok, {}, okReply()};
+    };
+  }
+
+  static std::string call(uintptr_t deadlineMs = 0) {
+    std::string reply;
+    return outcome(sendAlarm(sampleAlarm(), reply, deadlineMs));
+  }
+
+  // The server's own words, which the results do not carry.
+  static grpc::Status rawCall(const std::string& target, size_t bytes = 1,
+                              const std::shared_ptr<grpc::ChannelCredentials>& credentials =
+                                  grpc::InsecureChannelCredentials(),
+                              grpc_compression_algorithm compression = GRPC_COMPRESS_NONE) {
+    grpc::ChannelArguments arguments;
+    arguments.SetCompressionAlgorithm(compression);
+    grpc::GenericStub stub(grpc::CreateCustomChannel(target, credentials, arguments));
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(5));
+    grpc::CompletionQueue queue;
+    const std::string content(bytes, 'x');
+    const grpc::Slice slice(content);
+    const grpc::ByteBuffer request(&slice, 1);
+    grpc::ByteBuffer reply;
+    grpc::Status status;
+    const auto call = stub.PrepareUnaryCall(&context, kAlarmPath, request, &queue);
+    call->StartCall();
+    call->Finish(&reply, &status, nullptr);
+    void* tag = nullptr;
+    bool succeeded = false;
+    queue.Next(&tag, &succeeded);
+    return status;
+  }
+
+  static void expectStatus(const grpc::Status& status, grpc::StatusCode code,
+                           const std::string& words) {
+    EXPECT_EQ(status.error_code(), code) << status.error_message();
+    EXPECT_NE(status.error_message().find(words), std::string::npos) << status.error_message();
+  }
+
+  template <class Action>
+  static void expectComplaint(const std::string& words, const Action& action) {
+    try {
+      action();
+      ADD_FAILURE() << "no complaint of: " << words;
+    } catch (const std::runtime_error& error) {
+      EXPECT_NE(std::string(error.what()).find(words), std::string::npos) << error.what();
+    }
+  }
+
+  std::atomic<int> handled_ = 0;
+};
+
+TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
+  const TestAuthority ours(folder, "ours");
+  const TestAuthority others(folder, "others");
+  const TlsFiles serverFiles = ours.issue("server", "subjectAltName=IP:127.0.0.1");
+  const TlsFiles good = ours.issue("good");
+  TlsFiles stranger = others.issue("stranger");
+  stranger.authority = good.authority;
+  TlsFiles expecting = good;
+  expecting.authority = others.file("others", "pem");
+
+  RpcServer server(kLoopback, handler(), {.security = {serverFiles}});
+  aimAt(server.target());
+  struct Case {
+    const char* what;
+    CallSettings settings;
+    int32_t expected;
+  };
+  const Case cases[] = {
+      {"nothing configured", {}, kNotProtected},
+      {"plain TCP", {.security = {.insecurePlainTcp = true}}, kUnreachable},
+      {"a peer of ours", {.security = {good}}, kOk},
+      {"a peer of another authority", {.security = {stranger}}, kUnreachable},
+      {"a certificate that has expired", {.security = {ours.issue("late", "", -1)}}, kUnreachable},
+      {"a server of another authority", {.security = {expecting}}, kUnreachable},
+      {"a server of another name", {.security = {good}, .serverName = "other"}, kUnreachable},
+      {"a peer of ours again", {.security = {good}}, kOk},
+  };
+  for (const Case& peer : cases) {
+    SCOPED_TRACE(peer.what);
+    const int before = handled_;
+    configureCalls(peer.settings);
+    EXPECT_EQ(call(), outcome(peer.expected));
+    EXPECT_EQ(handled_, before + (peer.expected == kOk ? 1 : 0));
+  }
+  std::ifstream file(good.authority);
+  const std::string roots{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const int before = handled_;
+  EXPECT_FALSE(rawCall(server.target(), 1, grpc::SslCredentials({roots, "", ""})).ok())
+      << "a peer without a certificate";
+  EXPECT_EQ(handled_, before);
+}
+
+TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
+  const TestAuthority ours(folder, "ours");
+  const TlsFiles serverFiles = ours.issue("server", "subjectAltName=IP:127.0.0.1");
+  constexpr std::string_view kRestricted[] = {kAlarmPath};
+  const PeerPolicy policy = restrictTo({"operator", "operator.example"}, kRestricted);
+  const TransportSecurity plain{.insecurePlainTcp = true};
+  RpcServer overTls(kLoopback, handler(), {.security = {serverFiles}, .policy = policy});
+  RpcServer overTcp(kLoopback, handler(), {.security = plain, .policy = policy});
+  RpcServer local(target, handler(), {.policy = policy});
+  struct Case {
+    const char* what;
+    const RpcServer& server;
+    TransportSecurity security;
+    int32_t expected;
+  };
+  const Case cases[] = {
+      {"named by common name", overTls, {ours.issue("operator")}, kOk},
+      {"named by one of two alternative names",
+       overTls,
+       {ours.issue("a", "subjectAltName=DNS:other,DNS:operator.example")},
+       kOk},
+      {"not named", overTls, {ours.issue("somebody")}, kNotPermitted},
+      {"named only in part", overTls, {ours.issue("operator.example.org")}, kNotPermitted},
+      {"a common name besides alternative names",
+       overTls,
+       {ours.issue("operator", "subjectAltName=DNS:other")},
+       kNotPermitted},
+      {"nameless", overTcp, plain, kNotPermitted},
+      {"the local user", local, {}, kOk},
+  };
+  for (const Case& peer : cases) {
+    SCOPED_TRACE(peer.what);
+    configureCalls({.security = peer.security});
+    aimAt(peer.server.target());
+    const int before = handled_;
+    EXPECT_EQ(call(), outcome(peer.expected));
+    EXPECT_EQ(handled_, before + (peer.expected == kOk ? 1 : 0));
+    OvLoadDiskCtlInput open{};
+    OvLoadDiskCtlOutput output{};
+    EXPECT_EQ(KelSysdiagMaster_KelGetDiskOvLoadCfgInfo(&open, &output, 0), kReplyNotDecoded)
+        << "a method that is open to all";
+  }
+  expectStatus(rawCall(overTcp.target()), grpc::StatusCode::PERMISSION_DENIED,
+               "/KelSysdiagMaster/KelSendAlarm is not open to peers without a name");
+}
+
+TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
+  const TestAuthority ours(folder, "ours");
+  const TlsFiles good = ours.issue("good");
+  const TlsFiles other = ours.issue("other");
+  std::ofstream(folder / "file") << "not a socket";
+  struct Case {
+    std::string target;
+    TransportSecurity security;
+    const char* complaint;
+  };
+  const Case cases[] = {
+      {kLoopback, {}, "--insecure-plain-tcp"},
+      {"unix-abstract:name", {}, "--insecure-plain-tcp"},
+      {kLoopback, {{good.authority, good.certificate, ""}, false}, "three files"},
+      {kLoopback, {good, true}, "exclude each other"},
+      {kLoopback, {{good.authority, good.certificate, other.key}, false}, "as the key of"},
+      {kLoopback, {{good.authority, good.key, good.key}, false}, "as a certificate"},
+      {kLoopback, {{"none.pem", good.certificate, good.key}, false}, "authority's certificate"},
+      {"127.0.0.1", {{}, true}, "ADDRESS:PORT"},
+      {"127.0.0.1:port", {{}, true}, "cannot listen on 127.0.0.1:port"},
+      {"192.0.2.1:1", {{}, true}, "Cannot assign requested address"},
+      {"unix:" + std::string(108, 'x'), {}, "1 to 107 bytes"},
+      {"unix:", {}, "1 to 107 bytes"},
+      {"unix:" + (folder / "file").string(), {}, "is no socket"},
+  };
+  for (const Case& ill : cases) {
+    expectComplaint(ill.complaint,
+                    [&] { RpcServer(ill.target, handler(), {.security = ill.security}); });
+  }
+  expectComplaint("as the key of", [&] {
+    configureCalls({.security = {{good.authority, good.certificate, other.key}, false}});
+  });
+}
+
+TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
+  umask(0);
+  struct Case {
+    mode_t folder;
+    bool warns;
+  };
+  for (const Case& place : {Case{0700, false}, Case{01777, false}, Case{0777, true}}) {
+    chmod(folder.c_str(), place.folder);
+    testing::internal::CaptureStderr();
+    const RpcServer server(target, handler());
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.find("warning: others may replace the socket") != std::string::npos, place.warns)
+        << said;
+    struct stat status {};
+    ASSERT_EQ(stat((folder / "socket").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  }
+}
+
+TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
+  constexpr uint32_t kMost = 1000;
+  std::atomic<size_t> replyBytes = 0;
+  RpcServer server(target,
+                   [&](const std::string&, std::span<const uint8_t> request) {
+                     ++handled_;
+                     EXPECT_LE(request.size(), kMost);
+                     return Answer{AnswerStatus::ok, {}, Bytes(replyBytes, 'x')};
+                   },
+                   {.limits = {.messageBytes = kMost}});
+  replyBytes = kMost;
+  expectStatus(rawCall(target, kMost), grpc::StatusCode::OK, "");
+  expectStatus(rawCall(target, kMost + 1), grpc::StatusCode::RESOURCE_EXHAUSTED, "1001 vs. 1000");
+  replyBytes = kMost + 1;
+  expectStatus(rawCall(target), grpc::StatusCode::RESOURCE_EXHAUSTED,
+               "the reply has 1001 bytes, and this server sends 1000 at most");
+  EXPECT_EQ(handled_, 2);
+  expectStatus(rawCall(target, 100 * kMost, grpc::InsecureChannelCredentials(), GRPC_COMPRESS_GZIP),
+               grpc::StatusCode::RESOURCE_EXHAUSTED, "the reply has 1001 bytes");
+  EXPECT_EQ(handled_, 3) << "what is compressed is not unfolded, but handled as it is";
+  EXPECT_EQ(call(), outcome(kTooLarge));
+
+  replyBytes = kMost;
+  configureCalls({.messageBytes = kMost - 1});
+  EXPECT_EQ(call(), outcome(kTooLarge)) << "beyond the caller's own limit";
+  configureCalls({.messageBytes = 8});
+  const int before = handled_;
+  EXPECT_EQ(call(), outcome(kTooLarge)) << "a request beyond the caller's own limit";
+  EXPECT_EQ(handled_, before);
+}
+
+// Even when the handlers keep every thread busy.
+TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
+  constexpr uint32_t kMostCalls = 20;
+  std::atomic<bool> slow = true;
+  RpcServer server(target,
+                   [&](const std::string&, std::span<const uint8_t>) {
+                     ++handled_;
+                     for (int i = 0; i < 500 && slow; ++i) {
+                       std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                     }
+                     return Answer{AnswerStatus::ok, {}, okReply()};
+                   },
+                   {.security = {},
+                    .limits = {.calls = kMostCalls, .longestCall = std::chrono::milliseconds(1500)},
+                    .policy = {}});
+  Completions completions;
+  const AlarmInput alarm = sampleAlarm();
+  const Clock::time_point began = Clock::now();
+  for (uint32_t i = 0; i < kMostCalls; ++i) {
+    EXPECT_EQ(KelSysdiagMaster_KelSendAlarm_async(&alarm, Completions::function(),
+                                                  completions.context(), 20'000),
+              kOk);
+  }
+  constexpr int kWorkers = 16;
+  EXPECT_TRUE(eventually([&] { return handled_ == kWorkers; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for those that have to wait
+  expectStatus(rawCall(target), grpc::StatusCode::RESOURCE_EXHAUSTED,
+               "the server is at work on 20 calls, and takes no more at a time");
+  EXPECT_EQ(call(), outcome(kTooLarge));
+  EXPECT_LT(Clock::now() - began, std::chrono::milliseconds(1200));
+  for (const auto& completed : completions.wait(kMostCalls)) {
+    EXPECT_EQ(outcome(completed.result), outcome(kDeadlinePassed));
+  }
+  EXPECT_LT(Clock::now() - began, std::chrono::seconds(4)) << "they waited for the handlers";
+  slow = false;
+  EXPECT_TRUE(eventually([] { return call() == outcome(kOk); })) << "once they have returned";
+}
+
+// A call without a deadline, whose caller does not read the reply.
+class UnreadCall {
+ public:
+  explicit UnreadCall(const std::string& target)
+      : call_(grpc::GenericStub(open(target)).PrepareCall(&context_, kAlarmPath, &queue_)) {
+    const grpc::Slice slice("x");
+    call_->StartCall(nullptr);
+    next();
+    call_->WriteLast(grpc::ByteBuffer(&slice, 1), grpc::WriteOptions(), nullptr);
+    next();
+  }
+
+  ~UnreadCall() {
+    context_.TryCancel();
+    grpc::Status status;
+    call_->Finish(&status, nullptr);
+    next();
+  }
+  UnreadCall(const UnreadCall&) = delete;
+  UnreadCall& operator=(const UnreadCall&) = delete;
+
+ private:
+  // That takes in no more than it must.
+  static std::shared_ptr<grpc::Channel> open(const std::string& target) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+    arguments.SetInt(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, 1024);
+    return grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), arguments);
+  }
+
+  void next() {
+    void* tag = nullptr;
+    bool succeeded = false;
+    queue_.Next(&tag, &succeeded);
+  }
+
+  grpc::ClientContext context_;
+  grpc::CompletionQueue queue_;
+  std::unique_ptr<grpc::GenericClientAsyncReaderWriter> call_;
+};
+
+TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
+  constexpr uint32_t kCalls = 4;
+  constexpr int kPlaces = 4;  // for the largest replies
+  RpcServer server(target,
+                   [&](const std::string&, std::span<const uint8_t>) {
+                     Bytes reply =
+                         handled_ < kPlaces ? Bytes(kDefaultMessageBytes, 'x') : okReply();
+                     ++handled_;  // last of all, since the test goes on then
+                     return Answer{AnswerStatus::ok, {}, std::move(reply)};
+                   },
+                   {.limits = {.calls = kCalls, .longestCall = std::chrono::milliseconds(1500)}});
+  std::deque<UnreadCall> unread;
+  for (int i = 1; i <= kPlaces; ++i) {
+    unread.emplace_back(target);
+    ASSERT_TRUE(eventually([&] { return handled_ == i; }));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for what needs no reader
+  EXPECT_EQ(call(), outcome(kTooLarge)) << "there is room for so many";
+  EXPECT_TRUE(eventually([&] { return call() == outcome(kOk); })) << "they keep their places";
+}
+
+}  // namespace
+}  // namespace kel::host::test
