@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <exception>
 #include <limits>
 #include <string>
 
@@ -53,6 +55,16 @@ void addLimitOptions(CLI::App& app, ServerLimits& limits) {
       ->check(CLI::Range(int64_t{1}, kMostSeconds))
       ->default_str(std::to_string(
           std::chrono::duration_cast<std::chrono::seconds>(limits.longestCall).count()));
+}
+
+int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv)) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: %s\n", name, error.what());
+    return 1;
+  }
 }
 
 }  // namespace kel::host

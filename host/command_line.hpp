@@ -1,4 +1,5 @@
-// The options by which an operator sets protection and limits, the same in every program.
+// What every program's command line has in common: the options for protection and limits, and how
+// a program ends that cannot do what it was asked.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -14,5 +15,9 @@ void addServerOptions(CLI::App& app, ServerOptions& options);
 // The part of the server's options that a program which calls and serves has besides its call
 // options.
 void addLimitOptions(CLI::App& app, ServerLimits& limits);
+
+// Returns what run does. What it throws becomes a sentence on stderr, behind the program's name and
+// all that was printed before, and an exit code of 1.
+int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv));
 
 }  // namespace kel::host

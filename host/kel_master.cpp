@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <exception>
 
 #include "host/command_line.hpp"
 #include "host/default_target.hpp"
@@ -53,11 +52,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "kel_master: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return runProgram("kel_master", argc, argv, run); }

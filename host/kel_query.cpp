@@ -178,12 +178,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "kel_query: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return runProgram("kel_query", argc, argv, run); }

@@ -8,6 +8,7 @@
 #include "schema/disk_overload_config_messages.hpp"
 #include "schema/overload_alarm_messages.hpp"
 #include "support/message_checks.hpp"
+#include "support/sub_record.hpp"
 
 namespace {
 
@@ -28,24 +29,6 @@ const IdlCodecOps& diskOps() {
   return opsOf<KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl>();
 }
 const IdlCodecOps& configOps() { return opsOf<KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl>(); }
-
-constexpr DiagSubRecord kFullSub{0x0102, 3, 4, 5, 6, 7, 8, 0x090A0B0C};
-
-// A sub-record in the compact form, every field zero or every field of kFullSub.
-Bytes compactSub(bool full) {
-  if (!full) return Bytes().u16s({20, 4, 0, 0, 0, 0, 0, 0, 0, 0}).u32(20);
-  return Bytes()
-      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12})
-      .u32(20)
-      .u16(0x0102)
-      .u8(3)
-      .u8(4)
-      .u8(5)
-      .u8(6)
-      .u8(7)
-      .u8(8)
-      .u32(0x090A0B0C);
-}
 
 Bytes fixedSub(const DiagSubRecord& sub) {
   return Bytes()

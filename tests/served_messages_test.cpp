@@ -20,6 +20,7 @@
 #include "schema/storage_messages.hpp"
 #include "support/framework_double.hpp"
 #include "support/message_checks.hpp"
+#include "support/sub_record.hpp"
 
 namespace {
 
@@ -161,25 +162,10 @@ TEST(BrdPartInfo, Compact) {
                                      .append(arrays)));
 }
 
-Bytes subRecord(bool full) {
-  if (!full) return Bytes().u16s({20, 4, 0, 0, 0, 0, 0, 0, 0, 0}).u32(20);
-  return Bytes()
-      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12})
-      .u32(20)
-      .u16(0x0102)
-      .u8(3)
-      .u8(4)
-      .u8(5)
-      .u8(6)
-      .u8(7)
-      .u8(8)
-      .u32(0x090A0B0C);
-}
-
 TEST(FdProcInfoOutput, Compact) {
-  const DiagSubRecord full{0x0102, 3, 4, 5, 6, 7, 8, 0x090A0B0C};
-  FdProcEntry entries[] = {
-      {1, 2, full, full, full, {}}, {}, {0, 7, {}, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, full, {}}};
+  FdProcEntry entries[] = {{1, 2, kFullSub, kFullSub, kFullSub, {}},
+                           {},
+                           {0, 7, {}, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, kFullSub, {}}};
   for (FdProcEntry& entry : entries) fillWith(entry.bytes256, 0xF0);
   const std::vector<uint8_t> expected =
       vectorHeader({28, 24 + 304 + 108, 20 + 304 + 108 + 296 + 72})
@@ -188,27 +174,27 @@ TEST(FdProcInfoOutput, Compact) {
           .u32s({1, 2})
           .u32s({296, 328, 360, 4, 256})
           .fill(256, 0xF0)
-          .append(subRecord(true))
-          .append(subRecord(true))
-          .append(subRecord(true))
+          .append(compactSub(true))
+          .append(compactSub(true))
+          .append(compactSub(true))
           .u16s({16, 280, 0, 0, 4, 8, 12, 16})
           .u32(16)
           .u32s({296, 316, 336, 4, 256})
           .fill(256, 0xF0)
-          .append(subRecord(false))
-          .append(subRecord(false))
-          .append(subRecord(false))
+          .append(compactSub(false))
+          .append(compactSub(false))
+          .append(compactSub(false))
           .u16s({16, 284, 0, 4, 8, 12, 16, 20})
           .u32(16)
           .u32(7)
           .u32s({296, 316, 341, 4, 256})
           .fill(256, 0xF0)
-          .append(subRecord(false))
+          .append(compactSub(false))
           .u16s({20, 9, 0, 0, 0, 4, 0, 0, 0, 5})
           .u32(20)
           .u8(0xB3)
           .u32(0x80)
-          .append(subRecord(true));
+          .append(compactSub(true));
   EXPECT_EQ(packToSize(fdProcOps().packFn, FdProcInfoOutput{3, entries}), expected);
 }
 
