@@ -467,6 +467,24 @@ TEST(LogLines, CarryEachRoutinesOwnName) {
   }
 }
 
+TEST(LogLines, SayNothingOfWhatLiesDeeperThanTheRootsHeader) {
+  FdProcEntry entry{1, 2, kFullSub, kFullSub, kFullSub, {}};
+  fillWith(entry.bytes256, 0xF0);  // no table has such a displacement
+  const std::vector<uint8_t> bytes = packToSize(fdProcOps().packFn, FdProcInfoOutput{1, &entry});
+  const Bend bends[] = {{"an element", 22, 4, 100, nullptr},
+                        {"a nested table", 54, 4, 36, nullptr}};
+  logLines.clear();
+  for (const Bend& b : bends) {
+    const std::vector<uint8_t> bent = bend(bytes, b);
+    FdProcInfoOutput record;
+    EXPECT_EQ(Kel_sys_diag_FdProcInfoOutput_unpack(bent.data(), static_cast<uint32_t>(bent.size()),
+                                                   &record),
+              0U)
+        << b.what;
+  }
+  EXPECT_EQ(logLines, std::vector<std::string>());
+}
+
 template <class Reply, class Entry>
 void expectReleased(const IdlCodecOps& ops, const std::string& message) {
   Reply record{3, makeEntries<Entry>(3)};
@@ -691,8 +709,16 @@ TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
   EXPECT_TRUE(outstanding.empty());
 }
 
-TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShort) {
+TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShortInItsOwnName) {
   expectBadLengthsRefused(everyUnpacker());
+  const uint8_t bytes[3] = {};
+  for (const Unpacker& unpacker : everyUnpacker()) {
+    logLines.clear();
+    unpacker.unpackAndRelease(bytes, 3);
+    EXPECT_EQ(logLines, std::vector<std::string>{std::string("22 Kel_sys_diag_") + unpacker.name +
+                                                 "_unpack [KORVA]:Param invalid(nonNull, 3, "
+                                                 "nonNull)"});
+  }
 }
 
 }  // namespace
