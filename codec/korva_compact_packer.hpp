@@ -234,9 +234,8 @@ class TableWriter {
       head = first ? what : subtractDownToZero(head, what);
       first = false;
     };
-    for (const auto& window : state_.windows) {
-      takeAway(part(window.row->head));
-    }
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) { takeAway(part(state_.windows[Index].row->head)); });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t isThere = hasOffsetField<Slot>(record_) ? 1 : 0;
@@ -250,10 +249,11 @@ class TableWriter {
   // follows in the table, and overwrites what is too much.
   [[gnu::always_inline]] void writeScalars() {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
-    for (const auto& window : state_.windows) {
-      storeVector(at_, window.movedTogether());
-      at_ += window.row->size;
-    }
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) {
+      storeVector(at_, state_.windows[Index].movedTogether());
+      at_ += state_.windows[Index].row->size;
+    });
   }
 
   [[gnu::always_inline]] void reserveOffsetFields() {

@@ -229,9 +229,8 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   // How many bytes of scalars are there.
   [[nodiscard, gnu::always_inline]] uint32_t presentBytes() const {
     uint32_t bytes = 0;
-    for (const auto& window : windows) {
-      bytes += window.row->size;
-    }
+    scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
+        always_inline)) { bytes += windows[Index].row->size; });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::table) {
         bytes += std::get<Index>(this->bySlot).presentBytes();

@@ -405,6 +405,32 @@ TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   alarmOps().releaseFn(&record);
 }
 
+// Only our own packer lets each have a place of its own, in the order of their slots.
+TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
+  const OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
+  const std::vector<uint8_t> bytes = packToSize(overloadOps().packFn, full);
+  const auto unpackWithNextEntryAt = [&](uint32_t entry) {
+    std::vector<uint8_t> bent = bytes;
+    std::copy_n(bytes.begin() + entry + 2, 2, bent.begin() + entry);
+    OverloadAlarmInput record{};
+    EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_unpack(bent.data(),
+                                                     static_cast<uint32_t>(bent.size()), &record),
+              0U);
+    return record;
+  };
+  constexpr uint32_t kRootEntries = 8;
+  constexpr uint32_t kSubEntries = 188 - 36 + 4;
+  OverloadAlarmInput expected = full;
+  expected.value1 = expected.value2;
+  EXPECT_TRUE(sameRecord(expected, unpackWithNextEntryAt(kRootEntries)));
+  expected = full;
+  expected.value9 = expected.value10;
+  EXPECT_TRUE(sameRecord(expected, unpackWithNextEntryAt(kRootEntries + 2 * 10)));
+  expected = full;
+  expected.sub.byte1 = expected.sub.byte2;
+  EXPECT_TRUE(sameRecord(expected, unpackWithNextEntryAt(kSubEntries + 2)));
+}
+
 std::vector<Unpacker> everyUnpacker() {
   const AlarmInput alarm{1, 2, "text", 3, 4, {1}, 5};
   char text[] = "text";
