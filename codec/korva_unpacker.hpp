@@ -235,7 +235,7 @@ template <class Slot, class Record>
 [[gnu::cold, gnu::noinline]] inline void completeVtable(const uint8_t* vtable, uint32_t length,
                                                         uint8_t* complete, uint32_t size) {
   std::memset(complete, 0, size);
-  std::memcpy(complete, vtable, length / kSlotEntryWidth * kSlotEntryWidth);
+  std::memcpy(complete, vtable, length - length % kSlotEntryWidth);
 }
 
 // Reads all of a table: an absent field is 0, and so is every byte of an absent array or nested
