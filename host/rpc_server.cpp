@@ -170,8 +170,9 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   }
 
   static constexpr size_t kWorkers = 15;
-  // Of the handler that is at work on gRPC's own thread, which saves a call the way to another. There
-  // are two such threads at least, so one is left to refuse calls however long that handler takes.
+  // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
+  // There are two such threads at least, so one is left to refuse calls however long that handler
+  // takes.
   static inline std::atomic<bool> grpcThreadLent_ = false;
 
   const RequestHandler handler_;
