@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <semaphore>
 #include <span>
 #include <string_view>
 #include <thread>
@@ -213,18 +214,15 @@ class Exchange {
   grpc_slice detail_ = grpc_empty_slice();
 };
 
-grpc_event next(grpc::CompletionQueue& queue, gpr_timespec deadline) {
-  return grpc_completion_queue_next(queue.cq(), deadline, nullptr);
+grpc_event next(grpc::CompletionQueue& queue) {
+  return grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
 }
 
-void finish(Exchange& exchange, grpc::CompletionQueue& queue) {
-  for (bool last = false; !last;) {
-    const grpc_event first = next(queue, gpr_inf_future(GPR_CLOCK_MONOTONIC));
-    // The call's end mostly comes along with the reply. Taken before it, it saves reading on.
-    const grpc_event second = next(queue, gpr_inf_past(GPR_CLOCK_MONOTONIC));
-    last = (second.type == GRPC_OP_COMPLETE && exchange.advance(second)) || exchange.advance(first);
-  }
-}
+// For callers that wait. The thread that takes the ends of their operations wakes each only for the
+// last one.
+struct SyncCall : Exchange {
+  std::binary_semaphore over{0};
+};
 
 // What has to outlive the stub of an asynchronous call.
 struct AsyncCall : Exchange {
@@ -269,6 +267,12 @@ class Engine {
     call.release()->start(channel, queue_, path, request, invoker.deadline);  // to run()
   }
 
+  void callAndWait(SyncCall& call, const Invoker& invoker, const std::string& path,
+                   const grpc::Slice& request) {
+    call.start(channelTo(invoker.target), waitedFor_, path, request, invoker.deadline);
+    call.over.acquire();
+  }
+
   void waitForCompletions() {
     std::unique_lock lock(mutex_);
     idle_.wait(lock, [this] { return pending_ == 0; });
@@ -306,16 +310,27 @@ class Engine {
     for (int i = 0; i < kThreads; ++i) {
       std::thread([this] { run(); }).detach();
     }
+    std::thread([this] { wakeCallers(); }).detach();
   }
 
   void run() {
     for (;;) {
-      const grpc_event end = next(queue_, gpr_inf_future(GPR_CLOCK_MONOTONIC));
+      const grpc_event end = next(queue_);
       auto& call = static_cast<AsyncCall&>(Exchange::of(end));
       if (call.advance(end)) {
         call.complete();
         delete &call;
         forget();
+      }
+    }
+  }
+
+  void wakeCallers() {
+    for (;;) {
+      const grpc_event end = next(waitedFor_);
+      auto& call = static_cast<SyncCall&>(Exchange::of(end));
+      if (call.advance(end)) {
+        call.over.release();
       }
     }
   }
@@ -328,6 +343,7 @@ class Engine {
   }
 
   grpc::CompletionQueue queue_;
+  grpc::CompletionQueue waitedFor_;
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
@@ -488,11 +504,8 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
       return kBadArgument;
     }
     const grpc::Slice request = encode(*ops, input);
-    grpc::CompletionQueue queue;
-    Exchange exchange;
-    exchange.start(Engine::instance().channelTo(call->target), queue, pathOf(*method), request,
-                   call->deadline);
-    finish(exchange, queue);
+    SyncCall exchange;
+    Engine::instance().callAndWait(exchange, *call, pathOf(*method), request);
     return exchange.decodeInto(output, *ops);
   });
 }
