@@ -259,6 +259,7 @@ class Engine {
 
   void start(std::unique_ptr<AsyncCall> call, const Invoker& invoker, const std::string& path,
              const grpc::Slice& request) {
+    std::call_once(completing_, [this] { startCompleting(); });
     const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
     {
       const std::scoped_lock lock(mutex_);
@@ -304,13 +305,17 @@ class Engine {
   // Few, because completions are short; more than one, so that a slow one does not stop the rest.
   static constexpr int kThreads = 2;
 
-  // The threads run even if no call is asynchronous: their polling is what notices between two
-  // calls that a server has gone.
+  // This thread runs even if there are no calls: its polling is what notices between two of them
+  // that a server has gone.
   Engine() {
+    std::thread([this] { wakeCallers(); }).detach();
+  }
+
+  // Only for programs that need them, since every thread that polls may be woken for nothing.
+  void startCompleting() {
     for (int i = 0; i < kThreads; ++i) {
       std::thread([this] { run(); }).detach();
     }
-    std::thread([this] { wakeCallers(); }).detach();
   }
 
   void run() {
@@ -347,6 +352,7 @@ class Engine {
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
+  std::once_flag completing_;
   // gRPC sets up with the first channel what they all share, and gives it up with the last. Setting
   // it up ends the process when there is no descriptor left. So one channel, which never connects,
   // is there from the start.
