@@ -100,7 +100,6 @@ class Exchange {
 
   // Takes the end of one operation. Says whether there is none left, and so nobody else here.
   bool advance(const grpc_event& end) {
-    handOver();
     if (end.tag == &ended_) {
       over_ = true;
     } else if (end.tag == &replied_) {
@@ -215,7 +214,10 @@ class Exchange {
 };
 
 grpc_event next(grpc::CompletionQueue& queue) {
-  return grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
+  const grpc_event end =
+      grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
+  handOver();
+  return end;
 }
 
 // For callers that wait. The thread that takes the ends of their operations wakes each only for the
