@@ -78,22 +78,24 @@ class Exchange {
     request_ = grpc_raw_byte_buffer_create(&bytes, 1);
     grpc_slice_unref(bytes);
 
-    grpc_op status{};
-    status.op = GRPC_OP_RECV_STATUS_ON_CLIENT;
-    status.data.recv_status_on_client.trailing_metadata = &trailer_;
-    status.data.recv_status_on_client.status = &status_;
-    status.data.recv_status_on_client.status_details = &detail_;
-    begin(ended_, {&status, 1});
+    // A damaged head counts against the call's end, not against what it is received with, which
+    // tells whether the request has left.
+    std::array<grpc_op, 2> frame{};
+    frame[0].op = GRPC_OP_RECV_INITIAL_METADATA;
+    frame[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
+    frame[1].op = GRPC_OP_RECV_STATUS_ON_CLIENT;
+    frame[1].data.recv_status_on_client.trailing_metadata = &trailer_;
+    frame[1].data.recv_status_on_client.status = &status_;
+    frame[1].data.recv_status_on_client.status_details = &detail_;
+    begin(ended_, frame);
 
-    std::array<grpc_op, 5> exchange{};
-    exchange[0].op = GRPC_OP_SEND_INITIAL_METADATA;
-    exchange[1].op = GRPC_OP_SEND_MESSAGE;
-    exchange[1].data.send_message.send_message = request_;
-    exchange[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    exchange[3].op = GRPC_OP_RECV_INITIAL_METADATA;
-    exchange[3].data.recv_initial_metadata.recv_initial_metadata = &head_;
-    exchange[4] = receiving(reply_);
-    begin(replied_, exchange);  // the last word: from here on this is those who take the ends
+    std::array<grpc_op, 4> messages{};
+    messages[0].op = GRPC_OP_SEND_INITIAL_METADATA;
+    messages[1].op = GRPC_OP_SEND_MESSAGE;
+    messages[1].data.send_message.send_message = request_;
+    messages[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
+    messages[3] = receiving(reply_);
+    begin(replied_, messages);  // the last word: from here on this is those who take the ends
   }
 
   static Exchange& of(const grpc_event& end) { return *static_cast<Operation*>(end.tag)->exchange; }
@@ -220,8 +222,8 @@ grpc_event next(grpc::CompletionQueue& queue) {
   return end;
 }
 
-// For callers that wait. The thread that takes the ends of their operations wakes each only for the
-// last one.
+// For callers that wait in company: the thread that takes the ends of their operations is awake
+// already, and wakes each only for the last one.
 struct SyncCall : Exchange {
   std::binary_semaphore over{0};
 };
@@ -270,10 +272,21 @@ class Engine {
     call.release()->start(channel, queue_, path, request, invoker.deadline);  // to run()
   }
 
-  void callAndWait(SyncCall& call, const Invoker& invoker, const std::string& path,
-                   const grpc::Slice& request) {
-    call.start(channelTo(invoker.target), waitedFor_, path, request, invoker.deadline);
-    call.over.acquire();
+  int32_t callAndWait(const Invoker& invoker, const std::string& path, const grpc::Slice& request,
+                      void* output, const IdlCodecOps& ops) {
+    const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
+    SyncCall call;
+    if (waiting_.fetch_add(1) == 0) {
+      grpc::CompletionQueue own;
+      call.start(channel, own, path, request, invoker.deadline);
+      while (!call.advance(next(own))) {
+      }
+    } else {
+      call.start(channel, waitedFor_, path, request, invoker.deadline);
+      call.over.acquire();
+    }
+    --waiting_;
+    return call.decodeInto(output, ops);
   }
 
   void waitForCompletions() {
@@ -351,6 +364,7 @@ class Engine {
 
   grpc::CompletionQueue queue_;
   grpc::CompletionQueue waitedFor_;
+  std::atomic<int> waiting_ = 0;  // synchronous calls
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
@@ -512,9 +526,7 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
       return kBadArgument;
     }
     const grpc::Slice request = encode(*ops, input);
-    SyncCall exchange;
-    Engine::instance().callAndWait(exchange, *call, pathOf(*method), request);
-    return exchange.decodeInto(output, *ops);
+    return Engine::instance().callAndWait(*call, pathOf(*method), request, output, *ops);
   });
 }
 
