@@ -33,9 +33,6 @@ std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) c
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kLongestBackOffMs);
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, kConnectMs);
-  // No request is sent twice. What would do so also takes a call's end for granted to bear a status,
-  // and ends the process if it comes to an answer that is damaged before there is one.
-  arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
   // The address record and the settings alone decide how calls go, not the environment or the DNS.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);

@@ -45,8 +45,8 @@ struct Failure {
   RpcResult result;
 };
 
-// One request and its reply, in as few operations as tell how a call has failed, since each end of
-// one may wake a thread. They end in any order, on any thread, even two at the same time.
+// One request and its reply. Operations that need not wait for each other do not; they end in any
+// order, on any thread, even two at the same time.
 //
 // gRPC's C interface, because the C++ classes for a single reply would wait for the deadline if
 // there were another one, and those for streams give every operation an end of its own.
@@ -78,36 +78,29 @@ class Exchange {
     request_ = grpc_raw_byte_buffer_create(&bytes, 1);
     grpc_slice_unref(bytes);
 
-    // A damaged head counts against the call's end, not against what it is received with, which
-    // tells whether the request has left.
-    std::array<grpc_op, 2> frame{};
-    frame[0].op = GRPC_OP_RECV_INITIAL_METADATA;
-    frame[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
-    frame[1].op = GRPC_OP_RECV_STATUS_ON_CLIENT;
-    frame[1].data.recv_status_on_client.trailing_metadata = &trailer_;
-    frame[1].data.recv_status_on_client.status = &status_;
-    frame[1].data.recv_status_on_client.status_details = &detail_;
-    begin(ended_, frame);
+    std::array<grpc_op, 2> reply{};
+    reply[0].op = GRPC_OP_RECV_INITIAL_METADATA;
+    reply[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
+    reply[1] = receiving(reply_);
+    begin(replied_, reply);
 
-    std::array<grpc_op, 4> messages{};
-    messages[0].op = GRPC_OP_SEND_INITIAL_METADATA;
-    messages[1].op = GRPC_OP_SEND_MESSAGE;
-    messages[1].data.send_message.send_message = request_;
-    messages[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    messages[3] = receiving(reply_);
-    begin(replied_, messages);  // the last word: from here on this is those who take the ends
+    std::array<grpc_op, 3> message{};
+    message[0].op = GRPC_OP_SEND_INITIAL_METADATA;
+    message[1].op = GRPC_OP_SEND_MESSAGE;
+    message[1].data.send_message.send_message = request_;
+    message[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
+    begin(written_, message);  // the last word: from here on this is those who take the ends
   }
 
   static Exchange& of(const grpc_event& end) { return *static_cast<Operation*>(end.tag)->exchange; }
 
   // Takes the end of one operation. Says whether there is none left, and so nobody else here.
   bool advance(const grpc_event& end) {
-    if (end.tag == &ended_) {
-      over_ = true;
-    } else if (end.tag == &replied_) {
+    if (end.tag == &written_) {
       sent_ = end.success != 0;
-      readOn();
-    } else if (surplus_ != nullptr) {
+    } else if (end.tag == &replied_) {
+      awaitEnd();
+    } else if (end.tag == &readOn_ && surplus_ != nullptr) {
       context_.TryCancel();
     }
     handOver();
@@ -152,13 +145,21 @@ class Exchange {
     }
   }
 
-  // The end does not come before another reply has been read, if there is one.
-  void readOn() {
-    if (reply_ != nullptr && !over_) {
-      ++left_;
+  // Not earlier: where gRPC tries a call anew, it takes for granted that an end for which it waits
+  // bears a status, and ends the process if a damaged head comes instead.
+  void awaitEnd() {
+    left_ += reply_ == nullptr ? 1 : 2;
+    // The end does not come before another reply has been read, if there is one.
+    if (reply_ != nullptr) {
       const grpc_op more = receiving(surplus_);
       begin(readOn_, {&more, 1});
     }
+    grpc_op status{};
+    status.op = GRPC_OP_RECV_STATUS_ON_CLIENT;
+    status.data.recv_status_on_client.trailing_metadata = &trailer_;
+    status.data.recv_status_on_client.status = &status_;
+    status.data.recv_status_on_client.status_details = &detail_;
+    begin(ended_, {&status, 1});
   }
 
   // Shares the received block; only a reply in pieces has to be joined.
@@ -202,9 +203,9 @@ class Exchange {
   std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
   Operation ended_{this};
   Operation replied_{this};
+  Operation written_{this};
   Operation readOn_{this};
   std::atomic<int> left_ = 2;  // operations whose ends have not been taken
-  std::atomic<bool> over_ = false;
   bool sent_ = false;
   grpc_byte_buffer* request_ = nullptr;
   grpc_metadata_array head_;
