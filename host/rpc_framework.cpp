@@ -1,9 +1,12 @@
-// Calls over gRPC with raw byte buffers. One call is one strictly sequential exchange on a
-// completion queue: the caller's own for a synchronous call, the framework's for an asynchronous
-// one.
+// Calls over gRPC with raw byte buffers. One call is one exchange on a completion queue: its own
+// for a synchronous call, the framework's for an asynchronous one.
 #include "host/rpc_framework.hpp"
 
 #include <fmt/core.h>
+#include <grpc/byte_buffer.h>
+#include <grpc/byte_buffer_reader.h>
+#include <grpc/grpc.h>
+#include <grpc/slice.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
 #include <kel_sys_diag/rpc.h>
@@ -12,12 +15,14 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <optional>
+#include <semaphore>
+#include <span>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -40,113 +45,154 @@ struct Failure {
   RpcResult result;
 };
 
-// One request and its reply. Each step starts exactly one operation, and touches nothing any more
-// once it has; the operation's end calls for the next step, on whichever thread.
+// One request and its reply. Operations that need not wait for each other do not; they end in any
+// order, on any thread, even two at the same time.
+//
+// gRPC's C interface, because the C++ classes for a single reply would wait for the deadline if
+// there were another one, and those for streams give every operation an end of its own.
 class Exchange {
  public:
-  // The tag comes back from the queue once for every step.
-  void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue, void* tag,
+  Exchange() {
+    grpc_metadata_array_init(&head_);
+    grpc_metadata_array_init(&trailer_);
+  }
+  ~Exchange() {
+    grpc_byte_buffer_destroy(request_);
+    grpc_byte_buffer_destroy(reply_);
+    grpc_byte_buffer_destroy(surplus_);
+    grpc_slice_unref(detail_);
+    grpc_metadata_array_destroy(&trailer_);
+    grpc_metadata_array_destroy(&head_);
+  }
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+
+  void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue,
              const std::string& path, const grpc::Slice& request,
              std::chrono::milliseconds deadline) {
     channel_ = channel;
-    tag_ = tag;
     context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                                        gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
-    // The request then travels with the call's head as one operation, whose end says whether it
-    // has left.
-    context_.set_initial_metadata_corked(true);
     stream_ = grpc::GenericStub(channel).PrepareCall(&context_, path, &queue);
-    stream_->StartCall(nullptr);
-    handOverTo([&request](auto& stream, void* written) {
-      stream.WriteLast(grpc::ByteBuffer(&request, 1), grpc::WriteOptions(), written);
-    });
+    grpc_slice bytes = request.c_slice();
+    request_ = grpc_raw_byte_buffer_create(&bytes, 1);
+    grpc_slice_unref(bytes);
+
+    std::array<grpc_op, 2> reply{};
+    reply[0].op = GRPC_OP_RECV_INITIAL_METADATA;
+    reply[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
+    reply[1] = receiving(reply_);
+    begin(replied_, reply);
+
+    std::array<grpc_op, 3> message{};
+    message[0].op = GRPC_OP_SEND_INITIAL_METADATA;
+    message[1].op = GRPC_OP_SEND_MESSAGE;
+    message[1].data.send_message.send_message = request_;
+    message[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
+    begin(written_, message);  // the last word: from here on this is those who take the ends
   }
 
-  // Takes the end of one operation and starts the next. Says whether there was none left to start.
-  bool advance(bool succeeded) {
-    handOver();
-    switch (step_) {
-      case Step::write:
-        sent_ = succeeded;
-        succeeded ? read(Step::readReply, reply_) : finish();
-        return false;
-      case Step::readReply:
-        // A call has one reply, yet its end is only known when reading has found it.
-        succeeded ? read(Step::readOn, surplus_) : finish();
-        return false;
-      case Step::readOn:
-        if (succeeded) {
-          overrun_ = true;
-          context_.TryCancel();
-        }
-        finish();
-        return false;
-      case Step::finish:
-        return true;
+  static Exchange& of(const grpc_event& end) { return *static_cast<Operation*>(end.tag)->exchange; }
+
+  // Takes the end of one operation. Says whether there is none left, and so nobody else here.
+  bool advance(const grpc_event& end) {
+    if (end.tag == &written_) {
+      sent_ = end.success != 0;
+    } else if (end.tag == &replied_) {
+      awaitEnd();
+    } else if (end.tag == &readOn_ && surplus_ != nullptr) {
+      context_.TryCancel();
     }
-    return true;
+    handOver();
+    return --left_ == 0;
   }
 
   // Once advance has returned true.
   int32_t decodeInto(void* output, const IdlCodecOps& ops) {
-    if (overrun_) {
+    if (surplus_ != nullptr) {
       return kTooManyReplies;
     }
-    if (!status_.ok()) {
+    if (status_ != GRPC_STATUS_OK) {
       return failure();
     }
-    if (reply_.Length() == 0) {
+    if (reply_ == nullptr || grpc_byte_buffer_length(reply_) == 0) {
       return kReplyEmpty;
     }
-    grpc::Slice bytes;  // shares the received block; only a reply in pieces has to be joined
-    if (!reply_.TrySingleSlice(&bytes).ok() && !reply_.DumpToSingleSlice(&bytes).ok()) {
-      return kReplyNotDecoded;
-    }
+    const grpc::Slice bytes = received();
     return ops.unpackFn(bytes.begin(), static_cast<uint32_t>(bytes.size()), output) != 0
                ? kOk
                : kReplyNotDecoded;
   }
 
  private:
-  enum class Step : uint8_t { write, readReply, readOn, finish };
+  // Its address is what the queue gives back.
+  struct Operation {
+    Exchange* exchange;
+  };
 
-  void read(Step step, grpc::ByteBuffer& into) {
-    step_ = step;
-    handOverTo([&into](auto& stream, void* tag) { stream.Read(&into, tag); });
+  static grpc_op receiving(grpc_byte_buffer*& message) {
+    grpc_op op{};
+    op.op = GRPC_OP_RECV_MESSAGE;
+    op.data.recv_message.recv_message = &message;
+    return op;
   }
 
-  void finish() {
-    step_ = Step::finish;
-    handOverTo([status = &status_](auto& stream, void* tag) { stream.Finish(status, tag); });
-  }
-
-  // From the hand-over on, this object is the next step's.
-  template <class Start>
-  void handOverTo(const Start& start) {
-    grpc::GenericClientAsyncReaderWriter& stream = *stream_;
-    void* const tag = tag_;
+  void begin(Operation& operation, std::span<const grpc_op> ops) {
     handOver();
-    start(stream, tag);
+    if (grpc_call_start_batch(context_.c_call(), ops.data(), ops.size(), &operation, nullptr) !=
+        GRPC_CALL_OK) {
+      std::abort();  // these operations are always in order
+    }
+  }
+
+  // Not earlier: where gRPC tries a call anew, it takes for granted that an end for which it waits
+  // bears a status, and ends the process if a damaged head comes instead.
+  void awaitEnd() {
+    left_ += reply_ == nullptr ? 1 : 2;
+    // The end does not come before another reply has been read, if there is one.
+    if (reply_ != nullptr) {
+      const grpc_op more = receiving(surplus_);
+      begin(readOn_, {&more, 1});
+    }
+    grpc_op status{};
+    status.op = GRPC_OP_RECV_STATUS_ON_CLIENT;
+    status.data.recv_status_on_client.trailing_metadata = &trailer_;
+    status.data.recv_status_on_client.status = &status_;
+    status.data.recv_status_on_client.status_details = &detail_;
+    begin(ended_, {&status, 1});
+  }
+
+  // Shares the received block; only a reply in pieces has to be joined.
+  [[nodiscard]] grpc::Slice received() const {
+    const grpc_slice_buffer& pieces = reply_->data.raw.slice_buffer;
+    if (pieces.count == 1) {
+      return {pieces.slices[0], grpc::Slice::ADD_REF};
+    }
+    grpc_byte_buffer_reader reader;
+    grpc_byte_buffer_reader_init(&reader, reply_);
+    grpc::Slice joined(grpc_byte_buffer_reader_readall(&reader), grpc::Slice::STEAL_REF);
+    grpc_byte_buffer_reader_destroy(&reader);
+    return joined;
   }
 
   [[nodiscard]] int32_t failure() const {
-    switch (status_.error_code()) {
-      case grpc::StatusCode::UNAVAILABLE:
+    switch (status_) {
+      case GRPC_STATUS_UNAVAILABLE:
         return sent_ ? kConnectionLost : kUnreachable;
-      case grpc::StatusCode::CANCELLED:  // by a server that stops
+      case GRPC_STATUS_CANCELLED:  // by a server that stops
         return kConnectionLost;
-      case grpc::StatusCode::DEADLINE_EXCEEDED:
+      case GRPC_STATUS_DEADLINE_EXCEEDED:
         return kDeadlinePassed;
-      case grpc::StatusCode::INVALID_ARGUMENT:
+      case GRPC_STATUS_INVALID_ARGUMENT:
         return kRequestRejected;
-      case grpc::StatusCode::UNIMPLEMENTED:
+      case GRPC_STATUS_UNIMPLEMENTED:
         return kMethodUnknown;
-      case grpc::StatusCode::RESOURCE_EXHAUSTED:
+      case GRPC_STATUS_RESOURCE_EXHAUSTED:
         return kTooLarge;
-      case grpc::StatusCode::PERMISSION_DENIED:
+      case GRPC_STATUS_PERMISSION_DENIED:
         return kNotPermitted;
       default:
-        return kGrpcStatus + static_cast<int32_t>(status_.error_code());
+        return kGrpcStatus + static_cast<int32_t>(status_);
     }
   }
 
@@ -155,25 +201,44 @@ class Exchange {
   std::shared_ptr<grpc::Channel> channel_;
   grpc::ClientContext context_;
   std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
-  void* tag_ = nullptr;
-  Step step_ = Step::write;
+  Operation ended_{this};
+  Operation replied_{this};
+  Operation written_{this};
+  Operation readOn_{this};
+  std::atomic<int> left_ = 2;  // operations whose ends have not been taken
   bool sent_ = false;
-  bool overrun_ = false;
-  grpc::ByteBuffer reply_;
-  grpc::ByteBuffer surplus_;
-  grpc::Status status_;
+  grpc_byte_buffer* request_ = nullptr;
+  grpc_metadata_array head_;
+  grpc_byte_buffer* reply_ = nullptr;
+  grpc_byte_buffer* surplus_ = nullptr;
+  grpc_metadata_array trailer_;
+  grpc_status_code status_ = GRPC_STATUS_UNKNOWN;
+  grpc_slice detail_ = grpc_empty_slice();
+};
+
+grpc_event next(grpc::CompletionQueue& queue) {
+  const grpc_event end =
+      grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
+  handOver();
+  return end;
+}
+
+// For callers that wait in company: the thread that takes the ends of their operations is awake
+// already, and wakes each only for the last one.
+struct SyncCall : Exchange {
+  std::binary_semaphore over{0};
 };
 
 // What has to outlive the stub of an asynchronous call.
-struct AsyncCall {
-  explicit AsyncCall(const IdlCodecOps& codecs, const IdlAsyncInfo& info)
+struct AsyncCall : Exchange {
+  AsyncCall(const IdlCodecOps& codecs, const IdlAsyncInfo& info)
       : ops(codecs),
         completion(reinterpret_cast<Completion>(info.userArg1)),
         context(info.userArg2),
         output(new std::byte[info.outputSize]()) {}
 
   void complete() {
-    const int32_t result = exchange.decodeInto(output.get(), ops);
+    const int32_t result = decodeInto(output.get(), ops);
     if (result != kOk) {
       completion(result, nullptr, context);
       return;
@@ -186,7 +251,6 @@ struct AsyncCall {
   Completion completion;
   uintptr_t context;
   std::unique_ptr<std::byte[]> output;
-  Exchange exchange;
 };
 
 // What all calls share. Lives until the process ends, since its threads may still be at work when
@@ -200,13 +264,30 @@ class Engine {
 
   void start(std::unique_ptr<AsyncCall> call, const Invoker& invoker, const std::string& path,
              const grpc::Slice& request) {
+    std::call_once(completing_, [this] { startCompleting(); });
     const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
     {
       const std::scoped_lock lock(mutex_);
       ++pending_;
     }
-    AsyncCall* const started = call.release();  // to run()
-    started->exchange.start(channel, queue_, started, path, request, invoker.deadline);
+    call.release()->start(channel, queue_, path, request, invoker.deadline);  // to run()
+  }
+
+  int32_t callAndWait(const Invoker& invoker, const std::string& path, const grpc::Slice& request,
+                      void* output, const IdlCodecOps& ops) {
+    const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
+    SyncCall call;
+    if (waiting_.fetch_add(1) == 0) {
+      grpc::CompletionQueue own;
+      call.start(channel, own, path, request, invoker.deadline);
+      while (!call.advance(next(own))) {
+      }
+    } else {
+      call.start(channel, waitedFor_, path, request, invoker.deadline);
+      call.over.acquire();
+    }
+    --waiting_;
+    return call.decodeInto(output, ops);
   }
 
   void waitForCompletions() {
@@ -240,23 +321,37 @@ class Engine {
   // Few, because completions are short; more than one, so that a slow one does not stop the rest.
   static constexpr int kThreads = 2;
 
-  // The threads run even if no call is asynchronous: their polling is what notices between two
-  // calls that a server has gone.
+  // This thread runs even if there are no calls: its polling is what notices between two of them
+  // that a server has gone.
   Engine() {
+    std::thread([this] { wakeCallers(); }).detach();
+  }
+
+  // Only for programs that need them, since every thread that polls may be woken for nothing.
+  void startCompleting() {
     for (int i = 0; i < kThreads; ++i) {
       std::thread([this] { run(); }).detach();
     }
   }
 
   void run() {
-    void* tag = nullptr;
-    bool succeeded = false;
-    while (queue_.Next(&tag, &succeeded)) {
-      auto* const call = static_cast<AsyncCall*>(tag);
-      if (call->exchange.advance(succeeded)) {
-        call->complete();
-        delete call;
+    for (;;) {
+      const grpc_event end = next(queue_);
+      auto& call = static_cast<AsyncCall&>(Exchange::of(end));
+      if (call.advance(end)) {
+        call.complete();
+        delete &call;
         forget();
+      }
+    }
+  }
+
+  void wakeCallers() {
+    for (;;) {
+      const grpc_event end = next(waitedFor_);
+      auto& call = static_cast<SyncCall&>(Exchange::of(end));
+      if (call.advance(end)) {
+        call.over.release();
       }
     }
   }
@@ -269,9 +364,12 @@ class Engine {
   }
 
   grpc::CompletionQueue queue_;
+  grpc::CompletionQueue waitedFor_;
+  std::atomic<int> waiting_ = 0;  // synchronous calls
   std::mutex mutex_;
   std::condition_variable idle_;
   size_t pending_ = 0;
+  std::once_flag completing_;
   // gRPC sets up with the first channel what they all share, and gives it up with the last. Setting
   // it up ends the process when there is no descriptor left. So one channel, which never connects,
   // is there from the start.
@@ -429,18 +527,7 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
       return kBadArgument;
     }
     const grpc::Slice request = encode(*ops, input);
-    grpc::CompletionQueue queue;
-    Exchange exchange;
-    exchange.start(Engine::instance().channelTo(call->target), queue, &exchange, pathOf(*method),
-                   request, call->deadline);
-    void* tag = nullptr;
-    bool succeeded = false;
-    while (queue.Next(&tag, &succeeded) && !exchange.advance(succeeded)) {
-    }
-    queue.Shutdown();
-    while (queue.Next(&tag, &succeeded)) {
-    }
-    return exchange.decodeInto(output, *ops);
+    return Engine::instance().callAndWait(*call, pathOf(*method), request, output, *ops);
   });
 }
 

@@ -3,7 +3,6 @@
 #include "host/rpc_server.hpp"
 
 #include <fmt/core.h>
-#include <grpcpp/alarm.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 
@@ -16,6 +15,7 @@
 
 #include "host/hand_over.hpp"
 #include "host/listener.hpp"
+#include "host/time_limit.hpp"
 #include "host/worker_pool.hpp"
 
 namespace kel::host {
@@ -76,7 +76,10 @@ int milliseconds(std::chrono::milliseconds time) { return static_cast<int>(time.
 class RpcServer::Running final : public grpc::CallbackGenericService {
  public:
   Running(const std::string& target, RequestHandler handler, ServerOptions options)
-      : handler_(std::move(handler)), options_(std::move(options)), local_(isUnixSocket(target)) {
+      : handler_(std::move(handler)),
+        options_(std::move(options)),
+        local_(isUnixSocket(target)),
+        timeLimit_(options_.limits.longestCall) {
     const auto credentials = serverCredentials(target, options_.security);
     listener_ = std::make_unique<Listener>(target);
     const ServerLimits& limits = options_.limits;
@@ -166,7 +169,11 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     }
   }
 
-  static constexpr size_t kWorkers = 16;
+  static constexpr size_t kWorkers = 15;
+  // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
+  // There are two such threads at least, so one is left to refuse calls however long that handler
+  // takes.
+  static inline std::atomic<bool> grpcThreadLent_ = false;
 
   const RequestHandler handler_;
   const ServerOptions options_;
@@ -176,6 +183,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   uint32_t calls_ = 0;
   uint32_t places_ = 0;       // of calls that the handler has not returned from
   uint64_t unreadBytes_ = 0;  // of replies whose callers may not have read them
+  TimeLimit timeLimit_;
   WorkerPool workers_{kWorkers};
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
@@ -183,8 +191,9 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
 };
 
 // One call: a request in, an answer out. Whoever comes first ends it: the answer, the time limit or
-// the caller. Lives until gRPC, the alarm and the handler are done with it.
-class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
+// the caller. Lives until gRPC, the time limit and the handler are done with it.
+class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
+                                       private TimeLimit::Limited {
  public:
   Call(Running& server, grpc::GenericCallbackServerContext& context)
       : server_(server), path_(context.method()), context_(&context) {
@@ -204,9 +213,8 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
         return;
       }
     }
-    ++users_;
+    server_.timeLimit_.begin(*this);
     handOver();
-    alarm_.Set(after(limits.longestCall), [this](bool expired) { onAlarm(expired); });
     StartRead(&request_);
   }
 
@@ -216,14 +224,14 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
       end({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
       return;
     }
-    ++users_;
+    if (!grpcThreadLent_.exchange(true)) {
+      answer();
+      grpcThreadLent_ = false;
+      return;
+    }
+    keepAlive();
     server_.workers_.give([this] {
-      if (ended_) {
-        request_.Clear();
-        giveBackPlace();
-      } else {
-        answer();
-      }
+      answer();
       leave();
     });
   }
@@ -235,7 +243,7 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
 
   void OnDone() override {
     handOver();
-    alarm_.Cancel();
+    server_.timeLimit_.end(*this);
     {
       const std::scoped_lock lock(contextMutex_);
       context_ = nullptr;
@@ -263,11 +271,12 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
     }
   }
 
-  void onAlarm(bool expired) {
-    handOver();
-    if (expired && !end({grpc::StatusCode::DEADLINE_EXCEEDED,
-                         fmt::format("the server gives a call {} ms at most",
-                                     server_.options_.limits.longestCall.count())})) {
+  void keepAlive() override { ++users_; }
+
+  void timeIsUp() override {
+    if (!end({grpc::StatusCode::DEADLINE_EXCEEDED,
+              fmt::format("the server gives a call {} ms at most",
+                          server_.options_.limits.longestCall.count())})) {
       cut();
     }
     leave();
@@ -282,6 +291,11 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   }
 
   void answer() {
+    if (ended_) {
+      request_.Clear();
+      giveBackPlace();
+      return;
+    }
     const Answer answer = answerTo(server_.handler_, path_, request_);
     request_.Clear();
     giveBackPlace();
@@ -330,7 +344,6 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor {
   std::atomic<bool> ended_ = false;
   bool holdsPlace_ = false;
   size_t unreadBytes_ = 0;
-  grpc::Alarm alarm_;
   std::recursive_mutex contextMutex_;            // cancelling may call OnDone on the same thread
   grpc::GenericCallbackServerContext* context_;  // null once gRPC is done with it
   grpc::ByteBuffer request_;
