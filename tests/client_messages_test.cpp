@@ -431,6 +431,17 @@ TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
   EXPECT_TRUE(sameRecord(expected, unpackWithNextEntryAt(kSubEntries + 2)));
 }
 
+// Its scalars are looked for in front of its end, and here that is in front of the message.
+TEST(OverloadAlarmInput, NestedTableMayLieAtTheBeginning) {
+  const std::vector<uint8_t> bytes = Bytes().u32s({4, 0U - 8, 0}).u16s({14, 8, 0, 0, 0, 0, 4});
+  GuardedMemory memory(bytes.size());
+  OverloadAlarmInput record = {1, 2, 3, 4, kFullSub, 5, 6, 7, {8}, 9, 10, 11};
+  EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_unpack(memory.copyFirst(bytes),
+                                                   static_cast<uint32_t>(bytes.size()), &record),
+            0U);
+  EXPECT_TRUE(sameRecord(OverloadAlarmInput{}, record));
+}
+
 std::vector<Unpacker> everyUnpacker() {
   const AlarmInput alarm{1, 2, "text", 3, 4, {1}, 5};
   char text[] = "text";
