@@ -31,7 +31,6 @@ concept KnownLayout = PlainTable<Record> && kScalars<Record>.count >= kWorthwhil
 // for those that are absent.
 template <class Record, uint32_t Index>
 alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
-  constexpr Window kWindow = kWindows<Record>.items[Index];
   constexpr auto& kRows = rows::kRows<Record, Index, rows::kUsualPlace<Record>>;
   std::array<Bytes, kRows.size()> spreads{};
   for (size_t row = 0; row < spreads.size(); ++row) {
@@ -42,7 +41,6 @@ alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
       }
     }
   }
-  static_assert(kWindow.count != 0);
   return spreads;
 }();
 
@@ -72,6 +70,10 @@ alignas(kVectorWidth) inline constexpr Bytes kEntryBytes = [] {
 
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline uint32_t rowOf(const uint8_t* vtable) {
+  static_assert(
+      std::ranges::all_of(kEntryBytes<Record, Index>,
+                          [](uint8_t at) { return at < kVectorWidth || at == kTakesZero; }),
+      "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
   return bitsOfBytes(permute(std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}),
