@@ -15,11 +15,11 @@ struct ServedMethod {
 };
 
 // The service's methods in the order of its interface table. Throws std::runtime_error with a
-// sentence that names the fault when the specification is not that of the service or contradicts
+// sentence that names the fault when the module record is not that of the service or contradicts
 // itself.
 std::vector<ServedMethod> readModule(const IdlModuleSpec& module, const std::string& service);
 
-// Loads a library for the rest of the process's life and finds the specification of a service in
+// Loads a library for the rest of the process's life and finds the module record of a service in
 // it. Throws std::runtime_error with a sentence.
 const IdlModuleSpec& loadModule(const std::string& libraryPath, const std::string& service);
 
