@@ -429,9 +429,10 @@ TEST_F(Faults, OneOfTwoServersDies) {
   EXPECT_TRUE(mortal->says("measured")) << "nothing goes to the one that is back";
   load.stop();
   load.check(output());
-  // Each thread had two calls in flight at most.
-  EXPECT_LE(load.count(kConnectionLost), 2U * kThreads) << load.summary();
-  EXPECT_EQ(load.count(kOk) + load.count(kConnectionLost), load.calls()) << load.summary();
+  // Each thread had two calls in flight at most. The request of one or the other may not have left.
+  const size_t lost = load.count(kConnectionLost) + load.count(kUnreachable);
+  EXPECT_LE(lost, 2U * kThreads) << load.summary();
+  EXPECT_EQ(load.count(kOk) + lost, load.calls()) << load.summary();
 }
 
 TEST_F(Faults, OrderlyShutdown) {
