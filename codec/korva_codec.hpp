@@ -18,8 +18,13 @@ class Codec {
  public:
   using Record = RecordType;
 
-  // Records come untyped, as the slots of an IdlCodecOps hand them over.
-  [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const void* untyped) {
+  // Records come untyped, as the slots of an IdlCodecOps hand them over. Each routine is also given
+  // its own entry point, to begin again once the hooks are set up: whatever happens once or goes
+  // wrong is the last call of its path, so that nothing has to outlive a call and no register to be
+  // saved, which would cost as much as writing a field.
+  template <class Entry>
+  [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const void* untyped,
+                                              Entry* entry) {
     const auto* const record = static_cast<const Record*>(untyped);
     if (target == nullptr) {
       return size(record);
@@ -30,7 +35,9 @@ class Codec {
         [[unlikely]] {
       return reject(buffer, capacity, record);
     }
-    KorvaMemInit(Runtime);
+    if (!isReady(Runtime.memReady)) [[unlikely]] {
+      return setUpAnd(Runtime, entry, target, record);
+    }
     compact::Survey<Record> survey;
     if (!compactFits(*record, capacity, survey)) [[unlikely]] {
       return reject(buffer, capacity, record);
@@ -38,19 +45,28 @@ class Codec {
     return compactPack(buffer, *record, survey);
   }
 
-  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* record) {
+  template <class Entry>
+  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* record,
+                                                 Entry* entry) {
     const auto signedLength = static_cast<int32_t>(length);
     if (bytes == nullptr || signedLength < static_cast<int32_t>(kMinimumLength) ||
         record == nullptr) [[unlikely]] {
-      korvaLog(Runtime, kInvalid, kUnpackName.text(), "[KORVA]:Param invalid(%s, %d, %s)",
-               nullness(bytes), signedLength, nullness(record));
-      return 0;
+      return reject(bytes, signedLength, record);
     }
-    const reading::Source source{static_cast<const uint8_t*>(bytes), length, Runtime,
-                                 kReadName.text()};
-    if (!reading::readMessage(source, static_cast<Record*>(record))) {
-      release(record);
-      return 0;
+    if (!isReady(Runtime.memReady)) [[unlikely]] {
+      return setUpAnd(Runtime, entry, bytes, length, static_cast<Record*>(record));
+    }
+    auto& typed = *static_cast<Record*>(record);
+    if constexpr (kOwnsMemory<Record>) {
+      typed = {};  // before anything can fail, since the release must not meet a stale pointer
+    }
+    const reading::Source source = sourceOf(bytes, length);
+    if (!reading::hasOwnHeader<Record>(source)) [[unlikely]] {
+      return unpackAny(bytes, length, typed);
+    }
+    if (!reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
+                            typed)) [[unlikely]] {
+      return giveUp(record);
     }
     return reinterpret_cast<uintptr_t>(record);
   }
@@ -59,8 +75,12 @@ class Codec {
     releaseRecord(Runtime, kReleaseName.text(), static_cast<Record*>(record));
   }
 
-  [[gnu::always_inline]] static int32_t packFixed(uint8_t* buffer, const void* record) {
-    KorvaMemInit(Runtime);
+  template <class Entry>
+  [[gnu::always_inline]] static int32_t packFixed(uint8_t* buffer, const void* record,
+                                                  Entry* entry) {
+    if (!isReady(Runtime.memReady)) [[unlikely]] {
+      return setUpAnd(Runtime, entry, buffer, record);
+    }
     fixedPack(buffer, *static_cast<const Record*>(record));
     return 0;
   }
@@ -68,7 +88,6 @@ class Codec {
   [[gnu::always_inline]] static uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
-  // Apart from pack, which then has fewer registers to save.
   [[gnu::noinline]] static uint32_t size(const Record* record) {
     return record == nullptr ? 0 : compactSize(*record);
   }
@@ -77,6 +96,38 @@ class Codec {
                                                       const Record* record) {
     korvaLog(Runtime, kInvalid, kPackName.text(), "[KORVA]:Param invalid(%s, %u, %s)",
              nullness(buffer), capacity, nullness(record));
+    return 0;
+  }
+
+  [[gnu::cold, gnu::noinline]] static uintptr_t reject(const void* bytes, int32_t length,
+                                                       const void* record) {
+    korvaLog(Runtime, kInvalid, kUnpackName.text(), "[KORVA]:Param invalid(%s, %d, %s)",
+             nullness(bytes), length, nullness(record));
+    return 0;
+  }
+
+  [[gnu::always_inline]] static reading::Source sourceOf(const void* bytes, uint32_t length) {
+    return {static_cast<const uint8_t*>(bytes), length, Runtime, kReadName.text()};
+  }
+
+  // Apart, so that its registers are not the business of the usual case.
+  [[gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length, Record& record) {
+    const reading::Source source = sourceOf(bytes, length);
+    reading::TableView view{};
+    const reading::HeaderFault fault = reading::openTable(source, source.at<uint32_t>(0), view);
+    if (fault != reading::HeaderFault::none) {
+      // Only the root's header is worth a line; whatever lies deeper fails in silence.
+      reading::logHeaderFault(source, fault, view);
+      return giveUp(&record);
+    }
+    if (!reading::readTable(source, view, record)) {
+      return giveUp(&record);
+    }
+    return reinterpret_cast<uintptr_t>(&record);
+  }
+
+  [[gnu::cold, gnu::noinline]] static uintptr_t giveUp(void* record) {
+    release(record);
     return 0;
   }
 

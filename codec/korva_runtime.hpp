@@ -50,6 +50,14 @@ struct CodecRuntime {
   }
 }
 
+// Does so on behalf of a routine that begins again then.
+template <class Routine, class... Arguments>
+[[gnu::cold, gnu::noinline]] auto setUpAnd(CodecRuntime& runtime, Routine* routine,
+                                           Arguments... arguments) {
+  memInitOnce(runtime);
+  return routine(arguments...);
+}
+
 // Makes logWrite final.
 [[gnu::always_inline]] inline void KorvaLogInit(CodecRuntime& runtime) {
   if (!isReady(runtime.logReady)) {

@@ -54,35 +54,34 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
                                                       : HeaderFault::vtableLength;
 }
 
-// The root table's header. What our own packer writes is recognised by comparisons that wait for
-// nothing but the buffer, and its positions are constants; following them instead costs a load for
-// each before the first field can be read.
+// Where our own packer puts the root table.
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline HeaderFault openRoot(const Source& source,
-                                                              TableView& view) {
-  constexpr uint32_t kTable = kRootOffsetWidth + kVtableLength<Record>;
-  if (source.holds(kTable, kDisplacementWidth) && source.at<uint32_t>(0) == kTable &&
-      source.at<uint32_t>(kTable) == kVtableLength<Record> &&
-      source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>) [[likely]] {
-    view = {kTable, kRootOffsetWidth, kVtableLength<Record>};
-    return HeaderFault::none;
-  }
-  return openTable(source, source.at<uint32_t>(0), view);
+inline constexpr uint32_t kOwnTable = kRootOffsetWidth + kVtableLength<Record>;
+
+// Whether the message begins as our own packer's do. Comparisons that wait for nothing but the
+// buffer tell, and all positions are constants then; following them instead costs a load for each
+// before the first field can be read.
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool hasOwnHeader(const Source& source) {
+  return source.holds(kOwnTable<Record>, kDisplacementWidth) &&
+         source.at<uint32_t>(0) == kOwnTable<Record> &&
+         source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
+         source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
 }
 
-// Only the root's header is worth a line; whatever lies deeper fails in silence.
-[[gnu::cold, gnu::noinline]] inline void logHeaderFault(CodecRuntime& runtime, const char* function,
-                                                        uint32_t length, HeaderFault fault,
-                                                        TableView view) {
+[[gnu::cold, gnu::noinline]] inline void logHeaderFault(const Source& source, HeaderFault fault,
+                                                        const TableView& view) {
   if (fault == HeaderFault::tableOffset) {
-    korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
-             view.table, length);
+    korvaLog(source.runtime, kInvalid, source.function,
+             "[KORVA]:Table offset(%u) is out of range(4 - %u)", view.table, source.length);
   } else if (fault == HeaderFault::vtableOffset) {
-    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable offset(%u) is out of range(4 - %u)",
-             view.vtable, length - kDisplacementWidth);
+    korvaLog(source.runtime, kInvalid, source.function,
+             "[KORVA]:Vtable offset(%u) is out of range(4 - %u)", view.vtable,
+             source.length - kDisplacementWidth);
   } else {
-    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)",
-             view.vtableLength, length - view.vtable);
+    korvaLog(source.runtime, kInvalid, source.function,
+             "[KORVA]:Vtable Len(%u) is out of range(0 - %u)", view.vtableLength,
+             source.length - view.vtable);
   }
 }
 
@@ -238,21 +237,15 @@ template <class Slot, class Record>
   std::memcpy(complete, vtable, length - length % kSlotEntryWidth);
 }
 
-// Reads all of a table: an absent field is 0, and so is every byte of an absent array or nested
-// record. Strings and vectors are null already.
+// Reads all of a table whose vtable reaches all slots: an absent field is 0, and so is every byte
+// of an absent array or nested record. Strings and vectors are null already.
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool readFields(const Source& source,
-                                                         const TableView& view, Record& record) {
-  const uint8_t* vtable = source.bytes + view.vtable;
-  uint8_t complete[kVtableLength<Record>];
-  if (view.vtableLength < kVtableLength<Record>) [[unlikely]] {
-    completeVtable(vtable, view.vtableLength, complete, sizeof(complete));
-    vtable = complete;
-  }
+[[nodiscard, gnu::always_inline]] inline bool readSlots(const Source& source, const uint8_t* vtable,
+                                                        uint32_t table, Record& record) {
   [[maybe_unused]] bool hasScalars = false;
   if constexpr (known::KnownLayout<Record>) {
-    hasScalars = known::readScalars(vtable, source.bytes + view.table, view.table,
-                                    source.length - view.table, record);
+    hasScalars =
+        known::readScalars(vtable, source.bytes + table, table, source.length - table, record);
   }
   return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
@@ -262,34 +255,23 @@ template <class Record>
           return true;
         }
       }
-      return readScalar<Slot>(source, view.table, entry, record);
+      return readScalar<Slot>(source, table, entry, record);
     } else {
-      return readReference<Slot>(source, view.table, entry, record);
+      return readReference<Slot>(source, table, entry, record);
     }
   });
 }
 
+// Reads all of a table whose header has been checked.
 template <class Record>
 bool readTable(const Source& source, const TableView& view, Record& record) {
-  return readFields(source, view, record);
-}
-
-// Everything behind the argument check. A record that owns memory is cleared before the first
-// check, so that the release after a failure never meets a stale pointer; any other keeps its
-// content until the header has been accepted.
-template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool readMessage(const Source& source, Record* record) {
-  KorvaMemInit(source.runtime);
-  if constexpr (kOwnsMemory<Record>) {
-    *record = {};
+  const uint8_t* vtable = source.bytes + view.vtable;
+  uint8_t complete[kVtableLength<Record>];
+  if (view.vtableLength < kVtableLength<Record>) [[unlikely]] {
+    completeVtable(vtable, view.vtableLength, complete, sizeof(complete));
+    vtable = complete;
   }
-  TableView view{};
-  const HeaderFault fault = openRoot<Record>(source, view);
-  if (fault != HeaderFault::none) {
-    logHeaderFault(source.runtime, source.function, source.length, fault, view);
-    return false;
-  }
-  return readFields(source, view, *record);
+  return readSlots(source, vtable, view.table, record);
 }
 
 }  // namespace korva::reading

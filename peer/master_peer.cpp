@@ -15,14 +15,15 @@ using AlarmOutputCodec = kel::PeerCodec<kel::message::AlarmOutput>;
 using OvLoadDiskCtlOutputCodec = kel::PeerCodec<kel::message::OvLoadDiskCtlOutput>;
 
 uintptr_t Kel_sys_diag_AlarmInput_unpack(const void* bytes, uint32_t length, AlarmInput* record) {
-  return AlarmInputCodec::unpack(bytes, length, record);
+  return AlarmInputCodec::unpack(bytes, length, record, Kel_sys_diag_AlarmInput_unpack);
 }
 
 void Kel_sys_diag_AlarmInput_free_unpacked(AlarmInput* record) { AlarmInputCodec::release(record); }
 
 uintptr_t Kel_sys_diag_OverloadAlarmInput_unpack(const void* bytes, uint32_t length,
                                                  OverloadAlarmInput* record) {
-  return OverloadAlarmInputCodec::unpack(bytes, length, record);
+  return OverloadAlarmInputCodec::unpack(bytes, length, record,
+                                         Kel_sys_diag_OverloadAlarmInput_unpack);
 }
 
 void Kel_sys_diag_OverloadAlarmInput_free_unpacked(OverloadAlarmInput* record) {
@@ -31,7 +32,8 @@ void Kel_sys_diag_OverloadAlarmInput_free_unpacked(OverloadAlarmInput* record) {
 
 uintptr_t Kel_sys_diag_OverloadDiskAlarmInput_unpack(const void* bytes, uint32_t length,
                                                      OverloadDiskAlarmInput* record) {
-  return OverloadDiskAlarmInputCodec::unpack(bytes, length, record);
+  return OverloadDiskAlarmInputCodec::unpack(bytes, length, record,
+                                             Kel_sys_diag_OverloadDiskAlarmInput_unpack);
 }
 
 void Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked(OverloadDiskAlarmInput* record) {
@@ -40,7 +42,8 @@ void Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked(OverloadDiskAlarmInput* r
 
 uintptr_t Kel_sys_diag_OvLoadDiskCtlInput_unpack(const void* bytes, uint32_t length,
                                                  OvLoadDiskCtlInput* record) {
-  return OvLoadDiskCtlInputCodec::unpack(bytes, length, record);
+  return OvLoadDiskCtlInputCodec::unpack(bytes, length, record,
+                                         Kel_sys_diag_OvLoadDiskCtlInput_unpack);
 }
 
 void Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked(OvLoadDiskCtlInput* record) {
@@ -48,10 +51,10 @@ void Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked(OvLoadDiskCtlInput* record) {
 }
 
 uint32_t Kel_sys_diag_AlarmOutput_pack(const PackTarget* target, const AlarmOutput* record) {
-  return AlarmOutputCodec::pack(target, record);
+  return AlarmOutputCodec::pack(target, record, Kel_sys_diag_AlarmOutput_pack);
 }
 
 uint32_t Kel_sys_diag_OvLoadDiskCtlOutput_pack(const PackTarget* target,
                                                const OvLoadDiskCtlOutput* record) {
-  return OvLoadDiskCtlOutputCodec::pack(target, record);
+  return OvLoadDiskCtlOutputCodec::pack(target, record, Kel_sys_diag_OvLoadDiskCtlOutput_pack);
 }

@@ -28,45 +28,47 @@ using StorageBadBlockInfoInputCodec = kel::PeerCodec<kel::message::StorageBadBlo
 using StorageBadBlockInfoCodec = kel::PeerCodec<kel::message::StorageBadBlockInfo>;
 
 uint32_t Kel_sys_diag_BrdPartInfoInput_pack(const PackTarget* target, const void* record) {
-  return BrdPartInfoInputCodec::pack(target, record);
+  return BrdPartInfoInputCodec::pack(target, record, Kel_sys_diag_BrdPartInfoInput_pack);
 }
 
 uint32_t Kel_sys_diag_FdProcInfoInput_pack(const PackTarget* target,
                                            const FdProcInfoInput* record) {
-  return FdProcInfoInputCodec::pack(target, record);
+  return FdProcInfoInputCodec::pack(target, record, Kel_sys_diag_FdProcInfoInput_pack);
 }
 
 uint32_t Kel_sys_diag_SysOvLoadDiskThreshold_pack(const PackTarget* target,
                                                   const SysOvLoadDiskThreshold* record) {
-  return SysOvLoadDiskThresholdCodec::pack(target, record);
+  return SysOvLoadDiskThresholdCodec::pack(target, record,
+                                           Kel_sys_diag_SysOvLoadDiskThreshold_pack);
 }
 
 uint32_t Kel_sys_diag_SysDiskUseInput_pack(const PackTarget* target,
                                            const SysDiskUseInput* record) {
-  return SysDiskUseInputCodec::pack(target, record);
+  return SysDiskUseInputCodec::pack(target, record, Kel_sys_diag_SysDiskUseInput_pack);
 }
 
 uint32_t Kel_sys_diag_ResetDiskCondition_pack(const PackTarget* target,
                                               const ResetDiskCondition* record) {
-  return ResetDiskConditionCodec::pack(target, record);
+  return ResetDiskConditionCodec::pack(target, record, Kel_sys_diag_ResetDiskCondition_pack);
 }
 
 uint32_t Kel_sys_diag_MountDiskInput_pack(const PackTarget* target, const MountDiskInput* record) {
-  return MountDiskInputCodec::pack(target, record);
+  return MountDiskInputCodec::pack(target, record, Kel_sys_diag_MountDiskInput_pack);
 }
 
 uint32_t Kel_sys_diag_StorageEraseInfoInput_pack(const PackTarget* target,
                                                  const StorageEraseInfoInput* record) {
-  return StorageEraseInfoInputCodec::pack(target, record);
+  return StorageEraseInfoInputCodec::pack(target, record, Kel_sys_diag_StorageEraseInfoInput_pack);
 }
 
 uint32_t Kel_sys_diag_StorageBadBlockInfoInput_pack(const PackTarget* target,
                                                     const StorageBadBlockInfoInput* record) {
-  return StorageBadBlockInfoInputCodec::pack(target, record);
+  return StorageBadBlockInfoInputCodec::pack(target, record,
+                                             Kel_sys_diag_StorageBadBlockInfoInput_pack);
 }
 
 uintptr_t Kel_sys_diag_BrdPartInfo_unpack(const void* bytes, uint32_t length, BrdPartInfo* record) {
-  return BrdPartInfoCodec::unpack(bytes, length, record);
+  return BrdPartInfoCodec::unpack(bytes, length, record, Kel_sys_diag_BrdPartInfo_unpack);
 }
 
 void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record) {
@@ -75,7 +77,7 @@ void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record) {
 
 uintptr_t Kel_sys_diag_FdProcInfoOutput_unpack(const void* bytes, uint32_t length,
                                                FdProcInfoOutput* record) {
-  return FdProcInfoOutputCodec::unpack(bytes, length, record);
+  return FdProcInfoOutputCodec::unpack(bytes, length, record, Kel_sys_diag_FdProcInfoOutput_unpack);
 }
 
 void Kel_sys_diag_FdProcInfoOutput_free_unpacked(FdProcInfoOutput* record) {
@@ -83,14 +85,15 @@ void Kel_sys_diag_FdProcInfoOutput_free_unpacked(FdProcInfoOutput* record) {
 }
 
 uintptr_t Kel_sys_diag_OperResult_unpack(const void* bytes, uint32_t length, OperResult* record) {
-  return OperResultCodec::unpack(bytes, length, record);
+  return OperResultCodec::unpack(bytes, length, record, Kel_sys_diag_OperResult_unpack);
 }
 
 void Kel_sys_diag_OperResult_free_unpacked(OperResult* record) { OperResultCodec::release(record); }
 
 uintptr_t Kel_sys_diag_SysDiskUseInfoResult_unpack(const void* bytes, uint32_t length,
                                                    SysDiskUseInfoResult* record) {
-  return SysDiskUseInfoResultCodec::unpack(bytes, length, record);
+  return SysDiskUseInfoResultCodec::unpack(bytes, length, record,
+                                           Kel_sys_diag_SysDiskUseInfoResult_unpack);
 }
 
 void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(SysDiskUseInfoResult* record) {
@@ -99,7 +102,7 @@ void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(SysDiskUseInfoResult* recor
 
 uintptr_t Kel_sys_diag_ResetDiskResult_unpack(const void* bytes, uint32_t length,
                                               ResetDiskResult* record) {
-  return ResetDiskResultCodec::unpack(bytes, length, record);
+  return ResetDiskResultCodec::unpack(bytes, length, record, Kel_sys_diag_ResetDiskResult_unpack);
 }
 
 void Kel_sys_diag_ResetDiskResult_free_unpacked(ResetDiskResult* record) {
@@ -108,7 +111,7 @@ void Kel_sys_diag_ResetDiskResult_free_unpacked(ResetDiskResult* record) {
 
 uintptr_t Kel_sys_diag_MountDiskResult_unpack(const void* bytes, uint32_t length,
                                               MountDiskResult* record) {
-  return MountDiskResultCodec::unpack(bytes, length, record);
+  return MountDiskResultCodec::unpack(bytes, length, record, Kel_sys_diag_MountDiskResult_unpack);
 }
 
 void Kel_sys_diag_MountDiskResult_free_unpacked(MountDiskResult* record) {
@@ -117,7 +120,7 @@ void Kel_sys_diag_MountDiskResult_free_unpacked(MountDiskResult* record) {
 
 uintptr_t Kel_sys_diag_StorageEraseInfo_unpack(const void* bytes, uint32_t length,
                                                StorageEraseInfo* record) {
-  return StorageEraseInfoCodec::unpack(bytes, length, record);
+  return StorageEraseInfoCodec::unpack(bytes, length, record, Kel_sys_diag_StorageEraseInfo_unpack);
 }
 
 void Kel_sys_diag_StorageEraseInfo_free_unpacked(StorageEraseInfo* record) {
@@ -126,7 +129,8 @@ void Kel_sys_diag_StorageEraseInfo_free_unpacked(StorageEraseInfo* record) {
 
 uintptr_t Kel_sys_diag_StorageBadBlockInfo_unpack(const void* bytes, uint32_t length,
                                                   StorageBadBlockInfo* record) {
-  return StorageBadBlockInfoCodec::unpack(bytes, length, record);
+  return StorageBadBlockInfoCodec::unpack(bytes, length, record,
+                                          Kel_sys_diag_StorageBadBlockInfo_unpack);
 }
 
 void Kel_sys_diag_StorageBadBlockInfo_free_unpacked(StorageBadBlockInfo* record) {

@@ -8,11 +8,12 @@ using OvLoadDiskCtlInputCodec = kel::ClientCodec<kel::message::OvLoadDiskCtlInpu
 using OvLoadDiskCtlOutputCodec = kel::ClientCodec<kel::message::OvLoadDiskCtlOutput>;
 
 uint32_t Kel_sys_diag_OvLoadDiskCtlInput_pack(const PackTarget* target, const void* record) {
-  return OvLoadDiskCtlInputCodec::pack(target, record);
+  return OvLoadDiskCtlInputCodec::pack(target, record, Kel_sys_diag_OvLoadDiskCtlInput_pack);
 }
 
 int32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_pack(uint8_t* buffer, const void* record) {
-  return OvLoadDiskCtlInputCodec::packFixed(buffer, record);
+  return OvLoadDiskCtlInputCodec::packFixed(buffer, record,
+                                            Kel_sys_diag_OvLoadDiskCtlInput_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_size() {
@@ -21,7 +22,8 @@ uint32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_size() {
 
 uintptr_t Kel_sys_diag_OvLoadDiskCtlOutput_unpack(const void* bytes, uint32_t length,
                                                   void* record) {
-  return OvLoadDiskCtlOutputCodec::unpack(bytes, length, record);
+  return OvLoadDiskCtlOutputCodec::unpack(bytes, length, record,
+                                          Kel_sys_diag_OvLoadDiskCtlOutput_unpack);
 }
 
 void Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked(void* record) {

@@ -10,11 +10,12 @@ using MountDiskInputCodec = kel::ServerCodec<kel::message::MountDiskInput>;
 using MountDiskResultCodec = kel::ServerCodec<kel::message::MountDiskResult>;
 
 uintptr_t Kel_sys_diag_ResetDiskCondition_unpack(const void* bytes, uint32_t length, void* record) {
-  return ResetDiskConditionCodec::unpack(bytes, length, record);
+  return ResetDiskConditionCodec::unpack(bytes, length, record,
+                                         Kel_sys_diag_ResetDiskCondition_unpack);
 }
 
 uint32_t Kel_sys_diag_ResetDiskResult_pack(const PackTarget* target, const void* record) {
-  return ResetDiskResultCodec::pack(target, record);
+  return ResetDiskResultCodec::pack(target, record, Kel_sys_diag_ResetDiskResult_pack);
 }
 
 void Kel_sys_diag_ResetDiskResult_free_unpacked(void* record) {
@@ -22,17 +23,17 @@ void Kel_sys_diag_ResetDiskResult_free_unpacked(void* record) {
 }
 
 int32_t Kel_sys_diag_ResetDiskResult_fixed_pack(uint8_t* buffer, const void* record) {
-  return ResetDiskResultCodec::packFixed(buffer, record);
+  return ResetDiskResultCodec::packFixed(buffer, record, Kel_sys_diag_ResetDiskResult_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_ResetDiskResult_fixed_size() { return ResetDiskResultCodec::fixedSize(); }
 
 uintptr_t Kel_sys_diag_MountDiskInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return MountDiskInputCodec::unpack(bytes, length, record);
+  return MountDiskInputCodec::unpack(bytes, length, record, Kel_sys_diag_MountDiskInput_unpack);
 }
 
 uint32_t Kel_sys_diag_MountDiskResult_pack(const PackTarget* target, const void* record) {
-  return MountDiskResultCodec::pack(target, record);
+  return MountDiskResultCodec::pack(target, record, Kel_sys_diag_MountDiskResult_pack);
 }
 
 void Kel_sys_diag_MountDiskResult_free_unpacked(void* record) {
@@ -40,7 +41,7 @@ void Kel_sys_diag_MountDiskResult_free_unpacked(void* record) {
 }
 
 int32_t Kel_sys_diag_MountDiskResult_fixed_pack(uint8_t* buffer, const void* record) {
-  return MountDiskResultCodec::packFixed(buffer, record);
+  return MountDiskResultCodec::packFixed(buffer, record, Kel_sys_diag_MountDiskResult_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_MountDiskResult_fixed_size() { return MountDiskResultCodec::fixedSize(); }

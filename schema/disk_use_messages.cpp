@@ -8,11 +8,11 @@ using SysDiskUseInputCodec = kel::ServerCodec<kel::message::SysDiskUseInput>;
 using SysDiskUseInfoResultCodec = kel::ServerCodec<kel::message::SysDiskUseInfoResult>;
 
 uintptr_t Kel_sys_diag_SysDiskUseInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return SysDiskUseInputCodec::unpack(bytes, length, record);
+  return SysDiskUseInputCodec::unpack(bytes, length, record, Kel_sys_diag_SysDiskUseInput_unpack);
 }
 
 uint32_t Kel_sys_diag_SysDiskUseInfoResult_pack(const PackTarget* target, const void* record) {
-  return SysDiskUseInfoResultCodec::pack(target, record);
+  return SysDiskUseInfoResultCodec::pack(target, record, Kel_sys_diag_SysDiskUseInfoResult_pack);
 }
 
 void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(void* record) {
@@ -20,7 +20,8 @@ void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(void* record) {
 }
 
 int32_t Kel_sys_diag_SysDiskUseInfoResult_fixed_pack(uint8_t* buffer, const void* record) {
-  return SysDiskUseInfoResultCodec::packFixed(buffer, record);
+  return SysDiskUseInfoResultCodec::packFixed(buffer, record,
+                                              Kel_sys_diag_SysDiskUseInfoResult_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_SysDiskUseInfoResult_fixed_size() {

@@ -8,11 +8,11 @@ using FdProcInfoInputCodec = kel::ServerCodec<kel::message::FdProcInfoInput>;
 using FdProcInfoOutputCodec = kel::ServerCodec<kel::message::FdProcInfoOutput>;
 
 uintptr_t Kel_sys_diag_FdProcInfoInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return FdProcInfoInputCodec::unpack(bytes, length, record);
+  return FdProcInfoInputCodec::unpack(bytes, length, record, Kel_sys_diag_FdProcInfoInput_unpack);
 }
 
 uint32_t Kel_sys_diag_FdProcInfoOutput_pack(const PackTarget* target, const void* record) {
-  return FdProcInfoOutputCodec::pack(target, record);
+  return FdProcInfoOutputCodec::pack(target, record, Kel_sys_diag_FdProcInfoOutput_pack);
 }
 
 void Kel_sys_diag_FdProcInfoOutput_free_unpacked(void* record) {

@@ -8,11 +8,12 @@ using OverloadAlarmInputCodec = kel::ClientCodec<kel::message::OverloadAlarmInpu
 using OverloadDiskAlarmInputCodec = kel::ClientCodec<kel::message::OverloadDiskAlarmInput>;
 
 uint32_t Kel_sys_diag_OverloadAlarmInput_pack(const PackTarget* target, const void* record) {
-  return OverloadAlarmInputCodec::pack(target, record);
+  return OverloadAlarmInputCodec::pack(target, record, Kel_sys_diag_OverloadAlarmInput_pack);
 }
 
 int32_t Kel_sys_diag_OverloadAlarmInput_fixed_pack(uint8_t* buffer, const void* record) {
-  return OverloadAlarmInputCodec::packFixed(buffer, record);
+  return OverloadAlarmInputCodec::packFixed(buffer, record,
+                                            Kel_sys_diag_OverloadAlarmInput_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_OverloadAlarmInput_fixed_size() {
@@ -20,11 +21,13 @@ uint32_t Kel_sys_diag_OverloadAlarmInput_fixed_size() {
 }
 
 uint32_t Kel_sys_diag_OverloadDiskAlarmInput_pack(const PackTarget* target, const void* record) {
-  return OverloadDiskAlarmInputCodec::pack(target, record);
+  return OverloadDiskAlarmInputCodec::pack(target, record,
+                                           Kel_sys_diag_OverloadDiskAlarmInput_pack);
 }
 
 int32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_pack(uint8_t* buffer, const void* record) {
-  return OverloadDiskAlarmInputCodec::packFixed(buffer, record);
+  return OverloadDiskAlarmInputCodec::packFixed(buffer, record,
+                                                Kel_sys_diag_OverloadDiskAlarmInput_fixed_pack);
 }
 
 uint32_t Kel_sys_diag_OverloadDiskAlarmInput_fixed_size() {

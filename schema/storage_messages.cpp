@@ -11,11 +11,12 @@ using StorageBadBlockInfoCodec = kel::ServerCodec<kel::message::StorageBadBlockI
 
 uintptr_t Kel_sys_diag_StorageEraseInfoInput_unpack(const void* bytes, uint32_t length,
                                                     void* record) {
-  return StorageEraseInfoInputCodec::unpack(bytes, length, record);
+  return StorageEraseInfoInputCodec::unpack(bytes, length, record,
+                                            Kel_sys_diag_StorageEraseInfoInput_unpack);
 }
 
 uint32_t Kel_sys_diag_StorageEraseInfo_pack(const PackTarget* target, const void* record) {
-  return StorageEraseInfoCodec::pack(target, record);
+  return StorageEraseInfoCodec::pack(target, record, Kel_sys_diag_StorageEraseInfo_pack);
 }
 
 void Kel_sys_diag_StorageEraseInfo_free_unpacked(void* record) {
@@ -24,11 +25,12 @@ void Kel_sys_diag_StorageEraseInfo_free_unpacked(void* record) {
 
 uintptr_t Kel_sys_diag_StorageBadBlockInfoInput_unpack(const void* bytes, uint32_t length,
                                                        void* record) {
-  return StorageBadBlockInfoInputCodec::unpack(bytes, length, record);
+  return StorageBadBlockInfoInputCodec::unpack(bytes, length, record,
+                                               Kel_sys_diag_StorageBadBlockInfoInput_unpack);
 }
 
 uint32_t Kel_sys_diag_StorageBadBlockInfo_pack(const PackTarget* target, const void* record) {
-  return StorageBadBlockInfoCodec::pack(target, record);
+  return StorageBadBlockInfoCodec::pack(target, record, Kel_sys_diag_StorageBadBlockInfo_pack);
 }
 
 void Kel_sys_diag_StorageBadBlockInfo_free_unpacked(void* record) {
