@@ -7,8 +7,9 @@ namespace kel::bench {
 namespace {
 
 uint32_t encode(const Message& message, const Item& item, uint8_t* out) {
-  const uint32_t size = message.pack(nullptr, item.record);
+  uint32_t size = 0;
   const PackTarget target{out, &size};
+  size = message.pack(nullptr, item.record);
   return message.pack(&target, item.record);
 }
 

@@ -135,6 +135,55 @@ template <class Record, bool Measured>
   return size;
 }
 
+// Whether no slot of the same kind comes before.
+template <class Record, size_t Slot>
+consteval bool isFirstOfItsKind() {
+  bool first = true;
+  forEachSlot<Record>([&]<class Other, size_t Index>() {
+    first &= Index >= Slot || Other::kind != SlotAt<Record, Slot>::kind;
+  });
+  return first;
+}
+
+// What a plain table has between its scalars and its first array's bytes: its offset fields and
+// that array's count. No value changes them, but for the offset of a table behind another one,
+// whose size varies; it is 0 here.
+template <PlainTable Record>
+inline constexpr uint32_t kConstantFieldCount =
+    Schema<Record>::count - countSlots<Record>(SlotKind::scalar) +
+    (countSlots<Record>(SlotKind::byteArray) == 0 ? 0 : 1);
+
+// In whole vectors, filled up with zeros.
+template <PlainTable Record>
+alignas(kVectorWidth) inline constexpr auto kConstantFields = [] {
+  constexpr uint32_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
+  std::array<uint32_t, alignUp(kSize, kVectorWidth) / kOffsetFieldWidth> words{};
+  uint32_t array = kSize - kCountWidth;
+  uint32_t table = fixedSize<Record>() - rows::kHeadLength<Record>;
+  forEachSlot<Record>([&]<class Slot, size_t>() {
+    if constexpr (Slot::kind == SlotKind::table) {
+      table -= fixedSize<typename Slot::Type>();
+    }
+  });
+  uint32_t field = 0;
+  forEachSlot<Record>([&]<class Slot, size_t Index>() {
+    if constexpr (Slot::kind == SlotKind::byteArray) {
+      words[field] = array - field * kOffsetFieldWidth;
+      array += kCountWidth + Slot::width;
+      ++field;
+      if (isFirstOfItsKind<Record, Index>()) {
+        words[kConstantFieldCount<Record> - 1] = Slot::width;
+      }
+    } else if constexpr (Slot::kind == SlotKind::table) {
+      if (isFirstOfItsKind<Record, Index>()) {
+        words[field] = table + kVtableLength<typename Slot::Type> - field * kOffsetFieldWidth;
+      }
+      ++field;
+    }
+  });
+  return words;
+}();
+
 // Whether another table follows, whose first bytes may be overwritten before it is written.
 enum class Followed : uint8_t { no, byTable };
 
@@ -169,6 +218,7 @@ class TableWriter {
     } else {
       writeHead();
       writeScalars();
+      writeConstantFields();
       reserveOffsetFields();
       writeStringsAndArrays(lengths);
       writeVectorHeader();
@@ -256,6 +306,15 @@ class TableWriter {
     });
   }
 
+  // Stored in whole vectors where enough follows in the table to overwrite what is too much.
+  [[gnu::always_inline]] void writeConstantFields() {
+    if constexpr (PlainTable<Record>) {
+      constexpr auto& kFields = kConstantFields<Record>;
+      constexpr size_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
+      std::memcpy(at_, kFields.data(), sizeof(kFields) <= kFollowing ? sizeof(kFields) : kSize);
+    }
+  }
+
   [[gnu::always_inline]] void reserveOffsetFields() {
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::byteArray || Slot::kind == SlotKind::table) {
@@ -290,8 +349,12 @@ class TableWriter {
 
   template <size_t Index>
   [[gnu::always_inline]] void writeBytes(const void* bytes, uint32_t count) {
-    pointHere<Index>();
-    store(at_, count);
+    if constexpr (!PlainTable<Record>) {
+      pointHere<Index>();
+    }
+    if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
+      store(at_, count);
+    }
     std::memcpy(at_ + kCountWidth, bytes, count);
     at_ += kCountWidth + count;
   }
@@ -325,7 +388,10 @@ class TableWriter {
         static_assert(PlainTable<Nested>);
         TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
                                                  std::get<Index>(state_.bySlot));
-        point(offsetFields_[Index], writer.write({}));
+        const uint32_t position = writer.write({});
+        if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
+          point(offsetFields_[Index], position);
+        }
       }
     });
   }
