@@ -163,7 +163,7 @@ void slotsAreNotTheMembersInTheirOrder();
 // Calls visit.operator()<Slot, Index>(offset) with where each member lies. Slots stand in the order
 // of their members, which lie as closely as their alignment lets them.
 template <class Record, class Visit>
-consteval void forEachMember(Visit visit) {
+constexpr void forEachMember(Visit visit) {
   uint32_t offset = 0;
   forEachSlot<Record>([&]<class Slot, size_t Index>() {
     using Type = typename Slot::Type;
