@@ -481,9 +481,12 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
-  uint64_t size = kSmallestCompactSize<Record> + compact::stringsSize(record, survey.lengths);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
-  size += survey.scalars.presentBytes();
+  const uint32_t least = kSmallestCompactSize<Record> + survey.scalars.presentBytes();
+  if constexpr (!kOwnsMemory<Record>) {
+    return least <= capacity;
+  }
+  const uint64_t size = least + compact::stringsSize(record, survey.lengths);
   return size + compact::vectorSize<Record, false>(record) <= capacity ||
          (countSlots<Record>(SlotKind::vector) != 0 &&
           size + compact::vectorSize<Record, true>(record) <= capacity);

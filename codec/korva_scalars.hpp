@@ -183,7 +183,7 @@ class AbsentBytes {
 
   [[gnu::always_inline]] void add(const Record& record) {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes_[Index] -= zeros<Record, Depth::withNested, Index>(
+      lanes_[Index] += zeros<Record, Depth::withNested, Index>(
           loadWindow<Record, Depth::withNested, Index>(record));
     });
   }
@@ -193,10 +193,11 @@ class AbsentBytes {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
       lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
     });
-    return sumOfBytes(lanes);
+    return sumOfBytes(ByteVector{} - lanes);
   }
 
  private:
+  // Each lane counts down from 0, by the -1 that all ones are.
   std::array<ByteVector, kWindows<Record, Depth::withNested>.count> lanes_{};
 };
 
