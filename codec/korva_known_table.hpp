@@ -55,29 +55,27 @@ template <class Record, uint32_t Index>
 inline constexpr uint32_t kEntries =
     vectorAt<Record>(vtableEntry(kScalars<Record>.items[kWindows<Record>.items[Index].first].slot));
 
-// The permutation that brings one byte of every scalar's vtable entry to the front.
+// Where in that vector one byte of every scalar's entry lies.
 template <class Record, uint32_t Index>
-alignas(kVectorWidth) inline constexpr Bytes kEntryBytes = [] {
+inline constexpr auto kEntryBytes = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
-  Bytes indices{};
-  indices.fill(kTakesZero);
+  std::array<uint8_t, kWindow.count> positions{};
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     const uint32_t entry = vtableEntry(kScalars<Record>.items[kWindow.first + i].slot);
-    indices.at(i) = static_cast<uint8_t>(entry - kEntries<Record, Index>);
+    positions[i] = static_cast<uint8_t>(entry - kEntries<Record, Index>);
   }
-  return indices;
+  return positions;
 }();
 
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline uint32_t rowOf(const uint8_t* vtable) {
   static_assert(
-      std::ranges::all_of(kEntryBytes<Record, Index>,
-                          [](uint8_t at) { return at < kVectorWidth || at == kTakesZero; }),
+      std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
-  return bitsOfBytes(permute(std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}),
-                             loadAligned(kEntryBytes<Record, Index>.data())));
+  return numberOfBytes<kEntryBytes<Record, Index>, 0>(
+      std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
 }
 
 template <class Record>

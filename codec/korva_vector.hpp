@@ -8,6 +8,8 @@
 #include <tmmintrin.h>
 #endif
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -116,14 +118,31 @@ template <uint32_t Size>
 #endif
 }
 
-// Bit i says whether byte i of the first eight is all ones; every byte must be all ones or 0, and
-// the last eight 0.
-[[gnu::always_inline]] inline uint32_t bitsOfBytes(ByteVector bytes) {
+// A number whose bit Shift + i says whether the byte at Positions[i] is all ones; each of those
+// must be all ones or 0.
+template <auto Positions, uint32_t Shift>
+[[gnu::always_inline]] inline uint32_t numberOfBytes(ByteVector bytes) {
 #if defined(__aarch64__)
-  constexpr uint8x8_t kWeights{1, 2, 4, 8, 16, 32, 64, 128};
-  return vaddv_u8(vand_u8(vget_low_u8(reinterpret_cast<uint8x16_t>(bytes)), kWeights));
+  static_assert(Positions.size() <= 8);
+  alignas(kVectorWidth) static constexpr auto kWeights = [] {
+    std::array<uint8_t, kVectorWidth> weights{};
+    for (uint32_t i = 0; i < Positions.size(); ++i) {
+      weights.at(Positions[i]) = static_cast<uint8_t>(1U << i);
+    }
+    return weights;
+  }();
+  const ByteVector weighted = bytes & loadAligned(kWeights.data());
+  return uint32_t{vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted))} << Shift;
 #else
-  return static_cast<uint32_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(bytes)));
+  static_assert(Positions.size() + Shift <= kVectorWidth);
+  alignas(kVectorWidth) static constexpr auto kIndices = [] {
+    std::array<uint8_t, kVectorWidth> indices{};
+    indices.fill(kTakesZero);
+    std::ranges::copy(Positions, indices.begin() + Shift);
+    return indices;
+  }();
+  const ByteVector moved = permute(bytes, loadAligned(kIndices.data()));
+  return static_cast<uint32_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(moved)));
 #endif
 }
 
