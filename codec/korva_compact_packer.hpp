@@ -308,7 +308,7 @@ class TableWriter {
 
   // Stored in whole vectors where enough follows in the table to overwrite what is too much.
   [[gnu::always_inline]] void writeConstantFields() {
-    if constexpr (PlainTable<Record>) {
+    if constexpr (PlainTable<Record> && kFollowing != 0) {
       constexpr auto& kFields = kConstantFields<Record>;
       constexpr size_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
       std::memcpy(at_, kFields.data(), sizeof(kFields) <= kFollowing ? sizeof(kFields) : kSize);

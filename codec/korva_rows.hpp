@@ -207,13 +207,6 @@ template <class Record, uint32_t Index, Place To>
   return reinterpret_cast<const Row<Record>*>(rows + number * (kSize >> kShift));
 }
 
-template <class Record, uint32_t Index, Place To>
-[[gnu::always_inline]] inline WindowState<Record> lookAtWindow(const Record& record) {
-  const ByteVector content = scalars::loadWindow<Record, Depth::ownTable, Index>(record);
-  return {content,
-          rowAt<Record, Index, To>(scalars::zeros<Record, Depth::ownTable, Index>(content))};
-}
-
 template <class Record>
 struct TableState;
 
@@ -249,17 +242,28 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   }
 };
 
-template <Place To, class Record>
-[[gnu::always_inline]] inline void lookAtTable(const Record& record, TableState<Record>& state) {
+// Room is as for a window.
+template <Place To, uint32_t Room, class Record>
+[[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) { state.windows[Index] = lookAtWindow<Record, Index, To>(record); });
+      always_inline)) {
+    const ByteVector content = scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes);
+    state.windows[Index] = {
+        content, rowAt<Record, Index, To>(scalars::zeros<Record, Depth::ownTable, Index>(content))};
+  });
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::table) {
       using Nested = typename Slot::Type;
-      lookAtTable<kUsualPlace<Nested>>(
-          Slot::get(record), static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
+      constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
+      lookAtTable<kUsualPlace<Nested>, Room - kOffset>(
+          bytes + kOffset, static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
     }
   });
+}
+
+template <Place To, class Record>
+[[gnu::always_inline]] inline void lookAtTable(const Record& record, TableState<Record>& state) {
+  lookAtTable<To, sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
 }
 
 }  // namespace korva::rows

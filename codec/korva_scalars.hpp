@@ -115,10 +115,13 @@ consteval auto planWindows() {
 template <class Record, Depth Which>
 inline constexpr auto kWindows = planWindows<Record, Which>();
 
-template <class Record, Depth Which, uint32_t Index>
-[[gnu::always_inline]] inline ByteVector loadWindow(const Record& record) {
+// Loads a window of the record at bytes, of which Room may be read: all of it, and what else is
+// known to follow.
+template <class Record, Depth Which, uint32_t Index, uint32_t Room = sizeof(Record)>
+[[gnu::always_inline]] inline ByteVector loadWindow(const uint8_t* bytes) {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
-  return loadVector<kWindow.size>(reinterpret_cast<const uint8_t*>(&record) + kWindow.offset);
+  constexpr bool kWhole = kWindow.offset + kVectorWidth <= Room;
+  return loadVector < kWhole ? kVectorWidth : kWindow.size > (bytes + kWindow.offset);
 }
 
 using Bytes = std::array<uint8_t, kVectorWidth>;
@@ -146,6 +149,17 @@ template <Bytes Mask>
   (std::make_index_sequence<kVectorWidth>());
 }
 
+// Whether a window has scalars that are wider than width.
+template <class Record, Depth Which, uint32_t Index>
+consteval bool hasWider(uint32_t width) {
+  constexpr Window kWindow = kWindows<Record, Which>.items[Index];
+  bool has = false;
+  for (uint32_t i = 0; i < kWindow.count; ++i) {
+    has |= kScalars<Record, Which>.items[kWindow.first + i].width > width;
+  }
+  return has;
+}
+
 template <class Lane>
 using Wider = std::conditional_t<sizeof(Lane) == 1, uint16_t,
                                  std::conditional_t<sizeof(Lane) == 2, uint32_t, uint64_t>>;
@@ -157,7 +171,7 @@ template <class Record, Depth Which, uint32_t Index, class Lane = uint8_t>
   constexpr Bytes kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
   const ByteVector equal =
       apart(std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
-  if constexpr (kLanes == kMask<Record, Which, Index> || sizeof(Lane) == sizeof(uint64_t)) {
+  if constexpr (!hasWider<Record, Which, Index>(sizeof(Lane))) {
     return equal;
   } else {
     return blend<kLanes>(zeros<Record, Which, Index, Wider<Lane>>(window), equal);
@@ -184,7 +198,7 @@ class AbsentBytes {
   [[gnu::always_inline]] void add(const Record& record) {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
       lanes_[Index] += zeros<Record, Depth::withNested, Index>(
-          loadWindow<Record, Depth::withNested, Index>(record));
+          loadWindow<Record, Depth::withNested, Index>(reinterpret_cast<const uint8_t*>(&record)));
     });
   }
 

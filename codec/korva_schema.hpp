@@ -179,6 +179,14 @@ constexpr void forEachMember(Visit visit) {
   }
 }
 
+template <class Record, size_t Slot>
+inline constexpr uint32_t kMemberOffset = [] {
+  uint32_t found = 0;
+  forEachMember<Record>(
+      [&]<class Other, size_t Index>(uint32_t offset) { found = Index == Slot ? offset : found; });
+  return found;
+}();
+
 // Such a record points at memory that unpacking allocates and the release routine gives back.
 template <class Record>
 inline constexpr bool kOwnsMemory =
