@@ -25,9 +25,16 @@ struct PackCursor {
   }
 };
 
-// The lengths of a record's strings, so that none is scanned twice in a pack pass.
+// A string, scanned once for a pass. The pointer is a copy: for all the compiler knows, every byte
+// written may be the record's.
+struct Text {
+  const char* characters;
+  uint64_t length;
+  uint8_t* target;  // where packing puts it
+};
+
 template <class Record>
-using StringLengths = std::array<uint64_t, countSlots<Record>(SlotKind::string)>;
+using Texts = std::array<Text, countSlots<Record>(SlotKind::string)>;
 
 namespace compact {
 
@@ -63,16 +70,6 @@ template <class Slot, class Record>
   return Slot::get(record) != nullptr && Slot::count(record) != 0;
 }
 
-// Whether a slot that need not be there has an offset field in this record's table.
-template <class Slot, class Record>
-[[gnu::always_inline]] inline bool hasOffsetField(const Record& record) {
-  if constexpr (Slot::kind == SlotKind::string) {
-    return Slot::get(record) != nullptr;
-  } else {
-    return hasElements<Slot>(record);
-  }
-}
-
 // With every scalar present.
 template <class Record>
 inline constexpr uint32_t kFullSize = fixedSize<Record>() + scalars::allBytes<Record>();
@@ -101,17 +98,17 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
   return size;
 }
 
-// What a record's strings take, with their offset fields. Fills in their lengths.
+// What a record's strings take, with their offset fields. Fills in all of texts but the targets.
 template <class Record>
-[[gnu::always_inline]] inline uint64_t stringsSize(const Record& record,
-                                                   StringLengths<Record>& lengths) {
+[[gnu::always_inline]] inline uint64_t stringsSize(const Record& record, Texts<Record>& texts) {
   uint64_t size = 0;
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::string) {
-      if (const char* const text = Slot::get(record); text != nullptr) {
-        const uint64_t length = std::strlen(text);
-        lengths[stringIndex<Record, Index>()] = length;
-        size += kOffsetFieldWidth + kCountWidth + length + 1;
+      Text& text = texts[stringIndex<Record, Index>()];
+      text.characters = Slot::get(record);
+      if (text.characters != nullptr) {
+        text.length = std::strlen(text.characters);
+        size += kOffsetFieldWidth + kCountWidth + text.length + 1;
       }
     }
   });
@@ -203,16 +200,18 @@ class TableWriter {
 
  public:
   [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record,
-                                     const rows::TableState<Record>& state)
+                                     const rows::TableState<Record>& state, Texts<Record>& texts)
       : cursor_(cursor),
         record_(record),
         state_(state),
+        texts_(texts),
         vtable_(cursor.current),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {}
 
-  // Returns the table's position and leaves the cursor behind everything that belongs to it.
-  [[gnu::always_inline]] uint32_t write(const StringLengths<Record>& lengths) {
+  // Returns the table's position and leaves the cursor behind everything that belongs to it, texts
+  // among it: only their characters are left to copy.
+  [[gnu::always_inline]] uint32_t write() {
     if constexpr (rows::ScalarTable<Record>) {
       writeScalarTable();
     } else {
@@ -220,7 +219,7 @@ class TableWriter {
       writeScalars();
       writeConstantFields();
       reserveOffsetFields();
-      writeStringsAndArrays(lengths);
+      writeStringsAndArrays();
       writeVectorHeader();
       writeTableLength();
     }
@@ -288,8 +287,8 @@ class TableWriter {
         always_inline)) { takeAway(part(state_.windows[Index].row->head)); });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (rows::isOptional(Slot::kind)) {
-        const size_t isThere = hasOffsetField<Slot>(record_) ? 1 : 0;
-        takeAway(part(rows::kOptionalRows<Record, Index>[isThere].head));
+        const size_t row = isThere<Slot, Index>() ? 1 : 0;
+        takeAway(part(rows::kOptionalRows<Record, Index>[row].head));
       }
     });
     return head;
@@ -320,7 +319,7 @@ class TableWriter {
       if constexpr (Slot::kind == SlotKind::byteArray || Slot::kind == SlotKind::table) {
         reserveOffsetField<Index>();
       } else if constexpr (Slot::kind != SlotKind::scalar) {
-        if (hasOffsetField<Slot>(record_)) {
+        if (isThere<Slot, Index>()) {
           reserveOffsetField<Index>();
         }
       }
@@ -333,30 +332,38 @@ class TableWriter {
     at_ += kOffsetFieldWidth;
   }
 
-  [[gnu::always_inline]] void writeStringsAndArrays(const StringLengths<Record>& lengths) {
+  [[gnu::always_inline]] void writeStringsAndArrays() {
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::string) {
-        if (const char* const text = Slot::get(record_); text != nullptr) {
-          const uint64_t length = lengths[stringIndex<Record, Index>()];
-          writeBytes<Index>(text, static_cast<uint32_t>(length));
-          *at_++ = 0;
+        if (isThere<Slot, Index>()) {
+          placeText<Index>(texts_[stringIndex<Record, Index>()]);
         }
       } else if constexpr (Slot::kind == SlotKind::byteArray) {
-        writeBytes<Index>(Slot::get(record_), Slot::width);
+        writeArray<Slot, Index>();
       }
     });
   }
 
   template <size_t Index>
-  [[gnu::always_inline]] void writeBytes(const void* bytes, uint32_t count) {
+  [[gnu::always_inline]] void placeText(Text& text) {
+    const auto count = static_cast<uint32_t>(text.length);
+    pointHere<Index>();
+    store(at_, count);
+    text.target = at_ + kCountWidth;
+    at_ = text.target + count;
+    *at_++ = 0;
+  }
+
+  template <class Slot, size_t Index>
+  [[gnu::always_inline]] void writeArray() {
     if constexpr (!PlainTable<Record>) {
       pointHere<Index>();
     }
     if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
-      store(at_, count);
+      store(at_, Slot::width);
     }
-    std::memcpy(at_ + kCountWidth, bytes, count);
-    at_ += kCountWidth + count;
+    std::memcpy(at_ + kCountWidth, Slot::get(record_), Slot::width);
+    at_ += kCountWidth + Slot::width;
   }
 
   // The elements' entries are filled in as the elements are written.
@@ -386,9 +393,10 @@ class TableWriter {
       if constexpr (Slot::kind == SlotKind::table) {
         using Nested = typename Slot::Type;
         static_assert(PlainTable<Nested>);
+        Texts<Nested> none;
         TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
-                                                 std::get<Index>(state_.bySlot));
-        const uint32_t position = writer.write({});
+                                                 std::get<Index>(state_.bySlot), none);
+        const uint32_t position = writer.write();
         if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
           point(offsetFields_[Index], position);
         }
@@ -424,6 +432,16 @@ class TableWriter {
     }
   }
 
+  // Whether a slot that need not be there has an offset field in this record's table.
+  template <class Slot, size_t Index>
+  [[nodiscard, gnu::always_inline]] bool isThere() const {
+    if constexpr (Slot::kind == SlotKind::string) {
+      return texts_[stringIndex<Record, Index>()].characters != nullptr;
+    } else {
+      return hasElements<Slot>(record_);
+    }
+  }
+
   template <size_t Index>
   [[gnu::always_inline]] void pointHere() {
     point(offsetFields_[Index], cursor_.positionOf(at_));
@@ -436,6 +454,7 @@ class TableWriter {
   PackCursor& cursor_;
   const Record& record_;
   const rows::TableState<Record>& state_;
+  Texts<Record>& texts_;
   uint8_t* const vtable_;
   uint8_t* const table_;
   uint8_t* at_;
@@ -448,14 +467,15 @@ template <Followed By, PlainTable Record>
 [[gnu::always_inline]] inline uint32_t packTable(PackCursor& cursor, const Record& record) {
   rows::TableState<Record> state;
   rows::lookAtTable<kPlace<Record, By>>(record, state);
-  return TableWriter<Record, By>(cursor, record, state).write({});
+  Texts<Record> none;
+  return TableWriter<Record, By>(cursor, record, state, none).write();
 }
 
 // What a pack pass finds out before it writes.
 template <class Record>
 struct Survey {
   rows::TableState<Record> scalars;
-  StringLengths<Record> lengths{};
+  Texts<Record> texts;
 };
 
 }  // namespace compact
@@ -467,11 +487,11 @@ inline constexpr uint32_t kSmallestCompactSize = kRootOffsetWidth + compact::fix
 // The encoded size of a record, or 0 when it passes 32 bits.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
-  StringLengths<Record> lengths;
+  Texts<Record> texts;
   scalars::AbsentBytes<Record> absent;
   absent.add(record);
   const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
-                        compact::stringsSize(record, lengths) +
+                        compact::stringsSize(record, texts) +
                         compact::vectorSize<Record, true>(record);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
@@ -481,25 +501,34 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
+  uint64_t size = compact::stringsSize(record, survey.texts);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
   const uint32_t least = kSmallestCompactSize<Record> + survey.scalars.presentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;
   }
-  const uint64_t size = least + compact::stringsSize(record, survey.lengths);
+  size += least;
   return size + compact::vectorSize<Record, false>(record) <= capacity ||
          (countSlots<Record>(SlotKind::vector) != 0 &&
           size + compact::vectorSize<Record, true>(record) <= capacity);
 }
 
-// Writes a surveyed record into a buffer that it fits, and returns its size.
+// Writes a surveyed record into a buffer that it fits, and returns its size. Texts are copied last:
+// only the size outlives those calls then.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
-                                                   const compact::Survey<Record>& survey) {
+                                                   compact::Survey<Record>& survey) {
   PackCursor cursor{buffer, buffer + kRootOffsetWidth};
-  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.scalars);
-  store(buffer, writer.write(survey.lengths));
-  return cursor.positionOf(cursor.current);
+  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.scalars,
+                                                             survey.texts);
+  store(buffer, writer.write());
+  const uint32_t size = cursor.positionOf(cursor.current);
+  for (const Text& text : survey.texts) {
+    if (text.characters != nullptr) {
+      std::memcpy(text.target, text.characters, text.length);
+    }
+  }
+  return size;
 }
 
 }  // namespace korva
