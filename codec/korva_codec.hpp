@@ -66,13 +66,18 @@ class Codec {
     }
     if (!reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
                             typed)) [[unlikely]] {
-      return giveUp(record);
+      return giveUp(&typed);
     }
     return reinterpret_cast<uintptr_t>(record);
   }
 
   [[gnu::always_inline]] static void release(void* record) {
-    releaseRecord(Runtime, kReleaseName.text(), static_cast<Record*>(record));
+    if constexpr (kOwnsMemory<Record>) {  // any other needs not even the set-up
+      if (!isReady(Runtime.memReady)) [[unlikely]] {
+        return setUpAnd(Runtime, releaseOwned, static_cast<Record*>(record));
+      }
+      releaseOwned(static_cast<Record*>(record));
+    }
   }
 
   template <class Entry>
@@ -88,6 +93,8 @@ class Codec {
   [[gnu::always_inline]] static uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
+  static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }
+
   [[gnu::noinline]] static uint32_t size(const Record* record) {
     return record == nullptr ? 0 : compactSize(*record);
   }
@@ -126,8 +133,10 @@ class Codec {
     return reinterpret_cast<uintptr_t>(&record);
   }
 
-  [[gnu::cold, gnu::noinline]] static uintptr_t giveUp(void* record) {
-    release(record);
+  [[gnu::cold, gnu::noinline]] static uintptr_t giveUp([[maybe_unused]] Record* record) {
+    if constexpr (kOwnsMemory<Record>) {
+      releaseOwned(record);
+    }
     return 0;
   }
 

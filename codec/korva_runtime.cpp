@@ -43,7 +43,7 @@ int32_t KorvaDefaultFree(void* block, uint32_t /*moduleNumber*/, const char* /*c
   return 0;
 }
 
-void memInitOnce(CodecRuntime& runtime) {
+void KorvaMemInit(CodecRuntime& runtime) {
   pthread_mutex_lock(&runtime.memMutex);
   if (runtime.memReady == 0) {
     chooseAllocator(runtime);

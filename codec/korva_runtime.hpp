@@ -40,21 +40,15 @@ struct CodecRuntime {
   return __atomic_load_n(&flag, __ATOMIC_ACQUIRE) != 0;
 }
 
-[[gnu::cold]] void memInitOnce(CodecRuntime& runtime);
+// Makes codecAlloc and codecFree final, once.
+[[gnu::cold]] void KorvaMemInit(CodecRuntime& runtime);
 [[gnu::cold]] void logInitOnce(CodecRuntime& runtime);
-
-// Makes codecAlloc and codecFree final.
-[[gnu::always_inline]] inline void KorvaMemInit(CodecRuntime& runtime) {
-  if (!isReady(runtime.memReady)) [[unlikely]] {
-    memInitOnce(runtime);
-  }
-}
 
 // Does so on behalf of a routine that begins again then.
 template <class Routine, class... Arguments>
 [[gnu::cold, gnu::noinline]] auto setUpAnd(CodecRuntime& runtime, Routine* routine,
                                            Arguments... arguments) {
-  memInitOnce(runtime);
+  KorvaMemInit(runtime);
   return routine(arguments...);
 }
 

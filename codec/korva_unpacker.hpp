@@ -133,13 +133,14 @@ template <class Slot, class Record>
   if (!source.holds(target + kCountWidth, count)) {
     return false;
   }
+  const uint8_t* const characters = source.bytes + target + kCountWidth;
   const uint32_t size = count + 1;  // no wrap: count bytes lie within a buffer below 2^31
   auto* const text = static_cast<char*>(allocate(source, size));
   Slot::get(record) = text;
   if (text == nullptr) {
     return false;
   }
-  std::memcpy(text, source.bytes + target + kCountWidth, count);
+  std::memcpy(text, characters, count);
   text[count] = '\0';
   return true;
 }
