@@ -150,11 +150,11 @@ inline constexpr uint32_t kConstantFieldCount =
     Schema<Record>::count - countSlots<Record>(SlotKind::scalar) +
     (countSlots<Record>(SlotKind::byteArray) == 0 ? 0 : 1);
 
-// In whole vectors, filled up with zeros.
+// Filled up with zeros to what one store writes.
 template <PlainTable Record>
 alignas(kVectorWidth) inline constexpr auto kConstantFields = [] {
   constexpr uint32_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
-  std::array<uint32_t, alignUp(kSize, kVectorWidth) / kOffsetFieldWidth> words{};
+  std::array<uint32_t, inOneStore(kSize) / kOffsetFieldWidth> words{};
   uint32_t array = kSize - kCountWidth;
   uint32_t table = fixedSize<Record>() - rows::kHeadLength<Record>;
   forEachSlot<Record>([&]<class Slot, size_t>() {
@@ -305,7 +305,6 @@ class TableWriter {
     });
   }
 
-  // Stored in whole vectors where enough follows in the table to overwrite what is too much.
   [[gnu::always_inline]] void writeConstantFields() {
     if constexpr (PlainTable<Record> && kFollowing != 0) {
       constexpr auto& kFields = kConstantFields<Record>;

@@ -8,6 +8,7 @@
 
 #include "codec/korva_format.hpp"
 #include "codec/korva_schema.hpp"
+#include "codec/korva_vector.hpp"
 
 namespace korva {
 namespace fixed {
@@ -86,10 +87,9 @@ class Layout {
     return position;
   }
 
-  // How many bytes to copy for a piece: one store's width rather than two stores', if later pieces
-  // overwrite what is too much and the source has as many bytes.
+  // How many bytes to copy for a piece.
   [[nodiscard]] constexpr uint32_t copiedBytes(const Piece& piece) const {
-    const uint32_t rounded = piece.size < kWidestStore ? std::bit_ceil(piece.size) : piece.size;
+    const uint32_t rounded = inOneStore(piece.size);
     const bool isThere = piece.source == Piece::kSchema
                              ? piece.position + rounded <= sources_.size()
                              : piece.source + rounded <= sizeof(Record);
@@ -99,7 +99,6 @@ class Layout {
 
  private:
   static constexpr uint32_t kUnused = UINT32_MAX - 1;
-  static constexpr uint32_t kWidestStore = 16;
 
   static constexpr uint32_t next(uint32_t source) {
     return source == kUnused || source == Piece::kSchema ? source : source + 1;
