@@ -20,6 +20,7 @@
 #include "schema/fd_proc_info_messages.hpp"
 #include "schema/overload_alarm_messages.hpp"
 #include "schema/storage_messages.hpp"
+#include "support/codec_with_entries.hpp"
 #include "support/own_process.hpp"
 #include "support/records.hpp"
 
@@ -34,6 +35,7 @@ using kel::test::packToSize;
 using kel::test::Random;
 using kel::test::RecordMaker;
 using kel::test::sameRecord;
+using kel::test::WithEntries;
 
 // What the routine under test has asked for. Only that routine runs while the account is open; all
 // other memory of the program is none of its business.
@@ -122,7 +124,7 @@ void refuseInTurn(int allocations) {
     Record record;
     maker.fill(record);
     const std::vector<uint8_t> bytes =
-        packToSize(kel::PackageCodec<Message, writersRuntime>::pack, record);
+        packToSize(WithEntries<kel::PackageCodec<Message, writersRuntime>>::pack, record);
     const auto length = static_cast<uint32_t>(bytes.size());
     int needed = 0;
     korva::forEachSlot<Record>([&]<class Slot, size_t>() {

@@ -6,6 +6,7 @@
 
 #include "codec/korva_codec.hpp"
 #include "support/bytes.hpp"
+#include "support/codec_with_entries.hpp"
 #include "support/guarded_memory.hpp"
 #include "support/records.hpp"
 
@@ -103,7 +104,7 @@ constinit korva::CodecRuntime testRuntime{
     .memReady = 1, .codecAlloc = countingAlloc, .codecFree = countingFree};
 
 template <korva::Name Name, class Record>
-using TestCodec = korva::Codec<Name, Record, testRuntime>;
+using TestCodec = kel::test::WithEntries<korva::Codec<Name, Record, testRuntime>>;
 using PairListCodec = TestCodec<"PairList", PairList>;
 using BranchListCodec = TestCodec<"BranchList", BranchList>;
 using EverythingCodec = TestCodec<"Everything", Everything>;
