@@ -85,15 +85,16 @@ template <class Record>
   }
 }
 
-// Finds what an offset field points at and makes sure of the four bytes there: a count, or a
-// table's displacement.
+// Finds what an offset field points at and makes sure of the bytes there: a count or a table's
+// displacement, and what is known to follow it.
 [[nodiscard, gnu::always_inline]] inline bool follow(const Source& source, uint64_t offsetField,
-                                                     uint64_t& target) {
+                                                     uint64_t& target,
+                                                     uint32_t bytes = kCountWidth) {
   if (!source.holds(offsetField, kOffsetFieldWidth)) {
     return false;
   }
   target = offsetField + source.at<uint32_t>(offsetField);
-  return source.holds(target, kCountWidth);
+  return source.holds(target, bytes);
 }
 
 [[nodiscard, gnu::always_inline]] inline void* allocate(const Source& source, uint32_t size) {
@@ -112,8 +113,8 @@ template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readByteArray(const Source& source, uint64_t field,
                                                             Record& record) {
   uint64_t target = 0;
-  if (!follow(source, field, target) || source.at<uint32_t>(target) != Slot::width ||
-      !source.holds(target + kCountWidth, Slot::width)) {
+  if (!follow(source, field, target, kCountWidth + Slot::width) ||
+      source.at<uint32_t>(target) != Slot::width) {
     return false;
   }
   memcpy_s(Slot::get(record), source.bytes + target + kCountWidth);
