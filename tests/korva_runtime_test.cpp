@@ -6,13 +6,15 @@
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
 
-#include <atomic>
+#include <algorithm>
 #include <barrier>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,12 +29,14 @@ using kel::test::Bytes;
 using kel::test::inAProcessOfItsOwn;
 using Events = std::vector<std::string>;
 
+const std::string kLog = "QSV_OsalLogWrite";
+const std::string kFlag = "QSV_OsalMemUseFlagGet";
+const std::string kAlloc = "QSV_OsalMemCacheAlloc";
+const std::string kFree = "QSV_OsalMemFree";
+
 // The platform of the process: which functions it offers, and all that happened, in order.
 struct Platform {
-  bool hasLogger = false;
-  bool hasFlag = false;
-  bool hasAlloc = false;
-  bool hasFree = false;
+  std::set<std::string> offered;
   uint32_t flag = 0;
   bool allocFails = false;
 
@@ -50,8 +54,6 @@ struct Platform {
   Events events;
 };
 Platform platform;
-
-std::string block(const void* pointer) { return pointer == nullptr ? "null" : "block"; }
 
 int32_t logWrite(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
                  const char* file, uint32_t, const char* function, const char* format, ...) {
@@ -79,7 +81,8 @@ void* cacheAlloc(uint32_t size, uint32_t module, const char* caller) {
 }
 
 int32_t cacheFree(void* pointer, uint32_t module, const char* caller) {
-  platform.record("free " + block(pointer) + " " + std::to_string(module) + " " + caller);
+  platform.record((pointer == nullptr ? "free null " : "free block ") + std::to_string(module) +
+                  " " + caller);
   std::free(pointer);
   return -1;  // ignored
 }
@@ -90,14 +93,11 @@ int32_t cacheFree(void* pointer, uint32_t module, const char* caller) {
 extern "C" void* __wrap_dlsym(void* handle, const char* name) {
   const std::string symbol = name;
   platform.record("dlsym " + symbol + (handle == nullptr ? "" : " by a handle"));
-  const auto offer = [](bool has, auto* function) {
-    return has ? reinterpret_cast<void*>(function) : nullptr;
-  };
-  if (symbol == "QSV_OsalLogWrite") return offer(platform.hasLogger, logWrite);
-  if (symbol == "QSV_OsalMemUseFlagGet") return offer(platform.hasFlag, flagGet);
-  if (symbol == "QSV_OsalMemCacheAlloc") return offer(platform.hasAlloc, cacheAlloc);
-  if (symbol == "QSV_OsalMemFree") return offer(platform.hasFree, cacheFree);
-  return nullptr;
+  if (!platform.offered.contains(symbol)) return nullptr;
+  if (symbol == kLog) return reinterpret_cast<void*>(logWrite);
+  if (symbol == kFlag) return reinterpret_cast<void*>(flagGet);
+  if (symbol == kAlloc) return reinterpret_cast<void*>(cacheAlloc);
+  return reinterpret_cast<void*>(cacheFree);
 }
 
 namespace {
@@ -115,60 +115,85 @@ const std::vector<uint8_t>& okReply() {
   return reply;
 }
 
-uintptr_t unpackReply(AlarmOutput& record) {
-  return Kel_sys_diag_AlarmOutput_unpack(okReply().data(), static_cast<uint32_t>(okReply().size()),
-                                         &record);
+// A call for later. Returns 0 when it failed.
+using Action = std::function<uint64_t()>;
+
+template <auto Pack>
+Action packs(uint8_t* to, uint32_t capacity, const void* record) {
+  return [=] {
+    const PackTarget target{to, &capacity};
+    return Pack(&target, record);
+  };
+}
+template <auto Unpack, class Record>
+Action unpacks(std::vector<uint8_t> bytes, uint32_t length) {
+  return [bytes = std::move(bytes), length] {
+    Record record;
+    std::memset(&record, 0xDD, sizeof record);
+    return Unpack(bytes.data(), length, &record);
+  };
+}
+const auto packsAlarm = packs<Kel_sys_diag_AlarmInput_pack>;
+const auto packsConfig = packs<Kel_sys_diag_OvLoadDiskCtlInput_pack>;
+const auto unpacksAlarm = unpacks<Kel_sys_diag_AlarmOutput_unpack, AlarmOutput>;
+const auto unpacksRequest = unpacks<Kel_sys_diag_AlarmInput_unpack, AlarmInput>;
+const auto unpacksConfig = unpacks<Kel_sys_diag_OvLoadDiskCtlOutput_unpack, OvLoadDiskCtlOutput>;
+
+template <auto Unpack, class Record>
+uintptr_t unpack(const std::vector<uint8_t>& bytes, Record* record) {
+  return Unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), record);
 }
 
-constexpr char kReader[] = "Kel_sys_diag_AlarmOutput_unpack_non_root";
-constexpr char kReleaser[] = "Kel_sys_diag_AlarmOutput_free_unpacked";
+uintptr_t unpackReply(AlarmOutput& record) {
+  return unpack<Kel_sys_diag_AlarmOutput_unpack>(okReply(), &record);
+}
+
+const std::string kReader = "Kel_sys_diag_AlarmOutput_unpack_non_root";
+const std::string kReleaser = "Kel_sys_diag_AlarmOutput_free_unpacked";
+const std::string kFlagLookUp = "dlsym " + kFlag;
+const Events kPairLookUp = {kFlagLookUp, "flag 12", "dlsym " + kAlloc, "dlsym " + kFree};
 
 void usePlatformAllocator() {
-  platform.hasFlag = platform.hasAlloc = platform.hasFree = true;
+  platform.offered = {kFlag, kAlloc, kFree};
   platform.flag = 1;
 }
 
 TEST(MemorySetUp, ChoosesAPairOnce) {
   struct Case {
     const char* what;
-    bool hasFlag, hasAlloc, hasFree;
+    std::set<std::string> offered;
     uint32_t flag;
     Events setUp;
-    bool platformServes;
   };
-  const std::string flagLookUp = "dlsym QSV_OsalMemUseFlagGet";
-  const Events asked = {flagLookUp, "flag 12"};
-  const Events askedAndTaken = {flagLookUp, "flag 12", "dlsym QSV_OsalMemCacheAlloc",
-                                "dlsym QSV_OsalMemFree"};
+  const Events unasked = {kFlagLookUp};
+  const Events asked = {kFlagLookUp, "flag 12"};
   const Case cases[] = {
-      {"nothing there", false, false, false, 0, {flagLookUp}, false},
-      {"no flag function", false, true, true, 1, {flagLookUp}, false},
-      {"flag 0", true, true, true, 0, asked, false},
-      {"flag 2", true, true, true, 2, asked, false},
-      {"flag 0x101", true, true, true, 0x101, asked, false},
-      {"no release", true, true, false, 1, askedAndTaken, false},
-      {"no allocator", true, false, true, 1, askedAndTaken, false},
-      {"both", true, true, true, 1, askedAndTaken, true},
+      {"nothing there", {}, 0, unasked},
+      {"no flag function", {kAlloc, kFree}, 1, unasked},
+      {"flag 0", {kFlag, kAlloc, kFree}, 0, asked},
+      {"flag 2", {kFlag, kAlloc, kFree}, 2, asked},
+      {"flag 0x101", {kFlag, kAlloc, kFree}, 0x101, asked},
+      {"no release", {kFlag, kAlloc}, 1, kPairLookUp},
+      {"no allocator", {kFlag, kFree}, 1, kPairLookUp},
+      {"both", {kFlag, kAlloc, kFree}, 1, kPairLookUp},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     inAProcessOfItsOwn([&] {
-      platform.hasFlag = c.hasFlag;
-      platform.hasAlloc = c.hasAlloc;
-      platform.hasFree = c.hasFree;
+      const bool platformServes = c.offered.size() == 3 && c.flag == 1;
+      platform.offered = c.offered;
       platform.flag = c.flag;
       AlarmOutput record;
       Events expected = c.setUp;
-      if (c.platformServes) expected.push_back(std::string("alloc 3 12 ") + kReader);
+      if (platformServes) expected.push_back("alloc 3 12 " + kReader);
       EXPECT_EQ(during([&] { EXPECT_NE(unpackReply(record), 0U); }), expected);
       EXPECT_STREQ(record.text, "ok");
 
       // A platform that changes its mind comes too late.
-      platform.hasFlag = platform.hasAlloc = platform.hasFree = true;
+      usePlatformAllocator();
       platform.flag = 1 - c.flag;
-      const Events released =
-          c.platformServes ? Events{std::string("free block 12 ") + kReleaser} : Events{};
-      EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }), released);
+      EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }),
+                platformServes ? Events{"free block 12 " + kReleaser} : Events{});
     });
   }
 }
@@ -176,68 +201,48 @@ TEST(MemorySetUp, ChoosesAPairOnce) {
 // Every entry point that may run first, and whether it sets up memory.
 TEST(MemorySetUp, RunsWhereMemoryOrABufferIsUsed) {
   static uint8_t buffer[256];
-  static const uint32_t capacity = sizeof buffer;
-  static const uint32_t tooSmall = 65;
-  static const PackTarget target{buffer, &capacity};
-  static const PackTarget shortTarget{buffer, &tooSmall};
-  static const AlarmInput alarm{};
-  static const OverloadAlarmInput overload{};
+  static constexpr OverloadAlarmInput kOverload{};
+  const AlarmInput alarm{};
   struct Case {
     const char* what;
-    std::function<void()> action;
+    Action action;
     bool setsUp;
   };
+  const auto released = [](auto release, void* record) {
+    return [=] { return release(record), 0; };
+  };
   const Case cases[] = {
-      {"pack pass", [] { Kel_sys_diag_AlarmInput_pack(&target, &alarm); }, true},
-      {"size pass", [] { Kel_sys_diag_AlarmInput_pack(nullptr, &alarm); }, false},
-      {"size pass of null", [] { Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, false},
-      {"refused pack pass", [] { Kel_sys_diag_AlarmInput_pack(&shortTarget, &alarm); }, false},
-      {"fixed layout", [] { Kel_sys_diag_OverloadAlarmInput_fixed_pack(buffer, &overload); }, true},
-      {"fixed size", [] { Kel_sys_diag_OverloadAlarmInput_fixed_size(); }, false},
-      {"unpack",
-       [] {
-         OvLoadDiskCtlOutput record;
-         Kel_sys_diag_OvLoadDiskCtlOutput_unpack(okReply().data(), 16, &record);
-       },
-       true},
-      {"refused unpack",
-       [] { Kel_sys_diag_OvLoadDiskCtlOutput_unpack(okReply().data(), 16, nullptr); }, false},
-      {"release", [] { Kel_sys_diag_AlarmOutput_free_unpacked(nullptr); }, true},
-      {"empty release",
-       [] {
-         Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked(nullptr);
-         Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked(buffer);
-       },
-       false},
+      {"pack pass", packsAlarm(buffer, 256, &alarm), true},
+      {"refused pack pass", packsAlarm(buffer, 65, &alarm), false},
+      {"size pass", [&] { return Kel_sys_diag_AlarmInput_pack(nullptr, &alarm); }, false},
+      {"size pass of null", [] { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, false},
+      {"fixed layout",
+       [] { return Kel_sys_diag_OverloadAlarmInput_fixed_pack(buffer, &kOverload); }, true},
+      {"fixed size", Kel_sys_diag_OverloadAlarmInput_fixed_size, false},
+      {"unpack", unpacksConfig(okReply(), 16), true},
+      {"refused unpack", unpacksConfig(okReply(), 3), false},
+      {"release", released(Kel_sys_diag_AlarmOutput_free_unpacked, nullptr), true},
+      {"empty release", released(Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked, nullptr), false},
+      {"its record", released(Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked, buffer), false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    inAProcessOfItsOwn([&] {
-      int setUps = 0;
-      for (const std::string& event : during(c.action)) {
-        setUps += event == "dlsym QSV_OsalMemUseFlagGet" ? 1 : 0;
-      }
-      EXPECT_EQ(setUps, c.setsUp ? 1 : 0);
-    });
+    inAProcessOfItsOwn(
+        [&] { EXPECT_EQ(std::ranges::count(during(c.action), kFlagLookUp), c.setsUp ? 1 : 0); });
   }
 }
 
 TEST(Units, ChooseApart) {
   inAProcessOfItsOwn([] {
     AlarmOutput output;
-    AlarmInput input{};
+    AlarmInput input;
     EXPECT_NE(unpackReply(output), 0U);  // the client unit finds nothing
     usePlatformAllocator();
     const std::vector<uint8_t> request =
         Bytes().u32(14).u16s({10, 0, 0, 0, 4}).u32s({10, 4, 1}).text("x");
-    EXPECT_EQ(
-        during([&] {
-          EXPECT_NE(Kel_sys_diag_AlarmInput_unpack(request.data(),
-                                                   static_cast<uint32_t>(request.size()), &input),
-                    0U);
-        }),
-        (Events{"dlsym QSV_OsalMemUseFlagGet", "flag 12", "dlsym QSV_OsalMemCacheAlloc",
-                "dlsym QSV_OsalMemFree", "alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root"}));
+    Events expected = kPairLookUp;
+    expected.push_back("alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root");
+    EXPECT_EQ(during([&] { unpack<Kel_sys_diag_AlarmInput_unpack>(request, &input); }), expected);
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_free_unpacked(&input); }),
               Events{"free block 12 Kel_sys_diag_AlarmInput_free_unpacked"});
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&output); }), Events{});
@@ -249,7 +254,7 @@ TEST(Release, HandsOverNullAndClearsThePointer) {
     usePlatformAllocator();
     AlarmOutput record;
     EXPECT_NE(unpackReply(record), 0U);
-    const std::string freed = " 12 " + std::string(kReleaser);
+    const std::string freed = " 12 " + kReleaser;
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }),
               Events{"free block" + freed});
     EXPECT_EQ(record.text, nullptr);
@@ -259,19 +264,36 @@ TEST(Release, HandsOverNullAndClearsThePointer) {
   });
 }
 
-// Failures: what is logged, what is released, and that without a logger nothing else changes.
-struct Failure {
-  const char* what;
-  std::function<uint64_t()> action;  // 0: failed
-  Events expected;                   // without the set-ups' look-ups
-};
-
-template <uintptr_t (*Unpack)(const void*, uint32_t, void*)>
-std::function<uint64_t()> unpacks(std::vector<uint8_t> bytes, uint32_t length) {
-  return [bytes = std::move(bytes), length] {
-    alignas(8) uint8_t record[256];
-    return Unpack(bytes.data(), length, record);
+// Failures: what is logged, what is released, and that without a logger nothing else changes. What
+// the set-ups look up is not among the expected events.
+void failTwice(bool hasLogger, const Action& action, Events expected) {
+  const auto isLog = [](const std::string& event) { return event.starts_with("log"); };
+  const auto isMemorySetUp = [](const std::string& event) {
+    return std::ranges::count(kPairLookUp, event) != 0;
   };
+  if (hasLogger) platform.offered.insert(kLog);
+  const size_t lookUps = std::ranges::any_of(expected, isLog) ? 1 : 0;
+  if (!hasLogger) std::erase_if(expected, isLog);
+  Events happened = during([&] { EXPECT_EQ(action(), 0U); });
+  EXPECT_EQ(std::erase(happened, "dlsym " + kLog), lookUps);
+  std::erase_if(happened, isMemorySetUp);
+  EXPECT_EQ(happened, expected);
+
+  // Again: the same, and no look-up any more; a logger that appears by now stays unused.
+  platform.offered.insert(kLog);
+  EXPECT_EQ(during([&] { EXPECT_EQ(action(), 0U); }), expected);
+}
+
+void expectFailure(const std::string& what, const Action& action, const Events& expected,
+                   bool allocFails = false) {
+  SCOPED_TRACE(what);
+  for (const bool hasLogger : {true, false}) {
+    inAProcessOfItsOwn([&] {
+      usePlatformAllocator();
+      platform.allocFails = allocFails;
+      failTwice(hasLogger, action, expected);
+    });
+  }
 }
 
 std::string logLine(int code, const std::string& function, const std::string& text) {
@@ -279,165 +301,81 @@ std::string logLine(int code, const std::string& function, const std::string& te
          " file \"\" " + function + ": [KORVA]:" + text;
 }
 
-std::vector<uint8_t> header(uint32_t root, uint16_t vtableLength, uint32_t displacement) {
-  return Bytes().u32(root).u16s({vtableLength, 0, 0}).u32(displacement).u32(0);
-}
-
-std::vector<Failure> everyFailure() {
+TEST(Failures, OfArguments) {
   static uint8_t buffer[256];
-  static const uint32_t capacities[] = {0, 3, 4, 65, 66, 155};
-  static const AlarmInput alarm{};
-  static const OvLoadDiskCtlInput config{};
   static AlarmOutput output;
-  constexpr auto alarmPack = "Kel_sys_diag_AlarmInput_pack";
-  constexpr auto alarmUnpack = "Kel_sys_diag_AlarmOutput_unpack";
-  constexpr auto configUnpack = "Kel_sys_diag_OvLoadDiskCtlOutput_unpack";
-  const std::string freedNull = std::string("free null 12 ") + kReleaser;
-  const auto packs = [](uint8_t* to, const uint32_t* capacity, const AlarmInput* record) {
-    return [=]() -> uint64_t {
-      const PackTarget target{to, capacity};
-      return Kel_sys_diag_AlarmInput_pack(&target, record);
-    };
+  const AlarmInput alarm{};
+  const OvLoadDiskCtlInput config{};
+  const struct {
+    const char* function;
+    const char* arguments;
+    Action action;
+  } cases[] = {
+      {"AlarmInput_pack", "null, 66, nonNull", packsAlarm(nullptr, 66, &alarm)},
+      {"AlarmInput_pack", "nonNull, 66, null", packsAlarm(buffer, 66, nullptr)},
+      {"AlarmInput_pack", "null, 0, null", packsAlarm(nullptr, 0, nullptr)},
+      {"AlarmInput_pack", "nonNull, 3, nonNull", packsAlarm(buffer, 3, &alarm)},
+      {"AlarmInput_pack", "nonNull, 4, nonNull", packsAlarm(buffer, 4, &alarm)},
+      {"AlarmInput_pack", "nonNull, 65, nonNull", packsAlarm(buffer, 65, &alarm)},
+      {"OvLoadDiskCtlInput_pack", "nonNull, 155, nonNull", packsConfig(buffer, 155, &config)},
+      {"AlarmOutput_unpack", "null, 25, nonNull",
+       [] { return Kel_sys_diag_AlarmOutput_unpack(nullptr, 25, &output); }},
+      {"AlarmOutput_unpack", "nonNull, 25, null",
+       [] { return Kel_sys_diag_AlarmOutput_unpack(buffer, 25, nullptr); }},
+      {"AlarmOutput_unpack", "nonNull, 3, nonNull", unpacksAlarm(okReply(), 3)},
+      {"AlarmOutput_unpack", "nonNull, -1, nonNull", unpacksAlarm(okReply(), 0xFFFFFFFF)},
+      {"OvLoadDiskCtlOutput_unpack", "nonNull, -2147483648, nonNull",
+       unpacksConfig(okReply(), 0x80000000)},
   };
-  const auto unpacksAlarm = unpacks<Kel_sys_diag_AlarmOutput_unpack>;
-  const auto unpacksConfig = unpacks<Kel_sys_diag_OvLoadDiskCtlOutput_unpack>;
-  return {
-      {"no buffer",
-       packs(nullptr, &capacities[4], &alarm),
-       {logLine(22, alarmPack, "Param invalid(null, 66, nonNull)")}},
-      {"no record",
-       packs(buffer, &capacities[4], nullptr),
-       {logLine(22, alarmPack, "Param invalid(nonNull, 66, null)")}},
-      {"neither, and no room",
-       packs(nullptr, &capacities[0], nullptr),
-       {logLine(22, alarmPack, "Param invalid(null, 0, null)")}},
-      {"capacity 3",
-       packs(buffer, &capacities[1], &alarm),
-       {logLine(22, alarmPack, "Param invalid(nonNull, 3, nonNull)")}},
-      {"capacity 4, below the size",
-       packs(buffer, &capacities[2], &alarm),
-       {logLine(22, alarmPack, "Param invalid(nonNull, 4, nonNull)")}},
-      {"a byte short",
-       packs(buffer, &capacities[3], &alarm),
-       {logLine(22, alarmPack, "Param invalid(nonNull, 65, nonNull)")}},
-      {"a byte short of a constant size",
-       []() -> uint64_t {
-         const PackTarget target{buffer, &capacities[5]};
-         return Kel_sys_diag_OvLoadDiskCtlInput_pack(&target, &config);
-       },
-       {logLine(22, "Kel_sys_diag_OvLoadDiskCtlInput_pack",
-                "Param invalid(nonNull, 155, nonNull)")}},
-      {"size pass of null",
-       []() -> uint64_t { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); },
-       {}},
-      {"no bytes",
-       [] { return Kel_sys_diag_AlarmOutput_unpack(nullptr, 25, &output); },
-       {logLine(22, alarmUnpack, "Param invalid(null, 25, nonNull)")}},
-      {"no record to fill",
-       [] { return Kel_sys_diag_AlarmOutput_unpack(okReply().data(), 25, nullptr); },
-       {logLine(22, alarmUnpack, "Param invalid(nonNull, 25, null)")}},
-      {"length 3",
-       unpacksAlarm(okReply(), 3),
-       {logLine(22, alarmUnpack, "Param invalid(nonNull, 3, nonNull)")}},
-      {"length 2^31",
-       unpacksConfig(okReply(), 0x80000000),
-       {logLine(22, configUnpack, "Param invalid(nonNull, -2147483648, nonNull)")}},
-      {"length 2^32 - 1",
-       unpacksAlarm(okReply(), 0xFFFFFFFF),
-       {logLine(22, alarmUnpack, "Param invalid(nonNull, -1, nonNull)")}},
-      {"a root offset of 3",
-       unpacksConfig(header(3, 6, 6), 18),
-       {logLine(22, configUnpack, "Table offset(3) is out of range(4 - 18)")}},
-      {"a root offset too far",
-       unpacksAlarm(header(15, 6, 6), 18),
-       {logLine(22, kReader, "Table offset(15) is out of range(4 - 18)"), freedNull}},
-      {"a vtable too early",
-       unpacksConfig(header(10, 6, 7), 18),
-       {logLine(22, configUnpack, "Vtable offset(3) is out of range(4 - 14)")}},
-      {"a vtable too far",
-       unpacksAlarm(header(10, 6, 10 - 15U), 18),
-       {logLine(22, kReader, "Vtable offset(15) is out of range(4 - 14)"), freedNull}},
-      {"a vtable before the message",
-       unpacksAlarm(header(10, 6, 11), 18),
-       {logLine(22, kReader, "Vtable offset(4294967295) is out of range(4 - 14)"), freedNull}},
-      {"a vtable too long",
-       unpacksConfig(header(10, 15, 6), 18),
-       {logLine(22, configUnpack, "Vtable Len(15) is out of range(0 - 14)")}},
-      {"the longest vtable",
-       unpacksAlarm(header(10, 0xFFFF, 6), 18),
-       {logLine(22, kReader, "Vtable Len(65535) is out of range(0 - 14)"), freedNull}},
-      {"a string past the end", unpacksAlarm(okReply(), 23), {freedNull}},
-      {"a field past the end",
-       unpacksConfig(Bytes().u32(10).u16s({6, 0, 5}).u32(6).u32(0), 18),
-       {}},
-  };
-}
-
-bool isLookUp(const std::string& event) {
-  return event.starts_with("dlsym") || event.starts_with("flag");
-}
-
-TEST(Failures, LogAndReleaseInOrder) {
-  for (const Failure& failure : everyFailure()) {
-    SCOPED_TRACE(failure.what);
-    for (const bool hasLogger : {true, false}) {
-      inAProcessOfItsOwn([&] {
-        usePlatformAllocator();
-        platform.hasLogger = hasLogger;
-        Events expected = failure.expected;
-        const bool logs = std::erase_if(expected,
-                                        [&](const std::string& event) {
-                                          return !hasLogger && event.starts_with("log");
-                                        }) != 0 ||
-                          (hasLogger && !expected.empty() && expected[0].starts_with("log"));
-        Events happened = during([&] { EXPECT_EQ(failure.action(), 0U); });
-        EXPECT_EQ(std::erase(happened, "dlsym QSV_OsalLogWrite"), logs ? 1U : 0U);
-        std::erase_if(happened, isLookUp);
-        EXPECT_EQ(happened, expected);
-
-        // Again: the same, and no look-up any more; a logger that appears by now stays unused.
-        platform.hasLogger = true;
-        happened = during([&] { EXPECT_EQ(failure.action(), 0U); });
-        EXPECT_EQ(happened, expected);
-      });
-    }
+  for (const auto& [function, arguments, action] : cases) {
+    const std::string text = "Param invalid(" + std::string(arguments) + ")";
+    expectFailure(text, action, {logLine(22, "Kel_sys_diag_" + std::string(function), text)});
   }
 }
 
-TEST(Failures, FailedAllocation) {
-  inAProcessOfItsOwn([] {
-    usePlatformAllocator();
-    platform.hasLogger = true;
-    platform.allocFails = true;
-    AlarmOutput record;
-    Events happened = during([&] { EXPECT_EQ(unpackReply(record), 0U); });
-    std::erase_if(happened, isLookUp);
-    EXPECT_EQ(happened,
-              (Events{std::string("alloc 3 12 ") + kReader,
-                      logLine(12, kReader, "Malloc unpack data unsuccess,                size(3)"),
-                      std::string("free null 12 ") + kReleaser}));
-    EXPECT_EQ(record.text, nullptr);
-  });
+// As a message that owns memory reports them, and one that does not.
+TEST(Failures, OfRootHeaders) {
+  const struct {
+    uint32_t root;
+    uint16_t vtableLength;
+    uint32_t displacement;
+    const char* text;
+  } cases[] = {
+      {3, 6, 6, "Table offset(3) is out of range(4 - 18)"},
+      {15, 6, 6, "Table offset(15) is out of range(4 - 18)"},
+      {10, 6, 7, "Vtable offset(3) is out of range(4 - 14)"},
+      {10, 6, 10 - 15U, "Vtable offset(15) is out of range(4 - 14)"},
+      {10, 6, 11, "Vtable offset(4294967295) is out of range(4 - 14)"},
+      {10, 15, 6, "Vtable Len(15) is out of range(0 - 14)"},
+      {10, 0xFFFF, 6, "Vtable Len(65535) is out of range(0 - 14)"},
+  };
+  for (const auto& [root, vtableLength, displacement, text] : cases) {
+    const std::vector<uint8_t> bytes =
+        Bytes().u32(root).u16s({vtableLength, 0, 0}).u32s({displacement, 0});
+    expectFailure(text, unpacksConfig(bytes, 18),
+                  {logLine(22, "Kel_sys_diag_OvLoadDiskCtlOutput_unpack", text)});
+    expectFailure(text, unpacksAlarm(bytes, 18),
+                  {logLine(22, kReader, text), "free null 12 " + kReleaser});
+  }
 }
 
-// A string that was unpacked before a later field failed goes back.
-TEST(Failures, LaterFieldGivesTheStringBack) {
-  inAProcessOfItsOwn([] {
-    usePlatformAllocator();
-    // text at 34; bytes32's offset field points past the end.
-    const std::vector<uint8_t> request =
-        Bytes().u32(22).u16s({18, 0, 0, 0, 4, 0, 0, 8, 0}).u32s({18, 8, 100, 2}).text("ab").u8(0);
-    AlarmInput record;
-    Events happened = during([&] {
-      EXPECT_EQ(Kel_sys_diag_AlarmInput_unpack(request.data(),
-                                               static_cast<uint32_t>(request.size()), &record),
-                0U);
-    });
-    std::erase_if(happened, isLookUp);
-    EXPECT_EQ(happened, (Events{"alloc 3 12 Kel_sys_diag_AlarmInput_unpack_non_root",
-                                "free block 12 Kel_sys_diag_AlarmInput_free_unpacked"}));
-    EXPECT_EQ(record.text, nullptr);
-  });
+TEST(Failures, ReleaseInOrder) {
+  const std::string freedNull = "free null 12 " + kReleaser;
+  expectFailure("size of null", [] { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, {});
+  expectFailure("a string past the end", unpacksAlarm(okReply(), 23), {freedNull});
+  expectFailure("a field past the end",
+                unpacksConfig(Bytes().u32(10).u16s({6, 0, 5}).u32s({6, 0}), 18), {});
+  expectFailure(
+      "no memory", unpacksAlarm(okReply(), 25),
+      {"alloc 3 12 " + kReader,
+       logLine(12, kReader, "Malloc unpack data unsuccess,                size(3)"), freedNull},
+      true);
+  // Its text at 34; its byte array's offset field points past the end.
+  const std::vector<uint8_t> request =
+      Bytes().u32(22).u16s({18, 0, 0, 0, 4, 0, 0, 8, 0}).u32s({18, 8, 100, 2}).text("ab").u8(0);
+  expectFailure("a later field than the string", unpacksRequest(request, 41),
+                {"alloc 3 12 Kel_sys_diag_AlarmInput_unpack_non_root",
+                 "free block 12 Kel_sys_diag_AlarmInput_free_unpacked"});
 }
 
 // Sixteen threads whose first call meets: one set-up a unit, and each sees its outcome.
@@ -445,7 +383,7 @@ TEST(Concurrency, FirstCallsSetUpOnce) {
   for (int round = 0; round < 20; ++round) {
     inAProcessOfItsOwn([] {
       usePlatformAllocator();
-      platform.hasLogger = true;
+      platform.offered.insert(kLog);
       constexpr int kThreads = 16;
       std::barrier start(kThreads);
       std::vector<std::thread> threads;
@@ -466,10 +404,10 @@ TEST(Concurrency, FirstCallsSetUpOnce) {
       for (const std::string& event : platform.take())
         ++counts[event.substr(0, event.find(' ', 6))];
       const std::map<std::string, int> expected = {
-          {"dlsym QSV_OsalMemUseFlagGet", 2}, {"flag 12", 2},
-          {"dlsym QSV_OsalMemCacheAlloc", 2}, {"dlsym QSV_OsalMemFree", 2},
-          {"dlsym QSV_OsalLogWrite", 2},      {"alloc 3", kThreads},
-          {"free block", kThreads},           {"log KORVA", 2 * kThreads},
+          {kFlagLookUp, 2},         {"flag 12", 2},
+          {"dlsym " + kAlloc, 2},   {"dlsym " + kFree, 2},
+          {"dlsym " + kLog, 2},     {"alloc 3", kThreads},
+          {"free block", kThreads}, {"log KORVA", 2 * kThreads},
       };
       EXPECT_EQ(counts, expected);
     });
