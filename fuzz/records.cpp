@@ -2,7 +2,6 @@
 #include "fuzz/records.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 namespace kel::fuzz {
@@ -11,13 +10,6 @@ namespace {
 constexpr size_t kLongestText = 300;
 constexpr size_t kMostElements = 24;
 constexpr size_t kLargestElement = 300;
-
-template <class Value>
-Value get(const void* record, size_t at) {
-  Value value;
-  std::memcpy(&value, static_cast<const uint8_t*>(record) + at, sizeof value);
-  return value;
-}
 
 void fillScalar(uint32_t width, Entropy& entropy, uint8_t* member) {
   const uint8_t choice = entropy.byte();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #include "fuzz/shapes.hpp"
@@ -46,6 +47,14 @@ class Entropy {
 struct alignas(16) RecordRoom {
   uint8_t bytes[256];
 };
+
+// A record's member.
+template <class Value>
+Value get(const void* record, size_t at) {
+  Value value;
+  std::memcpy(&value, static_cast<const uint8_t*>(record) + at, sizeof value);
+  return value;
+}
 
 // Strings and elements lie in memory that the next call reuses.
 void fillRecord(const Shape& shape, Entropy& entropy, void* record);

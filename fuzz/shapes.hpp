@@ -25,12 +25,15 @@ struct Shape {
   size_t recordSize;
   std::vector<Field> fields;  // slot 0 first
 
-  // Whether a record points at memory; no nested table or element does.
-  [[nodiscard]] bool ownsMemory() const {
-    return std::any_of(fields.begin(), fields.end(), [](const Field& field) {
+  // The one field of a record that points at memory, if any; none of a nested table or element
+  // does.
+  [[nodiscard]] const Field* owner() const {
+    const auto found = std::ranges::find_if(fields, [](const Field& field) {
       return field.kind == Kind::string || field.kind == Kind::vector;
     });
+    return found == fields.end() ? nullptr : &*found;
   }
+  [[nodiscard]] bool ownsMemory() const { return owner() != nullptr; }
 };
 
 // By message; twins share a shape.

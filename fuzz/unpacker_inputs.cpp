@@ -1,12 +1,8 @@
 // Makes inputs for the unpackers' fuzz programs: as raw bytes, and by bending the structure of
-// packed messages. Also writes the seeds.
+// packed messages, of which it makes new ones now and then; so no seeds are needed.
 #include "fuzz/unpacker_inputs.hpp"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <string>
 #include <vector>
 
 #include "fuzz/naive_decoder.hpp"
@@ -60,27 +56,16 @@ class Bender {
 
   // Returns the new size.
   size_t bend() {
-    if (words_.empty()) return size_;
-    switch (entropy_.below(8)) {
-      case 0:
-        moveVtable();
-        break;
-      case 1:
-        overlapTargets();
-        break;
-      case 2:
-        swapEntries();
-        break;
-      case 3:
-        moveTarget();
-        break;
-      case 4:
-        resize();
-        break;
-      default:
-        bendWord(words_[entropy_.below(words_.size())]);
-        break;
-    }
+    constexpr auto kWord = &Bender::bendWord;
+    constexpr decltype(kWord) kWays[] = {&Bender::moveVtable,
+                                         &Bender::overlapTargets,
+                                         &Bender::swapEntries,
+                                         &Bender::moveTarget,
+                                         &Bender::resize,
+                                         kWord,
+                                         kWord,
+                                         kWord};
+    if (!words_.empty()) (this->*kWays[entropy_.below(std::size(kWays))])();
     return size_;
   }
 
@@ -90,25 +75,30 @@ class Bender {
     if (position + width <= size_) std::memcpy(&value, bytes_ + position, width);
     return value;
   }
-  void store(uint64_t position, uint32_t width, uint64_t value) {
-    if (position + width <= size_) std::memcpy(bytes_ + position, &value, width);
+  [[nodiscard]] uint64_t load(const Word& word) const { return load(word.position, word.width); }
+  [[nodiscard]] uint64_t targetOf(const Word& word) const { return word.position + load(word); }
+  void store(const Word& word, uint64_t value) {
+    if (word.position + word.width <= size_) {
+      std::memcpy(bytes_ + word.position, &value, word.width);
+    }
   }
 
-  const Word* choose(Role role) {
+  // One of no width where there is none, which loads as 0 and stores nothing.
+  Word choose(Role role) {
     const size_t start = entropy_.below(words_.size());
     for (size_t i = 0; i < words_.size(); ++i) {
       const Word& word = words_[(start + i) % words_.size()];
-      if (word.role == role) return &word;
+      if (word.role == role) return word;
     }
-    return nullptr;
+    return {};
   }
 
   // To the limits of the message, of the word and of what its sums can hold.
-  void bendWord(const Word& word) {
-    const uint64_t current = load(word.position, word.width);
+  void bendWord() {
+    const Word& word = words_[entropy_.below(words_.size())];
     const uint64_t near = entropy_.below(9) - 4;
     const uint64_t values[] = {near,
-                               current + near,
+                               load(word) + near,
                                size_ + near,
                                size_ - word.position + near,
                                size_ - word.table + near,
@@ -119,7 +109,7 @@ class Bender {
                                entropy_.below(size_ + 8),
                                entropy_.next(),
                                entropy_.next() & 0xFFFF};
-    store(word.position, word.width, values[entropy_.below(std::size(values))]);
+    store(word, values[entropy_.below(std::size(values))]);
   }
 
   // Puts a copy of count bytes behind the message; returns where, or 0 when there is no room.
@@ -131,35 +121,30 @@ class Bender {
   }
 
   void moveVtable() {
-    const Word* const word = choose(Role::displacement);
-    if (word == nullptr) return;
-    const uint64_t vtable = (word->position - load(word->position, 4)) & 0xFFFFFFFF;
+    const Word word = choose(Role::displacement);
+    const uint64_t vtable = (word.position - load(word)) & 0xFFFFFFFF;
     const uint64_t copy = appendCopy(vtable, load(vtable, 2));
-    if (copy != 0) store(word->position, 4, word->position - copy);
-  }
-
-  void overlapTargets() {
-    const Word* const from = choose(Role::offset);
-    const Word* const to = choose(Role::offset);
-    if (from == nullptr || to == nullptr) return;
-    store(from->position, 4, to->position + load(to->position, 4) - from->position);
-  }
-
-  void swapEntries() {
-    const Word* const one = choose(Role::entry);
-    const Word* const other = choose(Role::entry);
-    if (one == nullptr || other == nullptr) return;
-    const uint64_t value = load(one->position, 2);
-    store(one->position, 2, load(other->position, 2));
-    store(other->position, 2, value);
+    if (copy != 0) store(word, word.position - copy);
   }
 
   void moveTarget() {
-    const Word* const word = choose(Role::offset);
-    if (word == nullptr) return;
-    const uint64_t target = word->position + load(word->position, 4);
+    const Word word = choose(Role::offset);
+    const uint64_t target = targetOf(word);
     const uint64_t copy = appendCopy(target, 4 + load(target, 4));
-    if (copy != 0) store(word->position, 4, copy - word->position);
+    if (copy != 0) store(word, copy - word.position);
+  }
+
+  void overlapTargets() {
+    const Word word = choose(Role::offset);
+    store(word, targetOf(choose(Role::offset)) - word.position);
+  }
+
+  void swapEntries() {
+    const Word one = choose(Role::entry);
+    const Word other = choose(Role::entry);
+    const uint64_t value = load(one);
+    store(one, load(other));
+    store(other, value);
   }
 
   void resize() {
@@ -179,22 +164,6 @@ class Bender {
 };
 std::vector<Word> Bender::words_;
 
-constexpr int kSeedsOfAMessage = 6;
-
-void writeSeeds(const std::string& folder) {
-  Entropy entropy(20261122);
-  for (size_t choice = 0; choice < fuzzedMessages().size(); ++choice) {
-    for (int i = 0; i < kSeedsOfAMessage; ++i) {
-      const Message& message = *fuzzedMessages()[choice];
-      const std::vector<uint8_t> bytes = makeMessage(message, entropy);
-      std::ofstream file(folder + "/" + message.name + "-" + std::to_string(i), std::ios::binary);
-      file.put(static_cast<char>(choice));
-      file.write(reinterpret_cast<const char*>(bytes.data()),
-                 static_cast<std::streamsize>(bytes.size()));
-    }
-  }
-}
-
 }  // namespace
 
 const Message& chosenMessage(uint8_t choice) {
@@ -202,15 +171,6 @@ const Message& chosenMessage(uint8_t choice) {
 }
 
 }  // namespace kel::fuzz
-
-// With --seeds FOLDER the program writes the seeds there and is done.
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-    kel::fuzz::writeSeeds((*argv)[2]);
-    std::exit(0);
-  }
-  return 0;
-}
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maximumSize,
                                           unsigned seed) {

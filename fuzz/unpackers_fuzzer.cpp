@@ -18,17 +18,13 @@ namespace {
 // No message packs to more than what the longest one can decode to.
 constexpr size_t kLargestPacked = kLongestMessage / 4 * 512;
 
-template <class Value>
-Value get(const void* record, size_t at) {
-  Value value;
-  std::memcpy(&value, static_cast<const uint8_t*>(record) + at, sizeof value);
-  return value;
-}
-
 class Case {
  public:
   Case(const Message& message, std::span<const uint8_t> input, bool refuseAllocations)
-      : message_(message), shape_(*message.shape), refuses_(refuseAllocations) {
+      : message_(message),
+        shape_(*message.shape),
+        owner_(shape_.owner()),
+        refuses_(refuseAllocations) {
     bytes_ = {copy(input), input.size()};
   }
 
@@ -54,7 +50,8 @@ class Case {
       release(record);
     }
     require(host.blocks == 0, "memory was left allocated");
-    if (shape_.ownsMemory() && bytes_.size() >= 4) checkPointersAreNull(record);
+    if (owner_ == nullptr || bytes_.size() < 4) return;
+    require(get<const void*>(&record, owner_->at) == nullptr, "a pointer is left");
   }
 
  private:
@@ -89,7 +86,7 @@ class Case {
     if (bytes_.size() < 4) {
       format = "[KORVA]:Param invalid(%s, %d, %s)";
     } else {
-      if (shape_.ownsMemory()) function += "_non_root";
+      if (owner_ != nullptr) function += "_non_root";
       format = expected.fault;
       if (expected.allocates && refuses_) {
         format = "[KORVA]:Malloc unpack data unsuccess,                size(%u)";
@@ -112,21 +109,18 @@ class Case {
   void checkAllocation(const Verdict& expected) const {
     require(host.requests == (expected.allocates ? 1 : 0), "allocations");
     require(host.requested == expected.allocation, "allocated bytes");
-    size_t bound = 0;
-    for (const Field& field : shape_.fields) {
-      if (field.kind == Kind::string) bound = bytes_.size();
-      if (field.kind == Kind::vector) bound = bytes_.size() / 4 * field.nested->recordSize;
-    }
+    if (owner_ == nullptr) return;
+    const size_t bound = owner_->kind == Kind::string
+                             ? bytes_.size()
+                             : bytes_.size() / 4 * owner_->nested->recordSize;
     require(host.requested <= bound, "more memory than the documented bound");
   }
 
   // NULs within a string arrive as well, and one follows it.
   void checkText(const Verdict& expected, const RecordRoom& record) const {
-    for (const Field& field : shape_.fields) {
-      if (field.kind != Kind::string) continue;
-      const auto* const text = get<const char*>(&record, field.at);
-      if (text != nullptr) require(text[expected.textLength] == '\0', "the text's NUL");
-    }
+    if (owner_ == nullptr || owner_->kind != Kind::string) return;
+    const auto* const text = get<const char*>(&record, owner_->at);
+    if (text != nullptr) require(text[expected.textLength] == '\0', "the text's NUL");
   }
 
   void checkDecodesAgain(const RecordRoom& record) const {
@@ -141,15 +135,9 @@ class Case {
     release(again);
   }
 
-  void checkPointersAreNull(const RecordRoom& record) const {
-    for (const Field& field : shape_.fields) {
-      if (field.kind != Kind::string && field.kind != Kind::vector) continue;
-      require(get<const void*>(&record, field.at) == nullptr, "a pointer is left");
-    }
-  }
-
   const Message& message_;
   const Shape& shape_;
+  const Field* owner_;
   bool refuses_;
   std::span<const uint8_t> bytes_;
 };
