@@ -25,59 +25,37 @@ struct Stubs {
   int32_t (*async)(const void*, uintptr_t, uintptr_t, uintptr_t);
 };
 
-template <auto Stub>
-struct Sync;
-template <class Input, class Output, int32_t (*Stub)(const Input*, Output*, uintptr_t)>
-struct Sync<Stub> {
-  static int32_t call(const void* input, void* output, uintptr_t invokeArg) {
-    return Stub(static_cast<const Input*>(input), static_cast<Output*>(output), invokeArg);
+#define KEL_STUBS(method, Input, inputSize, Output, outputSize, fixedSize)                     \
+  {                                                                                            \
+    #method, inputSize, outputSize, fixedSize, KelSysdiagMaster_##method##SetIdl,              \
+        [](const void* input, void* output, uintptr_t invokeArg) {                             \
+          return KelSysdiagMaster_##method(static_cast<const Input*>(input),                   \
+                                           static_cast<Output*>(output), invokeArg);           \
+        },                                                                                     \
+        [](const void* input, uintptr_t userArg1, uintptr_t userArg2, uintptr_t invokeArg) {   \
+          return KelSysdiagMaster_##method##_async(static_cast<const Input*>(input), userArg1, \
+                                                   userArg2, invokeArg);                       \
+        }                                                                                      \
   }
-};
-
-template <auto Stub>
-struct Async;
-template <class Input, int32_t (*Stub)(const Input*, uintptr_t, uintptr_t, uintptr_t)>
-struct Async<Stub> {
-  static int32_t call(const void* input, uintptr_t userArg1, uintptr_t userArg2,
-                      uintptr_t invokeArg) {
-    return Stub(static_cast<const Input*>(input), userArg1, userArg2, invokeArg);
-  }
-};
 
 const Stubs kStubs[] = {
-    {"KelSendAlarm", 64, 8, 0, KelSysdiagMaster_KelSendAlarmSetIdl,
-     Sync<KelSysdiagMaster_KelSendAlarm>::call, Async<KelSysdiagMaster_KelSendAlarm_async>::call},
-    {"KelSendOverloadAlarm", 116, 8, 192, KelSysdiagMaster_KelSendOverloadAlarmSetIdl,
-     Sync<KelSysdiagMaster_KelSendOverloadAlarm>::call,
-     Async<KelSysdiagMaster_KelSendOverloadAlarm_async>::call},
-    {"KelSendMobileDiskOverloadAlarm", 132, 8, 208,
-     KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl,
-     Sync<KelSysdiagMaster_KelSendMobileDiskOverloadAlarm>::call,
-     Async<KelSysdiagMaster_KelSendMobileDiskOverloadAlarm_async>::call},
-    {"KelGetDiskOvLoadCfgInfo", 114, 124, 160, KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl,
-     Sync<KelSysdiagMaster_KelGetDiskOvLoadCfgInfo>::call,
-     Async<KelSysdiagMaster_KelGetDiskOvLoadCfgInfo_async>::call},
+    KEL_STUBS(KelSendAlarm, AlarmInput, 64, AlarmOutput, 8, 0),
+    KEL_STUBS(KelSendOverloadAlarm, OverloadAlarmInput, 116, AlarmOutput, 8, 192),
+    KEL_STUBS(KelSendMobileDiskOverloadAlarm, OverloadDiskAlarmInput, 132, AlarmOutput, 8, 208),
+    KEL_STUBS(KelGetDiskOvLoadCfgInfo, OvLoadDiskCtlInput, 114, OvLoadDiskCtlOutput, 124, 160),
 };
 
-bool operator==(const IdlCodecOps& left, const IdlCodecOps& right) {
-  return std::memcmp(&left, &right, sizeof left) == 0;
-}
-
-void expectOps(const Stubs& stubs, const IdlCodecOps& ops) {
+void expectHandedOver(const Stubs& stubs, const FrameworkCall& call, const void* input) {
+  IdlCodecOps ops;
+  std::memset(&ops, 0xEE, sizeof ops);
+  stubs.setIdl(&ops);
   EXPECT_NE(ops.unpackFn, nullptr);
   EXPECT_NE(ops.packFn, nullptr);
   EXPECT_NE(ops.releaseFn, nullptr);
   EXPECT_EQ(ops.userFreeFn, nullptr);
   EXPECT_EQ(ops.fixedPackFn != nullptr, stubs.fixedSize != 0);
   EXPECT_EQ(ops.fixedSizeFn == nullptr ? 0 : ops.fixedSizeFn(), stubs.fixedSize);
-}
-
-void expectHandedOver(const Stubs& stubs, const FrameworkCall& call, const void* input) {
-  IdlCodecOps ops;
-  std::memset(&ops, 0xEE, sizeof ops);
-  stubs.setIdl(&ops);
-  expectOps(stubs, ops);
-  EXPECT_TRUE(call.ops == ops);
+  EXPECT_EQ(std::memcmp(&call.ops, &ops, sizeof ops), 0);
   EXPECT_EQ(call.server, &g_stServerAddr_KelSysdiagMaster);
   EXPECT_EQ(call.invoker, framework().invokerToReturn);
   EXPECT_EQ(call.invokeArg, 41U);
@@ -113,9 +91,7 @@ void callEveryStub() {
   }
 }
 
-TEST(ClientStubs, HandOverTheMethodAndGiveTheResultBack) { callEveryStub(); }
-
-TEST(ClientStubs, RunOnAnyThread) {
+TEST(ClientStubs, HandOverTheMethodAndGiveTheResultBackOnAnyThread) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 16; ++i) threads.emplace_back(callEveryStub);
   for (std::thread& thread : threads) thread.join();

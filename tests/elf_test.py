@@ -13,17 +13,8 @@ from elftools.elf.dynamic import DynamicSection
 from elftools.elf.elffile import ELFFile
 from elftools.elf.sections import NoteSection
 
-CLIENT_METHODS = [
-    "KelSendAlarm",
-    "KelSendOverloadAlarm",
-    "KelSendMobileDiskOverloadAlarm",
-    "KelGetDiskOvLoadCfgInfo",
-]
-FUNCTIONS = [
-    f"KelSysdiagMaster_{method}{suffix}"
-    for method in CLIENT_METHODS
-    for suffix in ("SetIdl", "", "_async")
-]
+CLIENT_METHODS = ["KelSendAlarm", "KelSendOverloadAlarm", "KelSendMobileDiskOverloadAlarm",
+                  "KelGetDiskOvLoadCfgInfo"]
 SERVED_METHODS = {
     "KelBrdPartInfoQuery": ("BrdPartInfoInput", "BrdPartInfo"),
     "FdProcInfoQuery": ("FdProcInfoInput", "FdProcInfoOutput"),
@@ -34,7 +25,11 @@ SERVED_METHODS = {
     "KelQueryStorageEraseInfo": ("StorageEraseInfoInput", "StorageEraseInfo"),
     "KelQueryStorageBadBlockInfo": ("StorageBadBlockInfoInput", "StorageBadBlockInfo"),
 }
-FUNCTIONS += [f"{method}_wrapper" for method in SERVED_METHODS]
+FUNCTIONS = [
+    *(f"KelSysdiagMaster_{method}{suffix}" for method in CLIENT_METHODS
+      for suffix in ("SetIdl", "", "_async")),
+    *(f"{method}_wrapper" for method in SERVED_METHODS),
+]
 DATA_SIZES = {
     "g_stServerAddr_KelSysdiagMaster": 104,
     "__module_spec_KelSysdiagQarne": 120,
@@ -46,22 +41,15 @@ HOST = {
     *(name for method in SERVED_METHODS for name in (method, f"{method}_free")),
 }
 
+RECEIVED = ["AlarmInput", "OverloadAlarmInput", "OverloadDiskAlarmInput", "OvLoadDiskCtlInput",
+            *(reply for request, reply in SERVED_METHODS.values())]
+SENT = ["AlarmOutput", "OvLoadDiskCtlOutput",
+        *(request for request, reply in SERVED_METHODS.values())]
 PEER_FUNCTIONS = [
-    f"Kel_sys_diag_{message}_{routine}"
-    for message in (
-        "AlarmInput",
-        "OverloadAlarmInput",
-        "OverloadDiskAlarmInput",
-        "OvLoadDiskCtlInput",
-    )
-    for routine in ("unpack", "free_unpacked")
-] + ["Kel_sys_diag_AlarmOutput_pack", "Kel_sys_diag_OvLoadDiskCtlOutput_pack"]
-for request, reply in SERVED_METHODS.values():
-    PEER_FUNCTIONS += [
-        f"Kel_sys_diag_{request}_pack",
-        f"Kel_sys_diag_{reply}_unpack",
-        f"Kel_sys_diag_{reply}_free_unpacked",
-    ]
+    *(f"Kel_sys_diag_{message}_pack" for message in SENT),
+    *(f"Kel_sys_diag_{message}_{routine}" for message in RECEIVED
+      for routine in ("unpack", "free_unpacked")),
+]
 
 # All that codecs may ask of the C library.
 LIBC = {
@@ -97,13 +85,12 @@ class Library:
         return next(s for s in self.elf.iter_segments() if s["p_type"] == kind)
 
     def aarch64_features(self):
-        for note in self.notes:
-            if note["n_type"] != "NT_GNU_PROPERTY_TYPE_0":
-                continue
-            for prop in note["n_desc"]:
-                if prop.pr_type in (AARCH64_FEATURE_1_AND, "GNU_PROPERTY_AARCH64_FEATURE_1_AND"):
-                    data = prop.pr_data
-                    return data if isinstance(data, int) else int.from_bytes(bytes(data), "little")
+        properties = [p for n in self.notes if n["n_type"] == "NT_GNU_PROPERTY_TYPE_0"
+                      for p in n["n_desc"]]
+        for p in properties:
+            if p.pr_type in (AARCH64_FEATURE_1_AND, "GNU_PROPERTY_AARCH64_FEATURE_1_AND"):
+                data = p.pr_data
+                return data if isinstance(data, int) else int.from_bytes(bytes(data), "little")
         return 0
 
 
