@@ -37,73 +37,50 @@ TEST(Strings, OfAnyLengthArriveWhole) {
   }
 }
 
-// One character over and over past 4 GiB; only around that border is it memory of its own, so that
-// a NUL can be put there.
-class EndlessString {
- public:
-  EndlessString() {
-    void* const reserved = mmap(nullptr, kBorder + kTail, PROT_NONE,
-                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (reserved == MAP_FAILED) return;
-    text_ = static_cast<char*>(reserved);
-    usable_ = mapPieces() && mmap(text_ + kBorder - kTail, 2 * kTail, PROT_READ | PROT_WRITE,
-                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
-  }
-  ~EndlessString() {
-    if (text_ != nullptr) munmap(text_, kBorder + kTail);
-  }
-  EndlessString(const EndlessString&) = delete;
-  EndlessString& operator=(const EndlessString&) = delete;
-
-  [[nodiscard]] bool usable() const { return usable_; }
-
-  // Valid until the next call; length must be within kTail of the border.
-  const char* ofLength(size_t length) {
-    std::memset(text_ + kBorder - kTail, 'k', 2 * kTail);
-    text_[length] = '\0';
-    return text_;
-  }
-
- private:
-  static constexpr size_t kBorder = size_t{1} << 32;
-  static constexpr size_t kTail = size_t{1} << 16;
-  static constexpr size_t kPiece = size_t{1} << 26;
-
-  bool mapPieces() {
-    const int file = memfd_create("piece", 0);
-    bool mapped = file >= 0 && ftruncate(file, kPiece) == 0;
-    for (size_t at = 0; at < kBorder && mapped; at += kPiece) {
-      mapped = mmap(text_ + at, kPiece, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0) !=
-               MAP_FAILED;
+// One character over and over past 4 GiB: a file mapped in many places, of which a page becomes
+// memory of its own when something is put there. Null if there is no room.
+constexpr size_t kPiece = size_t{1} << 26;
+constexpr size_t kEndless = (size_t{1} << 32) + kPiece;
+char* mapEndlessText() {
+  const std::string piece(kPiece, 'k');
+  const int file = memfd_create("piece", 0);
+  const bool written = write(file, piece.data(), kPiece) == ssize_t{kPiece};
+  void* const reserved =
+      mmap(nullptr, kEndless, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (!written || reserved == MAP_FAILED) return nullptr;
+  auto* const text = static_cast<char*>(reserved);
+  for (size_t at = 0; at < kEndless; at += kPiece) {
+    if (mmap(text + at, kPiece, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED | MAP_NORESERVE,
+             file, 0) == MAP_FAILED) {
+      return nullptr;
     }
-    if (mapped) std::memset(text_, 'k', kPiece);
-    if (file >= 0) close(file);
-    return mapped;
   }
-
-  char* text_ = nullptr;
-  bool usable_ = false;
-};
+  close(file);
+  return text;
+}
 
 TEST(Strings, PastThirtyTwoBitsHaveNoSize) {
-  EndlessString endless;
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "one thread, and minutes of checking each byte of 4 GiB";
 #endif
-  if (!endless.usable()) GTEST_SKIP() << "no room for 4 GiB of address space";
+  char* const text = mapEndlessText();
+  if (text == nullptr) GTEST_SKIP() << "no room for 4 GiB of address space";
   constexpr size_t kLongest = 0xFFFFFFFF - (66 + 9);
   uint8_t byte = 0xEE;
   const uint32_t capacity = UINT32_MAX;
   const PackTarget target{&byte, &capacity};
   for (const size_t length : {kLongest, kLongest + 1, (size_t{1} << 32) + 5}) {
-    const AlarmInput record{0, 0, endless.ofLength(length), 0, 0, {}, 0};
+    text[length] = '\0';
+    const AlarmInput record{0, 0, text, 0, 0, {}, 0};
     const bool fits = length == kLongest;
     EXPECT_EQ(alarmOps().packFn(nullptr, &record), fits ? UINT32_MAX : 0);
     if (length == kLongest + 1) {
       EXPECT_EQ(alarmOps().packFn(&target, &record), 0U);
     }
+    text[length] = 'k';
   }
   EXPECT_EQ(byte, 0xEE);
+  munmap(text, kEndless);
 }
 
 }  // namespace
