@@ -1,7 +1,8 @@
 // The codecs' dealings with the host's OS layer: what is looked up and when, which allocator
 // serves, what is logged and in which order. Each scenario has a process of its own, since a unit
-// chooses its hooks once. The program holds the client and the peer unit's objects and stands in
-// for dlsym, so that it decides which platform functions exist and sees every look-up.
+// chooses its hooks once. The program holds the client and the peer unit's objects, where all
+// routines that allocate are. It stands in for dlsym, malloc and free, so that it decides which
+// platform functions exist and sees every look-up and every block.
 #include <gtest/gtest.h>
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
@@ -23,6 +24,9 @@
 #include "support/bytes.hpp"
 #include "support/own_process.hpp"
 
+extern "C" void* __real_malloc(size_t size);
+extern "C" void __real_free(void* block);
+
 namespace {
 
 using kel::test::Bytes;
@@ -39,7 +43,16 @@ struct Platform {
   std::set<std::string> offered;
   uint32_t flag = 0;
   bool allocFails = false;
+  bool isWatched = false;  // else malloc and free are none of its business
 
+  void* allocate(size_t size, const std::string& how, const std::string& forWhom = "") {
+    record(how + std::to_string(size) + forWhom);
+    return allocFails ? nullptr : __real_malloc(size);
+  }
+  void free(void* block, const std::string& forWhom = "") {
+    record((block == nullptr ? "free null" : "free block") + forWhom);
+    __real_free(block);
+  }
   void record(std::string event) {
     const std::lock_guard lock(mutex);
     events.push_back(std::move(event));
@@ -75,21 +88,26 @@ uint32_t flagGet(uint32_t module) {
   return platform.flag;
 }
 
-void* cacheAlloc(uint32_t size, uint32_t module, const char* caller) {
-  platform.record("alloc " + std::to_string(size) + " " + std::to_string(module) + " " + caller);
-  return platform.allocFails ? nullptr : std::malloc(size);
+std::string forWhom(uint32_t module, const char* caller) {
+  return " " + std::to_string(module) + " " + caller;
 }
-
-int32_t cacheFree(void* pointer, uint32_t module, const char* caller) {
-  platform.record((pointer == nullptr ? "free null " : "free block ") + std::to_string(module) +
-                  " " + caller);
-  std::free(pointer);
+void* cacheAlloc(uint32_t size, uint32_t module, const char* caller) {
+  return platform.allocate(size, "alloc ", forWhom(module, caller));
+}
+int32_t cacheFree(void* block, uint32_t module, const char* caller) {
+  platform.free(block, forWhom(module, caller));
   return -1;  // ignored
 }
 
 }  // namespace
 
-// What the objects under test call in place of dlsym.
+// What the objects under test call in place of malloc, free and dlsym.
+extern "C" void* __wrap_malloc(size_t size) {
+  return platform.isWatched ? platform.allocate(size, "malloc ") : __real_malloc(size);
+}
+extern "C" void __wrap_free(void* block) {
+  platform.isWatched ? platform.free(block) : __real_free(block);
+}
 extern "C" void* __wrap_dlsym(void* handle, const char* name) {
   const std::string symbol = name;
   platform.record("dlsym " + symbol + (handle == nullptr ? "" : " by a handle"));
@@ -105,15 +123,14 @@ namespace {
 // Returns what happened meanwhile.
 Events during(const std::function<void()>& action) {
   platform.take();
+  platform.isWatched = true;
   action();
+  platform.isWatched = false;
   return platform.take();
 }
 
-const std::vector<uint8_t>& okReply() {
-  static const std::vector<uint8_t> reply =
-      Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
-  return reply;
-}
+const std::vector<uint8_t> kReply =  // 25 bytes
+    Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
 
 // A call for later. Returns 0 when it failed.
 using Action = std::function<uint64_t()>;
@@ -139,19 +156,18 @@ const auto unpacksAlarm = unpacks<Kel_sys_diag_AlarmOutput_unpack, AlarmOutput>;
 const auto unpacksRequest = unpacks<Kel_sys_diag_AlarmInput_unpack, AlarmInput>;
 const auto unpacksConfig = unpacks<Kel_sys_diag_OvLoadDiskCtlOutput_unpack, OvLoadDiskCtlOutput>;
 
-template <auto Unpack, class Record>
-uintptr_t unpack(const std::vector<uint8_t>& bytes, Record* record) {
-  return Unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), record);
-}
-
 uintptr_t unpackReply(AlarmOutput& record) {
-  return unpack<Kel_sys_diag_AlarmOutput_unpack>(okReply(), &record);
+  return Kel_sys_diag_AlarmOutput_unpack(kReply.data(), 25, &record);
 }
 
 const std::string kReader = "Kel_sys_diag_AlarmOutput_unpack_non_root";
 const std::string kReleaser = "Kel_sys_diag_AlarmOutput_free_unpacked";
 const std::string kFlagLookUp = "dlsym " + kFlag;
 const Events kPairLookUp = {kFlagLookUp, "flag 12", "dlsym " + kAlloc, "dlsym " + kFree};
+
+bool isSetUp(const std::string& event) {
+  return event == "dlsym " + kLog || std::ranges::count(kPairLookUp, event) != 0;
+}
 
 void usePlatformAllocator() {
   platform.offered = {kFlag, kAlloc, kFree};
@@ -185,7 +201,7 @@ TEST(MemorySetUp, ChoosesAPairOnce) {
       platform.flag = c.flag;
       AlarmOutput record;
       Events expected = c.setUp;
-      if (platformServes) expected.push_back("alloc 3 12 " + kReader);
+      expected.push_back(platformServes ? "alloc 3 12 " + kReader : "malloc 3");
       EXPECT_EQ(during([&] { EXPECT_NE(unpackReply(record), 0U); }), expected);
       EXPECT_STREQ(record.text, "ok");
 
@@ -193,7 +209,7 @@ TEST(MemorySetUp, ChoosesAPairOnce) {
       usePlatformAllocator();
       platform.flag = 1 - c.flag;
       EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }),
-                platformServes ? Events{"free block 12 " + kReleaser} : Events{});
+                Events{platformServes ? "free block 12 " + kReleaser : "free block"});
     });
   }
 }
@@ -219,8 +235,8 @@ TEST(MemorySetUp, RunsWhereMemoryOrABufferIsUsed) {
       {"fixed layout",
        [] { return Kel_sys_diag_OverloadAlarmInput_fixed_pack(buffer, &kOverload); }, true},
       {"fixed size", Kel_sys_diag_OverloadAlarmInput_fixed_size, false},
-      {"unpack", unpacksConfig(okReply(), 16), true},
-      {"refused unpack", unpacksConfig(okReply(), 3), false},
+      {"unpack", unpacksConfig(kReply, 16), true},
+      {"refused unpack", unpacksConfig(kReply, 3), false},
       {"release", released(Kel_sys_diag_AlarmOutput_free_unpacked, nullptr), true},
       {"empty release", released(Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked, nullptr), false},
       {"its record", released(Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked, buffer), false},
@@ -242,25 +258,12 @@ TEST(Units, ChooseApart) {
         Bytes().u32(14).u16s({10, 0, 0, 0, 4}).u32s({10, 4, 1}).text("x");
     Events expected = kPairLookUp;
     expected.push_back("alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root");
-    EXPECT_EQ(during([&] { unpack<Kel_sys_diag_AlarmInput_unpack>(request, &input); }), expected);
+    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_unpack(request.data(), 27, &input); }),
+              expected);
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_free_unpacked(&input); }),
               Events{"free block 12 Kel_sys_diag_AlarmInput_free_unpacked"});
-    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&output); }), Events{});
-  });
-}
-
-TEST(Release, HandsOverNullAndClearsThePointer) {
-  inAProcessOfItsOwn([] {
-    usePlatformAllocator();
-    AlarmOutput record;
-    EXPECT_NE(unpackReply(record), 0U);
-    const std::string freed = " 12 " + kReleaser;
-    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }),
-              Events{"free block" + freed});
-    EXPECT_EQ(record.text, nullptr);
-    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&record); }),
-              Events{"free null" + freed});
-    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(nullptr); }), Events{});
+    EXPECT_EQ(during([&] { Kel_sys_diag_AlarmOutput_free_unpacked(&output); }),
+              Events{"free block"});
   });
 }
 
@@ -268,15 +271,12 @@ TEST(Release, HandsOverNullAndClearsThePointer) {
 // the set-ups look up is not among the expected events.
 void failTwice(bool hasLogger, const Action& action, Events expected) {
   const auto isLog = [](const std::string& event) { return event.starts_with("log"); };
-  const auto isMemorySetUp = [](const std::string& event) {
-    return std::ranges::count(kPairLookUp, event) != 0;
-  };
   if (hasLogger) platform.offered.insert(kLog);
   const size_t lookUps = std::ranges::any_of(expected, isLog) ? 1 : 0;
   if (!hasLogger) std::erase_if(expected, isLog);
   Events happened = during([&] { EXPECT_EQ(action(), 0U); });
   EXPECT_EQ(std::erase(happened, "dlsym " + kLog), lookUps);
-  std::erase_if(happened, isMemorySetUp);
+  std::erase_if(happened, isSetUp);
   EXPECT_EQ(happened, expected);
 
   // Again: the same, and no look-up any more; a logger that appears by now stays unused.
@@ -284,13 +284,11 @@ void failTwice(bool hasLogger, const Action& action, Events expected) {
   EXPECT_EQ(during([&] { EXPECT_EQ(action(), 0U); }), expected);
 }
 
-void expectFailure(const std::string& what, const Action& action, const Events& expected,
-                   bool allocFails = false) {
+void expectFailure(const std::string& what, const Action& action, const Events& expected) {
   SCOPED_TRACE(what);
   for (const bool hasLogger : {true, false}) {
     inAProcessOfItsOwn([&] {
       usePlatformAllocator();
-      platform.allocFails = allocFails;
       failTwice(hasLogger, action, expected);
     });
   }
@@ -322,10 +320,10 @@ TEST(Failures, OfArguments) {
        [] { return Kel_sys_diag_AlarmOutput_unpack(nullptr, 25, &output); }},
       {"AlarmOutput_unpack", "nonNull, 25, null",
        [] { return Kel_sys_diag_AlarmOutput_unpack(buffer, 25, nullptr); }},
-      {"AlarmOutput_unpack", "nonNull, 3, nonNull", unpacksAlarm(okReply(), 3)},
-      {"AlarmOutput_unpack", "nonNull, -1, nonNull", unpacksAlarm(okReply(), 0xFFFFFFFF)},
+      {"AlarmOutput_unpack", "nonNull, 3, nonNull", unpacksAlarm(kReply, 3)},
+      {"AlarmOutput_unpack", "nonNull, -1, nonNull", unpacksAlarm(kReply, 0xFFFFFFFF)},
       {"OvLoadDiskCtlOutput_unpack", "nonNull, -2147483648, nonNull",
-       unpacksConfig(okReply(), 0x80000000)},
+       unpacksConfig(kReply, 0x80000000)},
   };
   for (const auto& [function, arguments, action] : cases) {
     const std::string text = "Param invalid(" + std::string(arguments) + ")";
@@ -360,22 +358,109 @@ TEST(Failures, OfRootHeaders) {
 }
 
 TEST(Failures, ReleaseInOrder) {
-  const std::string freedNull = "free null 12 " + kReleaser;
   expectFailure("size of null", [] { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, {});
-  expectFailure("a string past the end", unpacksAlarm(okReply(), 23), {freedNull});
+  expectFailure("a string past the end", unpacksAlarm(kReply, 23), {"free null 12 " + kReleaser});
   expectFailure("a field past the end",
                 unpacksConfig(Bytes().u32(10).u16s({6, 0, 5}).u32s({6, 0}), 18), {});
-  expectFailure(
-      "no memory", unpacksAlarm(okReply(), 25),
-      {"alloc 3 12 " + kReader,
-       logLine(12, kReader, "Malloc unpack data unsuccess,                size(3)"), freedNull},
-      true);
   // Its text at 34; its byte array's offset field points past the end.
   const std::vector<uint8_t> request =
       Bytes().u32(22).u16s({18, 0, 0, 0, 4, 0, 0, 8, 0}).u32s({18, 8, 100, 2}).text("ab").u8(0);
   expectFailure("a later field than the string", unpacksRequest(request, 41),
                 {"alloc 3 12 Kel_sys_diag_AlarmInput_unpack_non_root",
                  "free block 12 Kel_sys_diag_AlarmInput_free_unpacked"});
+}
+
+// The routines of a message, bytes of it that take a block, and how large that one is.
+struct Owner {
+  std::string name;
+  uintptr_t (*unpack)(const void*, uint32_t, void*);
+  void (*release)(void*);
+  std::vector<uint8_t> bytes;
+  size_t size;
+};
+
+#define KEL_OWNER(message, bytes, size)                                                            \
+  Owner {                                                                                          \
+    "Kel_sys_diag_" #message,                                                                      \
+        [](const void* received, uint32_t length, void* record) {                                  \
+          return Kel_sys_diag_##message##_unpack(received, length, static_cast<message*>(record)); \
+        },                                                                                         \
+        [](void* record) {                                                                         \
+          Kel_sys_diag_##message##_free_unpacked(static_cast<message*>(record));                   \
+        },                                                                                         \
+        bytes, size                                                                                \
+  }
+
+// Refuses the block, then grants it. A release with nothing to do hands over a null text, but no
+// null array.
+void refuseThenServe(const Owner& owner, bool platformServes) {
+  const std::string reader = owner.name + "_unpack_non_root";
+  const std::string size = std::to_string(owner.size);
+  const std::string asked = platformServes ? "alloc " + size + " 12 " + reader : "malloc " + size;
+  const std::string releaser = platformServes ? " 12 " + owner.name + "_free_unpacked" : "";
+  const Events givenUp = owner.size == 3 ? Events{"free null" + releaser} : Events{};
+  Events refused = {
+      asked,
+      logLine(12, reader, "Malloc unpack data unsuccess,                size(" + size + ")")};
+  refused.insert(refused.end(), givenUp.begin(), givenUp.end());
+  alignas(8) uint8_t record[64];
+  for (const bool refuses : {true, false}) {
+    platform.allocFails = refuses;
+    std::memset(record, 0xDD, sizeof record);
+    uintptr_t result = 0;
+    Events happened = during([&] {
+      result = owner.unpack(owner.bytes.data(), static_cast<uint32_t>(owner.bytes.size()), record);
+    });
+    std::erase_if(happened, isSetUp);
+    EXPECT_EQ(result == 0, refuses);
+    EXPECT_EQ(happened, refuses ? refused : Events{asked});
+    EXPECT_EQ(during([&] { owner.release(record); }),
+              refuses ? givenUp : Events{"free block" + releaser});
+    EXPECT_EQ(during([&] { owner.release(record); }), givenUp);
+    EXPECT_EQ(during([&] { owner.release(nullptr); }), Events{});
+  }
+}
+
+TEST(AllocationFailure, UnderEitherPair) {
+  const std::vector<uint8_t> request =
+      Bytes().u32(14).u16s({10, 8, 0, 0, 4}).u32s({10, 4, 2}).text("ok");
+  const std::vector<uint8_t> list =
+      Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 4, 1, 8}).u16s({4, 4}).u32(4);
+  for (const Owner& owner :
+       {KEL_OWNER(AlarmOutput, kReply, 3), KEL_OWNER(AlarmInput, request, 3),
+        KEL_OWNER(BrdPartInfo, list, 232), KEL_OWNER(FdProcInfoOutput, list, 300),
+        KEL_OWNER(StorageEraseInfo, list, 16), KEL_OWNER(StorageBadBlockInfo, list, 40)}) {
+    SCOPED_TRACE(owner.name);
+    for (const bool platformServes : {true, false}) {
+      inAProcessOfItsOwn([&] {
+        if (platformServes) usePlatformAllocator();
+        platform.offered.insert(kLog);
+        refuseThenServe(owner, platformServes);
+      });
+    }
+  }
+}
+
+// Packing needs no memory at all.
+TEST(AllocationFailure, LeavesPackersAlone) {
+  const AlarmInput alarm{1, 0, "text", 0, 2, {3}, 4};
+  const OverloadDiskAlarmInput zeros{};  // no record without pointers is longer
+  for (const bool platformServes : {true, false}) {
+    inAProcessOfItsOwn([&] {
+      if (platformServes) usePlatformAllocator();
+      uint8_t buffer[256];
+      const uint32_t capacity = sizeof buffer;
+      const PackTarget target{buffer, &capacity};
+      const Events happened = during([&] {
+        EXPECT_NE(Kel_sys_diag_AlarmInput_pack(&target, &alarm), 0U);
+        EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_pack(&target, &zeros), 0U);
+        EXPECT_NE(Kel_sys_diag_OverloadDiskAlarmInput_pack(&target, &zeros), 0U);
+        EXPECT_NE(Kel_sys_diag_OvLoadDiskCtlInput_pack(&target, &zeros), 0U);
+        EXPECT_EQ(Kel_sys_diag_OverloadAlarmInput_fixed_pack(buffer, &zeros), 0);
+      });
+      EXPECT_EQ(happened, platformServes ? kPairLookUp : Events{kFlagLookUp});
+    });
+  }
 }
 
 // Sixteen threads whose first call meets: one set-up a unit, and each sees its outcome.
@@ -393,9 +478,9 @@ TEST(Concurrency, FirstCallsSetUpOnce) {
           AlarmOutput record;
           EXPECT_NE(unpackReply(record), 0U);
           Kel_sys_diag_AlarmOutput_free_unpacked(&record);
-          EXPECT_EQ(Kel_sys_diag_AlarmOutput_unpack(okReply().data(), 3, &record), 0U);
+          EXPECT_EQ(Kel_sys_diag_AlarmOutput_unpack(kReply.data(), 3, &record), 0U);
           OvLoadDiskCtlInput request;
-          EXPECT_EQ(Kel_sys_diag_OvLoadDiskCtlInput_unpack(okReply().data(), 25, &request), 0U);
+          EXPECT_EQ(Kel_sys_diag_OvLoadDiskCtlInput_unpack(kReply.data(), 25, &request), 0U);
           EXPECT_EQ(Kel_sys_diag_OvLoadDiskCtlInput_unpack(nullptr, 25, &request), 0U);
         });
       }
