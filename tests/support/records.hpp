@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <random>
-#include <string>
+#include <span>
 #include <vector>
 
 #include "codec/korva_schema.hpp"
@@ -55,23 +55,14 @@ class RecordMaker {
   }
 
   uint64_t scalarBits() {
-    switch (below(8)) {
-      case 0:
-        return std::numeric_limits<uint64_t>::max();
-      case 1:
-        return 1;
-      case 2:
-      case 3:
-        return random_();
-      default:
-        return 0;
-    }
+    const uint64_t values[] = {UINT64_MAX, 1, random_(), random_(), 0, 0, 0, 0};
+    return values[below(std::size(values))];
   }
 
   char* makeString() {
     const size_t length = below(maximumString_ + 1);
     auto* const text = static_cast<char*>(std::malloc(length + 1));
-    for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>('!' + below(90));
+    std::generate_n(text, length, [&] { return static_cast<char>('!' + below(90)); });
     text[length] = '\0';
     return text;
   }
@@ -92,40 +83,37 @@ void discard(Record& record) {
   });
 }
 
+template <class Record>
+testing::AssertionResult sameRecord(const Record& left, const Record& right);
+
+template <class Slot, class Record>
+bool sameSlot(const Record& left, const Record& right) {
+  const auto& a = Slot::get(left);
+  const auto& b = Slot::get(right);
+  using enum korva::SlotKind;
+  if constexpr (Slot::kind == scalar) {
+    return a == b;
+  } else if constexpr (Slot::kind == byteArray) {
+    return std::memcmp(a, b, sizeof(a)) == 0;
+  } else if constexpr (Slot::kind == table) {
+    return bool{sameRecord(a, b)};
+  } else if constexpr (Slot::kind == string) {
+    return a == nullptr || b == nullptr ? a == b : std::strcmp(a, b) == 0;
+  } else {
+    const std::span one(a, a == nullptr ? 0 : Slot::count(left));
+    const std::span other(b, b == nullptr ? 0 : Slot::count(right));
+    return std::ranges::equal(one, other, [](auto& x, auto& y) { return bool{sameRecord(x, y)}; });
+  }
+}
+
 // Equal as messages: padding does not count, and a vector without an array is an empty one. Names
 // the first slot that differs.
 template <class Record>
 testing::AssertionResult sameRecord(const Record& left, const Record& right) {
   testing::AssertionResult result = testing::AssertionSuccess();
-  const auto differ = [&](std::string_view name) {
-    if (result) result = testing::AssertionFailure() << name << " differs";
-  };
   korva::forEachSlot<Record>([&]<class Slot, size_t>() {
-    const auto& a = Slot::get(left);
-    const auto& b = Slot::get(right);
-    using enum korva::SlotKind;
-    if constexpr (Slot::kind == scalar) {
-      if (a != b) differ(Slot::name);
-    } else if constexpr (Slot::kind == byteArray) {
-      if (std::memcmp(a, b, sizeof(a)) != 0) differ(Slot::name);
-    } else if constexpr (Slot::kind == table) {
-      if (auto nested = sameRecord(a, b); !nested && result) {
-        result = nested << " in " << Slot::name;
-      }
-    } else if constexpr (Slot::kind == string) {
-      const bool same = a == nullptr || b == nullptr ? a == b : std::strcmp(a, b) == 0;
-      if (!same) differ(Slot::name);
-    } else {
-      const uint32_t count = a == nullptr ? 0 : Slot::count(left);
-      if (count != (b == nullptr ? 0 : Slot::count(right))) {
-        differ(Slot::name);
-        return;
-      }
-      for (uint32_t i = 0; i < count && result; ++i) {
-        if (auto element = sameRecord(a[i], b[i]); !element) {
-          result = element << " in element " << i << " of " << Slot::name;
-        }
-      }
+    if (result && !sameSlot<Slot>(left, right)) {
+      result = testing::AssertionFailure() << Slot::name << " differs";
     }
   });
   return result;
