@@ -442,72 +442,23 @@ TEST(OverloadAlarmInput, NestedTableMayLieAtTheBeginning) {
   EXPECT_TRUE(sameRecord(OverloadAlarmInput{}, record));
 }
 
-std::vector<Unpacker> everyUnpacker() {
-  const AlarmInput alarm{1, 2, "text", 3, 4, {1}, 5};
-  char text[] = "text";
-  const AlarmOutput output{text};
-  const OverloadAlarmInput overload{1, 2, 3, 4, kFullSub, 5, 6, 7, {1}, 8, 9, 10};
-  const OverloadDiskAlarmInput disk{1, 2, 3, 4, kFullSub, {1}, {1}, 5, 6};
-  const OvLoadDiskCtlInput ask{{1}, {2}, {3}};
-  const OvLoadDiskCtlOutput answer{{1}, {2}, 3, 4, {5}};
-  return {
-      {"AlarmInput",
-       unpackAndRelease<AlarmInput, Kel_sys_diag_AlarmInput_unpack,
-                        Kel_sys_diag_AlarmInput_free_unpacked>,
-       {{packToSize(alarmOps().packFn, alarm), 99}}},
-      {"OverloadAlarmInput",
-       unpackAndRelease<OverloadAlarmInput, Kel_sys_diag_OverloadAlarmInput_unpack,
-                        Kel_sys_diag_OverloadAlarmInput_free_unpacked>,
-       {{packToSize(overloadOps().packFn, overload), 188},
-        {packFixed(overloadOps(), &overload), 188}}},
-      {"OverloadDiskAlarmInput",
-       unpackAndRelease<OverloadDiskAlarmInput, Kel_sys_diag_OverloadDiskAlarmInput_unpack,
-                        Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked>,
-       {{packToSize(diskOps().packFn, disk), 206}, {packFixed(diskOps(), &disk), 206}}},
-      {"OvLoadDiskCtlInput",
-       unpackAndRelease<OvLoadDiskCtlInput, Kel_sys_diag_OvLoadDiskCtlInput_unpack,
-                        Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked>,
-       {{packToSize(configOps().packFn, ask), 156}, {packFixed(configOps(), &ask), 158}}},
-      {"AlarmOutput",  // the NUL may be missing
-       unpackAndReleaseByOps<AlarmOutput, alarmOps>,
-       {{packToSize(Kel_sys_diag_AlarmOutput_pack, output), 26}}},
-      {"OvLoadDiskCtlOutput",
-       unpackAndReleaseByOps<OvLoadDiskCtlOutput, configOps>,
-       {{packToSize(Kel_sys_diag_OvLoadDiskCtlOutput_pack, answer), 168}}},
+const std::vector<Message>& everyMessage() {
+  static const std::vector<Message> messages{
+      KEL_PEER_UNPACKS(AlarmInput, alarmOps().packFn),
+      KEL_PEER_UNPACKS(OverloadAlarmInput, overloadOps().packFn, &overloadOps()),
+      KEL_PEER_UNPACKS(OverloadDiskAlarmInput, diskOps().packFn, &diskOps()),
+      KEL_PEER_UNPACKS(OvLoadDiskCtlInput, configOps().packFn, &configOps()),
+      KEL_PEER_PACKS(AlarmOutput, alarmOps().unpackFn, alarmOps().releaseFn, nullptr, true),
+      KEL_PEER_PACKS(OvLoadDiskCtlOutput, configOps().unpackFn, configOps().releaseFn),
   };
+  return messages;
 }
 
-TEST(EveryUnpacker, RefusesEveryTruncation) { expectTruncationsRefused(everyUnpacker()); }
-TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) { bendEveryWord(everyUnpacker()); }
+TEST(EveryUnpacker, RefusesEveryTruncation) { expectTruncationsRefused(everyMessage()); }
+TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) { bendEveryWord(everyMessage()); }
 TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShort) {
-  expectBadLengthsRefused(everyUnpacker());
+  expectBadLengthsRefused(everyMessage());
 }
-
-TEST(RoundTrip, AlarmInput) {
-  expectRoundTrips<AlarmInput>(alarmOps().packFn, Kel_sys_diag_AlarmInput_unpack,
-                               Kel_sys_diag_AlarmInput_free_unpacked, nullptr);
-}
-TEST(RoundTrip, OverloadAlarmInput) {
-  expectRoundTrips<OverloadAlarmInput>(overloadOps().packFn, Kel_sys_diag_OverloadAlarmInput_unpack,
-                                       Kel_sys_diag_OverloadAlarmInput_free_unpacked,
-                                       &overloadOps());
-}
-TEST(RoundTrip, OverloadDiskAlarmInput) {
-  expectRoundTrips<OverloadDiskAlarmInput>(
-      diskOps().packFn, Kel_sys_diag_OverloadDiskAlarmInput_unpack,
-      Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked, &diskOps());
-}
-TEST(RoundTrip, OvLoadDiskCtlInput) {
-  expectRoundTrips<OvLoadDiskCtlInput>(configOps().packFn, Kel_sys_diag_OvLoadDiskCtlInput_unpack,
-                                       Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked, &configOps());
-}
-TEST(RoundTrip, AlarmOutput) {
-  expectRoundTrips<AlarmOutput>(Kel_sys_diag_AlarmOutput_pack, alarmOps().unpackFn,
-                                alarmOps().releaseFn, nullptr);
-}
-TEST(RoundTrip, OvLoadDiskCtlOutput) {
-  expectRoundTrips<OvLoadDiskCtlOutput>(Kel_sys_diag_OvLoadDiskCtlOutput_pack, configOps().unpackFn,
-                                        configOps().releaseFn, nullptr);
-}
+TEST(RoundTrip, OfEveryMessage) { expectRoundTrips(everyMessage()); }
 
 }  // namespace

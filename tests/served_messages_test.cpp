@@ -580,142 +580,50 @@ TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
   }
 }
 
-constexpr auto kNoRelease = [](void*) {};
-
-TEST(RoundTrip, Requests) {
-  expectRoundTrips<FdProcInfoInput>(Kel_sys_diag_FdProcInfoInput_pack, fdProcOps().unpackFn,
-                                    kNoRelease, nullptr);
-  expectRoundTrips<SysOvLoadDiskThreshold>(Kel_sys_diag_SysOvLoadDiskThreshold_pack,
-                                           thresholdOps().unpackFn, kNoRelease, nullptr);
-  expectRoundTrips<SysDiskUseInput>(Kel_sys_diag_SysDiskUseInput_pack, diskUseOps().unpackFn,
-                                    kNoRelease, nullptr);
-  expectRoundTrips<ResetDiskCondition>(Kel_sys_diag_ResetDiskCondition_pack, resetOps().unpackFn,
-                                       kNoRelease, nullptr);
-  expectRoundTrips<MountDiskInput>(Kel_sys_diag_MountDiskInput_pack, mountOps().unpackFn,
-                                   kNoRelease, nullptr);
-  expectRoundTrips<StorageEraseInfoInput>(Kel_sys_diag_StorageEraseInfoInput_pack,
-                                          eraseOps().unpackFn, kNoRelease, nullptr);
-  expectRoundTrips<StorageBadBlockInfoInput>(Kel_sys_diag_StorageBadBlockInfoInput_pack,
-                                             badBlockOps().unpackFn, kNoRelease, nullptr);
+const std::vector<Message>& everyMessage() {
+  constexpr auto kNoRelease = [](void*) {};
+  static const std::vector<Message> messages{
+      KEL_PEER_PACKS(FdProcInfoInput, fdProcOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(SysOvLoadDiskThreshold, thresholdOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(SysDiskUseInput, diskUseOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(ResetDiskCondition, resetOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(MountDiskInput, mountOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(StorageEraseInfoInput, eraseOps().unpackFn, kNoRelease),
+      KEL_PEER_PACKS(StorageBadBlockInfoInput, badBlockOps().unpackFn, kNoRelease),
+      KEL_PEER_UNPACKS(BrdPartInfo, brdPartOps().packFn),
+      KEL_PEER_UNPACKS(FdProcInfoOutput, fdProcOps().packFn),
+      KEL_PEER_UNPACKS(OperResult, thresholdOps().packFn, &thresholdOps()),
+      KEL_PEER_UNPACKS(SysDiskUseInfoResult, diskUseOps().packFn, &diskUseOps()),
+      KEL_PEER_UNPACKS(ResetDiskResult, resetOps().packFn, &resetOps()),
+      KEL_PEER_UNPACKS(MountDiskResult, mountOps().packFn, &mountOps()),
+      KEL_PEER_UNPACKS(StorageEraseInfo, eraseOps().packFn),
+      KEL_PEER_UNPACKS(StorageBadBlockInfo, badBlockOps().packFn),
+  };
+  return messages;
 }
 
-TEST(RoundTrip, Replies) {
-  expectRoundTrips<BrdPartInfo>(brdPartOps().packFn, Kel_sys_diag_BrdPartInfo_unpack,
-                                Kel_sys_diag_BrdPartInfo_free_unpacked, nullptr);
-  expectRoundTrips<FdProcInfoOutput>(fdProcOps().packFn, Kel_sys_diag_FdProcInfoOutput_unpack,
-                                     Kel_sys_diag_FdProcInfoOutput_free_unpacked, nullptr);
-  expectRoundTrips<OperResult>(thresholdOps().packFn, Kel_sys_diag_OperResult_unpack,
-                               Kel_sys_diag_OperResult_free_unpacked, &thresholdOps());
-  expectRoundTrips<SysDiskUseInfoResult>(
-      diskUseOps().packFn, Kel_sys_diag_SysDiskUseInfoResult_unpack,
-      Kel_sys_diag_SysDiskUseInfoResult_free_unpacked, &diskUseOps());
-  expectRoundTrips<ResetDiskResult>(resetOps().packFn, Kel_sys_diag_ResetDiskResult_unpack,
-                                    Kel_sys_diag_ResetDiskResult_free_unpacked, &resetOps());
-  expectRoundTrips<MountDiskResult>(mountOps().packFn, Kel_sys_diag_MountDiskResult_unpack,
-                                    Kel_sys_diag_MountDiskResult_free_unpacked, &mountOps());
-  expectRoundTrips<StorageEraseInfo>(eraseOps().packFn, Kel_sys_diag_StorageEraseInfo_unpack,
-                                     Kel_sys_diag_StorageEraseInfo_free_unpacked, nullptr);
-  expectRoundTrips<StorageBadBlockInfo>(badBlockOps().packFn,
-                                        Kel_sys_diag_StorageBadBlockInfo_unpack,
-                                        Kel_sys_diag_StorageBadBlockInfo_free_unpacked, nullptr);
+TEST(RoundTrip, OfEveryMessage) {
+  expectRoundTrips(everyMessage());
   EXPECT_TRUE(outstanding.empty());
 }
 
-template <class Record, const auto& Ops>
-bool unpackRequest(const uint8_t* bytes, uint32_t length) {
-  Record record;
-  return Ops().unpackFn(bytes, length, &record) != 0;
-}
-
-std::vector<Unpacker> everyUnpacker() {
-  const DiagSubRecord sub{1, 2, 3, 4, 5, 6, 7, 8};
-  BrdPartEntry brd[] = {brdPart(1, 2, 3, 4), brdPart(0, 0, 0, 5)};
-  FdProcEntry fd[] = {{1, 2, sub, sub, sub, {}}, {0, 0, {}, {}, sub, {}}};
-  StorageEraseEntry erase[] = {{1, 2}, {3, 4}};
-  StorageBadBlockEntry bad[] = {{{}, 1}, {{}, 2}};
-  const OperResult result{772};
-  const SysDiskUseInfoResult use{{1}, {2}, 1, 2, 3, {3}, 4, 5};
-  const auto whole = [](std::vector<uint8_t> bytes) {
-    const auto size = static_cast<uint32_t>(bytes.size());
-    return Unpacker::Message{std::move(bytes), size};
-  };
-  return {
-      {"FdProcInfoInput",
-       unpackRequest<FdProcInfoInput, fdProcOps>,
-       {whole(packToSize(Kel_sys_diag_FdProcInfoInput_pack, FdProcInfoInput{1, 2}))}},
-      {"SysOvLoadDiskThreshold",
-       unpackRequest<SysOvLoadDiskThreshold, thresholdOps>,
-       {whole(
-           packToSize(Kel_sys_diag_SysOvLoadDiskThreshold_pack, SysOvLoadDiskThreshold{{1}, 2}))}},
-      {"SysDiskUseInput",
-       unpackRequest<SysDiskUseInput, diskUseOps>,
-       {whole(packToSize(Kel_sys_diag_SysDiskUseInput_pack, SysDiskUseInput{{1}}))}},
-      {"ResetDiskCondition",
-       unpackRequest<ResetDiskCondition, resetOps>,
-       {whole(packToSize(Kel_sys_diag_ResetDiskCondition_pack, ResetDiskCondition{{1}}))}},
-      {"MountDiskInput",
-       unpackRequest<MountDiskInput, mountOps>,
-       {whole(packToSize(Kel_sys_diag_MountDiskInput_pack, MountDiskInput{{1}}))}},
-      {"StorageEraseInfoInput",
-       unpackRequest<StorageEraseInfoInput, eraseOps>,
-       {whole(packToSize(Kel_sys_diag_StorageEraseInfoInput_pack, StorageEraseInfoInput{1}))}},
-      {"StorageBadBlockInfoInput",
-       unpackRequest<StorageBadBlockInfoInput, badBlockOps>,
-       {whole(
-           packToSize(Kel_sys_diag_StorageBadBlockInfoInput_pack, StorageBadBlockInfoInput{{1}}))}},
-      {"BrdPartInfo",
-       unpackAndRelease<BrdPartInfo, Kel_sys_diag_BrdPartInfo_unpack,
-                        Kel_sys_diag_BrdPartInfo_free_unpacked>,
-       {whole(packToSize(brdPartOps().packFn, BrdPartInfo{2, brd}))}},
-      {"FdProcInfoOutput",
-       unpackAndRelease<FdProcInfoOutput, Kel_sys_diag_FdProcInfoOutput_unpack,
-                        Kel_sys_diag_FdProcInfoOutput_free_unpacked>,
-       {whole(packToSize(fdProcOps().packFn, FdProcInfoOutput{2, fd}))}},
-      {"OperResult",
-       unpackAndRelease<OperResult, Kel_sys_diag_OperResult_unpack,
-                        Kel_sys_diag_OperResult_free_unpacked>,
-       {whole(packToSize(thresholdOps().packFn, result)),
-        {packFixed(thresholdOps(), &result), 18}}},
-      {"SysDiskUseInfoResult",
-       unpackAndRelease<SysDiskUseInfoResult, Kel_sys_diag_SysDiskUseInfoResult_unpack,
-                        Kel_sys_diag_SysDiskUseInfoResult_free_unpacked>,
-       {whole(packToSize(diskUseOps().packFn, use)), {packFixed(diskUseOps(), &use), 212}}},
-      {"ResetDiskResult",
-       unpackAndRelease<ResetDiskResult, Kel_sys_diag_ResetDiskResult_unpack,
-                        Kel_sys_diag_ResetDiskResult_free_unpacked>,
-       {whole(packToSize(resetOps().packFn, result))}},
-      {"MountDiskResult",
-       unpackAndRelease<MountDiskResult, Kel_sys_diag_MountDiskResult_unpack,
-                        Kel_sys_diag_MountDiskResult_free_unpacked>,
-       {whole(packToSize(mountOps().packFn, result))}},
-      {"StorageEraseInfo",
-       unpackAndRelease<StorageEraseInfo, Kel_sys_diag_StorageEraseInfo_unpack,
-                        Kel_sys_diag_StorageEraseInfo_free_unpacked>,
-       {whole(packToSize(eraseOps().packFn, StorageEraseInfo{2, erase}))}},
-      {"StorageBadBlockInfo",
-       unpackAndRelease<StorageBadBlockInfo, Kel_sys_diag_StorageBadBlockInfo_unpack,
-                        Kel_sys_diag_StorageBadBlockInfo_free_unpacked>,
-       {whole(packToSize(badBlockOps().packFn, StorageBadBlockInfo{2, bad}))}},
-  };
-}
-
 TEST(EveryUnpacker, RefusesEveryTruncation) {
-  expectTruncationsRefused(everyUnpacker());
+  expectTruncationsRefused(everyMessage());
   EXPECT_TRUE(outstanding.empty());
 }
 
 TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
-  bendEveryWord(everyUnpacker());
+  bendEveryWord(everyMessage());
   EXPECT_TRUE(outstanding.empty());
 }
 
 TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShortInItsOwnName) {
-  expectBadLengthsRefused(everyUnpacker());
+  expectBadLengthsRefused(everyMessage());
   const uint8_t bytes[3] = {};
-  for (const Unpacker& unpacker : everyUnpacker()) {
+  for (const Message& message : everyMessage()) {
     logLines.clear();
-    unpacker.unpackAndRelease(bytes, 3);
-    EXPECT_EQ(logLines, std::vector<std::string>{std::string("22 Kel_sys_diag_") + unpacker.name +
+    unpackAndRelease(message, bytes, 3);
+    EXPECT_EQ(logLines, std::vector<std::string>{std::string("22 Kel_sys_diag_") + message.name +
                                                  "_unpack [KORVA]:Param invalid(nonNull, 3, "
                                                  "nonNull)"});
   }

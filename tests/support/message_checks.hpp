@@ -36,12 +36,6 @@ inline std::vector<uint8_t> bend(const std::vector<uint8_t>& message, const Bend
   return bent;
 }
 
-inline std::vector<uint8_t> packFixed(const IdlCodecOps& ops, const void* record) {
-  std::vector<uint8_t> bytes(ops.fixedSizeFn());
-  ops.fixedPackFn(bytes.data(), record);
-  return bytes;
-}
-
 // Every byte of the reserved buffer: what is not a field or a vtable keeps what it held.
 inline void expectFixed(const IdlCodecOps& ops, const void* record, const Bytes& expected) {
   const std::vector<uint8_t>& bytes = expected;
@@ -54,111 +48,181 @@ inline void expectFixed(const IdlCodecOps& ops, const void* record, const Bytes&
   }
 }
 
-// An unpacker, with messages of every layout it can meet; each is valid down to some length.
-struct Unpacker {
+// A message by the entry points that ship: one library packs it, the other unpacks it.
+struct Message {
   const char* name;
-  std::function<bool(const uint8_t*, uint32_t)> unpackAndRelease;
-  struct Message {
-    std::vector<uint8_t> bytes;
-    uint32_t shortest;
-  };
-  std::vector<Message> messages;
+  std::function<uint32_t(const PackTarget*, const void*)> pack;
+  std::function<uintptr_t(const void*, uint32_t, void*)> unpack;
+  std::function<void(void*)> release;
+  const IdlCodecOps* fixed;  // null without a fixed layout
+  bool endsWithText;         // whose NUL no reader needs
+  size_t recordSize;
+  void (*withRecord)(RecordMaker&, const std::function<void(const void*)>&);
+  testing::AssertionResult (*same)(const void*, const void*);
 };
 
-template <class Record, auto Unpack, auto Release>
-bool unpackAndRelease(const uint8_t* bytes, uint32_t length) {
-  Record record;
-  if (Unpack(bytes, length, &record) == 0) return false;
-  Release(&record);
+template <class Record, class Pack, class Unpack, class Release>
+Message messageOf(const char* name, Pack pack, Unpack unpack, Release release,
+                  const IdlCodecOps* fixed = nullptr, bool endsWithText = false) {
+  const auto typed = [](const void* record) { return static_cast<const Record*>(record); };
+  const auto ours = [](void* record) { return static_cast<Record*>(record); };
+  return {
+      name,
+      [=](const PackTarget* target, const void* record) { return pack(target, typed(record)); },
+      [=](const void* bytes, uint32_t length, void* record) {
+        return unpack(bytes, length, ours(record));
+      },
+      [=](void* record) { release(ours(record)); },
+      fixed,
+      endsWithText,
+      sizeof(Record),
+      [](RecordMaker& maker, const std::function<void(const void*)>& visit) {
+        Record record;
+        maker.fill(record);
+        visit(&record);
+        discard(record);
+      },
+      [](const void* left, const void* right) {
+        return sameRecord(*static_cast<const Record*>(left), *static_cast<const Record*>(right));
+      },
+  };
+}
+
+// The peer library names its routines by the message; only a macro can put the name together.
+#define KEL_PEER_PACKS(name, ...) messageOf<name>(#name, Kel_sys_diag_##name##_pack, __VA_ARGS__)
+#define KEL_PEER_UNPACKS(name, pack, ...)                    \
+  messageOf<name>(#name, pack, Kel_sys_diag_##name##_unpack, \
+                  Kel_sys_diag_##name##_free_unpacked __VA_OPT__(, ) __VA_ARGS__)
+
+struct RecordRoom {
+  alignas(16) uint8_t bytes[512];
+};
+
+inline bool unpackAndRelease(const Message& message, const uint8_t* bytes, uint32_t length) {
+  RecordRoom record;
+  if (message.unpack(bytes, length, record.bytes) == 0) return false;
+  message.release(record.bytes);
   return true;
 }
 
-template <class Record, const IdlCodecOps& (*Ops)()>
-bool unpackAndReleaseByOps(const uint8_t* bytes, uint32_t length) {
-  Record record;
-  if (Ops().unpackFn(bytes, length, &record) == 0) return false;
-  Ops().releaseFn(&record);
-  return true;
+// A message that is valid down to some length.
+struct Encoding {
+  std::vector<uint8_t> bytes;
+  uint32_t needed;
+};
+
+// What a fixed layout leaves as it was need not be there.
+inline Encoding fixedEncoding(const IdlCodecOps& ops, const void* record) {
+  std::vector<uint8_t> bytes(ops.fixedSizeFn());
+  std::vector<uint8_t> others(bytes.size(), 0xFF);
+  ops.fixedPackFn(bytes.data(), record);
+  ops.fixedPackFn(others.data(), record);
+  uint32_t needed = ops.fixedSizeFn();
+  while (bytes[needed - 1] != others[needed - 1]) --needed;
+  return {std::move(bytes), needed};
 }
 
-inline void expectTruncationsRefused(const std::vector<Unpacker>& unpackers) {
-  for (const Unpacker& unpacker : unpackers) {
-    for (const Unpacker::Message& message : unpacker.messages) {
-      GuardedMemory memory(message.bytes.size());
-      for (uint32_t length = 0; length <= message.bytes.size(); ++length) {
-        EXPECT_EQ(
-            unpacker.unpackAndRelease(memory.copyLast({message.bytes.data(), length}), length),
-            length >= message.shortest)
-            << unpacker.name << " of " << length;
-      }
+inline std::vector<Encoding> everyEncoding(const Message& message, const void* record) {
+  const uint32_t size = message.pack(nullptr, record);
+  std::vector<uint8_t> bytes(size);
+  const PackTarget target{bytes.data(), &size};
+  EXPECT_EQ(message.pack(&target, record), size);
+  constexpr uint32_t kWithoutText = 14;
+  const uint32_t spare = message.endsWithText && size > kWithoutText ? 1 : 0;
+  std::vector<Encoding> encodings{{std::move(bytes), size - spare}};
+  if (message.fixed != nullptr) encodings.push_back(fixedEncoding(*message.fixed, record));
+  return encodings;
+}
+
+// Calls visit with messages of every kind and layout, of a few records each.
+inline void forEachEncoding(const std::vector<Message>& messages, int records,
+                            const std::function<void(const Message&, const Encoding&)>& visit) {
+  Random random(5);
+  RecordMaker maker(random, 9, 2);
+  for (const Message& message : messages) {
+    for (int i = 0; i < records; ++i) {
+      message.withRecord(maker, [&](const void* record) {
+        for (const Encoding& encoding : everyEncoding(message, record)) visit(message, encoding);
+      });
     }
   }
+}
+
+inline void expectTruncationsRefused(const std::vector<Message>& messages) {
+  forEachEncoding(messages, 20, [](const Message& message, const Encoding& encoding) {
+    GuardedMemory memory(encoding.bytes.size());
+    for (uint32_t length = 0; length <= encoding.bytes.size(); ++length) {
+      const uint8_t* const bytes = memory.copyLast({encoding.bytes.data(), length});
+      EXPECT_EQ(unpackAndRelease(message, bytes, length), length >= encoding.needed)
+          << message.name << " of " << length;
+    }
+  });
 }
 
 // Whatever the verdict: never a read outside the message. The guard pages see to that, leak
 // checking to the rest.
-inline void bendEveryWord(const std::vector<Unpacker>& unpackers) {
-  for (const Unpacker& unpacker : unpackers) {
-    for (const Unpacker::Message& message : unpacker.messages) {
-      const auto length = static_cast<uint32_t>(message.bytes.size());
-      const uint32_t values[] = {0,          1,          3,          4,          5,
-                                 6,          length - 5, length - 4, length - 3, length,
-                                 length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000,
-                                 0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
-      GuardedMemory memory(length);
-      for (uint32_t position = 0; position < length; ++position) {
-        for (const uint32_t value : values) {
-          const std::vector<uint8_t> bent =
-              bend(message.bytes, {"", position, std::min(4U, length - position), value, ""});
-          unpacker.unpackAndRelease(memory.copyFirst(bent), length);
-          unpacker.unpackAndRelease(memory.copyLast(bent), length);
-        }
+inline void bendEveryWord(const std::vector<Message>& messages) {
+  forEachEncoding(messages, 2, [](const Message& message, const Encoding& encoding) {
+    const auto length = static_cast<uint32_t>(encoding.bytes.size());
+    const uint32_t values[] = {0,          1,          3,          4,          5,
+                               6,          length - 5, length - 4, length - 3, length,
+                               length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000,
+                               0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
+    GuardedMemory memory(length);
+    for (uint32_t position = 0; position < length; ++position) {
+      for (const uint32_t value : values) {
+        const std::vector<uint8_t> bent =
+            bend(encoding.bytes, {"", position, std::min(4U, length - position), value, ""});
+        unpackAndRelease(message, memory.copyFirst(bent), length);
+        unpackAndRelease(message, memory.copyLast(bent), length);
       }
     }
-  }
+  });
 }
 
-inline void expectBadLengthsRefused(const std::vector<Unpacker>& unpackers) {
+inline void expectBadLengthsRefused(const std::vector<Message>& messages) {
   const std::vector<uint8_t> zeros(16);
-  for (const Unpacker& unpacker : unpackers) {
+  for (const Message& message : messages) {
     for (const uint32_t length : {0U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
-      EXPECT_FALSE(unpacker.unpackAndRelease(zeros.data(), length)) << unpacker.name;
+      EXPECT_FALSE(unpackAndRelease(message, zeros.data(), length)) << message.name;
     }
-    EXPECT_FALSE(unpacker.unpackAndRelease(nullptr, 16)) << unpacker.name;
+    EXPECT_FALSE(unpackAndRelease(message, nullptr, 16)) << message.name;
   }
 }
 
 // Thousands of records from either side to the other, in every layout; and, on the way, that a
-// message is written whole or not at all and never past its end.
-template <class Record, class Pack, class Unpack, class Release>
-void expectRoundTrips(Pack pack, Unpack unpack, Release release, const IdlCodecOps* fixed) {
+// message is written whole or not at all and never past its end, and nothing read past a record's.
+inline void expectRoundTrips(const std::vector<Message>& messages) {
   Random random(20261122);
   RecordMaker maker(random, 300, 9);
   GuardedMemory memory(8192);
-  for (int round = 0; round < 5000; ++round) {
-    Record record;
-    maker.fill(record);
-    const uint32_t size = pack(nullptr, &record);
+  GuardedMemory recordMemory(sizeof(RecordRoom));
+  const auto check = [&](const Message& message, const void* made) {
+    const void* const record =
+        recordMemory.copyLast({static_cast<const uint8_t*>(made), message.recordSize});
+    const uint32_t size = message.pack(nullptr, record);
     const uint32_t tooSmall = static_cast<uint32_t>(random() % size);
     uint8_t* const buffer = memory.last(size);
     std::memset(buffer, 0xEE, size);
     const PackTarget shortTarget{buffer, &tooSmall};
-    ASSERT_EQ(pack(&shortTarget, &record), 0U);
+    ASSERT_EQ(message.pack(&shortTarget, record), 0U);
     ASSERT_EQ(std::count(buffer, buffer + size, 0xEE), size);
     const PackTarget target{buffer, &size};
-    ASSERT_EQ(pack(&target, &record), size);
-
-    std::vector<uint8_t> layouts[] = {{buffer, buffer + size}, {}};
-    if (fixed != nullptr) layouts[1] = packFixed(*fixed, &record);
-    for (const std::vector<uint8_t>& bytes : layouts) {
-      if (bytes.empty()) continue;
-      Record unpacked;
-      ASSERT_EQ(unpack(memory.copyLast(bytes), static_cast<uint32_t>(bytes.size()), &unpacked),
-                reinterpret_cast<uintptr_t>(&unpacked));
-      ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
-      release(&unpacked);
+    ASSERT_EQ(message.pack(&target, record), size);
+    for (const Encoding& encoding : everyEncoding(message, record)) {
+      const auto length = static_cast<uint32_t>(encoding.bytes.size());
+      RecordRoom unpacked;
+      ASSERT_EQ(message.unpack(memory.copyLast(encoding.bytes), length, unpacked.bytes),
+                reinterpret_cast<uintptr_t>(unpacked.bytes));
+      ASSERT_TRUE(message.same(record, unpacked.bytes));
+      message.release(unpacked.bytes);
     }
-    discard(record);
+  };
+  for (const Message& message : messages) {
+    SCOPED_TRACE(message.name);
+    for (int round = 0; round < 5000 && !testing::Test::HasFailure(); ++round) {
+      message.withRecord(maker, [&](const void* record) { check(message, record); });
+    }
   }
 }
 
