@@ -118,16 +118,11 @@ class Codec {
   }
 
   // Apart, so that its registers are not the business of the usual case.
-  [[gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length, Record& record) {
+  [[gnu::cold, gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length,
+                                                          Record& record) {
     const reading::Source source = sourceOf(bytes, length);
     reading::TableView view{};
-    const reading::HeaderFault fault = reading::openTable(source, source.at<uint32_t>(0), view);
-    if (fault != reading::HeaderFault::none) {
-      // Only the root's header is worth a line; whatever lies deeper fails in silence.
-      reading::logHeaderFault(source, fault, view);
-      return giveUp(&record);
-    }
-    if (!reading::readTable(source, view, record)) {
+    if (!reading::openRoot(source, view) || !reading::readTable(source, view, record)) {
       return giveUp(&record);
     }
     return reinterpret_cast<uintptr_t>(&record);

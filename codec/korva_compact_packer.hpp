@@ -142,15 +142,15 @@ consteval bool isFirstOfItsKind() {
   return first;
 }
 
-// What a plain table has between its scalars and its first array's bytes: its offset fields and
-// that array's count. No value changes them, but for the offset of a table behind another one,
-// whose size varies; it is 0 here.
+// How many words a plain table has between its scalars and its first array's bytes: its offset
+// fields and that array's count.
 template <PlainTable Record>
 inline constexpr uint32_t kConstantFieldCount =
     Schema<Record>::count - countSlots<Record>(SlotKind::scalar) +
     (countSlots<Record>(SlotKind::byteArray) == 0 ? 0 : 1);
 
-// Filled up with zeros to what one store writes.
+// No value changes them, but for the offset of a table behind another one, whose size varies; it is
+// 0 here. Filled up with zeros to what one store writes.
 template <PlainTable Record>
 alignas(kVectorWidth) inline constexpr auto kConstantFields = [] {
   constexpr uint32_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
@@ -308,8 +308,8 @@ class TableWriter {
   [[gnu::always_inline]] void writeConstantFields() {
     if constexpr (PlainTable<Record> && kFollowing != 0) {
       constexpr auto& kFields = kConstantFields<Record>;
-      constexpr size_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
-      std::memcpy(at_, kFields.data(), sizeof(kFields) <= kFollowing ? sizeof(kFields) : kSize);
+      static_assert(sizeof(kFields) <= kFollowing, "the store must not reach behind the table");
+      std::memcpy(at_, kFields.data(), sizeof(kFields));
     }
   }
 

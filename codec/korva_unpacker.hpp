@@ -69,8 +69,11 @@ template <class Record>
          source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
 }
 
-[[gnu::cold, gnu::noinline]] inline void logHeaderFault(const Source& source, HeaderFault fault,
-                                                        const TableView& view) {
+// Opens the root table, wherever it lies. Only its header's faults are worth a line; whatever lies
+// deeper fails in silence.
+[[nodiscard, gnu::cold, gnu::noinline]] inline bool openRoot(const Source& source,
+                                                             TableView& view) {
+  const HeaderFault fault = openTable(source, source.at<uint32_t>(0), view);
   if (fault == HeaderFault::tableOffset) {
     korvaLog(source.runtime, kInvalid, source.function,
              "[KORVA]:Table offset(%u) is out of range(4 - %u)", view.table, source.length);
@@ -78,11 +81,12 @@ template <class Record>
     korvaLog(source.runtime, kInvalid, source.function,
              "[KORVA]:Vtable offset(%u) is out of range(4 - %u)", view.vtable,
              source.length - kDisplacementWidth);
-  } else {
+  } else if (fault == HeaderFault::vtableLength) {
     korvaLog(source.runtime, kInvalid, source.function,
              "[KORVA]:Vtable Len(%u) is out of range(0 - %u)", view.vtableLength,
              source.length - view.vtable);
   }
+  return fault == HeaderFault::none;
 }
 
 // Finds what an offset field points at and makes sure of the bytes there: a count or a table's
