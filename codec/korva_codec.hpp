@@ -90,7 +90,7 @@ class Codec {
     return 0;
   }
 
-  [[gnu::always_inline]] static uint32_t fixedSize() { return kFixedSize<Record>; }
+  [[gnu::always_inline]] static constexpr uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
   static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }

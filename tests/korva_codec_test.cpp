@@ -29,6 +29,10 @@ struct BranchList {
   uint32_t entryCount;
   Branch* entries;
 };
+struct Odd {
+  uint8_t five[5];
+  uint8_t three[3];
+};
 struct Everything {
   uint8_t one;
   const char* first;
@@ -50,6 +54,8 @@ struct korva::Schema<Branch>
 template <>
 struct korva::Schema<BranchList>
     : korva::Slots<korva::vectorOf<&BranchList::entryCount, &BranchList::entries>> {};
+template <>
+struct korva::Schema<Odd> : korva::Slots<&Odd::five, &Odd::three> {};
 template <>
 struct korva::Schema<Everything>
     : korva::Slots<&Everything::one, &Everything::first, &Everything::two, &Everything::branch,
@@ -201,6 +207,19 @@ TEST(FixedLayout, DecodesLikeTheCompactForm) {
     const std::vector<uint8_t> tail(fixed.begin() + 98, fixed.end());
     ASSERT_EQ(tail, std::vector<uint8_t>(6, 0xEE));
   }
+}
+
+// Its last array could be copied with a byte more, for all that the layout cares.
+TEST(FixedLayout, ReadsNothingBehindTheRecord) {
+  using Codec = TestCodec<"Odd", Odd>;
+  const Odd odd{{1, 2, 3, 4, 5}, {6, 7, 8}};
+  GuardedMemory memory(sizeof odd);
+  std::memcpy(memory.last(sizeof odd), &odd, sizeof odd);
+  uint8_t fixed[Codec::fixedSize()];
+  ASSERT_EQ(Codec::packFixed(fixed, memory.last(sizeof odd)), 0);
+  Odd unpacked{};
+  ASSERT_NE(Codec::unpack(fixed, Codec::fixedSize(), &unpacked), 0U);
+  EXPECT_TRUE(sameRecord(odd, unpacked));
 }
 
 // Each place where the message can be bent, and what comes of it.
