@@ -1,6 +1,7 @@
 // Records of any shape: made of given bytes, compared. For the fuzz programs.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -19,10 +20,9 @@ class Entropy {
   uint64_t next() {
     if (!bytes_.empty()) {
       uint64_t value = 0;
-      for (int i = 0; i < 8 && !bytes_.empty(); ++i) {
-        value |= uint64_t{bytes_.front()} << (8 * i);
-        bytes_ = bytes_.subspan(1);
-      }
+      const size_t count = std::min(bytes_.size(), sizeof value);
+      std::memcpy(&value, bytes_.data(), count);
+      bytes_ = bytes_.subspan(count);
       return value;
     }
     state_ += 0x9E3779B97F4A7C15;

@@ -2,7 +2,9 @@
 // packed messages, of which it makes new ones now and then; so no seeds are needed.
 #include "fuzz/unpacker_inputs.hpp"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "fuzz/naive_decoder.hpp"
@@ -12,19 +14,6 @@ extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maximumSiz
 
 namespace kel::fuzz {
 namespace {
-
-constexpr Side kSide = KEL_FUZZED_SIDE;
-
-const std::vector<const Message*>& fuzzedMessages() {
-  static const std::vector<const Message*> messages = [] {
-    std::vector<const Message*> found;
-    for (const Message& message : allMessages()) {
-      if (message.receiver == kSide) found.push_back(&message);
-    }
-    return found;
-  }();
-  return messages;
-}
 
 // A valid message, in either form.
 std::vector<uint8_t> makeMessage(const Message& message, Entropy& entropy) {
@@ -56,16 +45,11 @@ class Bender {
 
   // Returns the new size.
   size_t bend() {
-    constexpr auto kWord = &Bender::bendWord;
-    constexpr decltype(kWord) kWays[] = {&Bender::moveVtable,
-                                         &Bender::overlapTargets,
-                                         &Bender::swapEntries,
-                                         &Bender::moveTarget,
-                                         &Bender::resize,
-                                         kWord,
-                                         kWord,
-                                         kWord};
-    if (!words_.empty()) (this->*kWays[entropy_.below(std::size(kWays))])();
+    constexpr void (Bender::*kWays[])() = {&Bender::moveVtable,     &Bender::moveTarget,
+                                           &Bender::overlapTargets, &Bender::swapEntries,
+                                           &Bender::resize,         &Bender::bendWord};
+    const size_t way = std::min(entropy_.below(8), std::size(kWays) - 1);  // words most of all
+    if (!words_.empty()) (this->*kWays[way])();
     return size_;
   }
 
@@ -167,7 +151,14 @@ std::vector<Word> Bender::words_;
 }  // namespace
 
 const Message& chosenMessage(uint8_t choice) {
-  return *fuzzedMessages()[choice % 32 % fuzzedMessages().size()];
+  static const std::vector<Message> messages = [] {
+    std::vector<Message> received;
+    std::ranges::copy_if(allMessages(), std::back_inserter(received), [](const Message& message) {
+      return message.receiver == KEL_FUZZED_SIDE;
+    });
+    return received;
+  }();
+  return messages[choice % 32 % messages.size()];
 }
 
 }  // namespace kel::fuzz
