@@ -4,9 +4,9 @@
 //   struct korva::Schema<AlarmOutput> : korva::Slots<&AlarmOutput::text> {};
 //
 // That list is all that is ever written down of a message. A slot's kind and width follow from the
-// member's type, its name from the member's; every size, position and table of the codecs is
-// computed from the list at compile time. A member of a class type is a nested table and needs a
-// Schema of its own. A list of tables is two members, its count and its array:
+// member's type; every size, position and table of the codecs is computed from the list at compile
+// time. A member of a class type is a nested table and needs a Schema of its own. A list of tables
+// is two members, its count and its array:
 //
 //   struct korva::Schema<BrdPartInfo>
 //       : korva::Slots<korva::vectorOf<&BrdPartInfo::entryCount, &BrdPartInfo::entries>> {};
@@ -60,17 +60,6 @@ consteval SlotKind kindOf() {
   }
 }
 
-// Both compilers print a pointer to member as &Record::member, last in the parameter list but for
-// what follows a semicolon. Asking them keeps the name from being written a second time.
-template <auto Member>
-consteval std::string_view memberName() {
-  const std::string_view function = __PRETTY_FUNCTION__;
-  const size_t marker = function.find("Member = &");
-  const size_t end = function.find_first_of(";]", marker);
-  const size_t begin = function.rfind("::", end) + 2;
-  return function.substr(begin, end - begin);
-}
-
 template <auto Member>
 struct MemberSlot;
 
@@ -79,7 +68,6 @@ struct MemberSlot<Member> {
   using Record = R;
   using Type = T;
   static constexpr SlotKind kind = kindOf<T>();
-  static constexpr std::string_view name = memberName<Member>();
   static constexpr uint32_t width = sizeof(T);
 
   template <class AnyRecord>  // Record or const Record

@@ -111,9 +111,9 @@ bool sameSlot(const Record& left, const Record& right) {
 template <class Record>
 testing::AssertionResult sameRecord(const Record& left, const Record& right) {
   testing::AssertionResult result = testing::AssertionSuccess();
-  korva::forEachSlot<Record>([&]<class Slot, size_t>() {
+  korva::forEachSlot<Record>([&]<class Slot, size_t Index>() {
     if (result && !sameSlot<Slot>(left, right)) {
-      result = testing::AssertionFailure() << Slot::name << " differs";
+      result = testing::AssertionFailure() << "slot " << Index << " differs";
     }
   });
   return result;
