@@ -1,7 +1,6 @@
 // Disk images: what really formats and mounts, what is refused, and what is missing for it.
 #include "host/disk_images.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -11,35 +10,22 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <stdexcept>
 
 #include "host/child_process.hpp"
 #include "host/mount_table.hpp"
+#include "tests/host/host_fixture.hpp"
 
 namespace kel::host::test {
 namespace {
 
 using std::filesystem::path;
 
-class Images : public ::testing::Test {
+class Images : public HostFixture {
  protected:
   Images() {
-    std::string name = std::filesystem::temp_directory_path() / "kel_images_test.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-      std::abort();
-    }
-    top = name;
-    folder = top / "images";
     std::filesystem::create_directory(folder);
     addImage(folder / "disk.img");
-  }
-  ~Images() override { std::filesystem::remove_all(top); }
-
-  static void addImage(const path& file) {
-    constexpr uintmax_t kSize = uintmax_t{8} << 20U;
-    std::ofstream(file).put('x');
-    std::filesystem::resize_file(file, kSize);
   }
 
   static bool hasExt4(const path& image) {
@@ -72,8 +58,8 @@ class Images : public ::testing::Test {
     return findMount(readMounts("/"), mountPoint).has_value();
   }
 
-  path top;
-  path folder;
+  const path top = HostFixture::folder;
+  const path folder = top / "images";
 };
 
 TEST_F(Images, AreOnlyPlainFilesOfTheFolder) {

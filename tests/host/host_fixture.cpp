@@ -2,62 +2,16 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <thread>
 
 namespace kel::host::test {
 
-HostFixture::HostFixture() {
-  std::string name = std::filesystem::temp_directory_path() / "kel_host_test.XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    std::abort();
-  }
-  folder = name;
-  target = "unix:" + (folder / "socket").string();
-  aimAt(target);
-}
-
-HostFixture::~HostFixture() {
-  setCompactAlways(false);
-  std::filesystem::remove_all(folder);
-}
-
-void HostFixture::aimAt(const std::string& where) {
-  auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;
-  std::memset(endpoint, 0, sizeof(endpoint));
-  std::memcpy(endpoint, where.data(), std::min(where.size(), sizeof(endpoint)));
-}
-
-std::filesystem::path HostFixture::beside(const std::string& program) {
-  return std::filesystem::read_symlink("/proc/self/exe").replace_filename(program);
-}
-
-void Completions::onAlarmOutput(int32_t result, void* output, uintptr_t context) {
-  auto& self = *reinterpret_cast<Completions*>(context);
-  const auto* const reply = static_cast<const AlarmOutput*>(output);
-  const char* const text = reply == nullptr ? nullptr : reply->text;
-  const std::scoped_lock lock(self.mutex_);
-  self.completed_.push_back({result, reply != nullptr, text == nullptr ? "" : text});
-  self.arrived_.notify_all();
-}
-
-std::vector<Completions::Completed> Completions::wait(size_t count) {
-  constexpr std::chrono::seconds kPatience(30);
-  constexpr std::chrono::milliseconds kMore(20);
-  std::unique_lock lock(mutex_);
-  arrived_.wait_for(lock, kPatience, [&] { return completed_.size() >= count; });
-  arrived_.wait_for(lock, kMore, [&] { return completed_.size() > count; });
-  return completed_;
-}
-
-bool eventually(const std::function<bool()>& holds) {
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(10);
-  while (!holds()) {
-    if (Clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+Bytes okReply() {
+  return {0x0A, 0,    0, 0, 0x06, 0,    0x0F, 0, 0x04, 0,   0x06, 0, 0,
+          0,    0x04, 0, 0, 0,    0x02, 0,    0, 0,    'o', 'k',  0};
 }
 
 AlarmInput sampleAlarm(uint32_t number) {
@@ -83,5 +37,96 @@ int32_t sendAlarm(const AlarmInput& alarm, std::string& reply, uintptr_t deadlin
 }
 
 std::string outcome(int32_t result) { return std::to_string(result) + ": " + describe(result); }
+
+void Completions::onAlarmOutput(int32_t result, void* output, uintptr_t context) {
+  auto& self = *reinterpret_cast<Completions*>(context);
+  const auto* const reply = static_cast<const AlarmOutput*>(output);
+  const char* const text = reply == nullptr ? nullptr : reply->text;
+  const std::scoped_lock lock(self.mutex_);
+  self.completed_.push_back({result, reply != nullptr, text == nullptr ? "" : text});
+  self.arrived_.notify_all();
+}
+
+int32_t Completions::start(const AlarmInput* alarm, uintptr_t deadlineMs, Completion completion) {
+  return KelSysdiagMaster_KelSendAlarm_async(alarm, reinterpret_cast<uintptr_t>(completion),
+                                             reinterpret_cast<uintptr_t>(this), deadlineMs);
+}
+
+std::vector<Completions::Completed> Completions::wait(size_t count) {
+  constexpr std::chrono::seconds kPatience(30);
+  constexpr std::chrono::milliseconds kMore(20);
+  std::unique_lock lock(mutex_);
+  arrived_.wait_for(lock, kPatience, [&] { return completed_.size() >= count; });
+  arrived_.wait_for(lock, kMore, [&] { return completed_.size() > count; });
+  return completed_;
+}
+
+bool eventually(const std::function<bool()>& holds) {
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(20);
+  while (!holds()) {
+    if (Clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+void onThreads(uint32_t threads, const std::function<void(uint32_t)>& body) {
+  std::vector<std::jthread> running;
+  for (uint32_t i = 0; i < threads; ++i) {
+    running.emplace_back(body, i);
+  }
+}
+
+std::filesystem::path beside(const std::string& name) {
+  return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
+}
+
+void addImage(const std::filesystem::path& file) {
+  std::ofstream(file).put('x');
+  std::filesystem::resize_file(file, uintmax_t{8} << 20U);
+}
+
+std::string contentOf(const std::filesystem::path& file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+std::string complaintOf(const std::function<void()>& action) {
+  try {
+    action();
+    return "no complaint";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+HostFixture::HostFixture() {
+  std::string name = std::filesystem::temp_directory_path() / "kel_host_test.XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    std::abort();
+  }
+  folder = name;
+  target = "unix:" + (folder / "socket").string();
+  aimAt(target);
+}
+
+HostFixture::~HostFixture() {
+  setCompactAlways(false);
+  configureCalls({});
+  std::filesystem::remove_all(folder);
+}
+
+void HostFixture::aimAt(const std::string& where) {
+  auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;
+  std::memset(endpoint, 0, sizeof(endpoint));
+  std::memcpy(endpoint, where.data(), std::min(where.size(), sizeof(endpoint)));
+}
+
+std::string HostFixture::call(uintptr_t deadlineMs) {
+  std::string reply;
+  return outcome(sendAlarm(sampleAlarm(), reply, deadlineMs));
+}
 
 }  // namespace kel::host::test

@@ -1,4 +1,5 @@
-// What the host's tests share: a socket in a folder of its own, records, and async completions.
+// What the host's tests share: a socket in a folder of its own, calls with one record, and async
+// completions.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,22 +20,22 @@ namespace kel::host::test {
 
 using Clock = std::chrono::steady_clock;
 
-// Calls go to a fresh Unix-domain socket, on which nobody listens at first.
-class HostFixture : public ::testing::Test {
- protected:
-  HostFixture();
-  ~HostFixture() override;
+constexpr std::chrono::seconds kSoon(2);  // bounded time, on a busy machine
 
-  static void aimAt(const std::string& where);
+using Bytes = std::vector<uint8_t>;
 
-  // A program built beside this test.
-  static std::filesystem::path beside(const std::string& program);
+// An AlarmOutput with the text "ok", as the wire has it.
+Bytes okReply();
 
-  std::filesystem::path folder;
-  std::string target;
-};
+AlarmInput sampleAlarm(uint32_t number = 7);
 
-// Receives the completions of asynchronous calls, which pass its address as userArg2.
+// Calls KelSendAlarm, gives the reply back, and returns the result.
+int32_t sendAlarm(const AlarmInput& alarm, std::string& reply, uintptr_t deadlineMs = 0);
+
+// As text of the result, so that failures read well.
+std::string outcome(int32_t result);
+
+// Receives the completions of asynchronous calls.
 class Completions {
  public:
   struct Completed {
@@ -45,10 +46,9 @@ class Completions {
 
   static void onAlarmOutput(int32_t result, void* output, uintptr_t context);
 
-  static uintptr_t function() {
-    return reinterpret_cast<uintptr_t>(static_cast<Completion>(onAlarmOutput));
-  }
-  [[nodiscard]] uintptr_t context() const { return reinterpret_cast<uintptr_t>(this); }
+  // Starts KelSendAlarm, and returns what that returns.
+  int32_t start(const AlarmInput* alarm, uintptr_t deadlineMs = 0,
+                Completion completion = onAlarmOutput);
 
   // Waits for as many as count, then for a while that no more come.
   std::vector<Completed> wait(size_t count);
@@ -62,12 +62,33 @@ class Completions {
 // Tries until it holds or time is up. Says whether it does.
 bool eventually(const std::function<bool()>& holds);
 
-AlarmInput sampleAlarm(uint32_t number = 7);
+// Runs the body on so many threads at a time, with their numbers.
+void onThreads(uint32_t threads, const std::function<void(uint32_t)>& body);
 
-// Calls KelSendAlarm, gives the reply back, and returns the result.
-int32_t sendAlarm(const AlarmInput& alarm, std::string& reply, uintptr_t deadlineMs = 0);
+// What has been built beside this test.
+std::filesystem::path beside(const std::string& name);
 
-// As text of the result, so that failures read well.
-std::string outcome(int32_t result);
+// Makes the file of a disk without a file system.
+void addImage(const std::filesystem::path& file);
+
+std::string contentOf(const std::filesystem::path& file);
+
+// What a std::runtime_error of the action says.
+std::string complaintOf(const std::function<void()>& action);
+
+// Calls go to a fresh Unix-domain socket, on which nobody listens at first.
+class HostFixture : public ::testing::Test {
+ protected:
+  HostFixture();
+  ~HostFixture() override;
+
+  static void aimAt(const std::string& where);
+
+  // The outcome of sending the sample.
+  static std::string call(uintptr_t deadlineMs = 0);
+
+  std::filesystem::path folder;
+  std::string target;
+};
 
 }  // namespace kel::host::test

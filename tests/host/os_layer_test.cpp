@@ -3,9 +3,10 @@
 #include <dlfcn.h>
 #include <kel_sys_diag/osal.h>
 
+#include <optional>
+
 #include "host/os_allocator.hpp"
-#include "tests/host/faulty_server.hpp"
-#include "tests/host/host_fixture.hpp"
+#include "tests/host/scripted_server.hpp"
 
 namespace kel::host {
 
@@ -31,7 +32,7 @@ TEST_F(OsLayer, IsUsedAsFarAsItIsThere) {
   EXPECT_EQ(has("QSV_OsalLogWrite"), logs);
   EXPECT_EQ(has("QSV_OsalMemCacheAlloc"), allocates);
 
-  FaultyServer server(target, {.replies = {okReply()}});
+  std::optional<ScriptedServer> server(std::in_place, folder / "socket", Script{});
   std::string reply;
   EXPECT_EQ(outcome(sendAlarm(sampleAlarm(), reply)), outcome(kOk));
   EXPECT_EQ(reply, "ok");
@@ -42,8 +43,10 @@ TEST_F(OsLayer, IsUsedAsFarAsItIsThere) {
   }
 
   ::testing::internal::CaptureStderr();
-  server.behave({.replies = {Bytes(4, 0xFF)}});
-  EXPECT_EQ(outcome(sendAlarm(sampleAlarm(), reply)), outcome(kReplyNotDecoded));
+  configureCalls({});
+  server.reset();
+  server.emplace(folder / "socket", Script{.replies = {Bytes(4, 0xFF)}});
+  EXPECT_EQ(call(), outcome(kReplyNotDecoded));
   const std::string log = ::testing::internal::GetCapturedStderr();
   const bool logged = log.find(
                           "Kel_sys_diag_AlarmOutput_unpack_non_root: [KORVA]:Table offset("

@@ -34,7 +34,6 @@ class Programs : public HostFixture {
     std::ofstream(folder / "rules.json") << R"({"rules": [{"name": "all", "mountPoint": "*",
       "device": "*", "warningPercent": 80, "criticalPercent": 90}]})";
   }
-  ~Programs() override { configureCalls({}); }
 
   RunningProgram startMaster(const Arguments& more) {
     return {beside("kel_master"), Arguments{"--config", folder / "rules.json"} + more,
@@ -66,90 +65,68 @@ class Programs : public HostFixture {
     return {code, program.output()};
   }
 
+  static void expectEnd(const End& end, int code, const std::vector<std::string>& words = {}) {
+    EXPECT_EQ(end.code, code) << end.output;
+    for (const std::string& word : words) {
+      EXPECT_TRUE(end.says(word)) << word << "\nis not in\n" << end.output;
+    }
+  }
+
   std::string qarne_ = "unix:" + (folder / "qarne").string();
 };
 
 TEST_F(Programs, TellTheWholeStoryAndEndWell) {
   RunningProgram master = startMaster();
-  const End full = runHost();
-  EXPECT_EQ(full.code, 0) << full.output;
-  EXPECT_TRUE(full.says("192 bytes, fixed layout"));
-  EXPECT_TRUE(full.says(" 0 are outstanding"));
+  expectEnd(runHost(), 0, {"192 bytes, fixed layout", " 0 are outstanding"});
   const End compact = runHost({"--compact"});
-  EXPECT_EQ(compact.code, 0) << compact.output;
+  expectEnd(compact, 0);
   EXPECT_FALSE(compact.says("fixed layout"));
   EXPECT_FALSE(compact.says("\033")) << "styled, but not for a terminal";
-  const End stopped = stop(master);
-  EXPECT_EQ(stopped.code, 0);
-  EXPECT_TRUE(stopped.says("12 alarms kept")) << stopped.output;
+  expectEnd(stop(master), 0, {"12 alarms kept"});
   EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
 }
 
 // All eight methods, against this very machine.
 TEST_F(Programs, ServeAndShowThisMachine) {
   std::filesystem::create_directory(folder / "images");
-  std::ofstream(folder / "images" / "disk.img").put('x');
-  std::filesystem::resize_file(folder / "images" / "disk.img", uintmax_t{8} << 20U);
+  addImage(folder / "images" / "disk.img");
   RunningProgram host = startServing({"--listen", qarne_, "--images", folder / "images"});
-  const End shown = runQuery({"--image", "disk.img", "--rows", "3"});
-  EXPECT_EQ(shown.code, 0) << shown.output;
-  for (const char* method :
-       {"KelBrdPartInfoQuery", "FdProcInfoQuery", "KelSysOvLoadDiskThresholdSet",
-        "KelGetSysDiskUseInfo", "KelResetDiskMakeFS", "KelMountDisk", "KelQueryStorageEraseInfo",
-        "KelQueryStorageBadBlockInfo"}) {
-    EXPECT_TRUE(shown.says(std::string(method) + ": ")) << method;
-  }
-  EXPECT_TRUE(shown.says(" the threshold of 80 %")) << shown.output;
-  const End outside = runQuery({"--image", "../disk.img"});
-  EXPECT_EQ(outside.code, 0);
-  EXPECT_TRUE(outside.says("the name is not that of a file of its own"));
-  const End stopped = stop(host);
-  EXPECT_EQ(stopped.code, 0) << stopped.output;
-  EXPECT_TRUE(stopped.says(" 0 are outstanding"));
+  expectEnd(
+      runQuery({"--image", "disk.img", "--rows", "3"}), 0,
+      {"KelBrdPartInfoQuery: ", "FdProcInfoQuery: ", "KelSysOvLoadDiskThresholdSet: ",
+       "KelGetSysDiskUseInfo: ", "KelResetDiskMakeFS: ", "KelMountDisk: ",
+       "KelQueryStorageEraseInfo: ", "KelQueryStorageBadBlockInfo: ", " the threshold of 80 %"});
+  expectEnd(runQuery({"--image", "../disk.img"}), 0, {"the name is not that of a file of its own"});
+  expectEnd(stop(host), 0, {" 0 are outstanding"});
   for (const auto& left : std::filesystem::directory_iterator(folder)) {
     EXPECT_EQ(left.path().filename().string().find("images.mounted"), std::string::npos);
   }
-  const End alone = runQuery({});
-  EXPECT_EQ(alone.code, 1);
-  EXPECT_TRUE(alone.says("KelBrdPartInfoQuery: the server cannot be reached")) << alone.output;
+  expectEnd(runQuery({}), 1, {"KelBrdPartInfoQuery: the server cannot be reached"});
 }
 
 TEST_F(Programs, TellOfAnOverloadFromTheThresholdToTheMaster) {
   RunningProgram master = startMaster();
   RunningProgram host = startServing({"--listen", qarne_});
-  const End told = runQuery({"overload"});
-  EXPECT_EQ(told.code, 0) << told.output;
-  EXPECT_TRUE(told.says("has reached the threshold")) << told.output;
+  expectEnd(runQuery({"overload"}), 0, {"has reached the threshold"});
   EXPECT_TRUE(host.says("answered by the master: no. 1, understood: alarm 1003, warning: "))
       << host.output();
-  const End stopped = stop(master);
-  EXPECT_EQ(stopped.code, 0);
-  EXPECT_TRUE(stopped.says("alarm 1003, warning: ")) << stopped.output;
+  expectEnd(stop(master), 0, {"alarm 1003, warning: "});
   // Without a master, the host says so and goes on.
-  EXPECT_EQ(runQuery({"overload"}).code, 0);
+  expectEnd(runQuery({"overload"}), 0);
   EXPECT_TRUE(host.says("could not be raised: the server cannot be reached")) << host.output();
-  EXPECT_EQ(stop(host, SIGINT).code, 0);
+  expectEnd(stop(host, SIGINT), 0);
 }
 
 // Between machines: everybody of the authority may ask, and only operators may change.
 TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
   const TestAuthority authority(folder, "authority");
-  const auto tls = [](const TlsFiles& files) {
-    return Arguments{"--tls-ca",        files.authority, "--tls-certificate",
-                     files.certificate, "--tls-key",     files.key};
-  };
   constexpr char kEveryPort[] = "127.0.0.1:0";
-  const auto addressOf = [](const RunningProgram& program) {
-    const std::string said = program.output();
-    const std::string address = said.substr(said.find("127.0.0.1:"));
-    return address.substr(0, address.find('\n'));
-  };
-  const Arguments own = tls(authority.issue("server", "subjectAltName=IP:127.0.0.1"));
+  const Arguments own = optionsOf(authority.issue("server", "subjectAltName=IP:127.0.0.1"));
   const RunningProgram master = startMaster(own + Arguments{"--listen", kEveryPort});
   const RunningProgram host = startServing(
       own + Arguments{"--listen", kEveryPort, "--operator", "chief", "--operator", "deputy"});
-  qarne_ = addressOf(host);
-  target = addressOf(master);
+  qarne_ = host.address();
+  target = master.address();
 
   for (const char* name : {"chief", "deputy", "reader"}) {
     SCOPED_TRACE(name);
@@ -163,15 +140,12 @@ TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
     EXPECT_EQ(outcome(client.call(kMountDisk, {}).result()), outcome(changing));
     EXPECT_EQ(outcome(client.call(kBrdPartInfoQuery, {}).result()), outcome(kOk));
     EXPECT_EQ(outcome(client.call(kGetSysDiskUseInfo, {}).result()), outcome(kOk));
-    const End query = runQuery(tls(files));
-    EXPECT_EQ(query.code, mayChange ? 0 : 1) << query.output;
-    EXPECT_NE(query.says("does not let this caller call"), mayChange) << query.output;
-    const End report = runHost(tls(files));
-    EXPECT_EQ(report.code, 0) << report.output;
+    const End query = runQuery(optionsOf(files));
+    expectEnd(query, mayChange ? 0 : 1);
+    EXPECT_NE(query.says("does not let this caller call"), mayChange);
+    expectEnd(runHost(optionsOf(files)), 0);
   }
-  const End unprotected = runQuery({});
-  EXPECT_EQ(unprotected.code, 1);
-  EXPECT_TRUE(unprotected.says("--tls-ca")) << unprotected.output;
+  expectEnd(runQuery({}), 1, {"--tls-ca"});
 }
 
 TEST_F(Programs, SayWhatIsWrong) {
@@ -199,9 +173,7 @@ TEST_F(Programs, SayWhatIsWrong) {
        "another process serves there"},
   };
   for (const Case& ill : cases) {
-    const End end = run(ill.program, ill.arguments);
-    EXPECT_EQ(end.code, 1) << ill.complaint;
-    EXPECT_TRUE(end.says(ill.complaint)) << ill.complaint << "\nis not in\n" << end.output;
+    expectEnd(run(ill.program, ill.arguments), 1, {ill.complaint});
   }
 }
 

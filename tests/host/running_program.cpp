@@ -8,11 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
 #include <iterator>
-#include <thread>
 #include <utility>
+
+#include "tests/host/host_fixture.hpp"
 
 namespace kel::host::test {
 
@@ -45,19 +44,13 @@ RunningProgram::~RunningProgram() {
 }
 
 bool RunningProgram::says(const std::string& text) const {
-  constexpr int kAttempts = 4000;
-  constexpr std::chrono::milliseconds kPause(5);
-  for (int i = 0; i < kAttempts; ++i) {
+  bool said = false;
+  eventually([&] {
     const bool last = ended();
-    if (output().find(text) != std::string::npos) {
-      return true;
-    }
-    if (last) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-  return false;
+    said = output().find(text) != std::string::npos;
+    return said || last;
+  });
+  return said;
 }
 
 bool RunningProgram::ended() const {
@@ -66,10 +59,12 @@ bool RunningProgram::ended() const {
   return end.si_pid != 0;
 }
 
-std::string RunningProgram::output() const {
-  std::ifstream file(output_);
-  file.seekg(static_cast<std::streamoff>(outputStart_));
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+std::string RunningProgram::output() const { return contentOf(output_).substr(outputStart_); }
+
+std::string RunningProgram::address() const {
+  const std::string said = output();
+  const std::string address = said.substr(said.find("127.0.0.1:"));
+  return address.substr(0, address.find('\n'));
 }
 
 void RunningProgram::signal(int number) const { kill(process_, number); }

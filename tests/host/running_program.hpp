@@ -22,6 +22,8 @@ class RunningProgram {
   // Waits for text in what this process has put out, or for its end. Says whether text came.
   [[nodiscard]] bool says(const std::string& text) const;
   [[nodiscard]] std::string output() const;
+  // Of this machine's network, at which it has said that it listens.
+  [[nodiscard]] std::string address() const;
   [[nodiscard]] bool ended() const;
   [[nodiscard]] pid_t id() const { return process_; }
   void signal(int number) const;

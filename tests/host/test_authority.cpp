@@ -43,4 +43,9 @@ std::string TestAuthority::file(const std::string& name, const char* suffix) con
   return folder_ / fmt::format("{}.{}", name, suffix);
 }
 
+std::vector<std::string> optionsOf(const TlsFiles& files) {
+  return {"--tls-ca",        files.authority, "--tls-certificate",
+          files.certificate, "--tls-key",     files.key};
+}
+
 }  // namespace kel::host::test

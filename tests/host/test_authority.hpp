@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "host/credentials.hpp"
 
@@ -24,5 +25,8 @@ class TestAuthority {
   std::filesystem::path folder_;
   std::string name_;
 };
+
+// What a program is given to bear them.
+std::vector<std::string> optionsOf(const TlsFiles& files);
 
 }  // namespace kel::host::test

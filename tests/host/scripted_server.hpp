@@ -1,0 +1,57 @@
+// A server that speaks HTTP/2 by rote, right or wrong, to one caller at a time.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/file_descriptor.hpp"
+#include "tests/host/host_fixture.hpp"
+
+namespace kel::host::test {
+
+// A Unix socket that is connected.
+FileDescriptor connectTo(const std::string& path);
+
+// What makes a caller send its requests.
+extern const std::string kHttpGreeting;
+
+struct Script {
+  enum class Damage : uint8_t { none, cut, corrupt };
+
+  std::string greeting = kHttpGreeting;
+  bool answers = true;
+  size_t patience = SIZE_MAX;  // hangs up after so many requests of a sample
+  std::vector<Bytes> replies = {okReply()};
+  int grpcStatus = 0;  // with which a call ends after the replies
+  Damage damage = Damage::none;
+  size_t position = 0;  // of the damage, in all that is said to a caller
+};
+
+class ScriptedServer {
+ public:
+  ScriptedServer(const std::string& path, Script script);
+  ~ScriptedServer();
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
+
+  // So far, of all callers.
+  [[nodiscard]] size_t requests() const { return requests_; }
+  [[nodiscard]] size_t bytesSaid() const { return bytesSaid_; }
+
+ private:
+  void run();
+  void converse(int caller);
+
+  const Script script_;
+  const std::string path_;
+  const FileDescriptor listener_;
+  std::atomic<bool> stopping_ = false;
+  std::atomic<size_t> requests_ = 0;
+  std::atomic<size_t> bytesSaid_ = 0;
+  std::thread thread_;
+};
+
+}  // namespace kel::host::test
