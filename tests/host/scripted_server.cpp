@@ -107,10 +107,12 @@ void ScriptedServer::converse(int caller) {
   std::array<char, 4096> some;
   constexpr std::string_view kRequest = "sample";
   for (size_t requests = 0; goesOn && !stopping_;) {
-    const ssize_t length =
-        hasSomethingToTake(caller) ? recv(caller, some.data(), some.size(), 0) : -1;
-    heard.append(some.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    goesOn = length != 0;
+    if (!hasSomethingToTake(caller)) {
+      continue;
+    }
+    const ssize_t length = recv(caller, some.data(), some.size(), 0);
+    goesOn = length > 0;
+    heard.append(some.data(), goesOn ? static_cast<size_t>(length) : 0);
     for (size_t at = 0; goesOn && (at = heard.find(kRequest)) != std::string::npos;) {
       heard.erase(0, at + kRequest.size());
       ++requests_;

@@ -248,7 +248,7 @@ TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
       {kMost + 1, kMost, {}, kExhausted, "1001 vs. 1000"},
       {1, kMost + 1, {}, kExhausted, kReplyTooLarge},
       // What is compressed is not unfolded, but handled as it is.
-      {100 * kMost, kMost + 1, zipped, kExhausted, kReplyTooLarge},
+      {size_t{100} * kMost, kMost + 1, zipped, kExhausted, kReplyTooLarge},
   };
   for (const Case& sent : cases) {
     replyBytes = sent.reply;
