@@ -387,7 +387,8 @@ TEST_F(Faults, OneOfTwoServersDies) {
   mortal = startMaster(mortalAddress, options);
   EXPECT_TRUE(mortal->says("measured")) << "nothing goes to the one that is back";
   load.stop();
-  EXPECT_LE(load.check(contentOf(outputs)), 2U * kThreads) << "each has two in flight at most";
+  EXPECT_LE(load.check(contentOf(outputs)), 3U * kThreads)
+      << "each has two in flight at most, and may pick the dying connection once more";
 }
 
 class ServingFaults : public Faults {
