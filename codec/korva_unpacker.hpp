@@ -58,15 +58,42 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
 template <class Record>
 inline constexpr uint32_t kOwnTable = kRootOffsetWidth + kVtableLength<Record>;
 
+// Without scalars that could be left out, the entries of our own root table are known, its fields
+// stand side by side, and the first one points behind the last, where a count is.
+template <class Record>
+inline constexpr bool kOwnFieldsAreKnown =
+    Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == 0;
+template <class Record>
+inline constexpr uint32_t kFieldsSize = Schema<Record>::count * kOffsetFieldWidth;
+
+// How much of our own message is in the same place always, whatever the values.
+template <class Record>
+inline constexpr uint32_t kOwnFront =
+    kOwnTable<Record> + kDisplacementWidth +
+    (kOwnFieldsAreKnown<Record> ? kFieldsSize<Record> + kCountWidth : 0);
+
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool hasOwnFields(const Source& source) {
+  return source.at<uint32_t>(kOwnTable<Record> + kDisplacementWidth) == kFieldsSize<Record> &&
+         allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+           return source.at<uint16_t>(kRootOffsetWidth + vtableEntry(Index)) ==
+                  kDisplacementWidth + Index * kOffsetFieldWidth;
+         });
+}
+
 // Whether the message begins as our own packer's do. Comparisons that wait for nothing but the
-// buffer tell, and all positions are constants then; following them instead costs a load for each
-// before the first field can be read.
+// buffer tell, and what they have compared is as good as constant then; following it instead costs
+// a load for each position before the first field can be read.
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool hasOwnHeader(const Source& source) {
-  return source.holds(kOwnTable<Record>, kDisplacementWidth) &&
-         source.at<uint32_t>(0) == kOwnTable<Record> &&
-         source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
-         source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
+  const bool begins = source.holds(0, kOwnFront<Record>) &&
+                      source.at<uint32_t>(0) == kOwnTable<Record> &&
+                      source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
+                      source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
+  if constexpr (kOwnFieldsAreKnown<Record>) {
+    return begins && hasOwnFields<Record>(source);
+  }
+  return begins;
 }
 
 // Opens the root table, wherever it lies. Only its header's faults are worth a line; whatever lies
@@ -145,8 +172,8 @@ template <class Slot, class Record>
   if (text == nullptr) {
     return false;
   }
-  std::memcpy(text, characters, count);
   text[count] = '\0';
+  std::memcpy(text, characters, count);
   return true;
 }
 
