@@ -15,16 +15,6 @@
 
 namespace korva {
 
-// Where packing stands: positions count from start, the next byte goes to current.
-struct PackCursor {
-  uint8_t* start;
-  uint8_t* current;
-
-  [[nodiscard]] uint32_t positionOf(const uint8_t* at) const {
-    return static_cast<uint32_t>(at - start);
-  }
-};
-
 // A string, scanned once for a pass. The pointer is a copy: for all the compiler knows, every byte
 // written may be the record's.
 struct Text {
@@ -87,11 +77,17 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
     return least;
   }
   uint64_t size = uint64_t{count} * kFullElementSize<Element>;
-  for (uint32_t i = 0; i < count;) {
+  const Element* const end = elements + count;
+  while (elements != end) {
     scalars::AbsentBytes<Element> absent;
-    const uint32_t end = i + std::min(count - i, absent.kCapacity);
-    for (; i < end; ++i) {
-      absent.add(elements[i]);
+    const Element* const last = elements + std::min<ptrdiff_t>(end - elements, absent.kCapacity);
+    if constexpr (absent.kPairsAreFaster) {
+      for (; last - elements >= 2; elements += 2) {
+        absent.add(elements[0], elements[1]);
+      }
+    }
+    for (; elements != last; ++elements) {
+      absent.add(*elements);
     }
     size -= absent.sum();
   }
@@ -115,6 +111,10 @@ template <class Record>
   return size;
 }
 
+// Whether so few elements have all their scalars would be as hard to predict as their values are,
+// which costs more than to measure them.
+inline constexpr uint32_t kFewElements = 4;
+
 // What a record's vector takes, with its offset field; or, unmeasured, what it takes at most.
 template <class Record, bool Measured>
 [[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
@@ -124,8 +124,9 @@ template <class Record, bool Measured>
       if (hasElements<Slot>(record)) {
         const uint32_t count = Slot::count(record);
         size += kOffsetFieldWidth + kCountWidth;
-        size += Measured ? elementsSize(Slot::get(record), count)
-                         : uint64_t{count} * kFullElementSize<typename Slot::Element>;
+        size += Measured || count < kFewElements
+                    ? elementsSize(Slot::get(record), count)
+                    : uint64_t{count} * kFullElementSize<typename Slot::Element>;
       }
     }
   });
@@ -189,7 +190,7 @@ inline constexpr rows::Place kPlace =
     By == Followed::byTable ? rows::Place::behindDisplacement : rows::kUsualPlace<Record>;
 
 template <Followed By, PlainTable Record>
-uint32_t packTable(PackCursor& cursor, const Record& record);
+uint8_t* packTable(uint8_t*& cursor, const Record& record);
 
 // A table being written. The order of its parts is the wire's: head, scalars, offset fields,
 // strings and byte arrays, vector header; its nested tables and elements follow behind it.
@@ -199,19 +200,19 @@ class TableWriter {
                 "a second vector's header would have no place before the first one's elements");
 
  public:
-  [[gnu::always_inline]] TableWriter(PackCursor& cursor, const Record& record,
+  [[gnu::always_inline]] TableWriter(uint8_t*& cursor, const Record& record,
                                      const rows::TableState<Record>& state, Texts<Record>& texts)
       : cursor_(cursor),
         record_(record),
         state_(state),
         texts_(texts),
-        vtable_(cursor.current),
+        vtable_(cursor),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {}
 
-  // Returns the table's position and leaves the cursor behind everything that belongs to it, texts
+  // Returns where the table is and leaves the cursor behind everything that belongs to it, texts
   // among it: only their characters are left to copy.
-  [[gnu::always_inline]] uint32_t write() {
+  [[gnu::always_inline]] uint8_t* write() {
     if constexpr (rows::ScalarTable<Record>) {
       writeScalarTable();
     } else {
@@ -223,10 +224,10 @@ class TableWriter {
       writeVectorHeader();
       writeTableLength();
     }
-    cursor_.current = at_;
+    cursor_ = at_;
     writeNestedTables();
     writeElements();
-    return cursor_.positionOf(table_);
+    return table_;
   }
 
  private:
@@ -395,9 +396,9 @@ class TableWriter {
         Texts<Nested> none;
         TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
                                                  std::get<Index>(state_.bySlot), none);
-        const uint32_t position = writer.write();
+        const uint8_t* const table = writer.write();
         if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
-          point(offsetFields_[Index], position);
+          point(offsetFields_[Index], table);
         }
       }
     });
@@ -409,16 +410,16 @@ class TableWriter {
         if (hasElements<Slot>(record_)) {
           // Copies, because for all the compiler knows the bytes written may be the record's.
           const auto* const elements = Slot::get(record_);
-          PackCursor cursor = cursor_;
+          uint8_t* cursor = cursor_;
           writeElements(cursor, elements, elements + Slot::count(record_));
-          cursor_.current = cursor.current;
+          cursor_ = cursor;
         }
       }
     });
   }
 
   template <class Element>
-  [[gnu::always_inline]] void writeElements(PackCursor& cursor, const Element* element,
+  [[gnu::always_inline]] void writeElements(uint8_t*& cursor, const Element* element,
                                             const Element* end) {
     uint8_t* entry = entries_;
     if constexpr (rows::ScalarTable<Element>) {
@@ -443,14 +444,14 @@ class TableWriter {
 
   template <size_t Index>
   [[gnu::always_inline]] void pointHere() {
-    point(offsetFields_[Index], cursor_.positionOf(at_));
+    point(offsetFields_[Index], at_);
   }
 
-  [[gnu::always_inline]] void point(uint8_t* offsetField, uint32_t target) {
-    store(offsetField, target - cursor_.positionOf(offsetField));
+  [[gnu::always_inline]] static void point(uint8_t* offsetField, const uint8_t* target) {
+    store(offsetField, static_cast<uint32_t>(target - offsetField));
   }
 
-  PackCursor& cursor_;
+  uint8_t*& cursor_;  // where the next byte goes
   const Record& record_;
   const rows::TableState<Record>& state_;
   Texts<Record>& texts_;
@@ -461,9 +462,9 @@ class TableWriter {
   std::array<uint8_t*, Schema<Record>::count> offsetFields_{};
 };
 
-// Writes an element at the cursor and returns its position.
+// Writes an element at the cursor and returns where its table is.
 template <Followed By, PlainTable Record>
-[[gnu::always_inline]] inline uint32_t packTable(PackCursor& cursor, const Record& record) {
+[[gnu::always_inline]] inline uint8_t* packTable(uint8_t*& cursor, const Record& record) {
   rows::TableState<Record> state;
   rows::lookAtTable<kPlace<Record, By>>(record, state);
   Texts<Record> none;
@@ -517,11 +518,11 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
                                                    compact::Survey<Record>& survey) {
-  PackCursor cursor{buffer, buffer + kRootOffsetWidth};
+  uint8_t* cursor = buffer + kRootOffsetWidth;
   compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.scalars,
                                                              survey.texts);
-  store(buffer, writer.write());
-  const uint32_t size = cursor.positionOf(cursor.current);
+  store(buffer, static_cast<uint32_t>(writer.write() - buffer));
+  const auto size = static_cast<uint32_t>(cursor - buffer);
   for (const Text& text : survey.texts) {
     if (text.characters != nullptr) {
       std::memcpy(text.target, text.characters, text.length);

@@ -195,10 +195,14 @@ class AbsentBytes {
   static constexpr uint32_t kCapacity =
       255 / std::max(uint32_t{1}, kWindows<Record, Depth::withNested>.count);
 
-  [[gnu::always_inline]] void add(const Record& record) {
+  // An addition to a lane waits for the one before it, which leaves time for a second record where
+  // there is no other lane.
+  static constexpr bool kPairsAreFaster = kWindows<Record, Depth::withNested>.count == 1;
+
+  template <class... Records>
+  [[gnu::always_inline]] void add(const Records&... records) {
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes_[Index] += zeros<Record, Depth::withNested, Index>(
-          loadWindow<Record, Depth::withNested, Index>(reinterpret_cast<const uint8_t*>(&record)));
+      lanes_[Index] += (zerosOf<Index>(records) + ...);
     });
   }
 
@@ -211,6 +215,12 @@ class AbsentBytes {
   }
 
  private:
+  template <size_t Index>
+  [[gnu::always_inline]] static ByteVector zerosOf(const Record& record) {
+    return zeros<Record, Depth::withNested, Index>(
+        loadWindow<Record, Depth::withNested, Index>(reinterpret_cast<const uint8_t*>(&record)));
+  }
+
   // Each lane counts down from 0, by the -1 that all ones are.
   std::array<ByteVector, kWindows<Record, Depth::withNested>.count> lanes_{};
 };
