@@ -30,68 +30,40 @@ const IdlCodecOps& diskOps() {
 }
 const IdlCodecOps& configOps() { return opsOf<KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl>(); }
 
-Bytes fixedSub(const DiagSubRecord& sub) {
-  return Bytes()
-      .u32(4)
-      .u32(0xFFFFFFF0)
-      .u16(sub.value16)
-      .u8(sub.byte1)
-      .u8(sub.byte2)
-      .u8(sub.byte3)
-      .u8(sub.byte4)
-      .u8(sub.byte5)
-      .u8(sub.byte6)
-      .u32(sub.value32)
-      .u16s({20, 16, 4, 6, 7, 8, 9, 10, 11, 12});
+Buffer fixedSub(const DiagSubRecord& sub) {
+  return layout(u32(4, 0xFFFFFFF0), u16(sub.value16),
+                u8(sub.byte1, sub.byte2, sub.byte3, sub.byte4, sub.byte5, sub.byte6),
+                u32(sub.value32), u16(20, 16, 4, 6, 7, 8, 9, 10, 11, 12));
 }
 
 TEST(AlarmInput, Compact) {
   struct Case {
     AlarmInput record;
-    Bytes expected;
+    Buffer expected;
   };
   const Case cases[] = {
-      {{}, Bytes().u32(22).u16s({18, 44, 0, 0, 0, 0, 0, 4, 0}).u32s({18, 4, 32}).fill(32, 0)},
+      {{}, layout(u32(22), u16(18, 44, 0, 0, 0, 0, 0, 4, 0), u32(18, 4, 32), fill(32, 0))},
       {{0, 0, "ab", 0, 0, {}, 0},
-       Bytes()
-           .u32(22)
-           .u16s({18, 55, 0, 0, 4, 0, 0, 8, 0})
-           .u32s({18, 8, 11, 2})
-           .text("ab")
-           .u8(0)
-           .u32(32)
-           .fill(32, 0)},
+       layout(u32(22), u16(18, 55, 0, 0, 4, 0, 0, 8, 0), u32(18, 8, 11, 2), chars("ab"), u8(0),
+              u32(32), fill(32, 0))},
       {{0, 0, "", 0, 0, {}, 0},
-       Bytes()
-           .u32(22)
-           .u16s({18, 53, 0, 0, 4, 0, 0, 8, 0})
-           .u32s({18, 8, 9, 0})
-           .u8(0)
-           .u32(32)
-           .fill(32, 0)},
+       layout(u32(22), u16(18, 53, 0, 0, 4, 0, 0, 8, 0), u32(18, 8, 9, 0), u8(0), u32(32),
+              fill(32, 0))},
       {{7, 0, nullptr, 256, 0, {}, 0},
-       Bytes().u32(22).u16s({18, 52, 4, 0, 0, 8, 0, 12, 0}).u32s({18, 7, 256, 4, 32}).fill(32, 0)},
+       layout(u32(22), u16(18, 52, 4, 0, 0, 8, 0, 12, 0), u32(18, 7, 256, 4, 32), fill(32, 0))},
       {{1, 2, "x", 3, 4, {9}, 5},
-       Bytes()
-           .u32(22)
-           .u16s({18, 74, 4, 8, 24, 12, 16, 28, 20})
-           .u32s({18, 1, 2, 3, 4, 5, 8, 10, 1})
-           .text("x")
-           .u8(0)
-           .u32(32)
-           .u8(9)
-           .fill(31, 0)},
+       layout(u32(22), u16(18, 74, 4, 8, 24, 12, 16, 28, 20), u32(18, 1, 2, 3, 4, 5, 8, 10, 1),
+              chars("x"), u8(0), u32(32), u8(9), fill(31, 0))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(alarmOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+    EXPECT_EQ(packToSize(alarmOps().packFn, c.record), c.expected);
   }
 }
 
 TEST(AlarmOutput, CompactFromThePeerAndBack) {
   char text[] = "ok";
   const AlarmOutput record{text};
-  const std::vector<uint8_t> expected =
-      Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
+  const Buffer expected = layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
   EXPECT_EQ(packToSize(Kel_sys_diag_AlarmOutput_pack, record), expected);
   GuardedMemory memory(expected.size());
   for (const uint32_t length : {25U, 24U, 23U}) {  // whole, without the NUL, a character short
@@ -116,37 +88,22 @@ TEST(OverloadAlarmInput, Compact) {
   fillWith(full.bytes64, 0x40);
   struct Case {
     OverloadAlarmInput record;
-    Bytes expected;
+    Buffer expected;
   };
   const Case cases[] = {
       {{},
-       Bytes()
-           .u32(32)
-           .u16s({28, 80, 0, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0})
-           .u32s({28, 96, 4, 64})
-           .fill(64, 0)
-           .append(compactSub(false))},
-      {full, Bytes()
-                 .u32(32)
-                 .u16s({28, 120, 4, 8, 12, 16, 44, 20, 24, 28, 48, 32, 36, 40})
-                 .u32(28)
-                 .u32s({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})
-                 .u32s({96, 4, 64})
-                 .fill(64, 0x40)
-                 .append(compactSub(true))},
+       layout(u32(32), u16(28, 80, 0, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0), u32(28, 96, 4, 64),
+              fill(64, 0), compactSub(false))},
+      {full,
+       layout(u32(32), u16(28, 120, 4, 8, 12, 16, 44, 20, 24, 28, 48, 32, 36, 40),
+              u32(28, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 96, 4, 64), fill(64, 0x40), compactSub(true))},
       {{0xFFFFFFFF, 0, 0, 0, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, 0, 0, 0, {}, 0, 0, 1},
-       Bytes()
-           .u32(32)
-           .u16s({28, 88, 4, 0, 0, 0, 12, 0, 0, 0, 16, 0, 0, 8})
-           .u32s({28, 0xFFFFFFFF, 1, 96, 4, 64})
-           .fill(64, 0)
-           .u16s({20, 9, 0, 0, 0, 4, 0, 0, 0, 5})
-           .u32(20)
-           .u8(0xB3)
-           .u32(0x80)},
+       layout(u32(32), u16(28, 88, 4, 0, 0, 0, 12, 0, 0, 0, 16, 0, 0, 8),
+              u32(28, 0xFFFFFFFF, 1, 96, 4, 64), fill(64, 0), u16(20, 9, 0, 0, 0, 4, 0, 0, 0, 5),
+              u32(20), u8(0xB3), u32(0x80))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(overloadOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+    EXPECT_EQ(packToSize(overloadOps().packFn, c.record), c.expected);
   }
 }
 
@@ -156,30 +113,18 @@ TEST(OverloadDiskAlarmInput, Compact) {
   fillWith(full.bytes32, 0x20);
   struct Case {
     OverloadDiskAlarmInput record;
-    Bytes expected;
+    Buffer expected;
   };
   const Case cases[] = {
       {{},
-       Bytes()
-           .u32(26)
-           .u16s({22, 120, 0, 0, 0, 0, 4, 8, 12, 0, 0})
-           .u32s({22, 136, 8, 72, 64})
-           .fill(64, 0)
-           .u32(32)
-           .fill(32, 0)
-           .append(compactSub(false))},
-      {full, Bytes()
-                 .u32(26)
-                 .u16s({22, 144, 4, 8, 12, 16, 28, 32, 36, 20, 24})
-                 .u32s({22, 1, 2, 3, 4, 5, 6, 136, 8, 72})
-                 .u32(64)
-                 .fill(64, 0x40)
-                 .u32(32)
-                 .fill(32, 0x20)
-                 .append(compactSub(true))},
+       layout(u32(26), u16(22, 120, 0, 0, 0, 0, 4, 8, 12, 0, 0), u32(22, 136, 8, 72, 64),
+              fill(64, 0), u32(32), fill(32, 0), compactSub(false))},
+      {full, layout(u32(26), u16(22, 144, 4, 8, 12, 16, 28, 32, 36, 20, 24),
+                    u32(22, 1, 2, 3, 4, 5, 6, 136, 8, 72, 64), fill(64, 0x40), u32(32),
+                    fill(32, 0x20), compactSub(true))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(diskOps().packFn, c.record), std::vector<uint8_t>(c.expected));
+    EXPECT_EQ(packToSize(diskOps().packFn, c.record), c.expected);
   }
 }
 
@@ -189,16 +134,9 @@ TEST(OvLoadDiskCtlInput, CompactHasOneShape) {
     fillWith(record.bytes32a, value);
     fillWith(record.bytes32b, value);
     fillWith(record.bytes50, value);
-    const std::vector<uint8_t> expected = Bytes()
-                                              .u32(14)
-                                              .u16s({10, 142, 4, 8, 12})
-                                              .u32s({10, 12, 44, 76})
-                                              .u32(32)
-                                              .fill(32, value)
-                                              .u32(32)
-                                              .fill(32, value)
-                                              .u32(50)
-                                              .fill(50, value);
+    const Buffer expected =
+        layout(u32(14), u16(10, 142, 4, 8, 12), u32(10, 12, 44, 76, 32), fill(32, value), u32(32),
+               fill(32, value), u32(50), fill(50, value));
     EXPECT_EQ(packToSize(configOps().packFn, record), expected);
   }
 }
@@ -207,24 +145,14 @@ TEST(FixedLayout, OverloadAlarmInput) {
   OverloadAlarmInput record{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
   fillWith(record.bytes64, 0x40);
   const auto vtable =
-      Bytes().u16s({28, 156, 4, 8, 12, 16, 20, 60, 64, 68, 72, 144, 148, 152}).fill(4, 0xEE);
+      layout(u16(28, 156, 4, 8, 12, 16, 20, 60, 64, 68, 72, 144, 148, 152), fill(4, 0xEE));
   expectFixed(overloadOps(), &record,
-              Bytes()
-                  .u32s({4, 0xFFFFFF64, 1, 2, 3, 4})
-                  .append(fixedSub(kFullSub))
-                  .u32s({5, 6, 7, 4, 64})
-                  .fill(64, 0x40)
-                  .u32s({8, 9, 10})
-                  .append(vtable));
+              layout(u32(4, 0xFFFFFF64, 1, 2, 3, 4), fixedSub(kFullSub), u32(5, 6, 7, 4, 64),
+                     fill(64, 0x40), u32(8, 9, 10), vtable));
   const OverloadAlarmInput zero{};
   expectFixed(overloadOps(), &zero,
-              Bytes()
-                  .u32s({4, 0xFFFFFF64, 0, 0, 0, 0})
-                  .append(fixedSub({}))
-                  .u32s({0, 0, 0, 4, 64})
-                  .fill(64, 0)
-                  .u32s({0, 0, 0})
-                  .append(vtable));
+              layout(u32(4, 0xFFFFFF64, 0, 0, 0, 0), fixedSub({}), u32(0, 0, 0, 4, 64), fill(64, 0),
+                     u32(0, 0, 0), vtable));
 }
 
 TEST(FixedLayout, OverloadDiskAlarmInput) {
@@ -232,16 +160,9 @@ TEST(FixedLayout, OverloadDiskAlarmInput) {
   fillWith(record.bytes64, 0x40);
   fillWith(record.bytes32, 0x20);
   expectFixed(diskOps(), &record,
-              Bytes()
-                  .u32s({4, 0xFFFFFF4C, 1, 2, 3, 4})
-                  .append(fixedSub(kFullSub))
-                  .u32s({4, 64})
-                  .fill(64, 0x40)
-                  .u32s({4, 32})
-                  .fill(32, 0x20)
-                  .u32s({5, 6})
-                  .u16s({22, 180, 4, 8, 12, 16, 20, 60, 132, 172, 176})
-                  .fill(2, 0xEE));
+              layout(u32(4, 0xFFFFFF4C, 1, 2, 3, 4), fixedSub(kFullSub), u32(4, 64), fill(64, 0x40),
+                     u32(4, 32), fill(32, 0x20), u32(5, 6),
+                     u16(22, 180, 4, 8, 12, 16, 20, 60, 132, 172, 176), fill(2, 0xEE)));
 }
 
 TEST(FixedLayout, OvLoadDiskCtlInput) {
@@ -249,18 +170,10 @@ TEST(FixedLayout, OvLoadDiskCtlInput) {
   fillWith(record.bytes32a, 0xA0);
   fillWith(record.bytes32b, 0xB0);
   fillWith(record.bytes50, 0x50);
-  expectFixed(configOps(), &record,
-              Bytes()
-                  .u32s({4, 0xFFFFFF70})
-                  .u32s({4, 32})
-                  .fill(32, 0xA0)
-                  .u32s({4, 32})
-                  .fill(32, 0xB0)
-                  .u32s({4, 50})
-                  .fill(50, 0x50)
-                  .fill(2, 0xEE)
-                  .u16s({10, 142, 4, 44, 84})
-                  .fill(2, 0xEE));
+  expectFixed(
+      configOps(), &record,
+      layout(u32(4, 0xFFFFFF70, 4, 32), fill(32, 0xA0), u32(4, 32), fill(32, 0xB0), u32(4, 50),
+             fill(50, 0x50), fill(2, 0xEE), u16(10, 142, 4, 44, 84), fill(2, 0xEE)));
 }
 
 TEST(OvLoadDiskCtlOutput, PeerPacksWhatTheLibraryUnpacks) {
@@ -270,34 +183,20 @@ TEST(OvLoadDiskCtlOutput, PeerPacksWhatTheLibraryUnpacks) {
   fillWith(record.bytes50, 0x50);
   record.value1 = 0;
   record.value2 = 22;
-  const std::vector<uint8_t> expected = Bytes()
-                                            .u32(18)
-                                            .u16s({14, 146, 8, 12, 0, 4, 16})
-                                            .u32s({14, 22, 12, 44, 76})
-                                            .u32(32)
-                                            .fill(32, 0xA0)
-                                            .u32(32)
-                                            .fill(32, 0xB0)
-                                            .u32(50)
-                                            .fill(50, 0x50);
+  const Buffer expected =
+      layout(u32(18), u16(14, 146, 8, 12, 0, 4, 16), u32(14, 22, 12, 44, 76, 32), fill(32, 0xA0),
+             u32(32), fill(32, 0xB0), u32(50), fill(50, 0x50));
   EXPECT_EQ(packToSize(Kel_sys_diag_OvLoadDiskCtlOutput_pack, record), expected);
 }
 
 // A reply as another writer may lay it out: a slot more than the schema has, a gap before the
 // table, fields and arrays in an order of their own.
 TEST(OvLoadDiskCtlOutput, ReadsByTheVtableAlone) {
-  const std::vector<uint8_t> reply = Bytes()
-                                         .u32(22)
-                                         .u16s({16, 0, 12, 4, 20, 16, 8, 99})
-                                         .u16(0xEEEE)
-                                         .u32(18)  // 22: the table
-                                         .u32s({20, 52, 102, 0x22, 0x11})
-                                         .u32(32)
-                                         .fill(32, 0xB0)  // 46
-                                         .u32(50)
-                                         .fill(50, 0x50)  // 82
-                                         .u32(32)
-                                         .fill(32, 0xA0);  // 136
+  const Buffer reply =
+      layout(u32(22), u16(16, 0, 12, 4, 20, 16, 8, 99, 0xEEEE), u32(18),  // 22: the table
+             u32(20, 52, 102, 0x22, 0x11, 32), fill(32, 0xB0),            // 46
+             u32(50), fill(50, 0x50),                                     // 82
+             u32(32), fill(32, 0xA0));                                    // 136
   // What is present, in slot order: a, b, 1, 2 and 5 stand for bytes32a, bytes32b, value1, value2
   // and bytes50.
   const Bend bends[] = {
@@ -349,8 +248,7 @@ TEST(OvLoadDiskCtlOutput, ReadsByTheVtableAlone) {
 }
 
 TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
-  const std::vector<uint8_t> reply =
-      Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
+  const Buffer reply = layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
   const Bend bends[] = {
       {"a root offset of 3", 0, 4, 3, nullptr},
       {"a root offset past length - 4", 0, 4, 22, nullptr},
@@ -390,14 +288,14 @@ TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
 
 // Odd messages that every reader of the format takes.
 TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
-  const std::vector<uint8_t> tableIsTheLastWord = Bytes().u32(8).u16s({4, 4}).u32(4);
+  const Buffer tableIsTheLastWord = layout(u32(8), u16(4, 4), u32(4));
   AlarmOutput record;
   ASSERT_NE(alarmOps().unpackFn(tableIsTheLastWord.data(), 12, &record), 0U);
   EXPECT_EQ(record.text, nullptr);
 
   // Its offset field begins within the displacement, at field offset 3, and reads as 1,024.
-  const std::vector<uint8_t> overlapping =
-      Bytes().u32(10).u16s({6, 0, 3}).u32s({6, 4}).fill(1037 - 18, 0).u32(1).text("z");
+  const Buffer overlapping =
+      layout(u32(10), u16(6, 0, 3), u32(6, 4), fill(1037 - 18, 0), u32(1), chars("z"));
   ASSERT_NE(
       alarmOps().unpackFn(overlapping.data(), static_cast<uint32_t>(overlapping.size()), &record),
       0U);
@@ -408,9 +306,9 @@ TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
 // Only our own packer lets each have a place of its own, in the order of their slots.
 TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
   const OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
-  const std::vector<uint8_t> bytes = packToSize(overloadOps().packFn, full);
+  const Buffer bytes = packToSize(overloadOps().packFn, full);
   const auto unpackWithNextEntryAt = [&](uint32_t entry) {
-    std::vector<uint8_t> bent = bytes;
+    Buffer bent = bytes;
     std::copy_n(bytes.begin() + entry + 2, 2, bent.begin() + entry);
     OverloadAlarmInput record{};
     EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_unpack(bent.data(),
@@ -433,7 +331,7 @@ TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
 
 // Its scalars are looked for in front of its end, and here that is in front of the message.
 TEST(OverloadAlarmInput, NestedTableMayLieAtTheBeginning) {
-  const std::vector<uint8_t> bytes = Bytes().u32s({4, 0U - 8, 0}).u16s({14, 8, 0, 0, 0, 0, 4});
+  const Buffer bytes = layout(u32(4, 0U - 8, 0), u16(14, 8, 0, 0, 0, 0, 4));
   GuardedMemory memory(bytes.size());
   OverloadAlarmInput record = {1, 2, 3, 4, kFullSub, 5, 6, 7, {8}, 9, 10, 11};
   EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_unpack(memory.copyFirst(bytes),

@@ -79,13 +79,7 @@ struct korva::Schema<Everything>
 
 namespace {
 
-using kel::test::Bytes;
-using kel::test::discard;
-using kel::test::GuardedMemory;
-using kel::test::packToSize;
-using kel::test::Random;
-using kel::test::RecordMaker;
-using kel::test::sameRecord;
+using namespace kel::test;
 
 // The hooks of this test's unit: they count, and can be told to fail.
 std::map<void*, uint32_t> outstanding;
@@ -128,34 +122,15 @@ TEST(CompactForm, EveryKindInItsPlace) {
   record.bytes[0] = 9;
   record.second = second;
   record.eight = 0xF1;
-  const std::vector<uint8_t> expected = Bytes()
-                                            .u32(24)
-                                            .u16s({20, 48, 4, 13, 0, 17, 21, 0, 25, 5})
-                                            .u32(20)  // 24: the root table
-                                            .u8(0xA1)
-                                            .u64(0xF1)
-                                            .u32s({16, 45, 15, 18})  // 37: to 53, 86, 60 and 67
-                                            .u32(2)
-                                            .text("xy")
-                                            .u8(0)
-                                            .u32(3)
-                                            .u8(9)
-                                            .u16(0)
-                                            .u32(0)
-                                            .u8(0)
-                                            .u16s({14, 26, 4, 5, 9, 13, 0})
-                                            .u32(14)  // 86: branch
-                                            .u8(0xB1)
-                                            .u32s({31, 8, 38})  // 91: to 122, 103 and 137
-                                            .u32(5)
-                                            .text("\1\2\3\4\5")
-                                            .u16s({10, 5, 0, 4, 0})
-                                            .u32(10)  // 122: left
-                                            .u8(0xC1)
-                                            .u16s({10, 14, 4, 0, 6})
-                                            .u32(10)  // 137: right
-                                            .u16(0xD1D2)
-                                            .u64(0xE1);
+  const Buffer expected =
+      layout(u32(24), u16(20, 48, 4, 13, 0, 17, 21, 0, 25, 5), u32(20),  // 24: the root table
+             u8(0xA1), u64(0xF1), u32(16, 45, 15, 18),                   // 37: to 53, 86, 60 and 67
+             u32(2), chars("xy"), u8(0), u32(3), u8(9), u16(0), u32(0), u8(0),
+             u16(14, 26, 4, 5, 9, 13, 0), u32(14),                       // 86: branch
+             u8(0xB1), u32(31, 8, 38),                                   // 91: to 122, 103 and 137
+             u32(5), chars("\1\2\3\4\5"), u16(10, 5, 0, 4, 0), u32(10),  // 122: left
+             u8(0xC1), u16(10, 14, 4, 0, 6), u32(10),                    // 137: right
+             u16(0xD1D2), u64(0xE1));
   EXPECT_EQ(packToSize(EverythingCodec::pack, record), expected);
 }
 
@@ -187,12 +162,12 @@ void expectRoundTrips(int rounds, uint32_t maximumEntries) {
   for (int round = 0; round < rounds; ++round) {
     maker.fill(record);
     expectCapacityKept<Codec>(memory, record);
-    std::vector<std::vector<uint8_t>> layouts = {packToSize(Codec::pack, record)};
+    std::vector<Buffer> layouts = {packToSize(Codec::pack, record)};
     if constexpr (korva::PlainTable<Record>) {
       layouts.emplace_back(Codec::fixedSize());
       ASSERT_EQ(Codec::packFixed(layouts[1].data(), &record), 0);
     }
-    for (const std::vector<uint8_t>& packed : layouts) {
+    for (const Buffer& packed : layouts) {
       for (const uint8_t* bytes : {memory.copyFirst(packed), memory.copyLast(packed)}) {
         Record unpacked;
         std::memset(static_cast<void*>(&unpacked), 0xDD, sizeof unpacked);
@@ -216,7 +191,7 @@ TEST(RoundTrip, LessThanAVector) { expectRoundTrips<TestCodec<"Small", Small>>(1
 // its vtable of 14 bytes lies at 84 and the size is 98, rounded up.
 TEST(FixedLayout, LeavesWhatIsRoundedUpAlone) {
   ASSERT_EQ(BranchCodec::fixedSize(), 104U);
-  std::vector<uint8_t> fixed(104, 0xEE);
+  Buffer fixed(104, 0xEE);
   const Branch record{};
   ASSERT_EQ(BranchCodec::packFixed(fixed.data(), &record), 0);
   EXPECT_NE(fixed[97], 0xEE);
@@ -233,7 +208,7 @@ TEST(Unpack, BentVectors) {
   };
   Branch branches[2] = {};
   const BranchList list{2, branches};
-  const std::vector<uint8_t> packed = packToSize(BranchListCodec::pack, list);
+  const Buffer packed = packToSize(BranchListCodec::pack, list);
   const auto length = static_cast<uint32_t>(packed.size());
   GuardedMemory memory(length);
   const Bend bends[] = {
@@ -256,7 +231,7 @@ TEST(Unpack, BentVectors) {
       {"an element whose vtable lies behind the message", 44, 0x80000000, false},
   };
   for (const Bend& bend : bends) {
-    std::vector<uint8_t> bytes = packed;
+    Buffer bytes = packed;
     std::memcpy(bytes.data() + bend.position, &bend.value, 4);
     BranchList record{};
     EXPECT_EQ(BranchListCodec::unpack(memory.copyLast(bytes), length, &record) != 0, bend.accepted)
@@ -269,11 +244,11 @@ TEST(Unpack, BentVectors) {
 // A hostile count costs at most the element's size for every four bytes of the message.
 TEST(Unpack, AllocationStaysInProportion) {
   constexpr uint32_t kCount = 1000;
-  Bytes message;
-  message.u32(10).u16s({6, 0, 4}).u32s({6, 4, kCount});
-  for (uint32_t i = 0; i < kCount; ++i) message.u32((kCount - i) * 4 + 4);  // all at one element
-  message.u16s({4, 4}).u32(4);
-  const std::vector<uint8_t>& bytes = message;
+  Buffer bytes = layout(u32(10), u16(6, 0, 4), u32(6, 4, kCount));
+  for (uint32_t entry = 4 * kCount + 4; entry > 4; entry -= 4) {
+    bytes = layout(bytes, u32(entry));  // all at one element
+  }
+  bytes = layout(bytes, u16(4, 4), u32(4));
   largestRequest = 0;
   BranchList record{};
   ASSERT_NE(BranchListCodec::unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &record),
@@ -289,7 +264,7 @@ TEST(Unpack, EveryFailedAllocationGivesEverythingBack) {
   Everything record{};
   record.first = "first";
   record.second = second;
-  const std::vector<uint8_t> packed = packToSize(EverythingCodec::pack, record);
+  const Buffer packed = packToSize(EverythingCodec::pack, record);
   for (const int allowed : {0, 1}) {
     allocationsAllowed = allowed;
     Everything unpacked;

@@ -29,8 +29,7 @@ extern "C" void __real_free(void* block);
 
 namespace {
 
-using kel::test::Bytes;
-using kel::test::inAProcessOfItsOwn;
+using namespace kel::test;
 using Events = std::vector<std::string>;
 
 const std::string kLog = "QSV_OsalLogWrite";
@@ -129,8 +128,8 @@ Events during(const std::function<void()>& action) {
   return platform.take();
 }
 
-const std::vector<uint8_t> kReply =  // 25 bytes
-    Bytes().u32(10).u16s({6, 15, 4}).u32s({6, 4, 2}).text("ok").u8(0);
+const Buffer kReply =  // 25 bytes
+    layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
 
 // A call for later. Returns 0 when it failed.
 using Action = std::function<uint64_t()>;
@@ -143,7 +142,7 @@ Action packs(uint8_t* to, uint32_t capacity, const void* record) {
   };
 }
 template <auto Unpack, class Record>
-Action unpacks(std::vector<uint8_t> bytes, uint32_t length) {
+Action unpacks(Buffer bytes, uint32_t length) {
   return [bytes = std::move(bytes), length] {
     Record record;
     std::memset(&record, 0xDD, sizeof record);
@@ -254,8 +253,7 @@ TEST(Units, ChooseApart) {
     AlarmInput input;
     EXPECT_NE(unpackReply(output), 0U);  // the client unit finds nothing
     usePlatformAllocator();
-    const std::vector<uint8_t> request =
-        Bytes().u32(14).u16s({10, 0, 0, 0, 4}).u32s({10, 4, 1}).text("x");
+    const Buffer request = layout(u32(14), u16(10, 0, 0, 0, 4), u32(10, 4, 1), chars("x"));
     Events expected = kPairLookUp;
     expected.push_back("alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root");
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_unpack(request.data(), 27, &input); }),
@@ -348,8 +346,7 @@ TEST(Failures, OfRootHeaders) {
       {10, 0xFFFF, 6, "Vtable Len(65535) is out of range(0 - 14)"},
   };
   for (const auto& [root, vtableLength, displacement, text] : cases) {
-    const std::vector<uint8_t> bytes =
-        Bytes().u32(root).u16s({vtableLength, 0, 0}).u32s({displacement, 0});
+    const Buffer bytes = layout(u32(root), u16(vtableLength, 0, 0), u32(displacement, 0));
     expectFailure(text, unpacksConfig(bytes, 18),
                   {logLine(22, "Kel_sys_diag_OvLoadDiskCtlOutput_unpack", text)});
     expectFailure(text, unpacksAlarm(bytes, 18),
@@ -360,11 +357,11 @@ TEST(Failures, OfRootHeaders) {
 TEST(Failures, ReleaseInOrder) {
   expectFailure("size of null", [] { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, {});
   expectFailure("a string past the end", unpacksAlarm(kReply, 23), {"free null 12 " + kReleaser});
-  expectFailure("a field past the end",
-                unpacksConfig(Bytes().u32(10).u16s({6, 0, 5}).u32s({6, 0}), 18), {});
+  expectFailure("a field past the end", unpacksConfig(layout(u32(10), u16(6, 0, 5), u32(6, 0)), 18),
+                {});
   // Its text at 34; its byte array's offset field points past the end.
-  const std::vector<uint8_t> request =
-      Bytes().u32(22).u16s({18, 0, 0, 0, 4, 0, 0, 8, 0}).u32s({18, 8, 100, 2}).text("ab").u8(0);
+  const Buffer request =
+      layout(u32(22), u16(18, 0, 0, 0, 4, 0, 0, 8, 0), u32(18, 8, 100, 2), chars("ab"), u8(0));
   expectFailure("a later field than the string", unpacksRequest(request, 41),
                 {"alloc 3 12 Kel_sys_diag_AlarmInput_unpack_non_root",
                  "free block 12 Kel_sys_diag_AlarmInput_free_unpacked"});
@@ -375,7 +372,7 @@ struct Owner {
   std::string name;
   uintptr_t (*unpack)(const void*, uint32_t, void*);
   void (*release)(void*);
-  std::vector<uint8_t> bytes;
+  Buffer bytes;
   size_t size;
 };
 
@@ -422,10 +419,8 @@ void refuseThenServe(const Owner& owner, bool platformServes) {
 }
 
 TEST(AllocationFailure, UnderEitherPair) {
-  const std::vector<uint8_t> request =
-      Bytes().u32(14).u16s({10, 8, 0, 0, 4}).u32s({10, 4, 2}).text("ok");
-  const std::vector<uint8_t> list =
-      Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 4, 1, 8}).u16s({4, 4}).u32(4);
+  const Buffer request = layout(u32(14), u16(10, 8, 0, 0, 4), u32(10, 4, 2), chars("ok"));
+  const Buffer list = layout(u32(10), u16(6, 8, 4), u32(6, 4, 1, 8), u16(4, 4), u32(4));
   for (const Owner& owner :
        {KEL_OWNER(AlarmOutput, kReply, 3), KEL_OWNER(AlarmInput, request, 3),
         KEL_OWNER(BrdPartInfo, list, 232), KEL_OWNER(FdProcInfoOutput, list, 300),

@@ -92,32 +92,20 @@ Entry* makeEntries(uint32_t count) {
 }
 
 // The 14 bytes of a reply that carries nothing.
-const std::vector<uint8_t>& emptyReply() {
-  static const std::vector<uint8_t> bytes = Bytes().u32(10).u16s({6, 4, 0}).u32(6);
+const Buffer& emptyReply() {
+  static const Buffer bytes = layout(u32(10), u16(6, 4, 0), u32(6));
   return bytes;
 }
 
 // Root table and vector of a reply, up to its first element.
-Bytes vectorHeader(std::initializer_list<uint32_t> entries) {
-  const auto count = static_cast<uint32_t>(entries.size());
-  return Bytes()
-      .u32(10)
-      .u16s({6, static_cast<uint16_t>(12 + 4 * count), 4})
-      .u32s({6, 4, count})
-      .u32s(entries);
+Buffer vectorHeader(auto... entries) {
+  constexpr uint32_t kCount = sizeof...(entries);
+  return layout(u32(10), u16(6, 12 + 4 * kCount, 4), u32(6, 4, kCount, entries...));
 }
 
-Bytes arrays50_50_32_64(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
-  return Bytes()
-      .u32s({16, 66, 116, 148})
-      .u32(50)
-      .fill(50, a)
-      .u32(50)
-      .fill(50, b)
-      .u32(32)
-      .fill(32, c)
-      .u32(64)
-      .fill(64, d);
+Buffer arrays50_50_32_64(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+  return layout(u32(16, 66, 116, 148, 50), fill(50, a), u32(50), fill(50, b), u32(32), fill(32, c),
+                u32(64), fill(64, d));
 }
 
 BrdPartEntry brdPart(uint64_t value1, uint64_t value2, uint64_t value3, uint32_t value4) {
@@ -131,35 +119,19 @@ BrdPartEntry brdPart(uint64_t value1, uint64_t value2, uint64_t value3, uint32_t
 
 TEST(BrdPartInfo, Compact) {
   const auto pack = brdPartOps().packFn;
-  const Bytes arrays = arrays50_50_32_64(0xA0, 0xB0, 0x20, 0x40);
+  const Buffer arrays = arrays50_50_32_64(0xA0, 0xB0, 0x20, 0x40);
   BrdPartEntry entries[] = {brdPart(0, 0x0102030405060708, 0, 9), brdPart(0, 0, 0, 0)};
   EXPECT_EQ(packToSize(pack, BrdPartInfo{1, entries}),
-            std::vector<uint8_t>(vectorHeader({24})
-                                     .u16s({20, 244, 16, 20, 24, 0, 4, 0, 12, 28})
-                                     .u32(20)
-                                     .u64(0x0102030405060708)
-                                     .u32(9)
-                                     .append(arrays)));
+            layout(vectorHeader(24), u16(20, 244, 16, 20, 24, 0, 4, 0, 12, 28), u32(20),
+                   u64(0x0102030405060708), u32(9), arrays));
   EXPECT_EQ(packToSize(pack, BrdPartInfo{2, entries}),
-            std::vector<uint8_t>(vectorHeader({28, 288})
-                                     .u16s({20, 244, 16, 20, 24, 0, 4, 0, 12, 28})
-                                     .u32(20)
-                                     .u64(0x0102030405060708)
-                                     .u32(9)
-                                     .append(arrays)
-                                     .u16s({20, 232, 4, 8, 12, 0, 0, 0, 0, 16})
-                                     .u32(20)
-                                     .append(arrays)));
+            layout(vectorHeader(28, 288), u16(20, 244, 16, 20, 24, 0, 4, 0, 12, 28), u32(20),
+                   u64(0x0102030405060708), u32(9), arrays, u16(20, 232, 4, 8, 12, 0, 0, 0, 0, 16),
+                   u32(20), arrays));
   BrdPartEntry full[] = {brdPart(1, 2, 3, 4)};
   EXPECT_EQ(packToSize(pack, BrdPartInfo{1, full}),
-            std::vector<uint8_t>(vectorHeader({24})
-                                     .u16s({20, 260, 32, 36, 40, 4, 12, 20, 28, 44})
-                                     .u32(20)
-                                     .u64(1)
-                                     .u64(2)
-                                     .u64(3)
-                                     .u32(4)
-                                     .append(arrays)));
+            layout(vectorHeader(24), u16(20, 260, 32, 36, 40, 4, 12, 20, 28, 44), u32(20),
+                   u64(1, 2, 3), u32(4), arrays));
 }
 
 TEST(FdProcInfoOutput, Compact) {
@@ -167,34 +139,14 @@ TEST(FdProcInfoOutput, Compact) {
                            {},
                            {0, 7, {}, {0, 0, 0, 0xB3, 0, 0, 0, 0x80}, kFullSub, {}}};
   for (FdProcEntry& entry : entries) fillWith(entry.bytes256, 0xF0);
-  const std::vector<uint8_t> expected =
-      vectorHeader({28, 24 + 304 + 108, 20 + 304 + 108 + 296 + 72})
-          .u16s({16, 288, 4, 8, 12, 16, 20, 24})
-          .u32(16)
-          .u32s({1, 2})
-          .u32s({296, 328, 360, 4, 256})
-          .fill(256, 0xF0)
-          .append(compactSub(true))
-          .append(compactSub(true))
-          .append(compactSub(true))
-          .u16s({16, 280, 0, 0, 4, 8, 12, 16})
-          .u32(16)
-          .u32s({296, 316, 336, 4, 256})
-          .fill(256, 0xF0)
-          .append(compactSub(false))
-          .append(compactSub(false))
-          .append(compactSub(false))
-          .u16s({16, 284, 0, 4, 8, 12, 16, 20})
-          .u32(16)
-          .u32(7)
-          .u32s({296, 316, 341, 4, 256})
-          .fill(256, 0xF0)
-          .append(compactSub(false))
-          .u16s({20, 9, 0, 0, 0, 4, 0, 0, 0, 5})
-          .u32(20)
-          .u8(0xB3)
-          .u32(0x80)
-          .append(compactSub(true));
+  const Buffer expected = layout(
+      vectorHeader(28, 24 + 304 + 108, 20 + 304 + 108 + 296 + 72),
+      u16(16, 288, 4, 8, 12, 16, 20, 24), u32(16, 1, 2, 296, 328, 360, 4, 256), fill(256, 0xF0),
+      compactSub(true), compactSub(true), compactSub(true), u16(16, 280, 0, 0, 4, 8, 12, 16),
+      u32(16, 296, 316, 336, 4, 256), fill(256, 0xF0), compactSub(false), compactSub(false),
+      compactSub(false), u16(16, 284, 0, 4, 8, 12, 16, 20), u32(16, 7, 296, 316, 341, 4, 256),
+      fill(256, 0xF0), compactSub(false), u16(20, 9, 0, 0, 0, 4, 0, 0, 0, 5), u32(20), u8(0xB3),
+      u32(0x80), compactSub(true));
   EXPECT_EQ(packToSize(fdProcOps().packFn, FdProcInfoOutput{3, entries}), expected);
 }
 
@@ -202,49 +154,27 @@ TEST(SysDiskUseInfoResult, CompactAndFixed) {
   struct Case {
     uint64_t value1, value2;
     uint32_t value3, value4, value5;
-    Bytes header;
+    Buffer header;
   };
   const Case cases[] = {
-      {0, 0, 0, 0, 0, Bytes().u16s({20, 160, 4, 8, 0, 0, 0, 12, 0, 0}).u32(20)},
+      {0, 0, 0, 0, 0, layout(u16(20, 160, 4, 8, 0, 0, 0, 12, 0, 0), u32(20))},
       {1, 2, 3, 4, 5,
-       Bytes()
-           .u16s({20, 188, 32, 36, 4, 12, 20, 40, 24, 28})
-           .u32(20)
-           .u64(1)
-           .u64(2)
-           .u32s({3, 4, 5})},
-      {0, 0, 3, 0, 0, Bytes().u16s({20, 164, 8, 12, 0, 0, 4, 16, 0, 0}).u32s({20, 3})},
+       layout(u16(20, 188, 32, 36, 4, 12, 20, 40, 24, 28), u32(20), u64(1, 2), u32(3, 4, 5))},
+      {0, 0, 3, 0, 0, layout(u16(20, 164, 8, 12, 0, 0, 4, 16, 0, 0), u32(20, 3))},
   };
   for (const Case& c : cases) {
     SysDiskUseInfoResult record{{}, {}, c.value1, c.value2, c.value3, {}, c.value4, c.value5};
     fillWith(record.bytes50a, 0xA0);
     fillWith(record.bytes50b, 0xB0);
     fillWith(record.bytes32, 0x20);
-    EXPECT_EQ(packToSize(diskUseOps().packFn, record), std::vector<uint8_t>(Bytes()
-                                                                                .u32(24)
-                                                                                .append(c.header)
-                                                                                .u32s({12, 62, 112})
-                                                                                .u32(50)
-                                                                                .fill(50, 0xA0)
-                                                                                .u32(50)
-                                                                                .fill(50, 0xB0)
-                                                                                .u32(32)
-                                                                                .fill(32, 0x20)));
+    EXPECT_EQ(packToSize(diskUseOps().packFn, record),
+              layout(u32(24), c.header, u32(12, 62, 112, 50), fill(50, 0xA0), u32(50),
+                     fill(50, 0xB0), u32(32), fill(32, 0x20)));
     expectFixed(diskUseOps(), &record,
-                Bytes()
-                    .u32s({4, 0U - 188})
-                    .u32s({4, 50})
-                    .fill(50, 0xA0)
-                    .u32s({4, 50})
-                    .fill(50, 0xB0)
-                    .u64(c.value1)
-                    .u64(c.value2)
-                    .u32(c.value3)
-                    .u32s({4, 32})
-                    .fill(32, 0x20)
-                    .u32s({c.value4, c.value5})
-                    .u16s({20, 188, 4, 62, 120, 128, 136, 140, 180, 184})
-                    .fill(4, 0xEE));
+                layout(u32(4, 0U - 188, 4, 50), fill(50, 0xA0), u32(4, 50), fill(50, 0xB0),
+                       u64(c.value1, c.value2), u32(c.value3, 4, 32), fill(32, 0x20),
+                       u32(c.value4, c.value5), u16(20, 188, 4, 62, 120, 128, 136, 140, 180, 184),
+                       fill(4, 0xEE)));
   }
 }
 
@@ -253,44 +183,28 @@ TEST(OperResultAndItsTwins, CompactAndFixed) {
     for (const uint32_t result : {0U, 772U}) {
       const OperResult record{result};
       EXPECT_EQ(packToSize(ops->packFn, record),
-                result == 0 ? emptyReply()
-                            : std::vector<uint8_t>(Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 772})));
-      expectFixed(*ops, &record, Bytes().u32s({4, 0U - 8, result}).u16s({6, 8, 4}).fill(6, 0xEE));
+                result == 0 ? emptyReply() : layout(u32(10), u16(6, 8, 4), u32(6, 772)));
+      expectFixed(*ops, &record, layout(u32(4, 0U - 8, result), u16(6, 8, 4), fill(6, 0xEE)));
     }
   }
 }
 
 TEST(StorageEraseInfo, Compact) {
   StorageEraseEntry entries[] = {{1, 0}, {0, 2}, {3, 4}, {0, 0}};
-  EXPECT_EQ(packToSize(eraseOps().packFn, StorageEraseInfo{2, entries}),
-            std::vector<uint8_t>(vectorHeader({16, 28})
-                                     .u16s({8, 8, 4, 0})
-                                     .u32s({8, 1})
-                                     .u16s({8, 12, 0, 4})
-                                     .u32(8)
-                                     .u64(2)));
-  EXPECT_EQ(packToSize(eraseOps().packFn, StorageEraseInfo{2, entries + 2}),
-            std::vector<uint8_t>(vectorHeader({16, 36})
-                                     .u16s({8, 16, 4, 8})
-                                     .u32s({8, 3})
-                                     .u64(4)
-                                     .u16s({8, 4, 0, 0})
-                                     .u32(8)));
+  EXPECT_EQ(
+      packToSize(eraseOps().packFn, StorageEraseInfo{2, entries}),
+      layout(vectorHeader(16, 28), u16(8, 8, 4, 0), u32(8, 1), u16(8, 12, 0, 4), u32(8), u64(2)));
+  EXPECT_EQ(
+      packToSize(eraseOps().packFn, StorageEraseInfo{2, entries + 2}),
+      layout(vectorHeader(16, 36), u16(8, 16, 4, 8), u32(8, 3), u64(4), u16(8, 4, 0, 0), u32(8)));
 }
 
 TEST(StorageBadBlockInfo, Compact) {
   StorageBadBlockEntry entries[] = {{{}, 0}, {{}, 5}};
   fillWith(entries[0].bytes32, 0xA0);
   EXPECT_EQ(packToSize(badBlockOps().packFn, StorageBadBlockInfo{2, entries}),
-            std::vector<uint8_t>(vectorHeader({16, 64})
-                                     .u16s({8, 44, 4, 0})
-                                     .u32s({8, 4, 32})
-                                     .fill(32, 0xA0)
-                                     .u16s({8, 52, 12, 4})
-                                     .u32(8)
-                                     .u64(5)
-                                     .u32s({4, 32})
-                                     .fill(32, 0)));
+            layout(vectorHeader(16, 64), u16(8, 44, 4, 0), u32(8, 4, 32), fill(32, 0xA0),
+                   u16(8, 52, 12, 4), u32(8), u64(5), u32(4, 32), fill(32, 0)));
 }
 
 TEST(Replies, EmptyVectorsTakeFourteenBytes) {
@@ -348,8 +262,7 @@ TEST(Replies, EntriesDecideAtTheLimit) {
 
 // Requests as other writers lay them out, by the library's own unpackers.
 TEST(Requests, ByteExamples) {
-  const std::vector<uint8_t> threshold =
-      Bytes().u32(12).u16s({8, 66, 8, 4}).u32s({8, 772, 4, 50}).fill(50, 0x55);
+  const Buffer threshold = layout(u32(12), u16(8, 66, 8, 4), u32(8, 772, 4, 50), fill(50, 0x55));
   SysOvLoadDiskThreshold set;
   ASSERT_NE(thresholdOps().unpackFn(threshold.data(), 78, &set), 0U);
   EXPECT_EQ(set.value1, 772U);
@@ -357,18 +270,18 @@ TEST(Requests, ByteExamples) {
   EXPECT_EQ(thresholdOps().unpackFn(threshold.data(), 77, &set), 0U);
 
   // Their tableLength leaves the count word out, which no reader minds.
-  const std::vector<uint8_t> use = Bytes().u32(10).u16s({6, 58, 4}).u32s({6, 4, 50}).fill(50, 0x66);
+  const Buffer use = layout(u32(10), u16(6, 58, 4), u32(6, 4, 50), fill(50, 0x66));
   for (const IdlCodecOps* ops : {&diskUseOps(), &resetOps(), &mountOps()}) {
     SysDiskUseInput ask;
     ASSERT_NE(ops->unpackFn(use.data(), 72, &ask), 0U);
     EXPECT_EQ(ask.bytes50[0] & ask.bytes50[49], 0x66);
   }
-  const std::vector<uint8_t> bad = Bytes().u32(10).u16s({6, 40, 4}).u32s({6, 4, 32}).fill(32, 0x77);
+  const Buffer bad = layout(u32(10), u16(6, 40, 4), u32(6, 4, 32), fill(32, 0x77));
   StorageBadBlockInfoInput badBlocks;
   ASSERT_NE(badBlockOps().unpackFn(bad.data(), 54, &badBlocks), 0U);
   EXPECT_EQ(badBlocks.bytes32[0] & badBlocks.bytes32[31], 0x77);
 
-  const std::vector<uint8_t> erase = Bytes().u32(10).u16s({6, 8, 4}).u32s({6, 7});
+  const Buffer erase = layout(u32(10), u16(6, 8, 4), u32(6, 7));
   StorageEraseInfoInput which;
   ASSERT_NE(eraseOps().unpackFn(erase.data(), 18, &which), 0U);
   EXPECT_EQ(which.value1, 7U);
@@ -376,7 +289,7 @@ TEST(Requests, ByteExamples) {
 
 // A value put into a request, and what is then read of it: "-" is a refusal.
 TEST(Requests, Bent) {
-  const std::vector<uint8_t> fd = Bytes().u32(12).u16s({8, 12, 4, 8}).u32s({8, 1, 2});
+  const Buffer fd = layout(u32(12), u16(8, 12, 4, 8), u32(8, 1, 2));
   const Bend fdBends[] = {
       {"as written", 6, 2, 0, "1 2"},         {"one slot", 4, 2, 6, "1 0"},
       {"a slot and a byte", 4, 2, 7, "1 0"},  {"no slot", 4, 2, 4, "0 0"},
@@ -393,7 +306,7 @@ TEST(Requests, Bent) {
     EXPECT_EQ(accepted ? read : "-", b.expected) << b.what;
   }
 
-  const std::vector<uint8_t> use = Bytes().u32(10).u16s({6, 62, 4}).u32s({6, 4, 50}).fill(50, 0x66);
+  const Buffer use = layout(u32(10), u16(6, 62, 4), u32(6, 4, 50), fill(50, 0x66));
   const Bend useBends[] = {
       {"49 bytes", 18, 4, 49, "-"},
       {"51 bytes", 18, 4, 51, "-"},
@@ -407,7 +320,7 @@ TEST(Requests, Bent) {
     for (const Bend& b : useBends) {
       SysDiskUseInput record;
       fillWith(record.bytes50, 0xDD);
-      const std::vector<uint8_t> bytes = bend(use, b);
+      const Buffer bytes = bend(use, b);
       const bool accepted =
           ops->unpackFn(bytes.data(), static_cast<uint32_t>(bytes.size()), &record) != 0;
       const std::string read =
@@ -421,11 +334,11 @@ TEST(Requests, Bent) {
 TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
   GuardedMemory memory(1);
   void* const record = memory.last(0);
-  const std::vector<uint8_t> packed =
+  const Buffer packed =
       packToSize([](const PackTarget* target,
                     const void* any) { return Kel_sys_diag_BrdPartInfoInput_pack(target, any); },
                  *static_cast<const char*>(record));
-  EXPECT_EQ(packed, std::vector<uint8_t>(Bytes().u32(8).u16s({4, 4}).u32(4)));
+  EXPECT_EQ(packed, layout(u32(8), u16(4, 4), u32(4)));
   EXPECT_EQ(brdPartOps().unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
   EXPECT_EQ(brdPartOps().unpackFn(emptyReply().data(), 14, record),
             reinterpret_cast<uintptr_t>(record));
@@ -436,7 +349,7 @@ TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
 }
 
 TEST(LogLines, CarryEachRoutinesOwnName) {
-  const std::vector<uint8_t> farTable = Bytes().u32(99).fill(14, 0);
+  const Buffer farTable = layout(u32(99), fill(14, 0));
   const uint32_t capacity = 3;
   uint8_t buffer[4];
   const PackTarget target{buffer, &capacity};
@@ -470,12 +383,12 @@ TEST(LogLines, CarryEachRoutinesOwnName) {
 TEST(LogLines, SayNothingOfWhatLiesDeeperThanTheRootsHeader) {
   FdProcEntry entry{1, 2, kFullSub, kFullSub, kFullSub, {}};
   fillWith(entry.bytes256, 0xF0);  // no table has such a displacement
-  const std::vector<uint8_t> bytes = packToSize(fdProcOps().packFn, FdProcInfoOutput{1, &entry});
+  const Buffer bytes = packToSize(fdProcOps().packFn, FdProcInfoOutput{1, &entry});
   const Bend bends[] = {{"an element", 22, 4, 100, nullptr},
                         {"a nested table", 54, 4, 36, nullptr}};
   logLines.clear();
   for (const Bend& b : bends) {
-    const std::vector<uint8_t> bent = bend(bytes, b);
+    const Buffer bent = bend(bytes, b);
     FdProcInfoOutput record;
     EXPECT_EQ(Kel_sys_diag_FdProcInfoOutput_unpack(bent.data(), static_cast<uint32_t>(bent.size()),
                                                    &record),
@@ -518,7 +431,7 @@ void expectVectorsArrive(const IdlCodecOps& ops, Unpack unpack, Release release)
   for (const uint32_t count : {0U, 1U, 2U, 3U, 1000U, 100000U}) {
     Reply record{count, makeEntries<Entry>(count)};
     for (uint32_t i = 0; i < count; ++i) maker.fill(record.entries[i]);
-    const std::vector<uint8_t> bytes = packToSize(ops.packFn, record);
+    const Buffer bytes = packToSize(ops.packFn, record);
     Reply unpacked;
     ASSERT_NE(unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &unpacked), 0U);
     EXPECT_TRUE(sameRecord(record, unpacked));
@@ -548,7 +461,7 @@ TEST(Replies, VectorsOfManyLengthsArrive) {
 
 TEST(Replies, FailedAllocationLeavesNothing) {
   StorageEraseEntry entries[2] = {{1, 2}, {3, 4}};
-  const std::vector<uint8_t> bytes = packToSize(eraseOps().packFn, StorageEraseInfo{2, entries});
+  const Buffer bytes = packToSize(eraseOps().packFn, StorageEraseInfo{2, entries});
   allocationsUntilFailure = 0;
   logLines.clear();
   StorageEraseInfo record;
@@ -565,7 +478,7 @@ TEST(Replies, FailedAllocationLeavesNothing) {
 // A count that its message has room for, and whose array has none in 32 bits.
 TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
   constexpr uint32_t kMost = UINT32_MAX / sizeof(FdProcEntry);
-  std::vector<uint8_t> bytes = vectorHeader({});
+  Buffer bytes = vectorHeader();
   bytes.resize(bytes.size() + (kMost + 1) * size_t{4});
   FdProcInfoOutput record;
   for (const uint32_t count : {kMost, kMost + 1}) {

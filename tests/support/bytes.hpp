@@ -3,48 +3,36 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
-#include <string>
 #include <string_view>
 #include <vector>
 
 namespace kel::test {
 
-class Bytes {
- public:
-  Bytes& u8(uint64_t value) { return little(value, 1); }
-  Bytes& u16(uint64_t value) { return little(value, 2); }
-  Bytes& u32(uint64_t value) { return little(value, 4); }
-  Bytes& u64(uint64_t value) { return little(value, 8); }
-  Bytes& u16s(std::initializer_list<uint16_t> values) {
-    for (const uint16_t value : values) u16(value);
-    return *this;
-  }
-  Bytes& u32s(std::initializer_list<uint32_t> values) {
-    for (const uint32_t value : values) u32(value);
-    return *this;
-  }
-  Bytes& fill(size_t count, uint8_t value) {
-    bytes_.insert(bytes_.end(), count, value);
-    return *this;
-  }
-  Bytes& text(std::string_view characters) {
-    bytes_.insert(bytes_.end(), characters.begin(), characters.end());
-    return *this;
-  }
-  Bytes& append(const Bytes& other) {
-    bytes_.insert(bytes_.end(), other.bytes_.begin(), other.bytes_.end());
-    return *this;
-  }
-  operator const std::vector<uint8_t>&() const { return bytes_; }
+using Buffer = std::vector<uint8_t>;
 
- private:
-  Bytes& little(uint64_t value, int width) {
-    for (int i = 0; i < width; ++i) bytes_.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    return *this;
-  }
+template <class... Values>
+Buffer little(int width, Values... values) {
+  Buffer bytes;
+  const auto add = [&](uint64_t value) {
+    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  };
+  (add(static_cast<uint64_t>(values)), ...);
+  return bytes;
+}
 
-  std::vector<uint8_t> bytes_;
-};
+Buffer u8(auto... values) { return little(1, values...); }
+Buffer u16(auto... values) { return little(2, values...); }
+Buffer u32(auto... values) { return little(4, values...); }
+Buffer u64(auto... values) { return little(8, values...); }
+inline Buffer fill(size_t count, uint8_t value) { return Buffer(count, value); }
+inline Buffer chars(std::string_view text) { return {text.begin(), text.end()}; }
+
+// One part behind another.
+template <class... Parts>
+Buffer layout(const Parts&... parts) {
+  Buffer all;
+  (all.insert(all.end(), parts.begin(), parts.end()), ...);
+  return all;
+}
 
 }  // namespace kel::test

@@ -30,21 +30,20 @@ struct Bend {
   const char* expected;  // null: the message is refused
 };
 
-inline std::vector<uint8_t> bend(const std::vector<uint8_t>& message, const Bend& bend) {
-  std::vector<uint8_t> bent = message;
+inline Buffer bend(const Buffer& message, const Bend& bend) {
+  Buffer bent = message;
   std::memcpy(bent.data() + bend.position, &bend.value, bend.width);
   return bent;
 }
 
 // Every byte of the reserved buffer: what is not a field or a vtable keeps what it held.
-inline void expectFixed(const IdlCodecOps& ops, const void* record, const Bytes& expected) {
-  const std::vector<uint8_t>& bytes = expected;
+inline void expectFixed(const IdlCodecOps& ops, const void* record, const Buffer& bytes) {
   ASSERT_EQ(ops.fixedSizeFn(), bytes.size());
   GuardedMemory memory(bytes.size());
   for (uint8_t* buffer : {memory.first(), memory.last(bytes.size())}) {
     std::memset(buffer, 0xEE, bytes.size());
     EXPECT_EQ(ops.fixedPackFn(buffer, record), 0);
-    EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + bytes.size()), bytes);
+    EXPECT_EQ(Buffer(buffer, buffer + bytes.size()), bytes);
   }
 }
 
@@ -107,14 +106,14 @@ inline bool unpackAndRelease(const Message& message, const uint8_t* bytes, uint3
 
 // A message that is valid down to some length.
 struct Encoding {
-  std::vector<uint8_t> bytes;
+  Buffer bytes;
   uint32_t needed;
 };
 
 // What a fixed layout leaves as it was need not be there.
 inline Encoding fixedEncoding(const IdlCodecOps& ops, const void* record) {
-  std::vector<uint8_t> bytes(ops.fixedSizeFn());
-  std::vector<uint8_t> others(bytes.size(), 0xFF);
+  Buffer bytes(ops.fixedSizeFn());
+  Buffer others(bytes.size(), 0xFF);
   ops.fixedPackFn(bytes.data(), record);
   ops.fixedPackFn(others.data(), record);
   uint32_t needed = ops.fixedSizeFn();
@@ -124,7 +123,7 @@ inline Encoding fixedEncoding(const IdlCodecOps& ops, const void* record) {
 
 inline std::vector<Encoding> everyEncoding(const Message& message, const void* record) {
   const uint32_t size = message.pack(nullptr, record);
-  std::vector<uint8_t> bytes(size);
+  Buffer bytes(size);
   const PackTarget target{bytes.data(), &size};
   EXPECT_EQ(message.pack(&target, record), size);
   constexpr uint32_t kWithoutText = 14;
@@ -171,7 +170,7 @@ inline void bendEveryWord(const std::vector<Message>& messages) {
     GuardedMemory memory(length);
     for (uint32_t position = 0; position < length; ++position) {
       for (const uint32_t value : values) {
-        const std::vector<uint8_t> bent =
+        const Buffer bent =
             bend(encoding.bytes, {"", position, std::min(4U, length - position), value, ""});
         unpackAndRelease(message, memory.copyFirst(bent), length);
         unpackAndRelease(message, memory.copyLast(bent), length);
@@ -181,7 +180,7 @@ inline void bendEveryWord(const std::vector<Message>& messages) {
 }
 
 inline void expectBadLengthsRefused(const std::vector<Message>& messages) {
-  const std::vector<uint8_t> zeros(16);
+  const Buffer zeros(16);
   for (const Message& message : messages) {
     for (const uint32_t length : {0U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
       EXPECT_FALSE(unpackAndRelease(message, zeros.data(), length)) << message.name;
