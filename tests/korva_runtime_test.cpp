@@ -255,7 +255,7 @@ TEST(Units, ChooseApart) {
     usePlatformAllocator();
     const Buffer request = layout(u32(14), u16(10, 0, 0, 0, 4), u32(10, 4, 1), chars("x"));
     Events expected = kPairLookUp;
-    expected.push_back("alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root");
+    expected.emplace_back("alloc 2 12 Kel_sys_diag_AlarmInput_unpack_non_root");
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_unpack(request.data(), 27, &input); }),
               expected);
     EXPECT_EQ(during([&] { Kel_sys_diag_AlarmInput_free_unpacked(&input); }),

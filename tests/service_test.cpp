@@ -132,7 +132,7 @@ TEST(Tables, DescribeTheService) {
   EXPECT_TRUE(allZero(&spec.intfTable[0].reserved1, sizeof(IdlIntfEntry) - 4));
   EXPECT_TRUE(allZero(&spec.msgDescTable[0], sizeof(IdlMsgDesc)));
 
-  for (uint32_t k = 1; k < spec.intfCount; ++k) {
+  for (size_t k = 1; k < spec.intfCount; ++k) {
     const Method& method = kMethods[k - 1];
     const IdlIntfEntry& entry = spec.intfTable[k];
     SCOPED_TRACE(method.name);

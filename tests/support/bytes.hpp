@@ -24,7 +24,10 @@ Buffer u8(auto... values) { return little(1, values...); }
 Buffer u16(auto... values) { return little(2, values...); }
 Buffer u32(auto... values) { return little(4, values...); }
 Buffer u64(auto... values) { return little(8, values...); }
-inline Buffer fill(size_t count, uint8_t value) { return Buffer(count, value); }
+inline Buffer fill(size_t count, uint8_t value) {
+  Buffer bytes(count, value);
+  return bytes;
+}
 inline Buffer chars(std::string_view text) { return {text.begin(), text.end()}; }
 
 // One part behind another.
