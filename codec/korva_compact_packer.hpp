@@ -77,16 +77,16 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
     return least;
   }
   uint64_t size = uint64_t{count} * kFullElementSize<Element>;
-  const Element* const end = elements + count;
-  while (elements != end) {
+  while (count != 0) {
     scalars::AbsentBytes<Element> absent;
-    const Element* const last = elements + std::min<ptrdiff_t>(end - elements, absent.kCapacity);
-    if constexpr (absent.kPairsAreFaster) {
-      for (; last - elements >= 2; elements += 2) {
-        absent.add(elements[0], elements[1]);
+    uint32_t some = std::min(count, absent.kCapacity);
+    count -= some;
+    if constexpr (absent.kSeveralAreFaster) {
+      for (; some >= 3; some -= 3, elements += 3) {
+        absent.add(elements[0], elements[1], elements[2]);
       }
     }
-    for (; elements != last; ++elements) {
+    for (; some != 0; --some, ++elements) {
       absent.add(*elements);
     }
     size -= absent.sum();
