@@ -11,6 +11,46 @@
 
 namespace korva {
 
+// What is not the usual case of packing or unpacking, for all of a unit's messages alike. Record is
+// what an entry point calls its record, and may be void.
+
+template <CodecRuntime& Runtime>
+[[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const uint8_t* buffer,
+                                                 uint32_t capacity, const void* record) {
+  korvaLog(Runtime, kInvalid, function, "[KORVA]:Param invalid(%s, %u, %s)", nullness(buffer),
+           capacity, nullness(record));
+  return 0;
+}
+
+template <CodecRuntime& Runtime, class Record>
+[[gnu::cold, gnu::noinline]] uint32_t packOther(const char* function, const PackTarget* target,
+                                                const Record* record,
+                                                uint32_t (*entry)(const PackTarget*,
+                                                                  const Record*)) {
+  if (target->buffer == nullptr || record == nullptr || *target->capacity < kMinimumLength) {
+    return rejectPack<Runtime>(function, target->buffer, *target->capacity, record);
+  }
+  return setUpAnd(Runtime, entry, target, record);
+}
+
+// Messages that our own packer has not written come here as well; any reads them.
+template <CodecRuntime& Runtime, class Record>
+[[gnu::cold, gnu::noinline]] uintptr_t unpackOther(const char* function, const void* bytes,
+                                                   uint32_t length, Record* record,
+                                                   uintptr_t (*entry)(const void*, uint32_t,
+                                                                      Record*),
+                                                   uintptr_t (*any)(const void*, uint32_t, void*)) {
+  const auto signedLength = static_cast<int32_t>(length);
+  if (bytes == nullptr || signedLength < static_cast<int32_t>(kMinimumLength) ||
+      record == nullptr) {
+    korvaLog(Runtime, kInvalid, function, "[KORVA]:Param invalid(%s, %d, %s)", nullness(bytes),
+             signedLength, nullness(record));
+    return 0;
+  }
+  return isReady(Runtime.memReady) ? any(bytes, length, record)
+                                   : setUpAnd(Runtime, entry, bytes, length, record);
+}
+
 // Title is the message's name with its package, as log lines begin their function names; Runtime is
 // the unit's.
 template <Name Title, class RecordType, CodecRuntime& Runtime>
@@ -22,53 +62,49 @@ class Codec {
   // its own entry point, to begin again once the hooks are set up: whatever happens once or goes
   // wrong is the last call of its path, so that nothing has to outlive a call and no register to be
   // saved, which would cost as much as writing a field.
-  template <class Entry>
+  template <class Typed>
   [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const void* untyped,
-                                              Entry* entry) {
+                                              uint32_t (*entry)(const PackTarget*, const Typed*)) {
     const auto* const record = static_cast<const Record*>(untyped);
     if (target == nullptr) {
       return size(record);
     }
     uint8_t* const buffer = target->buffer;
     const uint32_t capacity = *target->capacity;
-    if (buffer == nullptr || record == nullptr || capacity < kSmallestCompactSize<Record>)
-        [[unlikely]] {
-      return reject(buffer, capacity, record);
-    }
-    if (!isReady(Runtime.memReady)) [[unlikely]] {
-      return setUpAnd(Runtime, entry, target, record);
+    if (buffer == nullptr || !isReady(Runtime.memReady) || record == nullptr) [[unlikely]] {
+      return packOther<Runtime>(kPackName.text(), target, static_cast<const Typed*>(untyped),
+                                entry);
     }
     compact::Survey<Record> survey;
     if (!compactFits(*record, capacity, survey)) [[unlikely]] {
-      return reject(buffer, capacity, record);
+      return rejectPack<Runtime>(kPackName.text(), buffer, capacity, record);
     }
     return compactPack(buffer, *record, survey);
   }
 
-  template <class Entry>
-  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* record,
-                                                 Entry* entry) {
-    const auto signedLength = static_cast<int32_t>(length);
-    if (bytes == nullptr || signedLength < static_cast<int32_t>(kMinimumLength) ||
-        record == nullptr) [[unlikely]] {
-      return reject(bytes, signedLength, record);
-    }
-    if (!isReady(Runtime.memReady)) [[unlikely]] {
-      return setUpAnd(Runtime, entry, bytes, length, static_cast<Record*>(record));
-    }
-    auto& typed = *static_cast<Record*>(record);
-    if constexpr (kOwnsMemory<Record>) {
-      typed = {};  // before anything can fail, since the release must not meet a stale pointer
-    }
+  template <class Typed>
+  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* untyped,
+                                                 uintptr_t (*entry)(const void*, uint32_t,
+                                                                    Typed*)) {
+    const auto other = [&]() __attribute__((always_inline)) {
+      return unpackOther<Runtime>(kUnpackName.text(), bytes, length, static_cast<Typed*>(untyped),
+                                  entry, unpackAny);
+    };
     const reading::Source source = sourceOf(bytes, length);
-    if (!reading::hasOwnHeader<Record>(source)) [[unlikely]] {
-      return unpackAny(bytes, length, typed);
+    if (bytes == nullptr || !reading::holdsOwnFront<Record>(source) || !isReady(Runtime.memReady) ||
+        untyped == nullptr) [[unlikely]] {
+      return other();
+    }
+    auto& record = *static_cast<Record*>(untyped);
+    clear(record);
+    if (!reading::hasOwnFront<Record>(source)) [[unlikely]] {
+      return other();
     }
     if (!reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
-                            typed)) [[unlikely]] {
-      return giveUp(&typed);
+                            record)) [[unlikely]] {
+      return giveUp(&record);
     }
-    return reinterpret_cast<uintptr_t>(record);
+    return reinterpret_cast<uintptr_t>(untyped);
   }
 
   [[gnu::always_inline]] static void release(void* record) {
@@ -99,33 +135,28 @@ class Codec {
     return record == nullptr ? 0 : compactSize(*record);
   }
 
-  [[gnu::cold, gnu::noinline]] static uint32_t reject(const uint8_t* buffer, uint32_t capacity,
-                                                      const Record* record) {
-    korvaLog(Runtime, kInvalid, kPackName.text(), "[KORVA]:Param invalid(%s, %u, %s)",
-             nullness(buffer), capacity, nullness(record));
-    return 0;
-  }
-
-  [[gnu::cold, gnu::noinline]] static uintptr_t reject(const void* bytes, int32_t length,
-                                                       const void* record) {
-    korvaLog(Runtime, kInvalid, kUnpackName.text(), "[KORVA]:Param invalid(%s, %d, %s)",
-             nullness(bytes), length, nullness(record));
-    return 0;
-  }
-
   [[gnu::always_inline]] static reading::Source sourceOf(const void* bytes, uint32_t length) {
     return {static_cast<const uint8_t*>(bytes), length, Runtime, kReadName.text()};
   }
 
+  // Before anything can fail, since the release must not meet a stale pointer.
+  [[gnu::always_inline]] static void clear([[maybe_unused]] Record& record) {
+    if constexpr (kOwnsMemory<Record>) {
+      record = {};
+    }
+  }
+
   // Apart, so that its registers are not the business of the usual case.
   [[gnu::cold, gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length,
-                                                          Record& record) {
+                                                          void* untyped) {
+    auto& record = *static_cast<Record*>(untyped);
+    clear(record);
     const reading::Source source = sourceOf(bytes, length);
     reading::TableView view{};
     if (!reading::openRoot(source, view) || !reading::readTable(source, view, record)) {
       return giveUp(&record);
     }
-    return reinterpret_cast<uintptr_t>(&record);
+    return reinterpret_cast<uintptr_t>(untyped);
   }
 
   [[gnu::cold, gnu::noinline]] static uintptr_t giveUp([[maybe_unused]] Record* record) {

@@ -111,8 +111,8 @@ template <class Record>
   return size;
 }
 
-// Whether so few elements have all their scalars would be as hard to predict as their values are,
-// which costs more than to measure them.
+// Fewer elements than this are measured at once: whether they have all their scalars is as hard to
+// predict as their values are, and a wrong guess costs more than measuring.
 inline constexpr uint32_t kFewElements = 4;
 
 // What a record's vector takes, with its offset field; or, unmeasured, what it takes at most.
@@ -480,10 +480,6 @@ struct Survey {
 
 }  // namespace compact
 
-// No record of the type takes less.
-template <class Record>
-inline constexpr uint32_t kSmallestCompactSize = kRootOffsetWidth + compact::fixedSize<Record>();
-
 // The encoded size of a record, or 0 when it passes 32 bits.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
@@ -503,7 +499,8 @@ template <class Record>
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
-  const uint32_t least = kSmallestCompactSize<Record> + survey.scalars.presentBytes();
+  const uint32_t least =
+      kRootOffsetWidth + compact::fixedSize<Record>() + survey.scalars.presentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;
   }

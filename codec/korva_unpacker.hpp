@@ -81,13 +81,18 @@ template <class Record>
          });
 }
 
-// Whether the message begins as our own packer's do. Comparisons that wait for nothing but the
-// buffer tell, and what they have compared is as good as constant then; following it instead costs
-// a load for each position before the first field can be read.
+// A length that is negative as its caller meant it is too short.
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool hasOwnHeader(const Source& source) {
-  const bool begins = source.holds(0, kOwnFront<Record>) &&
-                      source.at<uint32_t>(0) == kOwnTable<Record> &&
+[[nodiscard, gnu::always_inline]] inline bool holdsOwnFront(const Source& source) {
+  return static_cast<int32_t>(source.length) >= static_cast<int32_t>(kOwnFront<Record>);
+}
+
+// Whether a message that is long enough begins as our own packer's do. Comparisons that wait for
+// nothing but the buffer tell, and what they have compared is as good as constant then; following
+// it instead costs a load for each position before the first field can be read.
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool hasOwnFront(const Source& source) {
+  const bool begins = source.at<uint32_t>(0) == kOwnTable<Record> &&
                       source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
                       source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
   if constexpr (kOwnFieldsAreKnown<Record>) {

@@ -228,7 +228,7 @@ TEST(MemorySetUp, RunsWhereMemoryOrABufferIsUsed) {
   };
   const Case cases[] = {
       {"pack pass", packsAlarm(buffer, 256, &alarm), true},
-      {"refused pack pass", packsAlarm(buffer, 65, &alarm), false},
+      {"refused pack pass", packsAlarm(buffer, 3, &alarm), false},
       {"size pass", [&] { return Kel_sys_diag_AlarmInput_pack(nullptr, &alarm); }, false},
       {"size pass of null", [] { return Kel_sys_diag_AlarmInput_pack(nullptr, nullptr); }, false},
       {"fixed layout",
