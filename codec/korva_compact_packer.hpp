@@ -82,8 +82,8 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
     uint32_t some = std::min(count, absent.kCapacity);
     count -= some;
     if constexpr (absent.kSeveralAreFaster) {
-      for (; some >= 3; some -= 3, elements += 3) {
-        absent.add(elements[0], elements[1], elements[2]);
+      for (; some >= 4; some -= 4, elements += 4) {
+        absent.add(elements[0], elements[1], elements[2], elements[3]);
       }
     }
     for (; some != 0; --some, ++elements) {

@@ -68,18 +68,18 @@ inline constexpr auto kEntryBytes = [] {
 }();
 
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline uint32_t rowOf(const uint8_t* vtable) {
+[[gnu::always_inline]] inline size_t rowOf(const uint8_t* vtable) {
   static_assert(
       std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
-  return numberOfBytes<kEntryBytes<Record, Index>, 0>(
+  return numberOfBytes<kEntryBytes<Record, Index>>(
       std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
 }
 
 template <class Record>
-using Rows = std::array<uint32_t, kWindows<Record>.count>;
+using Rows = std::array<size_t, kWindows<Record>.count>;
 
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline const rows::Row<Record>& rowAt(const Rows<Record>& found) {

@@ -196,15 +196,12 @@ struct WindowState {
   }
 };
 
-// Finds a row by which scalars are zero. Its number comes multiplied by its size where that is a
-// power of two, which saves x86-64 an instruction.
+// Finds a row by which scalars are zero.
 template <class Record, uint32_t Index, Place To>
 [[gnu::always_inline]] inline const Row<Record>* rowAt(ByteVector zeros) {
-  constexpr size_t kSize = sizeof(Row<Record>);
-  constexpr uint32_t kShift = std::has_single_bit(kSize) ? std::countr_zero(kSize) : 0;
-  const size_t number = numberOfBytes<kFirstBytes<Record, Index>, kShift>(zeros);
   const auto* const rows = reinterpret_cast<const uint8_t*>(kRows<Record, Index, To>.data());
-  return reinterpret_cast<const Row<Record>*>(rows + number * (kSize >> kShift));
+  return reinterpret_cast<const Row<Record>*>(
+      rows + numberOfBytes<kFirstBytes<Record, Index>, sizeof(Row<Record>)>(zeros));
 }
 
 template <class Record>

@@ -149,32 +149,59 @@ template <Bytes Mask>
   (std::make_index_sequence<kVectorWidth>());
 }
 
-// Whether a window has scalars that are wider than width.
+// How wide a window's widest scalar is.
 template <class Record, Depth Which, uint32_t Index>
-consteval bool hasWider(uint32_t width) {
+inline constexpr uint32_t kWidest = [] {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
-  bool has = false;
+  uint32_t width = 1;
   for (uint32_t i = 0; i < kWindow.count; ++i) {
-    has |= kScalars<Record, Which>.items[kWindow.first + i].width > width;
+    width = std::max(width, kScalars<Record, Which>.items[kWindow.first + i].width);
   }
-  return has;
-}
+  return width;
+}();
+
+// Whether no two scalars of a window share a lane of the widest one's width.
+template <class Record, Depth Which, uint32_t Index>
+inline constexpr bool kHaveLanesOfTheirOwn = [] {
+  constexpr Window kWindow = kWindows<Record, Which>.items[Index];
+  uint32_t behind = 0;  // the last lane
+  for (uint32_t i = 0; i < kWindow.count; ++i) {
+    const Scalar& scalar = kScalars<Record, Which>.items[kWindow.first + i];
+    const uint32_t lane = (scalar.offset - kWindow.offset) / kWidest<Record, Which, Index>;
+    if (lane < behind) {
+      return false;
+    }
+    behind = lane + 1;
+  }
+  return true;
+}();
+
+template <uint32_t Width>
+using Lane = std::conditional_t<
+    Width == 1, uint8_t,
+    std::conditional_t<Width == 2, uint16_t, std::conditional_t<Width == 4, uint32_t, uint64_t>>>;
 
 template <class Lane>
-using Wider = std::conditional_t<sizeof(Lane) == 1, uint16_t,
-                                 std::conditional_t<sizeof(Lane) == 2, uint32_t, uint64_t>>;
+[[gnu::always_inline]] inline ByteVector zeroLanes(ByteVector window) {
+  return apart(std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
+}
 
-// All ones where a scalar of the window is zero; anything where no scalar lies. A width that no
-// scalar has costs nothing.
-template <class Record, Depth Which, uint32_t Index, class Lane = uint8_t>
+// All ones where a scalar of the window is zero; anything where no scalar lies. One comparison does
+// if every scalar can have a lane of its own, once the padding beside it is cleared; otherwise there
+// is one for each width that a scalar has, from the narrowest on.
+template <class Record, Depth Which, uint32_t Index, uint32_t Width = 1>
 [[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
-  constexpr Bytes kLanes = kMask<Record, Which, Index, sizeof(Lane)>;
-  const ByteVector equal =
-      apart(std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
-  if constexpr (!hasWider<Record, Which, Index>(sizeof(Lane))) {
-    return equal;
+  constexpr uint32_t kWidestLane = kWidest<Record, Which, Index>;
+  constexpr Bytes kLanes = kMask<Record, Which, Index, Width>;
+  if constexpr (Width == kWidestLane) {
+    return zeroLanes<Lane<Width>>(window);
+  } else if constexpr (kLanes == Bytes{}) {
+    return zeros<Record, Which, Index, Width * 2>(window);
+  } else if constexpr (kHaveLanesOfTheirOwn<Record, Which, Index>) {
+    return zeroLanes<Lane<kWidestLane>>(window & std::bit_cast<ByteVector>(kMask<Record, Which, Index>));
   } else {
-    return blend<kLanes>(zeros<Record, Which, Index, Wider<Lane>>(window), equal);
+    return blend<kLanes>(zeros<Record, Which, Index, Width * 2>(window),
+                         zeroLanes<Lane<Width>>(window));
   }
 }
 
