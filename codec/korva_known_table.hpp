@@ -67,23 +67,27 @@ inline constexpr auto kEntryBytes = [] {
   return positions;
 }();
 
+// What reading a window goes by.
+template <class Record>
+struct Found {
+  const rows::Row<Record>* row;
+  const uint8_t* spread;
+};
+template <class Record>
+using AllFound = std::array<Found<Record>, kWindows<Record>.count>;
+
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline size_t rowOf(const uint8_t* vtable) {
+[[gnu::always_inline]] inline Found<Record> find(const uint8_t* vtable) {
   static_assert(
       std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
-  return numberOfBytes<kEntryBytes<Record, Index>>(
+  const size_t spreadOffset = numberOfBytes<kEntryBytes<Record, Index>, sizeof(Bytes)>(
       std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
-}
-
-template <class Record>
-using Rows = std::array<size_t, kWindows<Record>.count>;
-
-template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline const rows::Row<Record>& rowAt(const Rows<Record>& found) {
-  return rows::kRows<Record, Index, rows::kUsualPlace<Record>>[found[Index]];
+  return {rows::rowAt<Record, Index, rows::kUsualPlace<Record>>(
+              spreadOffset * (sizeof(rows::Row<Record>) / sizeof(Bytes))),
+          kSpreads<Record, Index>[0].data() + spreadOffset};
 }
 
 // All ones where a part of the head holds slots' entries.
@@ -100,12 +104,11 @@ alignas(kVectorWidth) inline constexpr Bytes kEntryLanes = [] {
 // rows.
 template <class Record, uint32_t Position>
 [[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable,
-                                                    const Rows<Record>& found) {
+                                                    const AllFound<Record>& found) {
   ByteVector head{};
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
-    const auto* const bytes =
-        reinterpret_cast<const uint8_t*>(rowAt<Record, Index>(found).head.data());
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(found[Index].row->head.data());
     const ByteVector part = loadVector<kVectorWidth>(bytes + Position);
     head = Index == 0 ? part : subtractDownToZero(head, part);
   });
@@ -114,7 +117,7 @@ template <class Record, uint32_t Position>
 }
 
 template <class Record>
-[[gnu::always_inline]] inline bool isOurs(const uint8_t* vtable, const Rows<Record>& found) {
+[[gnu::always_inline]] inline bool isOurs(const uint8_t* vtable, const AllFound<Record>& found) {
   ByteVector different{};
   [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
     ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, found)), ...);
@@ -145,12 +148,12 @@ template <KnownLayout Record>
                                                           const uint8_t* table, uint64_t position,
                                                           uint64_t room, Record& record) {
   constexpr bool kAtEnd = rows::kUsualPlace<Record> == rows::Place::end;
-  Rows<Record> found;
+  AllFound<Record> found;
   uint32_t size = 0;
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
                                                       __attribute__((always_inline)) {
-                                                        found[Index] = rowOf<Record, Index>(vtable);
-                                                        size += rowAt<Record, Index>(found).size;
+                                                        found[Index] = find<Record, Index>(vtable);
+                                                        size += found[Index].row->size;
                                                       });
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
@@ -161,11 +164,10 @@ template <KnownLayout Record>
       always_inline)) {
     static_assert(startsWithItsScalars<Record, Index>());
     constexpr Window kWindow = kWindows<Record>.items[Index];
-    const uint32_t windowSize = rowAt<Record, Index>(found).size;
+    const uint32_t windowSize = found[Index].row->size;
     const ByteVector together =
         loadVector<kVectorWidth>(kAtEnd ? at + windowSize - kVectorWidth : at);
-    const ByteVector spread =
-        permute(together, loadAligned(kSpreads<Record, Index>[found[Index]].data()));
+    const ByteVector spread = permute(together, loadAligned(found[Index].spread));
     std::memcpy(reinterpret_cast<uint8_t*>(&record) + kWindow.offset, &spread, kWindow.size);
     at += windowSize;
   });

@@ -196,12 +196,11 @@ struct WindowState {
   }
 };
 
-// Finds a row by which scalars are zero.
+// The row that begins so many bytes behind the first.
 template <class Record, uint32_t Index, Place To>
-[[gnu::always_inline]] inline const Row<Record>* rowAt(ByteVector zeros) {
+[[gnu::always_inline]] inline const Row<Record>* rowAt(size_t offset) {
   const auto* const rows = reinterpret_cast<const uint8_t*>(kRows<Record, Index, To>.data());
-  return reinterpret_cast<const Row<Record>*>(
-      rows + numberOfBytes<kFirstBytes<Record, Index>, sizeof(Row<Record>)>(zeros));
+  return reinterpret_cast<const Row<Record>*>(rows + offset);
 }
 
 template <class Record>
@@ -245,8 +244,9 @@ template <Place To, uint32_t Room, class Record>
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
     const ByteVector content = scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes);
-    state.windows[Index] = {
-        content, rowAt<Record, Index, To>(scalars::zeros<Record, Depth::ownTable, Index>(content))};
+    const size_t offset = numberOfBytes<kFirstBytes<Record, Index>, sizeof(Row<Record>)>(
+        scalars::zeros<Record, Depth::ownTable, Index>(content));
+    state.windows[Index] = {content, rowAt<Record, Index, To>(offset)};
   });
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::table) {

@@ -187,8 +187,8 @@ template <class Lane>
 }
 
 // All ones where a scalar of the window is zero; anything where no scalar lies. One comparison does
-// if every scalar can have a lane of its own, once the padding beside it is cleared; otherwise there
-// is one for each width that a scalar has, from the narrowest on.
+// if every scalar can have a lane of its own, once the padding beside it is cleared; otherwise
+// there is one for each width that a scalar has, from the narrowest on.
 template <class Record, Depth Which, uint32_t Index, uint32_t Width = 1>
 [[gnu::always_inline]] inline ByteVector zeros(ByteVector window) {
   constexpr uint32_t kWidestLane = kWidest<Record, Which, Index>;
@@ -198,7 +198,8 @@ template <class Record, Depth Which, uint32_t Index, uint32_t Width = 1>
   } else if constexpr (kLanes == Bytes{}) {
     return zeros<Record, Which, Index, Width * 2>(window);
   } else if constexpr (kHaveLanesOfTheirOwn<Record, Which, Index>) {
-    return zeroLanes<Lane<kWidestLane>>(window & std::bit_cast<ByteVector>(kMask<Record, Which, Index>));
+    return zeroLanes<Lane<kWidestLane>>(window &
+                                        std::bit_cast<ByteVector>(kMask<Record, Which, Index>));
   } else {
     return blend<kLanes>(zeros<Record, Which, Index, Width * 2>(window),
                          zeroLanes<Lane<Width>>(window));
