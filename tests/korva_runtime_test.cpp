@@ -267,7 +267,7 @@ TEST(Units, ChooseApart) {
 
 // Failures: what is logged, what is released, and that without a logger nothing else changes. What
 // the set-ups look up is not among the expected events.
-void failTwice(bool hasLogger, const Action& action, Events expected) {
+void failAgainAndAgain(bool hasLogger, const Action& action, Events expected) {
   const auto isLog = [](const std::string& event) { return event.starts_with("log"); };
   if (hasLogger) platform.offered.insert(kLog);
   const size_t lookUps = std::ranges::any_of(expected, isLog) ? 1 : 0;
@@ -280,6 +280,10 @@ void failTwice(bool hasLogger, const Action& action, Events expected) {
   // Again: the same, and no look-up any more; a logger that appears by now stays unused.
   platform.offered.insert(kLog);
   EXPECT_EQ(during([&] { EXPECT_EQ(action(), 0U); }), expected);
+
+  // And once memory is set up, whatever the failure.
+  Kel_sys_diag_AlarmOutput_free_unpacked(nullptr);
+  EXPECT_EQ(during([&] { EXPECT_EQ(action(), 0U); }), expected);
 }
 
 void expectFailure(const std::string& what, const Action& action, const Events& expected) {
@@ -287,7 +291,7 @@ void expectFailure(const std::string& what, const Action& action, const Events& 
   for (const bool hasLogger : {true, false}) {
     inAProcessOfItsOwn([&] {
       usePlatformAllocator();
-      failTwice(hasLogger, action, expected);
+      failAgainAndAgain(hasLogger, action, expected);
     });
   }
 }
