@@ -81,9 +81,9 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
     scalars::AbsentBytes<Element> absent;
     uint32_t some = std::min(count, absent.kCapacity);
     count -= some;
-    if constexpr (absent.kSeveralAreFaster) {
-      for (; some >= 4; some -= 4, elements += 4) {
-        absent.add(elements[0], elements[1], elements[2], elements[3]);
+    if constexpr (absent.kTwoAreFaster) {
+      for (; some >= 2; some -= 2, elements += 2) {
+        absent.add(elements[0], elements[1]);
       }
     }
     for (; some != 0; --some, ++elements) {

@@ -223,9 +223,9 @@ class AbsentBytes {
   static constexpr uint32_t kCapacity =
       255 / std::max(uint32_t{1}, kWindows<Record, Depth::withNested>.count);
 
-  // An addition waits for the one before it, which leaves time for more records where there is only
-  // one window. Three take a loop that is long enough to run as fast wherever it comes to lie.
-  static constexpr bool kSeveralAreFaster = kWindows<Record, Depth::withNested>.count == 1;
+  // An addition waits for the one before it, which leaves time for a second record where there is
+  // only one window.
+  static constexpr bool kTwoAreFaster = kWindows<Record, Depth::withNested>.count == 1;
 
   template <class... Records>
   [[gnu::always_inline]] void add(const Records&... records) {
