@@ -10,10 +10,13 @@ function(kel_target target)
 endfunction()
 
 # Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
+# Loops begin with a cache line: a short one whose end comes to lie just across a line takes up to
+# half as long again, and all together they cost some 400 bytes.
 function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
   kel_target(${target})
-  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                         -falign-loops=64)
   if(KEL_CLANG_TIDY)
     set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "clang-tidy-16")
   endif()

@@ -55,9 +55,10 @@ consteval size_t stringIndex() {
   return index;
 }
 
+// How many elements a vector has; none without an array, whatever the record says.
 template <class Slot, class Record>
-[[gnu::always_inline]] inline bool hasElements(const Record& record) {
-  return Slot::get(record) != nullptr && Slot::count(record) != 0;
+[[gnu::always_inline]] inline uint32_t elementCount(const Record& record) {
+  return Slot::get(record) == nullptr ? 0 : Slot::count(record);
 }
 
 // With every scalar present.
@@ -121,8 +122,7 @@ template <class Record, bool Measured>
   uint64_t size = 0;
   forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::vector) {
-      if (hasElements<Slot>(record)) {
-        const uint32_t count = Slot::count(record);
+      if (const uint32_t count = elementCount<Slot>(record); count != 0) {
         size += kOffsetFieldWidth + kCountWidth;
         size += Measured || count < kFewElements
                     ? elementsSize(Slot::get(record), count)
@@ -189,8 +189,12 @@ template <class Record, Followed By>
 inline constexpr rows::Place kPlace =
     By == Followed::byTable ? rows::Place::behindDisplacement : rows::kUsualPlace<Record>;
 
+[[gnu::always_inline]] inline void point(uint8_t* offsetField, const uint8_t* target) {
+  store(offsetField, static_cast<uint32_t>(target - offsetField));
+}
+
 template <Followed By, PlainTable Record>
-uint8_t* packTable(uint8_t*& cursor, const Record& record);
+void packElement(uint8_t* entry, uint8_t*& cursor, const Record& record);
 
 // A table being written. The order of its parts is the wire's: head, scalars, offset fields,
 // strings and byte arrays, vector header; its nested tables and elements follow behind it.
@@ -208,7 +212,13 @@ class TableWriter {
         texts_(texts),
         vtable_(cursor),
         table_(vtable_ + kVtableLength<Record>),
-        at_(table_ + kDisplacementWidth) {}
+        at_(table_ + kDisplacementWidth) {
+    forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+      if constexpr (Slot::kind == SlotKind::vector) {
+        elementCount_ = elementCount<Slot>(record);
+      }
+    });
+  }
 
   // Returns where the table is and leaves the cursor behind everything that belongs to it, texts
   // among it: only their characters are left to copy.
@@ -262,9 +272,9 @@ class TableWriter {
   [[gnu::always_inline]] void writeHead() {
     constexpr uint32_t kLength = rows::kHeadLength<Record>;
     if constexpr (kFollowing < kVectorWidth) {
-      static_assert(kLength <= kVectorWidth);
-      const ByteVector head = headVector<0>();
-      std::memcpy(vtable_, &head, kLength);
+      static_assert(kLength >= sizeof(uint64_t) && kVtableLength<Record> <= sizeof(uint64_t));
+      store(vtable_, std::bit_cast<Vector<uint64_t>>(headVector<0>())[0]);
+      store(table_, kVtableLength<Record>);
     } else {
       [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
         (storeVector(vtable_ + Part * kVectorWidth, headVector<Part>()), ...);
@@ -370,11 +380,11 @@ class TableWriter {
   [[gnu::always_inline]] void writeVectorHeader() {
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::vector) {
-        if (hasElements<Slot>(record_)) {
+        if (isThere<Slot, Index>()) {
           pointHere<Index>();
-          store(at_, Slot::count(record_));
+          store(at_, elementCount_);
           entries_ = at_ + kCountWidth;
-          at_ = entries_ + size_t{Slot::count(record_)} * kOffsetFieldWidth;
+          at_ = entries_ + size_t{elementCount_} * kOffsetFieldWidth;
         }
       }
     });
@@ -405,13 +415,12 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeElements() {
-    forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::vector) {
-        if (hasElements<Slot>(record_)) {
-          // Copies, because for all the compiler knows the bytes written may be the record's.
+        if (isThere<Slot, Index>()) {
           const auto* const elements = Slot::get(record_);
           uint8_t* cursor = cursor_;
-          writeElements(cursor, elements, elements + Slot::count(record_));
+          writeElements(cursor, elements, elements + elementCount_);
           cursor_ = cursor;
         }
       }
@@ -424,11 +433,11 @@ class TableWriter {
     uint8_t* entry = entries_;
     if constexpr (rows::ScalarTable<Element>) {
       for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
-        point(entry, packTable<Followed::byTable>(cursor, *element));
+        packElement<Followed::byTable>(entry, cursor, *element);
       }
     }
     for (; element != end; ++element, entry += kOffsetFieldWidth) {
-      point(entry, packTable<Followed::no>(cursor, *element));
+      packElement<Followed::no>(entry, cursor, *element);
     }
   }
 
@@ -438,17 +447,13 @@ class TableWriter {
     if constexpr (Slot::kind == SlotKind::string) {
       return texts_[stringIndex<Record, Index>()].characters != nullptr;
     } else {
-      return hasElements<Slot>(record_);
+      return elementCount_ != 0;
     }
   }
 
   template <size_t Index>
   [[gnu::always_inline]] void pointHere() {
     point(offsetFields_[Index], at_);
-  }
-
-  [[gnu::always_inline]] static void point(uint8_t* offsetField, const uint8_t* target) {
-    store(offsetField, static_cast<uint32_t>(target - offsetField));
   }
 
   uint8_t*& cursor_;  // where the next byte goes
@@ -458,17 +463,20 @@ class TableWriter {
   uint8_t* const vtable_;
   uint8_t* const table_;
   uint8_t* at_;
+  uint32_t elementCount_ = 0;  // a copy, as are texts: what is written might be the record's
   uint8_t* entries_ = nullptr;
   std::array<uint8_t*, Schema<Record>::count> offsetFields_{};
 };
 
-// Writes an element at the cursor and returns where its table is.
+// Writes an element at the cursor, and where its table is into its vector's entry.
 template <Followed By, PlainTable Record>
-[[gnu::always_inline]] inline uint8_t* packTable(uint8_t*& cursor, const Record& record) {
+[[gnu::always_inline]] inline void packElement(uint8_t* entry, uint8_t*& cursor,
+                                               const Record& record) {
+  point(entry, cursor + kVtableLength<Record>);
   rows::TableState<Record> state;
   rows::lookAtTable<kPlace<Record, By>>(record, state);
   Texts<Record> none;
-  return TableWriter<Record, By>(cursor, record, state, none).write();
+  TableWriter<Record, By>(cursor, record, state, none).write();
 }
 
 // What a pack pass finds out before it writes.

@@ -235,6 +235,9 @@ class AbsentBytes {
   }
 
   [[nodiscard, gnu::always_inline]] uint32_t sum() const {
+    if constexpr (kWindows<Record, Depth::withNested>.count == 0) {
+      return 0;
+    }
     ByteVector lanes{};
     forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
       lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
