@@ -10,8 +10,8 @@ function(kel_target target)
 endfunction()
 
 # Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
-# Loops begin with a cache line: a short one whose end comes to lie just across a line takes up to
-# half as long again, and all together they cost some 400 bytes.
+# Loops begin with a cache line: a short one whose end comes to lie just across a line takes up to two
+# thirds longer. All together they cost some 400 bytes.
 function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
   kel_target(${target})
