@@ -123,8 +123,7 @@ template <class Record>
     ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, found)), ...);
   }
   (std::make_index_sequence<alignUp(kVtableLength<Record>, kVectorWidth) / kVectorWidth>());
-  const auto words = std::bit_cast<Vector<uint64_t>>(different);
-  return (words[0] | words[1]) == 0;
+  return isZero(different);
 }
 
 // Whether a window's vector holds no scalar in front of the window's own, which would be lost.

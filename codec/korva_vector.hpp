@@ -1,11 +1,11 @@
-// Sixteen bytes at a time, in the compilers' own vector types; the four operations that those lack
+// Sixteen bytes at a time, in the compilers' own vector types; the five operations that those lack
 // have their instructions here. For the codecs.
 #pragma once
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
 #else
-#include <tmmintrin.h>
+#include <smmintrin.h>
 #endif
 
 #include <algorithm>
@@ -110,6 +110,14 @@ template <uint32_t Size>
 #else
   return reinterpret_cast<ByteVector>(
       _mm_subs_epu16(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
+#endif
+}
+
+[[gnu::always_inline]] inline bool isZero(ByteVector bytes) {
+#if defined(__aarch64__)
+  return vmaxvq_u32(reinterpret_cast<uint32x4_t>(bytes)) == 0;
+#else
+  return _mm_testz_si128(reinterpret_cast<__m128i>(bytes), reinterpret_cast<__m128i>(bytes)) != 0;
 #endif
 }
 
