@@ -268,11 +268,11 @@ class TableWriter {
     }
   }
 
-  // Stored in whole vectors where enough follows in the table to overwrite what is too much.
+  // Stored in whole vectors where enough follows in the table to overwrite what is too much; else
+  // the vtable is short, and the displacement overwrites what of its store is too much.
   [[gnu::always_inline]] void writeHead() {
-    constexpr uint32_t kLength = rows::kHeadLength<Record>;
     if constexpr (kFollowing < kVectorWidth) {
-      static_assert(kLength >= sizeof(uint64_t) && kVtableLength<Record> <= sizeof(uint64_t));
+      static_assert(kVtableLength<Record> <= sizeof(uint64_t));
       store(vtable_, std::bit_cast<Vector<uint64_t>>(headVector<0>())[0]);
       store(table_, kVtableLength<Record>);
     } else {
