@@ -33,9 +33,9 @@ void fillVector(const Field& field, Entropy& entropy, uint8_t* record) {
   const auto count = static_cast<uint32_t>(entropy.below(16) == 0 ? entropy.below(kMostElements + 1)
                                                                   : entropy.below(4));
   std::memcpy(record + field.countAt, &count, sizeof count);
-  if (entropy.below(16) == 0) return;  // a count without an array
-  const uint8_t* const first = elements.data();
+  const uint8_t* const first = entropy.below(16) == 0 ? nullptr : elements.data();
   std::memcpy(record + field.at, &first, sizeof first);
+  if (first == nullptr) return;
   for (uint32_t i = 0; i < count; ++i) {
     fillRecord(*field.nested, entropy, elements.data() + i * field.nested->recordSize);
   }
@@ -68,7 +68,7 @@ bool sameField(const Field& field, const void* left, const void* right) {
 
 void fillRecord(const Shape& shape, Entropy& entropy, void* record) {
   auto* const bytes = static_cast<uint8_t*>(record);
-  if (shape.recordSize != 0) std::memset(bytes, 0, shape.recordSize);
+  std::memset(bytes, 0xEE, shape.recordSize);  // the padding, which must not matter
   for (const Field& field : shape.fields) {
     uint8_t* const member = bytes + field.at;
     switch (field.kind) {
@@ -82,12 +82,11 @@ void fillRecord(const Shape& shape, Entropy& entropy, void* record) {
       case Kind::table:
         fillRecord(*field.nested, entropy, member);
         break;
-      case Kind::string:
-        if (entropy.below(4) != 0) {
-          const char* const text = makeText(entropy);
-          std::memcpy(member, &text, sizeof text);
-        }
+      case Kind::string: {
+        const char* const text = entropy.below(4) != 0 ? makeText(entropy) : nullptr;
+        std::memcpy(member, &text, sizeof text);
         break;
+      }
       case Kind::vector:
         fillVector(field, entropy, bytes);
         break;

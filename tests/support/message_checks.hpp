@@ -208,12 +208,15 @@ inline void expectRoundTrips(const std::vector<Message>& messages) {
     ASSERT_EQ(std::count(buffer, buffer + size, 0xEE), size);
     const PackTarget target{buffer, &size};
     ASSERT_EQ(message.pack(&target, record), size);
-    for (const Encoding& encoding : everyEncoding(message, record)) {
+    const std::vector<Encoding> encodings = everyEncoding(message, record);
+    for (const Encoding& encoding : encodings) {
       const auto length = static_cast<uint32_t>(encoding.bytes.size());
       RecordRoom unpacked;
       ASSERT_EQ(message.unpack(memory.copyLast(encoding.bytes), length, unpacked.bytes),
                 reinterpret_cast<uintptr_t>(unpacked.bytes));
       ASSERT_TRUE(message.same(record, unpacked.bytes));
+      ASSERT_EQ(everyEncoding(message, unpacked.bytes)[0].bytes, encodings[0].bytes)
+          << "padding matters";
       message.release(unpacked.bytes);
     }
   };

@@ -26,7 +26,7 @@ class RecordMaker {
 
   template <class Record>
   void fill(Record& record) {
-    std::memset(static_cast<void*>(&record), 0, sizeof(Record));
+    std::memset(static_cast<void*>(&record), 0xEE, sizeof(Record));  // padding must not matter
     korva::forEachSlot<Record>([&]<class Slot, size_t>() { fillSlot<Slot>(record); });
   }
 
@@ -44,9 +44,10 @@ class RecordMaker {
     } else if constexpr (Slot::kind == table) {
       fill(field);
     } else if constexpr (Slot::kind == string) {
-      if (below(4) != 0) field = makeString();
+      field = below(4) != 0 ? makeString() : nullptr;
     } else {
       Slot::count(record) = static_cast<uint32_t>(below(maximumEntries_ + 1));
+      field = nullptr;
       if (below(8) == 0) return;  // a count without an array
       field = static_cast<typename Slot::Element*>(
           std::malloc((Slot::count(record) + 1) * sizeof(*field)));
