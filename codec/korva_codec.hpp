@@ -15,10 +15,10 @@ namespace korva {
 // what an entry point calls its record, and may be void.
 
 template <CodecRuntime& Runtime>
-[[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const uint8_t* buffer,
-                                                 uint32_t capacity, const void* record) {
-  korvaLog(Runtime, kInvalid, function, "[KORVA]:Param invalid(%s, %u, %s)", nullness(buffer),
-           capacity, nullness(record));
+[[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const char* buffer,
+                                                 uint32_t capacity, const char* record) {
+  korvaLog(Runtime, kInvalid, function, "[KORVA]:Param invalid(%s, %u, %s)", buffer, capacity,
+           record);
   return 0;
 }
 
@@ -28,7 +28,8 @@ template <CodecRuntime& Runtime, class Record>
                                                 uint32_t (*entry)(const PackTarget*,
                                                                   const Record*)) {
   if (target->buffer == nullptr || record == nullptr || *target->capacity < kMinimumLength) {
-    return rejectPack<Runtime>(function, target->buffer, *target->capacity, record);
+    return rejectPack<Runtime>(function, nullness(target->buffer), *target->capacity,
+                               nullness(record));
   }
   return setUpAnd(Runtime, entry, target, record);
 }
@@ -77,7 +78,7 @@ class Codec {
     }
     compact::Survey<Record> survey;
     if (!compactFits(*record, capacity, survey)) [[unlikely]] {
-      return rejectPack<Runtime>(kPackName.text(), buffer, capacity, record);
+      return rejectPack<Runtime>(kPackName.text(), nullness(buffer), capacity, nullness(record));
     }
     return compactPack(buffer, *record, survey);
   }
@@ -136,7 +137,7 @@ class Codec {
   }
 
   [[gnu::always_inline]] static reading::Source sourceOf(const void* bytes, uint32_t length) {
-    return {static_cast<const uint8_t*>(bytes), length, Runtime, kReadName.text()};
+    return {static_cast<const uint8_t*>(bytes), length, kReader};
   }
 
   // Before anything can fail, since the release must not meet a stale pointer.
@@ -178,6 +179,7 @@ class Codec {
       return kUnpackName;
     }
   }();
+  static constexpr reading::Caller kReader{Runtime, kReadName.text()};
 };
 
 }  // namespace korva

@@ -10,13 +10,18 @@
 
 namespace korva::reading {
 
-// What is being read, and in whose name memory is asked for and failures are logged. Positions are
-// 64 bits wide wherever a received value has gone into them, so that no sum of theirs can wrap.
+// In whose name memory is asked for and failures are logged.
+struct Caller {
+  CodecRuntime& runtime;
+  const char* function;
+};
+
+// What is being read. Positions are 64 bits wide wherever a received value has gone into them, so
+// that no sum of theirs can wrap.
 struct Source {
   const uint8_t* bytes;
   uint32_t length;
-  CodecRuntime& runtime;
-  const char* function;
+  const Caller& caller;
 
   [[nodiscard, gnu::always_inline]] bool holds(uint64_t position, uint64_t count) const {
     return position + count <= length;
@@ -105,18 +110,17 @@ template <class Record>
 // deeper fails in silence.
 [[nodiscard, gnu::cold, gnu::noinline]] inline bool openRoot(const Source& source,
                                                              TableView& view) {
+  const auto& [runtime, function] = source.caller;
   const HeaderFault fault = openTable(source, source.at<uint32_t>(0), view);
   if (fault == HeaderFault::tableOffset) {
-    korvaLog(source.runtime, kInvalid, source.function,
-             "[KORVA]:Table offset(%u) is out of range(4 - %u)", view.table, source.length);
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
+             view.table, source.length);
   } else if (fault == HeaderFault::vtableOffset) {
-    korvaLog(source.runtime, kInvalid, source.function,
-             "[KORVA]:Vtable offset(%u) is out of range(4 - %u)", view.vtable,
-             source.length - kDisplacementWidth);
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable offset(%u) is out of range(4 - %u)",
+             view.vtable, source.length - kDisplacementWidth);
   } else if (fault == HeaderFault::vtableLength) {
-    korvaLog(source.runtime, kInvalid, source.function,
-             "[KORVA]:Vtable Len(%u) is out of range(0 - %u)", view.vtableLength,
-             source.length - view.vtable);
+    korvaLog(runtime, kInvalid, function, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)",
+             view.vtableLength, source.length - view.vtable);
   }
   return fault == HeaderFault::none;
 }
@@ -133,11 +137,22 @@ template <class Record>
   return source.holds(target, bytes);
 }
 
-[[nodiscard, gnu::always_inline]] inline void* allocate(const Source& source, uint32_t size) {
-  void* const block = source.runtime.codecAlloc(size, kModuleNumber, source.function);
+[[gnu::cold, gnu::noinline]] inline void logNoMemory(const Caller& caller, uint64_t size,
+                                                     uint32_t more) {
+  korvaLog(caller.runtime, kNoMemory, caller.function,
+           "[KORVA]:Malloc unpack data unsuccess,                size(%u)",
+           static_cast<uint32_t>(size + more));
+}
+
+// Asks for size and some more bytes, which fit 32 bits together. The log adds them up anew and is
+// told the caller by reference, so that neither needs a register across the call.
+[[nodiscard, gnu::always_inline]] inline void* allocate(const Source& source, uint64_t size,
+                                                        uint32_t more = 0) {
+  const auto& [runtime, function] = source.caller;
+  void* const block =
+      runtime.codecAlloc(static_cast<uint32_t>(size + more), kModuleNumber, function);
   if (block == nullptr) {
-    korvaLog(source.runtime, kNoMemory, source.function,
-             "[KORVA]:Malloc unpack data unsuccess,                size(%u)", size);
+    logNoMemory(source.caller, size, more);
   }
   return block;
 }
@@ -166,13 +181,12 @@ template <class Slot, class Record>
   if (!follow(source, field, target)) {
     return false;
   }
-  const uint32_t count = source.at<uint32_t>(target);
+  const uint64_t count = source.at<uint32_t>(target);
   if (!source.holds(target + kCountWidth, count)) {
     return false;
   }
   const uint8_t* const characters = source.bytes + target + kCountWidth;
-  const uint32_t size = count + 1;  // no wrap: count bytes lie within a buffer below 2^31
-  auto* const text = static_cast<char*>(allocate(source, size));
+  auto* const text = static_cast<char*>(allocate(source, count, 1));  // less than 2^31
   Slot::get(record) = text;
   if (text == nullptr) {
     return false;
@@ -211,7 +225,7 @@ template <class Slot, class Record>
   if (count == 0) {
     return true;
   }
-  auto* const elements = static_cast<Element*>(allocate(source, static_cast<uint32_t>(size)));
+  auto* const elements = static_cast<Element*>(allocate(source, size));
   Slot::get(record) = elements;
   if (elements == nullptr) {
     return false;
