@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <barrier>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -43,6 +44,7 @@ struct Platform {
   uint32_t flag = 0;
   bool allocFails = false;
   bool isWatched = false;  // else malloc and free are none of its business
+  std::chrono::milliseconds lookUpTakes{0};
 
   void* allocate(size_t size, const std::string& how, const std::string& forWhom = "") {
     record(how + std::to_string(size) + forWhom);
@@ -110,6 +112,7 @@ extern "C" void __wrap_free(void* block) {
 extern "C" void* __wrap_dlsym(void* handle, const char* name) {
   const std::string symbol = name;
   platform.record("dlsym " + symbol + (handle == nullptr ? "" : " by a handle"));
+  std::this_thread::sleep_for(platform.lookUpTakes);
   if (!platform.offered.contains(symbol)) return nullptr;
   if (symbol == kLog) return reinterpret_cast<void*>(logWrite);
   if (symbol == kFlag) return reinterpret_cast<void*>(flagGet);
@@ -462,10 +465,13 @@ TEST(AllocationFailure, LeavesPackersAlone) {
   }
 }
 
-// Sixteen threads whose first call meets: one set-up a unit, and each sees its outcome.
+// Sixteen threads whose first call meets: one set-up a unit, and each sees its outcome. In every
+// other round the set-ups take so long that the threads wait for one another; in the rest, some
+// come when all is done.
 TEST(Concurrency, FirstCallsSetUpOnce) {
   for (int round = 0; round < 20; ++round) {
-    inAProcessOfItsOwn([] {
+    inAProcessOfItsOwn([round] {
+      platform.lookUpTakes = std::chrono::milliseconds(round % 2 == 0 ? 2 : 0);
       usePlatformAllocator();
       platform.offered.insert(kLog);
       constexpr int kThreads = 16;
