@@ -14,6 +14,8 @@ namespace korva {
 // What is not the usual case of packing or unpacking, for all of a unit's messages alike. Record is
 // what an entry point calls its record, and may be void.
 
+// Told what the log says of the pointers, which is known before a text is scanned: the record need
+// not outlive that.
 template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const char* buffer,
                                                  uint32_t capacity, const char* record) {
