@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <ctime>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -323,12 +324,37 @@ TEST_F(Faults, DescriptorsExhaustedAtTheCaller) {
   });
 }
 
+// A server's first byte, which it says unasked; the end of the connection is 0.
+ssize_t receiveOne(const FileDescriptor& connection) {
+  const timeval patience{3, 0};
+  setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  char byte = 0;
+  return recv(connection.get(), &byte, 1, 0);
+}
+
+Answer answerOk(const std::string&, std::span<const uint8_t>) {
+  return {AnswerStatus::ok, {}, okReply()};
+}
+
+// A connection that there is no descriptor for waits until there is one, and costs nothing.
+TEST_F(Faults, NoDescriptorForAConnection) {
+  const RpcServer server(target, answerOk);
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  expectNothingLeft([&] {
+    const rlimit one{static_cast<rlim_t>(FileDescriptor(dup(0)).get()) + 1, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
+    const FileDescriptor caller = connectTo(folder / "socket");  // takes it
+    const std::clock_t before = std::clock();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10) << "tries all the time";
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(receiveOne(caller), 1) << "not served";
+  });
+}
+
 TEST_F(Faults, CallersThatConnectAndSayNothing) {
-  RpcServer server(target,
-                   [](const std::string&, std::span<const uint8_t>) {
-                     return Answer{AnswerStatus::ok, {}, okReply()};
-                   },
-                   {.limits = {.handshake = std::chrono::milliseconds(300)}});
+  RpcServer server(target, answerOk, {.limits = {.handshake = std::chrono::milliseconds(300)}});
   expectNothingLeft([&] {
     std::vector<FileDescriptor> silent;
     for (int i = 0; i < 50; ++i) {
@@ -336,11 +362,8 @@ TEST_F(Faults, CallersThatConnectAndSayNothing) {
     }
     EXPECT_EQ(call(), outcome(kOk));
     for (const FileDescriptor& one : silent) {
-      const timeval patience{3, 0};
-      setsockopt(one.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-      char byte = 0;
       ssize_t length = 0;
-      while ((length = recv(one.get(), &byte, 1, 0)) > 0) {  // a server speaks first
+      while ((length = receiveOne(one)) > 0) {
       }
       EXPECT_EQ(length, 0) << "not closed";
     }
