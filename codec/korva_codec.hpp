@@ -99,13 +99,18 @@ class Codec {
       return other();
     }
     auto& record = *static_cast<Record*>(untyped);
-    clear(record);
+    if constexpr (kOwnsMemory<Record>) {
+      clear(record);
+    }
     if (!reading::hasOwnFront<Record>(source)) [[unlikely]] {
       return other();
     }
     if (!reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
                             record)) [[unlikely]] {
-      return giveUp(&record);
+      if constexpr (kOwnsMemory<Record>) {
+        return giveUp(&record);
+      }
+      return other();  // leaves the record as a failure has to
     }
     return reinterpret_cast<uintptr_t>(untyped);
   }
@@ -142,21 +147,24 @@ class Codec {
     return {static_cast<const uint8_t*>(bytes), length, kReader};
   }
 
-  // Before anything can fail, since the release must not meet a stale pointer.
-  [[gnu::always_inline]] static void clear([[maybe_unused]] Record& record) {
-    if constexpr (kOwnsMemory<Record>) {
-      record = {};
-    }
+  [[gnu::always_inline]] static void clear(Record& record) {
+    std::memset(static_cast<void*>(&record), 0, kRecordSize<Record>);
   }
 
-  // Apart, so that its registers are not the business of the usual case.
+  // Apart, so that its registers are not the business of the usual case. A record that owns memory
+  // is cleared whatever happens, since the release must not meet a stale pointer; any other stays
+  // untouched if the header is refused, and holds what comes before the first bad slot, and zeros
+  // else, if that is refused.
   [[gnu::cold, gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length,
                                                           void* untyped) {
     auto& record = *static_cast<Record*>(untyped);
-    clear(record);
     const reading::Source source = sourceOf(bytes, length);
     reading::TableView view{};
-    if (!reading::openRoot(source, view) || !reading::readTable(source, view, record)) {
+    const bool isOpen = reading::openRoot(source, view);
+    if (isOpen || kOwnsMemory<Record>) {
+      clear(record);
+    }
+    if (!isOpen || !reading::readTable<Record, false>(source, view, record)) {
       return giveUp(&record);
     }
     return reinterpret_cast<uintptr_t>(untyped);

@@ -157,7 +157,12 @@ template <class Record>
   return block;
 }
 
+// Whether to read a table's scalars all at once where that can be done, or all slots in their
+// order.
 template <class Record>
+inline constexpr bool kAtOnce = known::KnownLayout<Record>;
+
+template <class Record, bool AtOnce = kAtOnce<Record>>
 [[nodiscard]] bool readTable(const Source& source, const TableView& view, Record& record);
 
 template <class Slot, class Record>
@@ -289,20 +294,41 @@ template <class Slot, class Record>
   std::memcpy(complete, vtable, length - length % kSlotEntryWidth);
 }
 
-// Reads all of a table whose vtable reaches all slots: an absent field is 0, and so is every byte
-// of an absent array or nested record. Strings and vectors are null already.
-template <class Record>
+// Clears what lies between the members of a record and behind the last one.
+template <PlainTable Record>
+[[gnu::always_inline]] inline void clearPadding(Record& record) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    constexpr uint32_t kEnd = kMemberOffset<Record, Index> + Slot::width;
+    constexpr uint32_t kNext = [] {
+      if constexpr (Index + 1 < Schema<Record>::count) {
+        return kMemberOffset<Record, Index + 1>;
+      } else {
+        return kRecordSize<Record>;
+      }
+    }();
+    if constexpr (kEnd != kNext) {
+      std::memset(reinterpret_cast<uint8_t*>(&record) + kEnd, 0, kNext - kEnd);
+    }
+  });
+}
+
+// Reads all of a table whose vtable reaches all slots: an absent field is 0, and so are every byte
+// of an absent array or nested record and all padding. A record that owns memory is clear already.
+template <class Record, bool AtOnce = kAtOnce<Record>>
 [[nodiscard, gnu::always_inline]] inline bool readSlots(const Source& source, const uint8_t* vtable,
                                                         uint32_t table, Record& record) {
   [[maybe_unused]] bool hasScalars = false;
-  if constexpr (known::KnownLayout<Record>) {
+  if constexpr (PlainTable<Record>) {
+    clearPadding(record);
+  }
+  if constexpr (AtOnce) {
     hasScalars =
         known::readScalars(vtable, source.bytes + table, table, source.length - table, record);
   }
   return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
-      if constexpr (known::KnownLayout<Record>) {
+      if constexpr (AtOnce) {
         if (hasScalars) {
           return true;
         }
@@ -315,7 +341,7 @@ template <class Record>
 }
 
 // Reads all of a table whose header has been checked.
-template <class Record>
+template <class Record, bool AtOnce>
 bool readTable(const Source& source, const TableView& view, Record& record) {
   const uint8_t* vtable = source.bytes + view.vtable;
   uint8_t complete[kVtableLength<Record>];
@@ -323,7 +349,7 @@ bool readTable(const Source& source, const TableView& view, Record& record) {
     completeVtable(vtable, view.vtableLength, complete, sizeof(complete));
     vtable = complete;
   }
-  return readSlots(source, vtable, view.table, record);
+  return readSlots<Record, AtOnce>(source, vtable, view.table, record);
 }
 
 }  // namespace korva::reading

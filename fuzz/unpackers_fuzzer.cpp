@@ -18,6 +18,8 @@ namespace {
 // No message packs to more than what the longest one can decode to.
 constexpr size_t kLargestPacked = kLongestMessage / 4 * 512;
 
+constexpr uint8_t kUntouched = 0xDD;
+
 class Case {
  public:
   Case(const Message& message, std::span<const uint8_t> input, bool refuseAllocations)
@@ -30,12 +32,13 @@ class Case {
 
   void run() {
     RecordRoom expectedRecord;
+    std::memset(&expectedRecord, kUntouched, sizeof expectedRecord);
     Verdict expected;
     if (bytes_.size() >= 4) expected = naiveDecode(shape_, bytes_, &expectedRecord);
     if (expected.allocates && refuses_) expected.accepted = false;
 
     RecordRoom record;
-    std::memset(&record, 0xDD, sizeof record);
+    std::memset(&record, kUntouched, sizeof record);
     host.startCase();
     host.refuseAllocations = refuses_;
     const bool accepted = unpack(bytes_, record);
@@ -43,6 +46,7 @@ class Case {
     require(accepted == expected.accepted, "the naive decoder disagrees about the verdict");
     checkLog(expected);
     checkAllocation(expected);
+    checkBytes(expected, expectedRecord, record);
     if (accepted) {
       require(sameRecord(shape_, &expectedRecord, &record), "the naive decoder disagrees");
       checkText(expected, record);
@@ -121,6 +125,15 @@ class Case {
     if (owner_ == nullptr || owner_->kind != Kind::string) return;
     const auto* const text = get<const char*>(&record, owner_->at);
     if (text != nullptr) require(text[expected.textLength] == '\0', "the text's NUL");
+  }
+
+  // What a record that points at nothing holds is the message's alone, padding included: also after
+  // a failure, when it is what comes before the bad slot, and nothing if the header is refused.
+  void checkBytes(const Verdict& expected, RecordRoom& expectedRecord,
+                  const RecordRoom& record) const {
+    if (owner_ != nullptr) return;
+    if (expected.fault != nullptr) std::memset(&expectedRecord, kUntouched, shape_.recordSize);
+    require(std::memcmp(&expectedRecord, &record, sizeof record) == 0, "the record's bytes");
   }
 
   void checkDecodesAgain(const RecordRoom& record) const {
