@@ -95,7 +95,6 @@ class Decoder {
     }
     uint8_t* const text = allocate(count + 1);
     std::memcpy(text, content, count);
-    verdict_.textLength = count;
     std::memcpy(member, &text, sizeof text);
     return true;
   }

@@ -39,7 +39,6 @@ struct Verdict {
   uint32_t faultNumbers[2] = {0, 0};
   uint64_t allocation = 0;  // bytes of the one block that decoding has to ask for, if it does
   bool allocates = false;
-  uint64_t textLength = 0;  // of the string, which may hold NULs
 };
 
 // Decodes into record, which then points into memory that the next call reuses. With words, also

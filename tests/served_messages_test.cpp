@@ -262,13 +262,17 @@ TEST(Replies, EntriesDecideAtTheLimit) {
 
 // Requests as other writers lay them out, by the library's own unpackers.
 TEST(Requests, ByteExamples) {
-  const Buffer threshold = layout(u32(12), u16(8, 66, 8, 4), u32(8, 772, 4, 50), fill(50, 0x55));
-  SysOvLoadDiskThreshold set;
-  std::memset(&set, 0xDD, sizeof set);
-  ASSERT_NE(thresholdOps().unpackFn(threshold.data(), 78, &set), 0U);
-  const auto* const bytes = reinterpret_cast<const uint8_t*>(&set);
-  EXPECT_EQ(Buffer(bytes, bytes + sizeof set), layout(fill(50, 0x55), u16(0), u32(772)));
-  EXPECT_EQ(thresholdOps().unpackFn(threshold.data(), 77, &set), 0U);
+  for (const bool isThere : {true, false}) {
+    const Buffer threshold =
+        layout(u32(12), u16(8, 66, isThere ? 8 : 0, 4), u32(8, 772, 4, 50), fill(50, 0x55));
+    SysOvLoadDiskThreshold set;
+    std::memset(&set, 0xDD, sizeof set);
+    ASSERT_NE(thresholdOps().unpackFn(threshold.data(), 78, &set), 0U);
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(&set);
+    EXPECT_EQ(Buffer(bytes, bytes + sizeof set),
+              layout(fill(50, isThere ? 0x55 : 0), u16(0), u32(772)));
+    EXPECT_EQ(thresholdOps().unpackFn(threshold.data(), 77, &set) != 0, !isThere);
+  }
 
   // Their tableLength leaves the count word out, which no reader minds.
   const Buffer use = layout(u32(10), u16(6, 58, 4), u32(6, 4, 50), fill(50, 0x66));

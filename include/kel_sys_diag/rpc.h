@@ -22,9 +22,12 @@ typedef struct PackTarget {
   const uint32_t* capacity; /* bytes at buffer; never null */
 } PackTarget;
 
-/* Decodes length received bytes into record. Returns record as an integer, or 0 when the arguments
- * or the bytes are refused; then nothing that the unpacker allocated survives. The bytes are not
- * referred to after the call. A length of 2^31 or more is refused. */
+/* Decodes length received bytes into record, of which every byte is written, padding included.
+ * Returns record as an integer, or 0 when the arguments or the bytes are refused; then nothing that
+ * the unpacker allocated survives, and the record is not for use: it is untouched where the
+ * arguments or, of a record without pointers, the message's header are refused, and else clear but
+ * for fields that were read before. The bytes are not referred to after the call. A length of 2^31
+ * or more is refused. */
 typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
 
 /* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a
