@@ -25,7 +25,7 @@ typedef struct KorvaLogDescriptor {
 
 /* Writes one log line: level is always 2; code is 22 (bad argument or malformed buffer) or 12
  * (failed allocation); file is ""; line carries no meaning; function is the codec's name, of an
- * unpacker whose record owns memory with "_non_root" behind it once its arguments have been checked;
+ * unpacker whose record owns memory with "_non_root" behind it once the arguments are checked;
  * format and what follows are printf's. The result is ignored. */
 typedef int32_t (*KorvaLogFn)(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
                               const char* file, uint32_t line, const char* function,
