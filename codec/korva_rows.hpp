@@ -170,8 +170,8 @@ struct alignas(kVectorWidth) OptionalRow {
 };
 
 template <class Record, uint32_t Slot>
-inline constexpr std::array kOptionalRows{OptionalRow<Record>(Slot, false),
-                                          OptionalRow<Record>(Slot, true)};
+inline constexpr std::array<OptionalRow<Record>, 2> kOptionalRows{OptionalRow<Record>(Slot, false),
+                                                                  OptionalRow<Record>(Slot, true)};
 
 // Where one byte of every scalar lies in a window.
 template <class Record, uint32_t Index>

@@ -69,6 +69,7 @@ class Library:
         sections = list(self.elf.iter_sections())
         self.dynamic = next(s for s in sections if isinstance(s, DynamicSection))
         self.symbols = [s for s in self.elf.get_section_by_name(".dynsym").iter_symbols() if s.name]
+        self.all_symbols = list(self.elf.get_section_by_name(".symtab").iter_symbols())
         self.notes = [n for s in sections if isinstance(s, NoteSection) for n in s.iter_notes()]
         self.section_names = {s.name for s in sections}
 
@@ -128,6 +129,13 @@ class SharedLibrary:
             if segment["p_type"] == "PT_LOAD":
                 self.assertNotEqual(segment["p_flags"] & 3, 3, "writable and executable")
 
+    def test_constants_are_read_only(self):
+        relro = self.library.segment("PT_GNU_RELRO")
+        writable = {s.name for s in self.library.all_symbols
+                    if s["st_info"]["type"] == "STT_OBJECT" and s["st_shndx"] != "SHN_UNDEF"
+                    and s["st_value"] >= relro["p_vaddr"] + relro["p_memsz"]}
+        self.assertEqual(writable, {*self.data, *self.runtimes})
+
     def test_has_its_soname(self):
         self.assertEqual([t.soname for t in self.library.tags("DT_SONAME")], [self.soname])
 
@@ -142,6 +150,7 @@ class MainLibrary(SharedLibrary, unittest.TestCase):
     functions = FUNCTIONS
     data = DATA_SIZES
     host = HOST
+    runtimes = {"_ZN3kel13clientRuntimeE", "_ZN3kel13serverRuntimeE"}
 
 
 class PeerLibrary(SharedLibrary, unittest.TestCase):
@@ -149,10 +158,11 @@ class PeerLibrary(SharedLibrary, unittest.TestCase):
     functions = PEER_FUNCTIONS
     data = {}
     host = set()
+    runtimes = {"_ZN3kel11peerRuntimeE"}
 
 
 if __name__ == "__main__":
     build = pathlib.Path(sys.argv.pop(1))
-    for case in (MainLibrary, PeerLibrary):
-        case.library = Library(build / case.soname)
+    MainLibrary.library = Library(build / MainLibrary.soname)
+    PeerLibrary.library = Library(build / PeerLibrary.soname)
     unittest.main()
