@@ -1,8 +1,14 @@
 // Puts readers, thresholds and disk images together.
 #include "host/diagnostics.hpp"
 
+#include <fmt/format.h>
+
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <utility>
+
+#include "host/field_text.hpp"
 
 namespace kel::host {
 namespace {
@@ -41,8 +47,12 @@ Diagnostics::UseReport Diagnostics::reportUse(const std::string& mountPoint) {
   }
   const auto use = measureUse(root() / mountPoint.substr(1));
   if (!use) {
-    const bool forbidden = errno == EACCES;
-    return {forbidden ? ResultCode::rightMissing : ResultCode::failed, *mount, {}, 0};
+    const int error = errno;
+    if (error == EACCES) {
+      return {ResultCode::rightMissing, *mount, {}, 0};
+    }
+    fmt::print(stderr, "cannot measure {}: {}\n", shown(mountPoint), std::strerror(error));
+    return {ResultCode::failed, *mount, {}, 0};
   }
   const DiskThresholds::Verdict verdict = thresholds_.compare(mountPoint, use->usedPercent);
   if (verdict.newlyPassed && settings_.onOverload) {

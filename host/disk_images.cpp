@@ -98,7 +98,7 @@ LoopDevice attach(int image) {
     }
     error = errno;
   }
-  return {codeOf(error), {}, {}};
+  return {report("cannot attach", "a loop device", error), {}, {}};
 }
 
 }  // namespace
@@ -140,14 +140,14 @@ DiskImages::Opened DiskImages::open(const std::string& name) const {
   const FileDescriptor found(
       openat(directory_.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!found.isOpen()) {
-    return {codeOf(errno), {}};
+    return {report("cannot find the image", name, errno), {}};
   }
   if (!isFileOfItsOwn(found.get())) {
     return {ResultCode::outsideFolder, {}};
   }
   FileDescriptor file(::open(openPath(found.get()).c_str(), O_RDWR | O_CLOEXEC));
   if (!file.isOpen()) {
-    return {codeOf(errno), {}};
+    return {report("cannot open the image", name, errno), {}};
   }
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     return {ResultCode::inUse, {}};

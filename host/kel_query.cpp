@@ -1,10 +1,12 @@
-// kel_query: asks a host that serves KelSysdiagQarne everything, and shows it to a person; or tells
-// the story of an overload. Ends with 0 only if every call was answered.
+// kel_query: asks a host that serves KelSysdiagQarne everything, and shows it to a person; changes
+// what it is told to; or tells the story of an overload. Ends with 0 only if every call was
+// answered.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -24,7 +26,7 @@ struct Options {
   std::string target = kDefaultQarneTarget;
   std::string mountPoint = "/";
   std::string image;
-  uint32_t threshold = 80;
+  std::optional<uint32_t> threshold;
   uint32_t rows = 12;
   uint32_t deadlineMs = 0;
   CallSettings calls = {};
@@ -66,9 +68,6 @@ Reply<OperResult> setThreshold(const QarneClient& client, const std::string& mou
 void showDisks(const QarneClient& client, const Options& options) {
   heading(kBrdPartInfoQuery, "disks and partitions");
   fmt::print("{}", tell(*ask(client, kBrdPartInfoQuery, {}), options.rows));
-  heading(kSysOvLoadDiskThresholdSet,
-          fmt::format("{} % for {}", options.threshold, shown(options.mountPoint)));
-  fmt::print("{}", tell(*setThreshold(client, options.mountPoint, options.threshold)));
   heading(kGetSysDiskUseInfo, shown(options.mountPoint));
   fmt::print("{}",
              tell(*ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(options.mountPoint))));
@@ -97,8 +96,21 @@ void useImage(const QarneClient& client, const Options& options) {
   fmt::print("{}", tell(*ask(client, kMountDisk, named<MountDiskInput>(options.image))));
 }
 
+void changeThreshold(const QarneClient& client, const Options& options) {
+  if (!options.threshold) {
+    fmt::print("\n{} was not asked: name a threshold with --threshold\n",
+               kSysOvLoadDiskThresholdSet.name);
+    return;
+  }
+  heading(kSysOvLoadDiskThresholdSet,
+          fmt::format("{} % for {}", *options.threshold, shown(options.mountPoint)));
+  fmt::print("{}", tell(*setThreshold(client, options.mountPoint, *options.threshold)));
+}
+
+// Changes come first, so that the answers show them.
 void askEverything(const QarneClient& client, const Options& options) {
-  useImage(client, options);  // first, so that the disks show it
+  useImage(client, options);
+  changeThreshold(client, options);
   showDisks(client, options);
   showProcesses(client, options);
 }
@@ -159,8 +171,7 @@ int run(int argc, char** argv) {
   app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
   app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
       ->capture_default_str();
-  app.add_option("--threshold", options.threshold, "per cent, to be set there; 0 removes it")
-      ->capture_default_str();
+  app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it");
   app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted");
   addCallOptions(app, options.calls);
   const CLI::App* const overload =

@@ -3,16 +3,17 @@
  *
  * Each method has three functions. All are reentrant and may be called from any number of threads.
  *
- *   KelSysdiagMaster_<Method>SetIdl   fills ops, which the caller owns, with the method's codecs;
- * all six slots are written. ops must not be null. KelSysdiagMaster_<Method>         calls the
- * method and waits. The framework decodes the reply into output. invokeArg goes to the framework
- * unchanged. KelSysdiagMaster_<Method>_async   starts a call. The framework receives userArg1,
- * userArg2 and invokeArg unchanged and completes the call in its own way.
+ *   KelSysdiagMaster_<Method>SetIdl  fills ops, which the caller owns, with the method's codecs;
+ *                                    all six slots are written. ops must not be null.
+ *   KelSysdiagMaster_<Method>        calls the method and waits. The framework decodes the reply
+ *                                    into output. invokeArg goes to the framework unchanged.
+ *   KelSysdiagMaster_<Method>_async  starts a call. The framework receives userArg1, userArg2 and
+ *                                    invokeArg unchanged and completes the call in its own way.
  *
  * The stubs check nothing and return the framework's result as it comes, so the meaning of
  * invokeArg, userArg1, userArg2 and of the result is the framework's, as is who releases an output
- * record (the releaseFn that SetIdl hands out does it). Encoding and decoding failures are logged
- * through the host's QSV_OsalLogWrite, where it exists (osal.h). */
+ * record (the releaseFn that SetIdl hands out does it). What of encoding and decoding is logged,
+ * and how, says osal.h. */
 #ifndef KEL_SYS_DIAG_CLIENT_H
 #define KEL_SYS_DIAG_CLIENT_H
 

@@ -23,19 +23,23 @@ typedef struct KorvaLogDescriptor {
   uint32_t moduleId;
 } KorvaLogDescriptor;
 
-/* Writes one log line: level is always 2; code is 22 (bad argument or malformed buffer) or 12
- * (failed allocation); file is ""; line carries no meaning; function is the codec's name, of an
- * unpacker whose record owns memory with "_non_root" behind it once the arguments are checked;
- * format and what follows are printf's. The result is ignored. */
+/* Writes one log line. There is one when a codec refuses its arguments or a message's header, and
+ * when memory is not to be had; a field that does not fit its message is refused without one, and a
+ * size of 0 in the size pass as well: there the result alone tells. level is always 2; code is 22
+ * (bad argument or malformed buffer) or 12 (failed allocation); file is ""; line carries no
+ * meaning; function is the codec's name, of an unpacker whose record owns memory with "_non_root"
+ * behind it once the arguments are checked; format and what follows are printf's. The result is
+ * ignored. */
 typedef int32_t (*KorvaLogFn)(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
                               const char* file, uint32_t line, const char* function,
                               const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 /* Returns size bytes aligned for any type, or null. moduleNumber is always 12; caller is the name
- * of the codec that asks. */
+ * of the codec that asks, as log lines have it. */
 typedef void* (*KorvaAllocFn)(uint32_t size, uint32_t moduleNumber, const char* caller);
 
-/* Takes back a block of the KorvaAllocFn that pairs with it; must accept null. The result is
+/* Takes back a block of the KorvaAllocFn that pairs with it; must accept null. caller is the name
+ * of the release routine, also where an unpacker that fails gives back what it had. The result is
  * ignored. */
 typedef int32_t (*KorvaFreeFn)(void* block, uint32_t moduleNumber, const char* caller);
 

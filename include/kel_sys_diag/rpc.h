@@ -22,7 +22,8 @@ typedef struct PackTarget {
   const uint32_t* capacity; /* bytes at buffer; never null */
 } PackTarget;
 
-/* Decodes length received bytes into record, of which every byte is written, padding included.
+/* Decodes length received bytes, of the compact or the fixed layout or any other that the format
+ * allows, into record, of which every byte is written, padding included.
  * Returns record as an integer, or 0 when the arguments or the bytes are refused; then nothing that
  * the unpacker allocated survives, and the record is not for use: it is untouched where the
  * arguments or, of a record without pointers, the message's header are refused, and else clear but
@@ -39,8 +40,9 @@ typedef uint32_t (*IdlPackFn)(const PackTarget* target, const void* record);
 /* Gives back what the record owns and clears the pointers to it. Null is allowed. */
 typedef void (*IdlReleaseFn)(void* record);
 
-/* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes. Checks nothing;
- * always returns 0. Bytes that the layout does not use keep what the buffer held. */
+/* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes, which all are
+ * the message. Checks nothing; always returns 0. Bytes that the layout does not use keep what the
+ * buffer held: clear it first if it may hold what the receiver must not see. */
 typedef int32_t (*IdlFixedPackFn)(uint8_t* buffer, const void* record);
 
 /* Returns the constant size in bytes of a message's fixed layout. */
@@ -146,8 +148,9 @@ static_assert(sizeof(RpcServerAddr) == 104 && offsetof(RpcServerAddr, serviceNam
  * results to its own caller unchanged. */
 #pragma GCC visibility push(default)
 
-/* Returns a handle for calls to server; the library passes it on without looking at it, null
- * included. invokeArg is the value that the host gave to the call stub. */
+/* Returns a handle for the one call that follows, to server; the library passes it on without
+ * looking at it, null included, and keeps nothing: whether the call gives it back is the
+ * framework's business. invokeArg is the value that the host gave to the call stub. */
 void* RPC_GetRpcInvoke(RpcServerAddr* server, uintptr_t invokeArg);
 
 /* Encodes input with ops, performs the call and decodes the reply into output. method and ops live
@@ -161,10 +164,11 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
                              const IdlCodecOps* ops, const IdlAsyncInfo* info);
 
 /* Serves one request of a method: provides an input record of inputRecordSize bytes (0 for a
- * message without fields; the address handed to unpackFn must be non-null even so), decodes into
- * it, runs binding's implementation, encodes the output record and releases it, through ops.
- * binding ends with the call; ops stays where the framework put it. first and second are the
- * framework's own values. */
+ * message without fields; the address handed to unpackFn must be non-null even so) and an output
+ * record (service.h has the sizes), decodes into the one, runs binding's implementation, encodes
+ * the other and has it released, all through ops. An output record is released by userFreeFn, or by
+ * releaseFn if its entries came from the allocator of osal.h; never by both. binding ends with the
+ * call; ops stays where the framework put it. first and second are the framework's own values. */
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding);
 

@@ -6,20 +6,21 @@
  * tables are complete once the library is loaded; the library itself neither reads nor writes them.
  *
  * The work is the host's: for each of the eight methods the host process must define two functions,
- * <Method> and <Method>_free, with C linkage and default visibility. The library refers to them by
+ * <Method> and <Method>_free, with C linkage and default visibility (in a program that loads the
+ * library by dlopen, linked with -rdynamic). The library refers to them by
  * address only (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a
  * process that lacks one. Their signatures are agreed between host and framework and therefore not
  * declared here:
  *
- *   method                         input record (bytes)            output record
- *   KelBrdPartInfoQuery            BrdPartInfoInput (0)            BrdPartInfo
- *   FdProcInfoQuery                FdProcInfoInput (8)             FdProcInfoOutput
- *   KelSysOvLoadDiskThresholdSet   SysOvLoadDiskThreshold (56)     OperResult
- *   KelGetSysDiskUseInfo           SysDiskUseInput (50)            SysDiskUseInfoResult
- *   KelResetDiskMakeFS             ResetDiskCondition (50)         ResetDiskResult
- *   KelMountDisk                   MountDiskInput (50)             MountDiskResult
- *   KelQueryStorageEraseInfo       StorageEraseInfoInput (4)       StorageEraseInfo
- *   KelQueryStorageBadBlockInfo    StorageBadBlockInfoInput (32)   StorageBadBlockInfo
+ *   method                         input record (bytes)            output record (bytes)
+ *   KelBrdPartInfoQuery            BrdPartInfoInput (0)            BrdPartInfo (16)
+ *   FdProcInfoQuery                FdProcInfoInput (8)             FdProcInfoOutput (16)
+ *   KelSysOvLoadDiskThresholdSet   SysOvLoadDiskThreshold (56)     OperResult (4)
+ *   KelGetSysDiskUseInfo           SysDiskUseInput (50)            SysDiskUseInfoResult (168)
+ *   KelResetDiskMakeFS             ResetDiskCondition (50)         ResetDiskResult (4)
+ *   KelMountDisk                   MountDiskInput (50)             MountDiskResult (4)
+ *   KelQueryStorageEraseInfo       StorageEraseInfoInput (4)       StorageEraseInfo (16)
+ *   KelQueryStorageBadBlockInfo    StorageBadBlockInfoInput (32)   StorageBadBlockInfo (16)
  */
 #ifndef KEL_SYS_DIAG_SERVICE_H
 #define KEL_SYS_DIAG_SERVICE_H

@@ -92,7 +92,7 @@ TEST_F(Programs, ServeAndShowThisMachine) {
   addImage(folder / "images" / "disk.img");
   RunningProgram host = startServing({"--listen", qarne_, "--images", folder / "images"});
   expectEnd(
-      runQuery({"--image", "disk.img", "--rows", "3"}), 0,
+      runQuery({"--image", "disk.img", "--threshold", "80", "--rows", "3"}), 0,
       {"KelBrdPartInfoQuery: ", "FdProcInfoQuery: ", "KelSysOvLoadDiskThresholdSet: ",
        "KelGetSysDiskUseInfo: ", "KelResetDiskMakeFS: ", "KelMountDisk: ",
        "KelQueryStorageEraseInfo: ", "KelQueryStorageBadBlockInfo: ", " the threshold of 80 %"});
@@ -140,7 +140,8 @@ TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
     EXPECT_EQ(outcome(client.call(kMountDisk, {}).result()), outcome(changing));
     EXPECT_EQ(outcome(client.call(kBrdPartInfoQuery, {}).result()), outcome(kOk));
     EXPECT_EQ(outcome(client.call(kGetSysDiskUseInfo, {}).result()), outcome(kOk));
-    const End query = runQuery(optionsOf(files));
+    expectEnd(runQuery(optionsOf(files)), 0);
+    const End query = runQuery(optionsOf(files) + Arguments{"--threshold", "80"});
     expectEnd(query, mayChange ? 0 : 1);
     EXPECT_NE(query.says("does not let this caller call"), mayChange);
     expectEnd(runHost(optionsOf(files)), 0);
