@@ -2,6 +2,7 @@
 #include "host/child_process.hpp"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,6 +12,8 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace kel::host {
 namespace {
@@ -60,6 +63,7 @@ bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
   // Not by the C library's function, whose header cannot be used from C++ everywhere.
   const int watch = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
   if (watch < 0) {
+    fmt::print(stderr, "cannot watch a program: {}\n", std::strerror(errno));
     return false;
   }
   const auto end = std::chrono::steady_clock::now() + limit;
@@ -87,11 +91,14 @@ bool runProgram(std::vector<std::string> arguments, int descriptor,
   std::string locale = "LC_ALL=C";
   std::array<char*, 3> environment = {path.data(), locale.data(), nullptr};
   pid_t child = 0;
-  if (posix_spawn(&child, pointers[0], FileActions(descriptor).get(), Attributes().get(),
-                  pointers.data(), environment.data()) != 0) {
+  if (const int error = posix_spawn(&child, pointers[0], FileActions(descriptor).get(),
+                                    Attributes().get(), pointers.data(), environment.data());
+      error != 0) {
+    fmt::print(stderr, "cannot start {}: {}\n", arguments[0], std::strerror(error));
     return false;
   }
   if (!endsWithin(child, limit)) {
+    fmt::print(stderr, "{} did not end in its time and is killed\n", arguments[0]);
     kill(-child, SIGKILL);
   }
   int status = 0;

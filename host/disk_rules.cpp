@@ -18,10 +18,19 @@ namespace {
 constexpr uint32_t kWhole = 100;
 constexpr size_t kLongestName = sizeof(OvLoadDiskCtlOutput::bytes32a);
 
+uint32_t percent(const nlohmann::json& rule, const char* member) {
+  const nlohmann::json& value = rule.at(member);
+  if (!value.is_number_unsigned() || value.get<uint64_t>() > kWhole) {
+    throw std::runtime_error(
+        fmt::format("{} is {}, and no whole number from 0 to 100", member, value.dump()));
+  }
+  return value.get<uint32_t>();
+}
+
 DiskRule ruleFrom(const nlohmann::json& json) {
   DiskRule rule{json.at("name").get<std::string>(), json.at("mountPoint").get<std::string>(),
-                json.at("device").get<std::string>(), json.at("warningPercent").get<uint32_t>(),
-                json.at("criticalPercent").get<uint32_t>()};
+                json.at("device").get<std::string>(), percent(json, "warningPercent"),
+                percent(json, "criticalPercent")};
   constexpr size_t kMembers = 5;
   if (json.size() != kMembers) {
     throw std::runtime_error(fmt::format("rule \"{}\" has a member that no rule has", rule.name));
@@ -30,9 +39,9 @@ DiskRule ruleFrom(const nlohmann::json& json) {
     throw std::runtime_error(
         fmt::format("the name \"{}\" does not have 1 to {} bytes", rule.name, kLongestName));
   }
-  if (rule.warningPercent > rule.criticalPercent || rule.criticalPercent > kWhole) {
+  if (rule.warningPercent > rule.criticalPercent) {
     throw std::runtime_error(
-        fmt::format("rule \"{}\" needs warningPercent <= criticalPercent <= 100", rule.name));
+        fmt::format("rule \"{}\" needs warningPercent <= criticalPercent", rule.name));
   }
   return rule;
 }
@@ -59,7 +68,11 @@ DiskRules DiskRules::fromJson(const std::string& text) {
   DiskRules result;
   try {
     const nlohmann::json json = nlohmann::json::parse(text);
-    for (const nlohmann::json& rule : json.at("rules")) {
+    const nlohmann::json& rules = json.at("rules");
+    if (!rules.is_array() || json.size() != 1) {
+      throw std::runtime_error("there is more than \"rules\", or it is no list");
+    }
+    for (const nlohmann::json& rule : rules) {
       result.rules_.push_back(ruleFrom(rule));
     }
   } catch (const nlohmann::json::exception& error) {

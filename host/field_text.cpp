@@ -11,13 +11,18 @@ bool continuesCharacter(char byte) { return (static_cast<uint8_t>(byte) & 0xC0U)
 
 }  // namespace
 
-void putText(std::span<uint8_t> field, std::string_view text) {
-  size_t length = std::min(text.size(), field.size());
+std::string_view startOf(std::string_view text, size_t bytes) {
+  size_t length = std::min(text.size(), bytes);
   while (length != 0 && length < text.size() && continuesCharacter(text[length])) {
     --length;
   }
+  return text.substr(0, length);
+}
+
+void putText(std::span<uint8_t> field, std::string_view text) {
+  const std::string_view start = startOf(text, field.size());
   std::ranges::fill(field, uint8_t{0});
-  std::memcpy(field.data(), text.data(), length);
+  std::memcpy(field.data(), start.data(), start.size());
 }
 
 std::string rawTextOf(std::span<const uint8_t> field) {
@@ -29,9 +34,17 @@ std::string textOf(std::span<const uint8_t> field) { return shown(rawTextOf(fiel
 
 std::string shown(std::string_view text) {
   constexpr char kDelete = 0x7F;
+  constexpr char kFirstOfTwo = '\xC2';  // U+0080 to U+009F follow it
   std::string result(text);
-  std::ranges::replace_if(
-      result, [](char byte) { return (byte >= 0 && byte < ' ') || byte == kDelete; }, '?');
+  for (size_t i = 0; i < result.size(); ++i) {
+    const char byte = result[i];
+    if ((byte >= 0 && byte < ' ') || byte == kDelete) {
+      result[i] = '?';
+    } else if (byte == kFirstOfTwo && i + 1 < result.size() &&
+               static_cast<uint8_t>(result[i + 1]) < 0xA0) {
+      result.replace(i, 2, "?");
+    }
+  }
   return result;
 }
 

@@ -271,6 +271,7 @@ int run(int argc, char** argv) {
     serving.library = options.library;
     serving.master = options.target;
     serving.compact = options.compact;
+    serving.deadlineMs = options.deadlineMs;
     serving.calls = options.calls;
     serveDiagnostics(serving);
   } else {

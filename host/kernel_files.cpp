@@ -2,6 +2,7 @@
 #include "host/kernel_files.hpp"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -15,7 +16,14 @@ std::optional<std::string> readText(const std::filesystem::path& path) {
   if (!file) {
     return std::nullopt;
   }
-  std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  // By blocks, which set the stream's state: an iterator throws when reading fails, as it does for
+  // the files of a process that has ended meanwhile.
+  std::string text;
+  std::array<char, 4096> block{};
+  while (file) {
+    file.read(block.data(), block.size());
+    text.append(block.data(), static_cast<size_t>(file.gcount()));
+  }
   if (file.bad()) {
     return std::nullopt;
   }

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -190,6 +191,11 @@ void Listener::listenOnTcp(const std::string& address) {
     fail(target_, "it is neither unix:PATH nor ADDRESS:PORT");
   }
   const std::string port = host.substr(colon + 1);
+  uint16_t number = 0;
+  const auto parsed = std::from_chars(port.data(), port.data() + port.size(), number);
+  if (parsed.ec != std::errc() || parsed.ptr != port.data() + port.size()) {
+    fail(target_, fmt::format("\"{}\" is no port", port));
+  }
   host.resize(colon);
   if (host.starts_with('[') && host.ends_with(']')) {
     host = host.substr(1, host.size() - 2);
@@ -197,9 +203,13 @@ void Listener::listenOnTcp(const std::string& address) {
   const auto resolved = resolve(host, port, target_);
   socket_ = openSocket(resolved->ai_family, target_);
   const int on = 1;
+  // A peer that reads nothing keeps what is to be written, and a connection does not close before
+  // that has gone or failed.
+  const unsigned unreadMs = 40'000;
   if (setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
       // Inherited by the connections.
       setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) != 0 ||
+      setsockopt(socket_.get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &unreadMs, sizeof(unreadMs)) != 0 ||
       bind(socket_.get(), resolved->ai_addr, resolved->ai_addrlen) != 0 ||
       listen(socket_.get(), SOMAXCONN) != 0) {
     failWithErrno(target_);

@@ -97,9 +97,9 @@ Answer MasterService::answerThresholds(std::span<const uint8_t> bytes) {
   return packed(reply, Kel_sys_diag_OvLoadDiskCtlOutput_pack);
 }
 
-std::string MasterService::keep(const std::string& method, std::string words) {
+std::string MasterService::keep(const std::string& method, const std::string& words) {
   const std::scoped_lock lock(mutex_);
-  alarms_.push_back({++sequence_, method, std::move(words)});
+  alarms_.push_back({++sequence_, method, std::string(startOf(words, kLongestWords))});
   if (alarms_.size() > kKeptAlarms) {
     alarms_.pop_front();
   }

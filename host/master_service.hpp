@@ -23,8 +23,10 @@ struct KeptAlarm {
 
 class MasterService {
  public:
-  // The newest alarms are kept, this many.
+  // The newest alarms are kept, this many, each with so many bytes of words at most: a caller could
+  // fill the memory otherwise, and the reply to a long text would be too long to be sent.
   static constexpr size_t kKeptAlarms = 1000;
+  static constexpr size_t kLongestWords = 4096;
 
   // Sees every alarm in its order, one at a time.
   using Observer = std::function<void(const KeptAlarm&)>;
@@ -41,7 +43,7 @@ class MasterService {
   Answer takeAlarm(const std::string& method, std::span<const uint8_t> bytes, Unpack unpack,
                    Release release);
   Answer answerThresholds(std::span<const uint8_t> bytes);
-  std::string keep(const std::string& method, std::string words);
+  std::string keep(const std::string& method, const std::string& words);
 
   const DiskRules rules_;
   const Observer observer_;

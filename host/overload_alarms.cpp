@@ -31,8 +31,8 @@ OverloadDiskAlarmInput alarmOf(const Overload& overload) {
 
 }  // namespace
 
-OverloadAlarms::OverloadAlarms(const ClientLibrary& library, Narrator narrator)
-    : library_(library), narrator_(std::move(narrator)) {}
+OverloadAlarms::OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator)
+    : library_(library), deadlineMs_(deadlineMs), narrator_(std::move(narrator)) {}
 
 void OverloadAlarms::raise(const Overload& overload) {
   narrator_(fmt::format("{} is {} % full and has reached its threshold of {} %",
@@ -47,7 +47,7 @@ void OverloadAlarms::send(const Overload& overload) const {
   method.setIdl(&ops);
   const OverloadDiskAlarmInput alarm = alarmOf(overload);
   AlarmOutput answer{};
-  const int32_t result = method.call(&alarm, &answer, 0);
+  const int32_t result = method.call(&alarm, &answer, deadlineMs_);
   if (result != kOk) {
     narrator_(fmt::format("{} could not be raised: {}", method.name, describe(result)));
     return;

@@ -1,6 +1,7 @@
 // Tells the master of file systems whose use has reached its threshold. For the serving kel_host.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -16,7 +17,7 @@ class OverloadAlarms {
   using Narrator = std::function<void(const std::string& line)>;
 
   // The library's server address has to be filled in.
-  OverloadAlarms(const ClientLibrary& library, Narrator narrator);
+  OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator);
 
   // Raises KelSendMobileDiskOverloadAlarm; does not wait for the answer, but the destructor does.
   void raise(const Overload& overload);
@@ -25,6 +26,7 @@ class OverloadAlarms {
   void send(const Overload& overload) const;
 
   const ClientLibrary& library_;
+  const uint32_t deadlineMs_;
   const Narrator narrator_;
   WorkerPool sender_{1};  // one at a time, in their order
 };

@@ -55,7 +55,7 @@ void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
   const ServedService service(loadModule(options.library, kService), kService,
                               options.compact ? ServedService::ReplyForm::compact
                                               : ServedService::ReplyForm::fixedWherePossible);
-  OverloadAlarms alarms(library, print);
+  OverloadAlarms alarms(library, options.deadlineMs, print);
   Diagnostics diagnostics(
       {.imageFolder = options.imageFolder,
        .onOverload = [&](const Overload& overload) { alarms.raise(overload); }});

@@ -1,6 +1,7 @@
 // kel_host's serving mode.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ struct ServeOptions {
   std::string master;       // gRPC target of KelSysdiagMaster, told of overloads
   std::string imageFolder;  // of the disk images that may be formatted and mounted; empty: none
   bool compact = false;
+  uint32_t deadlineMs = 0;  // of a call to the master; 0: the framework's
   // Of the calls to the master. Callers of this host are met with the same protection, and with the
   // same limit to a message.
   CallSettings calls = {};

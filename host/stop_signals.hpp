@@ -6,7 +6,7 @@
 namespace kel::host {
 
 // Blocks the signals for this thread and those that it starts from now on, so that only wait sees
-// them.
+// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored.
 class StopSignals {
  public:
   StopSignals() {
@@ -14,6 +14,7 @@ class StopSignals {
     sigaddset(&signals_, SIGTERM);
     sigaddset(&signals_, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    signal(SIGPIPE, SIG_IGN);
   }
 
   void wait() const {

@@ -40,8 +40,8 @@ TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
 }
 
 TEST(FieldText, CannotSteerATerminal) {
-  const std::array<uint8_t, 8> field = {0x1B, '[', '2', 'J', '\n', 0x7F, 0xC3, 0xA4};
-  EXPECT_EQ(textOf(field), "?[2J??\xC3\xA4");
+  const std::array<uint8_t, 10> field = {0x1B, '[', '2', 'J', '\n', 0x7F, 0xC3, 0x9B, 0xC2, 0x9B};
+  EXPECT_EQ(textOf(field), "?[2J??\xC3\x9B?");
 }
 
 TEST(MachineState, ParsesTheKernelsTexts) {

@@ -91,6 +91,19 @@ TEST_F(Master, UnderstandsBothFormsAlikeAndKeepsWhatItUnderstood) {
             "0000-00-00 00:00:00.000000");
 }
 
+// What is kept and repeated of a long text is short, so that its caller learns of it, and nobody
+// fills the memory.
+TEST_F(Master, CutsWhatItRepeats) {
+  const RpcServer server(target, std::bind_front(&MasterService::handle, &service_));
+  const std::string text(kDefaultMessageBytes - 100, 'x');
+  AlarmInput alarm = sampleAlarm();
+  alarm.text = text.c_str();
+  std::string reply;
+  EXPECT_EQ(outcome(sendAlarm(alarm, reply)), outcome(kOk));
+  EXPECT_NE(reply.find(", notice: xxxx"), std::string::npos) << reply.substr(0, 200);
+  EXPECT_EQ(service_.keptAlarms().at(0).words.size(), MasterService::kLongestWords);
+}
+
 TEST_F(Master, AnswersThresholdsByTheFirstRuleThatMatches) {
   const RpcServer server(target, std::bind_front(&MasterService::handle, &service_));
   struct Case {
@@ -167,10 +180,15 @@ TEST(DiskRules, NameTheFaultOfABadConfiguration) {
       {"{}", "'rules' not found"},
       {R"({"rules": [{}]})", "'name' not found"},
       {R"({"rules": [7]})", "cannot use at()"},
-      {start + R"("warningPercent": "80", "criticalPercent": 90}]})", "type must be number"},
+      {start + R"("warningPercent": "80", "criticalPercent": 90}]})",
+       "\"80\", and no whole number"},
       {start + R"("warningPercent": 91, "criticalPercent": 90}]})", "warningPercent <="},
-      {start + R"("warningPercent": 9, "criticalPercent": 101}]})", "<= 100"},
-      {start + R"("warningPercent": 9, "criticalPercent": -1}]})", "<= 100"},
+      {start + R"("warningPercent": 9, "criticalPercent": 101}]})", "criticalPercent is 101"},
+      {start + R"("warningPercent": 9, "criticalPercent": -1}]})", "from 0 to 100"},
+      {start + R"("warningPercent": 9, "criticalPercent": 80.9}]})", "80.9"},
+      {start + R"("warningPercent": 9, "criticalPercent": 4294967376}]})", "4294967376"},
+      {R"({"rules": null})", "no list"},
+      {R"({"rules": [], "rule": []})", "more than"},
       {start + R"("warningPercent": 9, "criticalPercent": 90, "extra": 1}]})", "no rule has"},
       {R"({"rules": [{"name": ")" + longName +
            R"(", "mountPoint": "*", "device": "*", "warningPercent": 1, "criticalPercent": 2}]})",
