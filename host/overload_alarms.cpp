@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 #include <sys/time.h>
 
+#include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -16,6 +18,7 @@ namespace kel::host {
 namespace {
 
 constexpr uint64_t kMiB = 1024UL * 1024UL;
+constexpr std::chrono::seconds kPause(2);  // until a master may be there again
 
 // The alarm of a disk with only a warning threshold.
 OverloadDiskAlarmInput alarmOf(const Overload& overload) {
@@ -32,28 +35,62 @@ OverloadDiskAlarmInput alarmOf(const Overload& overload) {
 }  // namespace
 
 OverloadAlarms::OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator)
-    : library_(library), deadlineMs_(deadlineMs), narrator_(std::move(narrator)) {}
+    : library_(library),
+      deadlineMs_(deadlineMs),
+      narrator_(std::move(narrator)),
+      sender_([this](const std::stop_token& ending) { run(ending); }) {}
 
 void OverloadAlarms::raise(const Overload& overload) {
   narrator_(fmt::format("{} is {} % full and has reached its threshold of {} %",
                         shown(overload.mount.mountPoint), overload.use.usedPercent,
                         overload.threshold));
-  sender_.give([this, overload] { send(overload); });
+  Alarm alarm = {overload.mount.mountPoint, alarmOf(overload), false};
+  {
+    const std::scoped_lock lock(mutex_);
+    std::erase_if(waiting_,
+                  [&](const Alarm& earlier) { return earlier.mountPoint == alarm.mountPoint; });
+    waiting_.push_back(std::move(alarm));
+  }
+  changed_.notify_one();
 }
 
-void OverloadAlarms::send(const Overload& overload) const {
+void OverloadAlarms::run(const std::stop_token& ending) {
+  std::unique_lock lock(mutex_);
+  while (changed_.wait(lock, ending, [this] { return !waiting_.empty(); })) {
+    Alarm alarm = std::move(waiting_.front());
+    waiting_.pop_front();
+    lock.unlock();
+    const bool hasLeft = send(alarm);
+    lock.lock();
+    if (!hasLeft && !ending.stop_requested()) {
+      putBack(std::move(alarm));
+      changed_.wait_for(lock, ending, kPause, [] { return false; });
+    }
+  }
+}
+
+void OverloadAlarms::putBack(Alarm alarm) {
+  if (std::ranges::find(waiting_, alarm.mountPoint, &Alarm::mountPoint) == waiting_.end()) {
+    alarm.isLate = true;
+    waiting_.push_front(std::move(alarm));
+  }
+}
+
+bool OverloadAlarms::send(const Alarm& alarm) const {
   const auto& method = library_.sendDiskOverloadAlarm;
   IdlCodecOps ops{};
   method.setIdl(&ops);
-  const OverloadDiskAlarmInput alarm = alarmOf(overload);
   AlarmOutput answer{};
-  const int32_t result = method.call(&alarm, &answer, deadlineMs_);
-  if (result != kOk) {
-    narrator_(fmt::format("{} could not be raised: {}", method.name, describe(result)));
-    return;
+  const int32_t result = method.call(&alarm.content, &answer, deadlineMs_);
+  const bool hasLeft = result != kUnreachable;
+  if (result == kOk) {
+    narrator_(fmt::format("{} was answered by the master: {}", method.name, tell(answer)));
+    ops.releaseFn(&answer);
+  } else if (hasLeft || !alarm.isLate) {
+    narrator_(fmt::format("{} could not be raised{}: {}", method.name, hasLeft ? "" : " yet",
+                          describe(result)));
   }
-  narrator_(fmt::format("{} was answered by the master: {}", method.name, tell(answer)));
-  ops.releaseFn(&answer);
+  return hasLeft;
 }
 
 }  // namespace kel::host

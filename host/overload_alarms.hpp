@@ -1,13 +1,16 @@
 // Tells the master of file systems whose use has reached its threshold. For the serving kel_host.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "host/client_library.hpp"
 #include "host/diagnostics.hpp"
-#include "host/worker_pool.hpp"
 
 namespace kel::host {
 
@@ -19,16 +22,32 @@ class OverloadAlarms {
   // The library's server address has to be filled in.
   OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator);
 
-  // Raises KelSendMobileDiskOverloadAlarm; does not wait for the answer, but the destructor does.
+  // Raises KelSendMobileDiskOverloadAlarm, one alarm at a time, in their order; does not wait for
+  // the answer. An alarm that has not left, since the master cannot be reached, is tried again
+  // until it has, or there is a later one of the same file system. The destructor tries what is
+  // left once.
   void raise(const Overload& overload);
 
  private:
-  void send(const Overload& overload) const;
+  struct Alarm {
+    std::string mountPoint;
+    OverloadDiskAlarmInput content;
+    bool isLate;
+  };
+
+  void run(const std::stop_token& ending);
+  // Says whether it has left.
+  [[nodiscard]] bool send(const Alarm& alarm) const;
+  // With the lock held.
+  void putBack(Alarm alarm);
 
   const ClientLibrary& library_;
   const uint32_t deadlineMs_;
   const Narrator narrator_;
-  WorkerPool sender_{1};  // one at a time, in their order
+  std::mutex mutex_;
+  std::condition_variable_any changed_;
+  std::deque<Alarm> waiting_;
+  std::jthread sender_;  // ends before what it uses
 };
 
 }  // namespace kel::host

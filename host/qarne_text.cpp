@@ -3,7 +3,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 #include <limits>
 #include <span>
 #include <string_view>
@@ -59,11 +61,18 @@ auto entriesOf(const Reply& reply) {
 template <class Reply, class ToRow>
 std::string listText(const Reply& reply, const std::vector<Column>& columns, size_t limit,
                      std::string_view ifEmpty, const ToRow& toRow) {
-  std::vector<Row> rows;
-  for (const auto& entry : entriesOf(reply)) {
-    rows.push_back(toRow(entry));
+  const auto entries = entriesOf(reply);
+  if (entries.empty()) {
+    return fmt::format("  {}\n", ifEmpty);
   }
-  return rows.empty() ? fmt::format("  {}\n", ifEmpty) : tableText(columns, rows, limit);
+  const auto shownEntries = entries.first(std::min(entries.size(), limit));
+  std::vector<Row> rows;
+  std::ranges::transform(shownEntries, std::back_inserter(rows), toRow);
+  std::string text = tableText(columns, rows);
+  if (rows.size() < entries.size()) {
+    text += fmt::format("  and {} more\n", entries.size() - rows.size());
+  }
+  return text;
 }
 
 }  // namespace

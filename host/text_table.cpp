@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <span>
 
 namespace kel::host {
 namespace {
@@ -22,25 +21,20 @@ std::string lineOf(const std::vector<Column>& columns, const std::vector<size_t>
 
 }  // namespace
 
-std::string tableText(const std::vector<Column>& columns, const std::vector<Row>& rows,
-                      size_t limit) {
-  const std::span<const Row> shownRows(rows.data(), std::min(rows.size(), limit));
+std::string tableText(const std::vector<Column>& columns, const std::vector<Row>& rows) {
   Row headings;
   std::vector<size_t> widths;
   for (size_t i = 0; i < columns.size(); ++i) {
     headings.push_back(columns[i].heading);
     size_t width = columns[i].heading.size();
-    for (const Row& row : shownRows) {
+    for (const Row& row : rows) {
       width = std::max(width, row.at(i).size());
     }
     widths.push_back(width);
   }
   std::string text = lineOf(columns, widths, headings);
-  for (const Row& row : shownRows) {
+  for (const Row& row : rows) {
     text += lineOf(columns, widths, row);
-  }
-  if (rows.size() > shownRows.size()) {
-    text += fmt::format("  and {} more\n", rows.size() - shownRows.size());
   }
   return text;
 }

@@ -13,8 +13,7 @@ struct Column {
 
 using Row = std::vector<std::string>;  // a text for each column
 
-// Lines that end with a newline each; rows beyond the limit are only counted.
-std::string tableText(const std::vector<Column>& columns, const std::vector<Row>& rows,
-                      size_t limit);
+// Lines that end with a newline each.
+std::string tableText(const std::vector<Column>& columns, const std::vector<Row>& rows);
 
 }  // namespace kel::host
