@@ -146,7 +146,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     --places_;
   }
 
-  // Says whether there is room for a reply of so many bytes.
+  // Says whether there is room for so many bytes of a reply and its call.
   bool keepUnread(size_t bytes) {
     const std::scoped_lock lock(mutex_);
     if (unreadBytes_ + bytes > mostUnread()) {
@@ -156,9 +156,9 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     return true;
   }
 
-  // As much as the requests of all places.
+  // As much as the largest replies of all places.
   [[nodiscard]] uint64_t mostUnread() const {
-    return uint64_t{options_.limits.calls} * options_.limits.messageBytes;
+    return options_.limits.calls * (kCallBytes + options_.limits.messageBytes);
   }
 
   void leave(size_t unreadBytes) {
@@ -170,6 +170,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   }
 
   static constexpr size_t kWorkers = 15;
+  // What a call costs beside its message, here and within gRPC: 18 KiB were seen.
+  static constexpr size_t kCallBytes = 20U << 10U;
   // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
   // There are two such threads at least, so one is left to refuse calls however long that handler
   // takes.
@@ -182,7 +184,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   std::condition_variable idle_;
   uint32_t calls_ = 0;
   uint32_t places_ = 0;       // of calls that the handler has not returned from
-  uint64_t unreadBytes_ = 0;  // of replies whose callers may not have read them
+  uint64_t unreadBytes_ = 0;  // of replies that may not have been read, and their calls
   TimeLimit timeLimit_;
   WorkerPool workers_{kWorkers};
   std::unique_ptr<Listener> listener_;
@@ -312,14 +314,15 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
   }
 
   void send(const std::vector<uint8_t>& reply) {
-    if (!server_.keepUnread(reply.size())) {
+    const size_t bytes = kCallBytes + reply.size();
+    if (!server_.keepUnread(bytes)) {
       end({grpc::StatusCode::RESOURCE_EXHAUSTED,
            fmt::format("callers have yet to read the replies that they have, of which this server "
                        "keeps {} bytes at most",
                        server_.mostUnread())});
       return;
     }
-    unreadBytes_ = reply.size();
+    unreadBytes_ = bytes;
     if (!ended_.exchange(true)) {
       const grpc::Slice slice(reply.data(), reply.size());
       reply_ = grpc::ByteBuffer(&slice, 1);
