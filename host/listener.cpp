@@ -145,6 +145,12 @@ bool isOfTheReserve(int descriptor) {
   return static_cast<rlim_t>(descriptor) >= limit.rlim_cur - reserved;
 }
 
+// No two have the same number; 0 if it is no socket.
+unsigned long socketBehind(int descriptor) {
+  struct stat status {};
+  return fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
+}
+
 }  // namespace
 
 Listener::Listener(const std::string& target)
@@ -237,7 +243,7 @@ void Listener::stop() {
   socket_ = FileDescriptor();
 }
 
-void Listener::run(const std::function<void(int)>& take) const {
+void Listener::run(const std::function<void(int)>& take) {
   constexpr int kForever = -1;
   constexpr int kPauseMs = 50;  // until descriptors or memory may have come free
   std::array<pollfd, 2> awaited = {{{wakeUp_.get(), POLLIN, 0}, {socket_.get(), POLLIN, 0}}};
@@ -252,15 +258,25 @@ void Listener::run(const std::function<void(int)>& take) const {
   }
 }
 
-bool Listener::acceptOne(const std::function<void(int)>& take) const {
+bool Listener::acceptOne(const std::function<void(int)>& take) {
   FileDescriptor connection(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!connection.isOpen()) {
     return errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM;
   }
   if (!isOfTheReserve(connection.get())) {
+    taken_[connection.get()] = socketBehind(connection.get());
     take(connection.release());
   }
   return true;
+}
+
+// Their descriptors may long have been closed, and stand for something else.
+void Listener::cutConnections() const {
+  for (const auto& [descriptor, socket] : taken_) {
+    if (socketBehind(descriptor) == socket) {
+      shutdown(descriptor, SHUT_RDWR);
+    }
+  }
 }
 
 }  // namespace kel::host

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -30,12 +31,15 @@ class Listener {
   // Takes in no more, and removes the Unix socket if it is still this one.
   void stop();
 
+  // After stop: ends the connections that are left, whatever they have still to carry.
+  void cutConnections() const;
+
  private:
   void listenOnUnixSocket(const std::string& path);
   void listenOnTcp(const std::string& address);
-  void run(const std::function<void(int)>& take) const;
+  void run(const std::function<void(int)>& take);
   // Returns whether there are descriptors left.
-  [[nodiscard]] bool acceptOne(const std::function<void(int)>& take) const;
+  [[nodiscard]] bool acceptOne(const std::function<void(int)>& take);
 
   std::string target_;
   std::string path_;  // of the Unix socket
@@ -43,6 +47,7 @@ class Listener {
   unsigned long inode_ = 0;
   FileDescriptor socket_;
   FileDescriptor wakeUp_;
+  std::map<int, unsigned long> taken_;  // which socket was last given out as a descriptor
   std::thread thread_;
 };
 

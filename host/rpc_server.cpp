@@ -9,8 +9,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <exception>
+#include <future>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "host/hand_over.hpp"
@@ -122,7 +124,16 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
 
   void stop(std::chrono::milliseconds grace) {
     listener_->stop();
+    // gRPC closes no connection before all that it has begun to say there is said.
+    std::promise<void> over;
+    std::thread cutting([&] {
+      if (over.get_future().wait_for(grace + kLastWords) == std::future_status::timeout) {
+        listener_->cutConnections();
+      }
+    });
     server_->Shutdown(after(grace));
+    over.set_value();
+    cutting.join();
     std::unique_lock lock(mutex_);
     idle_.wait(lock, [this] { return calls_ == 0; });
   }
@@ -169,6 +180,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     }
   }
 
+  // For callers to take what calls that are cancelled end with.
+  static constexpr std::chrono::seconds kLastWords{1};
   static constexpr size_t kWorkers = 15;
   // What a call costs beside its message, here and within gRPC: 18 KiB were seen.
   static constexpr size_t kCallBytes = 20U << 10U;

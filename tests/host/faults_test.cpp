@@ -377,6 +377,28 @@ TEST_F(Faults, CallersThatConnectAndSayNothing) {
   });
 }
 
+// One that keeps asking until the server has more to say than its connection takes.
+TEST_F(Faults, ShutdownWithACallerThatReadsNothing) {
+  const std::string greeting = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";
+  std::string settings;  // each is to be acknowledged
+  for (int i = 0; i < 1000; ++i) {
+    settings.append({0, 0, 0, 4, 0, 0, 0, 0, 0});
+  }
+  RpcServer server(target, answerOk);
+  const FileDescriptor silent = connectTo(folder / "socket");
+  const timeval patience{0, 300'000};
+  setsockopt(silent.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  EXPECT_GT(send(silent.get(), greeting.data(), greeting.size(), 0), 0);
+  while (send(silent.get(), settings.data(), settings.size(), 0) ==
+         static_cast<ssize_t>(settings.size())) {
+  }
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(call(), outcome(kOk));
+  const Clock::time_point began = Clock::now();
+  server.stop(std::chrono::milliseconds(100));
+  EXPECT_LT(Clock::now() - began, kSoon);
+}
+
 TEST_F(Faults, SeveralServersOnOneSocket) {
   expectNothingLeft([&] {
     startMaster(target)->signal(SIGKILL);  // leaves its socket
