@@ -1,6 +1,7 @@
 // Reads /proc/<pid>.
 #include "host/processes.hpp"
 
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -51,11 +52,12 @@ uint32_t& kindOf(const path& link, DescriptorKinds& kinds) {
   if (target.starts_with("anon_inode:")) {
     return kinds.anonymous;
   }
-  struct stat state {};
-  if (error || stat(link.c_str(), &state) != 0) {
+  // As far as it is known here: a file system that no longer answers is not waited for.
+  struct statx state {};
+  if (error || statx(AT_FDCWD, link.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &state) != 0) {
     return kinds.others;
   }
-  switch (state.st_mode & S_IFMT) {
+  switch (state.stx_mode & S_IFMT) {
     case S_IFREG:
     case S_IFDIR:
       return kinds.files;
