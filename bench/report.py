@@ -119,7 +119,7 @@ def bounds_table(codecs, verdicts):
         for row, shape in zip(measured, SHAPES):
             times, rival = fastest_rival(row)
             cells.append(verdicts.mark(f"{what}, {shape}, against {rival}",
-                                       f"{times:.1f} × {rival} (≥ {faster})", times >= faster))
+                                       f"{times:.2f} × {rival} (≥ {faster})", times >= faster))
         rows.append(cells)
     return table(["operation", "limit", "all set: ratio", "random: ratio",
                   "all set: fastest rival takes", "random: fastest rival takes"], rows)
