@@ -166,8 +166,11 @@ class Faults : public HostFixture {
   // and the server if it is the same one all the time.
   static void expectNothingLeft(const std::function<void()>& fault,
                                 const RunningProgram* server = nullptr) {
-    // gRPC and the allocator keep caches, and a server gives back whole pages only.
-    constexpr Use kTolerance = {0, 256U << 10U, 0, kSanitized ? SIZE_MAX / 2 : 4096U << 10U};
+    // gRPC and the allocator keep caches, and a server gives back whole pages only. Slowed down by
+    // ThreadSanitizer, gRPC now and then forgets the socket of a connection that broke: one in some
+    // ten thousand.
+    constexpr Use kTolerance = {kSanitized ? 1 : 0, 256U << 10U, 0,
+                                kSanitized ? SIZE_MAX / 2 : 4096U << 10U};
     fault();
     waitForCompletions();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
