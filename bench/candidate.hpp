@@ -47,6 +47,10 @@ struct Candidate {
 // another name. Measured once is enough.
 bool isTwin(const Message& message);
 
+// What our encoding takes before it does anything: the two calls that a framework makes, to a
+// routine that does nothing.
+uint32_t callTwice(const Message& message, const Item& item, uint8_t* out);
+
 Candidate ours(const Message& message);
 Candidate oursInFixedLayout(const Message& message);  // of a message that has one
 

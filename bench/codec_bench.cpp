@@ -58,6 +58,7 @@ class Row {
     enter("memcpy", ours_, copyBytes);
     if (!holds(message, fuzz::Kind::vector)) enter("memcpy of the record", ours_, copyRecord);
     if (holds(message, fuzz::Kind::string)) enter("malloc, copy, free", ours_, copyTextToTheHeap);
+    if (direction != Direction::decode) enter("two empty calls", ours_, callTwice);
     if (entries != kMillion) enterRivals();
     if (filling == Filling::random) enterOursAllSet(entries);
   }

@@ -18,6 +18,7 @@ DOCS = ROOT / "docs"
 SHAPES = ["all set", "random", "half of each"]
 RIVALS = ["protobuf", "protobuf, arena", "nanopb", "Cap'n Proto", "msgpack-c"]
 FORCED = "msgpack-c, forced"
+CALLS = "two empty calls"
 
 # Direction, message, entries; the most that ours may take, divided by the limit, for records that
 # are all set and random ones; how many times faster than the fastest rival it must be.
@@ -175,8 +176,11 @@ def direction_table(codecs, direction):
         cells = [name, cell(codecs, key, lambda row: f"{row['bytes']:.0f}")]
         cells += [cell(codecs, key, lambda row, limit=limit: f"{row[f'ratio/{limit}']:.1f}"
                        if f"ratio/{limit}" in row else "–") for limit in limits]
+        if direction != "decode":
+            cells.append(cell(codecs, key, lambda row: f"{times_ours(row, CALLS):.1f}"))
         rows.append(cells + [cell(codecs, key, rival_form(rival)) for rival in rivals])
     return table(["message", "bytes", "ours to memcpy", "ours to memcpy of the record"] +
+                 ([] if direction == "decode" else [f"{CALLS} to ours"]) +
                  [f"{rival} to ours" for rival in rivals], rows)
 
 

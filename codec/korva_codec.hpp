@@ -72,17 +72,11 @@ class Codec {
     if (target == nullptr) {
       return size(record);
     }
-    uint8_t* const buffer = target->buffer;
-    const uint32_t capacity = *target->capacity;
-    if (buffer == nullptr || !isReady(Runtime.memReady) || record == nullptr) [[unlikely]] {
-      return packOther<Runtime>(kPackName.text(), target, static_cast<const Typed*>(untyped),
-                                entry);
+    if constexpr (kOwnsMemory<Record>) {
+      return packIntoApart(target, static_cast<const Typed*>(untyped), entry);
+    } else {
+      return packInto(target, static_cast<const Typed*>(untyped), entry);
     }
-    compact::Survey<Record> survey;
-    if (!compactFits(*record, capacity, survey)) [[unlikely]] {
-      return rejectPack<Runtime>(kPackName.text(), nullness(buffer), capacity, nullness(record));
-    }
-    return compactPack(buffer, *record, survey);
   }
 
   template <class Typed>
@@ -137,6 +131,32 @@ class Codec {
   [[gnu::always_inline]] static constexpr uint32_t fixedSize() { return kFixedSize<Record>; }
 
  private:
+  template <class Typed>
+  [[gnu::always_inline]] static uint32_t packInto(const PackTarget* target, const Typed* typed,
+                                                  uint32_t (*entry)(const PackTarget*,
+                                                                    const Typed*)) {
+    const auto* const record = static_cast<const Record*>(typed);
+    uint8_t* const buffer = target->buffer;
+    const uint32_t capacity = *target->capacity;
+    if (buffer == nullptr || !isReady(Runtime.memReady) || record == nullptr) [[unlikely]] {
+      return packOther<Runtime>(kPackName.text(), target, typed, entry);
+    }
+    compact::Survey<Record> survey;
+    if (!compactFits(*record, capacity, survey)) [[unlikely]] {
+      return rejectPack<Runtime>(kPackName.text(), nullness(buffer), capacity, nullness(record));
+    }
+    return compactPack(buffer, *record, survey);
+  }
+
+  // For records with texts or entries, which call other routines: so that the size pass need not
+  // save the registers that those would overwrite.
+  template <class Typed>
+  [[gnu::noinline]] static uint32_t packIntoApart(const PackTarget* target, const Typed* typed,
+                                                  uint32_t (*entry)(const PackTarget*,
+                                                                    const Typed*)) {
+    return packInto(target, typed, entry);
+  }
+
   static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }
 
   [[gnu::noinline]] static uint32_t size(const Record* record) {

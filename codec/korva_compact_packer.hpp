@@ -63,7 +63,8 @@ template <class Slot, class Record>
 
 // With every scalar present.
 template <class Record>
-inline constexpr uint32_t kFullSize = fixedSize<Record>() + scalars::allBytes<Record>();
+inline constexpr uint32_t kFullSize =
+    fixedSize<Record>() + scalars::allBytes<Record, scalars::Depth::withNested>();
 
 // With its entry.
 template <class Element>
@@ -248,23 +249,23 @@ class TableWriter {
   // not stored.
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1);
-    constexpr uint32_t kScalarBytes = alignUp(scalars::allBytes<Record>(), 4);
-    const rows::WindowState<Record>& window = state_.windows[0];
-    const ByteVector scalars = window.movedTogether();
-    const auto& head = window.row->head;
-    at_ += window.row->size;
+    constexpr uint32_t kScalarBytes =
+        alignUp(scalars::allBytes<Record, scalars::Depth::ownTable>(), 4);
+    const auto [scalars, size] = state_.windows[0];
     if constexpr (kPlace<Record, By> == rows::Place::behindDisplacement) {
       static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
                         kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
                     "the vector must not reach behind the next table's head");
       constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-      std::memcpy(vtable_, head.data(), kVtableLength<Record>);
+      storeHead<kVtableLength<Record>>(state_.head);
       storeVector(table_, scalars | std::bit_cast<ByteVector>(kDisplacement));
+      at_ += size;
     } else {
       constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
       static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
+      at_ += size;
       storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, scalars);
-      std::memcpy(vtable_, head.data(), rows::kHeadLength<Record>);
+      storeHead<rows::kHeadLength<Record>>(state_.head);
     }
   }
 
@@ -273,36 +274,40 @@ class TableWriter {
   [[gnu::always_inline]] void writeHead() {
     if constexpr (kFollowing < kVectorWidth) {
       static_assert(kVtableLength<Record> <= sizeof(uint64_t));
-      store(vtable_, std::bit_cast<Vector<uint64_t>>(headVector<0>())[0]);
+      storeHead<sizeof(uint64_t)>(head());
       store(table_, kVtableLength<Record>);
     } else {
-      [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
-        (storeVector(vtable_ + Part * kVectorWidth, headVector<Part>()), ...);
-      }
-      (std::make_index_sequence<sizeof(rows::Head<Record>) / kVectorWidth>());
+      storeHead<alignUp(rows::kHeadLength<Record>, kVectorWidth)>(head());
     }
   }
 
-  template <size_t Part>
-  [[gnu::always_inline]] ByteVector headVector() {
-    const auto part = [](const rows::Head<Record>& head) __attribute__((always_inline)) {
-      return loadAligned(head.data() + Part * kVectorWidth / kSlotEntryWidth);
-    };
-    ByteVector head = part(rows::kFullHead<Record>);
-    bool first = true;  // the first to take away something has done so with the full head
-    const auto takeAway = [&](ByteVector what) __attribute__((always_inline)) {
-      head = first ? what : subtractDownToZero(head, what);
-      first = false;
-    };
-    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { takeAway(part(state_.windows[Index].row->head)); });
+  [[nodiscard, gnu::always_inline]] ByteVector head() const {
+    constexpr bool kHasScalars = rows::kScalars<Record>.count != 0;
+    static_assert(
+        kHasScalars ||
+            countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) <= 1,
+        "without scalars, the one slot that need not be there brings the full head");
+    ByteVector head = kHasScalars ? state_.head : loadAligned(rows::kFullHead<Record>.data());
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
-        takeAway(part(rows::kOptionalRows<Record, Index>[row].head));
+        const ByteVector what = loadAligned(rows::kOptionalRows<Record, Index>[row].head.data());
+        head = kHasScalars ? subtractDownToZero<rows::HeadLane<Record>>(head, what) : what;
       }
     });
     return head;
+  }
+
+  // As much of a head as Size says, which may be more than there is.
+  template <uint32_t Size>
+  [[gnu::always_inline]] void storeHead(ByteVector head) {
+    if constexpr (sizeof(rows::HeadLane<Record>) == kSlotEntryWidth) {
+      storeVectorFront<Size>(vtable_, head);
+    } else {
+      storeVector(vtable_, widen<0>(head));
+      storeVectorFront<Size - kVectorWidth>(vtable_ + kVectorWidth,
+                                            widen<kVectorWidth / kSlotEntryWidth>(head));
+    }
   }
 
   // A window's scalars are moved together in one vector, which is stored whole: more than a vector
@@ -311,8 +316,8 @@ class TableWriter {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
         always_inline)) {
-      storeVector(at_, state_.windows[Index].movedTogether());
-      at_ += state_.windows[Index].row->size;
+      storeVector(at_, state_.windows[Index].scalars);
+      at_ += state_.windows[Index].size;
     });
   }
 
@@ -390,9 +395,8 @@ class TableWriter {
     });
   }
 
-  // The head does not know how long strings and vectors are.
   [[gnu::always_inline]] void writeTableLength() {
-    if constexpr (kOwnsMemory<Record>) {
+    if constexpr (!rows::kHeadHasLength<Record>) {
       store(vtable_ + sizeof(uint16_t) * rows::kTableLengthLane,
             static_cast<uint16_t>(at_ - table_));
     }
@@ -508,7 +512,7 @@ template <class Record>
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
-  const uint32_t least =
+  const size_t least =
       kRootOffsetWidth + compact::fixedSize<Record>() + survey.scalars.presentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;

@@ -72,6 +72,7 @@ template <class Record>
 struct Found {
   const rows::Row<Record>* row;
   const uint8_t* spread;
+  size_t size;  // of the scalars that are there
 };
 template <class Record>
 using AllFound = std::array<Found<Record>, kWindows<Record>.count>;
@@ -83,11 +84,13 @@ template <class Record, uint32_t Index>
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
-  const size_t spreadOffset = numberOfBytes<kEntryBytes<Record, Index>, sizeof(Bytes)>(
-      std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
-  return {rows::rowAt<Record, Index, rows::kUsualPlace<Record>>(
-              spreadOffset * (sizeof(rows::Row<Record>) / sizeof(Bytes))),
-          kSpreads<Record, Index>[0].data() + spreadOffset};
+  const size_t spreadOffset =
+      numberOfLanes<kEntryBytes<Record, Index>, kSlotEntryWidth, sizeof(Bytes)>(
+          std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
+  const size_t rowOffset = spreadOffset * (sizeof(rows::Row<Record>) / sizeof(Bytes));
+  const auto* const row = rows::rowAt<Record, Index, rows::kUsualPlace<Record>>(rowOffset);
+  return {row, kSpreads<Record, Index>[0].data() + spreadOffset,
+          rows::presentBytes<Record, Index>(rowOffset, *row)};
 }
 
 // All ones where a part of the head holds slots' entries.
@@ -100,27 +103,26 @@ alignas(kVectorWidth) inline constexpr Bytes kEntryLanes = [] {
   return lanes;
 }();
 
-// Nothing but zeros if the entries of a part of the vtable are what our packer writes in these
-// rows.
+// Nothing but zeros if the entries of a part of the vtable are those of the head.
 template <class Record, uint32_t Position>
-[[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable,
-                                                    const AllFound<Record>& found) {
-  ByteVector head{};
-  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) {
-    const auto* const bytes = reinterpret_cast<const uint8_t*>(found[Index].row->head.data());
-    const ByteVector part = loadVector<kVectorWidth>(bytes + Position);
-    head = Index == 0 ? part : subtractDownToZero(head, part);
-  });
-  return (head ^ loadVector<kVectorWidth>(vtable + Position)) &
+[[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable, ByteVector head) {
+  static_assert(sizeof(rows::HeadLane<Record>) == sizeof(uint8_t));
+  return (widen<Position / kSlotEntryWidth>(head) ^ loadVector<kVectorWidth>(vtable + Position)) &
          loadAligned(kEntryLanes<Record, Position>.data());
 }
 
+// Whether a vtable's entries are what our packer writes in these rows.
 template <class Record>
 [[gnu::always_inline]] inline bool isOurs(const uint8_t* vtable, const AllFound<Record>& found) {
+  ByteVector head{};
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
+      always_inline)) {
+    const ByteVector part = loadAligned(found[Index].row->head.data());
+    head = Index == 0 ? part : subtractDownToZero<rows::HeadLane<Record>>(head, part);
+  });
   ByteVector different{};
   [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
-    ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, found)), ...);
+    ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, head)), ...);
   }
   (std::make_index_sequence<alignUp(kVtableLength<Record>, kVectorWidth) / kVectorWidth>());
   return isZero(different);
@@ -148,11 +150,11 @@ template <KnownLayout Record>
                                                           uint64_t room, Record& record) {
   constexpr bool kAtEnd = rows::kUsualPlace<Record> == rows::Place::end;
   AllFound<Record> found;
-  uint32_t size = 0;
+  size_t size = 0;
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
                                                       __attribute__((always_inline)) {
                                                         found[Index] = find<Record, Index>(vtable);
-                                                        size += found[Index].row->size;
+                                                        size += found[Index].size;
                                                       });
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
@@ -163,7 +165,7 @@ template <KnownLayout Record>
       always_inline)) {
     static_assert(startsWithItsScalars<Record, Index>());
     constexpr Window kWindow = kWindows<Record>.items[Index];
-    const uint32_t windowSize = found[Index].row->size;
+    const size_t windowSize = found[Index].size;
     const ByteVector together =
         loadVector<kVectorWidth>(kAtEnd ? at + windowSize - kVectorWidth : at);
     const ByteVector spread = permute(together, loadAligned(found[Index].spread));

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <limits>
 
 #include "codec/korva_format.hpp"
@@ -34,54 +35,76 @@ concept ScalarTable =
 template <class Record>
 inline constexpr uint32_t kHeadLength = kVtableLength<Record> + kDisplacementWidth;
 
-// A table's head in lanes of a vtable entry's width, filled up to whole vectors where it is summed
-// up in vectors.
+// A table's head in one vector, since loading rows is what packing waits for: in lanes of a vtable
+// entry's width if it fits, else in bytes, which are widened when they are stored.
 template <class Record>
-using Head = std::array<uint16_t, alignUp(kHeadLength<Record>,
-                                          ScalarTable<Record> ? kSlotEntryWidth : kVectorWidth) /
-                                      kSlotEntryWidth>;
+using HeadLane = std::conditional_t<kHeadLength<Record> <= kVectorWidth, uint16_t, uint8_t>;
+template <class Record>
+using Head = std::array<HeadLane<Record>, kVectorWidth / sizeof(HeadLane<Record>)>;
 
 inline constexpr uint32_t kTableLengthLane = 1;
 inline constexpr uint32_t kFirstSlotLane = kVtableHeaderWidth / kSlotEntryWidth;
 
 // What an absent slot takes away from its own entry.
-inline constexpr uint16_t kEverything = std::numeric_limits<uint16_t>::max();
+template <class Record>
+inline constexpr auto kEverything = std::numeric_limits<HeadLane<Record>>::max();
 
 constexpr bool isOptional(SlotKind kind) {
   return kind == SlotKind::string || kind == SlotKind::vector;
 }
 
-// The head of a table with all slots. What strings and vectors add to the table's length is not in
-// it.
+// A table's bytes up to its arrays, and those of its arrays, which are there in full.
+template <class Record>
+inline constexpr uint32_t kInlineLength =
+    kDisplacementWidth + scalars::allBytes<Record, Depth::ownTable>() +
+    (Schema<Record>::count - kScalars<Record>.count) * kOffsetFieldWidth;
+template <class Record>
+inline constexpr uint32_t kArraysLength = [] {
+  uint32_t length = 0;
+  forEachSlot<Record>([&]<class Slot, size_t>() {
+    if constexpr (Slot::kind == SlotKind::byteArray) {
+      length += kCountWidth + Slot::width;
+    }
+  });
+  return length;
+}();
+
+// Whether the head has the table's whole length. A lane of a byte may have no room for arrays, and
+// how long strings and vectors are is not known to it.
+template <class Record>
+inline constexpr bool kHeadHasLength =
+    PlainTable<Record> && kInlineLength<Record> + kArraysLength<Record> < kEverything<Record>;
+
+// The head of a table with all slots.
 template <class Record>
 alignas(kVectorWidth) inline constexpr Head<Record> kFullHead = [] {
+  using Lane = HeadLane<Record>;
+  static_assert(kHeadLength<Record> / kSlotEntryWidth <= std::tuple_size_v<Head<Record>> &&
+                    kInlineLength<Record> < kEverything<Record>,
+                "a table has at most twelve slots, and few enough bytes before its arrays");
   Head<Record> head{};
-  uint32_t scalarBytes = 0;
+  uint32_t field = kDisplacementWidth;
   for (uint32_t i = 0; i < kScalars<Record>.count; ++i) {
     const Scalar& scalar = kScalars<Record>.items[i];
-    head[kFirstSlotLane + scalar.slot] = static_cast<uint16_t>(kDisplacementWidth + scalarBytes);
-    scalarBytes += scalar.width;
+    head[kFirstSlotLane + scalar.slot] = static_cast<Lane>(field);
+    field += scalar.width;
   }
-  uint32_t offsetField = kDisplacementWidth + scalarBytes;
-  uint32_t outOfLine = 0;
   forEachSlot<Record>([&]<class Slot, size_t Index>() {
     if constexpr (Slot::kind != SlotKind::scalar) {
-      head[kFirstSlotLane + Index] = static_cast<uint16_t>(offsetField);
-      offsetField += kOffsetFieldWidth;
-    }
-    if constexpr (Slot::kind == SlotKind::byteArray) {
-      outOfLine += kCountWidth + Slot::width;
+      head[kFirstSlotLane + Index] = static_cast<Lane>(field);
+      field += kOffsetFieldWidth;
     }
   });
   head[0] = head[kVtableLength<Record> / kSlotEntryWidth] = kVtableLength<Record>;
-  head[kTableLengthLane] = static_cast<uint16_t>(offsetField + outOfLine);
+  head[kTableLengthLane] = static_cast<Lane>(kInlineLength<Record> +
+                                             (kHeadHasLength<Record> ? kArraysLength<Record> : 0));
   return head;
 }();
 
 template <class Record>
 constexpr void takeAway(Head<Record>& head, const Head<Record>& what) {
   for (size_t lane = 0; lane < head.size(); ++lane) {
-    head[lane] = static_cast<uint16_t>(head[lane] - std::min(head[lane], what[lane]));
+    head[lane] = static_cast<HeadLane<Record>>(head[lane] - std::min(head[lane], what[lane]));
   }
 }
 
@@ -96,17 +119,17 @@ template <class Record>
 struct alignas(kVectorWidth) Row {
   Bytes move{};         // the permutation
   Head<Record> head{};  // the full head for the first window; what to take away for any other
-  uint32_t size = 0;    // of the scalars that are there
 
   // Scalars that are absent have their bits set in row.
   consteval Row(const Window& window, uint32_t row, Place place) {
     const auto scalar = [&](uint32_t i) { return kScalars<Record>.items[window.first + i]; };
     const auto isPresent = [&](uint32_t i) { return (row >> i & 1) == 0; };
     Head<Record> less{};
+    uint32_t size = 0;  // of the scalars that are there
     uint32_t absent = 0;
     for (uint32_t i = 0; i < window.count; ++i) {
       less[kFirstSlotLane + scalar(i).slot] =
-          static_cast<uint16_t>(isPresent(i) ? absent : kEverything);
+          static_cast<HeadLane<Record>>(isPresent(i) ? absent : kEverything<Record>);
       (isPresent(i) ? size : absent) += scalar(i).width;
     }
     takeFromAllBehind(less, window, absent);
@@ -127,7 +150,7 @@ struct alignas(kVectorWidth) Row {
  private:
   static consteval void takeFromAllBehind(Head<Record>& less, const Window& window,
                                           uint32_t absent) {
-    const auto bytes = static_cast<uint16_t>(absent);
+    const auto bytes = static_cast<HeadLane<Record>>(absent);
     for (uint32_t i = window.first + window.count; i < kScalars<Record>.count; ++i) {
       less[kFirstSlotLane + kScalars<Record>.items[i].slot] = bytes;
     }
@@ -154,7 +177,7 @@ struct alignas(kVectorWidth) OptionalRow {
   consteval OptionalRow(uint32_t slot, bool isThere) {
     Head<Record> less{};
     if (!isThere) {
-      less[kFirstSlotLane + slot] = kEverything;
+      less[kFirstSlotLane + slot] = kEverything<Record>;
       less[kTableLengthLane] = kOffsetFieldWidth;
       forEachSlot<Record>([&]<class Behind, size_t Index>() {
         if (Index > slot && Behind::kind != SlotKind::scalar) {
@@ -185,16 +208,37 @@ inline constexpr auto kFirstBytes = [] {
   return positions;
 }();
 
-// A window's content, and its row.
-template <class Record>
-struct WindowState {
-  ByteVector content;
-  const Row<Record>* row;
-
-  [[nodiscard, gnu::always_inline]] ByteVector movedTogether() const {
-    return permute(content, loadAligned(row->move.data()));
+// How many bytes of a window's scalars are there. Its row has that in the table's length; where all
+// are equally wide, the row's offset tells it without a load.
+template <class Record, uint32_t Index>
+[[gnu::always_inline]] inline size_t presentBytes(size_t offset, const Row<Record>& row) {
+  constexpr uint32_t kCount = kWindows<Record>.items[Index].count;
+  constexpr size_t kWidth = scalars::kWidest<Record, Depth::ownTable, Index>;
+  constexpr size_t kAll = scalars::kWindowBytes<Record, Depth::ownTable, Index>;
+  static_assert(std::has_single_bit(sizeof(Row<Record>)) && sizeof(Row<Record>) >= kWidth);
+  if constexpr (kCount == 1) {
+    return kAll - offset / (sizeof(Row<Record>) / kWidth);
+  } else if constexpr (kAll == kCount * kWidth && kCountsBitsAtOnce) {
+    return kAll - kWidth * static_cast<size_t>(std::popcount(offset));
+  } else {
+    const size_t length = row.head[kTableLengthLane];
+    return Index == 0 ? length + kAll - kFullHead<Record>[kTableLengthLane] : kAll - length;
   }
+}
+
+// A window's scalars that are there, moved together, and how many bytes they are.
+struct WindowState {
+  ByteVector scalars;
+  size_t size;
 };
+
+// A window of one scalar at its front needs no permutation: what follows overwrites it if it is
+// absent.
+template <class Record, uint32_t Index>
+consteval bool startsWithItsOnlyScalar() {
+  constexpr Window kWindow = kWindows<Record>.items[Index];
+  return kWindow.count == 1 && kScalars<Record>.items[kWindow.first].offset == kWindow.offset;
+}
 
 // The row that begins so many bytes behind the first.
 template <class Record, uint32_t Index, Place To>
@@ -222,13 +266,14 @@ struct NestedStates<std::tuple<Slot...>> {
 // All that packing has to know of a table's scalars and of its nested tables'.
 template <class Record>
 struct TableState : NestedStates<typename Schema<Record>::List> {
-  std::array<WindowState<Record>, kWindows<Record>.count> windows;
+  std::array<WindowState, kWindows<Record>.count> windows;
+  ByteVector head;  // not set if no slot is a scalar
 
   // How many bytes of scalars are there.
-  [[nodiscard, gnu::always_inline]] uint32_t presentBytes() const {
-    uint32_t bytes = 0;
+  [[nodiscard, gnu::always_inline]] size_t presentBytes() const {
+    size_t bytes = 0;
     scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { bytes += windows[Index].row->size; });
+        always_inline)) { bytes += windows[Index].size; });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::table) {
         bytes += std::get<Index>(this->bySlot).presentBytes();
@@ -243,10 +288,18 @@ template <Place To, uint32_t Room, class Record>
 [[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
-    const ByteVector content = scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes);
-    const size_t offset = numberOfBytes<kFirstBytes<Record, Index>, sizeof(Row<Record>)>(
-        scalars::zeros<Record, Depth::ownTable, Index>(content));
-    state.windows[Index] = {content, rowAt<Record, Index, To>(offset)};
+    const ByteVector content =
+        loadedOnce(scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes));
+    const size_t offset =
+        numberOfLanes<kFirstBytes<Record, Index>,
+                      scalars::kComparedWidth<Record, Depth::ownTable, Index>, sizeof(Row<Record>)>(
+            scalars::zeros<Record, Depth::ownTable, Index>(content));
+    const Row<Record>& row = *rowAt<Record, Index, To>(offset);
+    constexpr bool kIsTogether = To == Place::front && startsWithItsOnlyScalar<Record, Index>();
+    state.windows[Index] = {kIsTogether ? content : permute(content, loadAligned(row.move.data())),
+                            presentBytes<Record, Index>(offset, row)};
+    const ByteVector head = loadAligned(row.head.data());
+    state.head = Index == 0 ? head : subtractDownToZero<HeadLane<Record>>(state.head, head);
   });
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::table) {

@@ -69,6 +69,16 @@ consteval auto listScalars() {
 template <class Record, Depth Which>
 inline constexpr auto kScalars = listScalars<Record, Which>();
 
+// The bytes of all scalars.
+template <class Record, Depth Which>
+consteval uint32_t allBytes() {
+  uint32_t bytes = 0;
+  for (uint32_t i = 0; i < kScalars<Record, Which>.count; ++i) {
+    bytes += kScalars<Record, Which>.items[i].width;
+  }
+  return bytes;
+}
+
 // How many scalars a window of a table may hold: its tables of rows have 2 to that power.
 inline constexpr uint32_t kMaximumScalars = 8;
 
@@ -79,13 +89,14 @@ constexpr bool fits(const Scalar& first, const Scalar& scalar, uint32_t count, D
   return inVector && (which == Depth::withNested || count < kMaximumScalars);
 }
 
-// A window never reaches past the record's end: near it, it begins earlier, or is a shorter one.
+// A window never reaches past the record's end: near it, it begins earlier, or is a shorter one,
+// which is as good where it has a single scalar.
 template <class Record>
 consteval Window place(Window window, uint32_t begin, uint32_t end) {
   if (begin + kVectorWidth <= sizeof(Record)) {
     window.offset = begin;
     window.size = kVectorWidth;
-  } else if (sizeof(Record) >= kVectorWidth) {
+  } else if (sizeof(Record) >= kVectorWidth && window.count != 1) {
     window.offset = sizeof(Record) - kVectorWidth;
     window.size = kVectorWidth;
   } else {
@@ -149,6 +160,17 @@ template <Bytes Mask>
   (std::make_index_sequence<kVectorWidth>());
 }
 
+// The bytes of a window's scalars.
+template <class Record, Depth Which, uint32_t Index>
+inline constexpr uint32_t kWindowBytes = [] {
+  constexpr Window kWindow = kWindows<Record, Which>.items[Index];
+  uint32_t bytes = 0;
+  for (uint32_t i = 0; i < kWindow.count; ++i) {
+    bytes += kScalars<Record, Which>.items[kWindow.first + i].width;
+  }
+  return bytes;
+}();
+
 // How wide a window's widest scalar is.
 template <class Record, Depth Which, uint32_t Index>
 inline constexpr uint32_t kWidest = [] {
@@ -175,6 +197,11 @@ inline constexpr bool kHaveLanesOfTheirOwn = [] {
   }
   return true;
 }();
+
+// The width of the lanes that say whether a scalar is zero, all of each lane alike.
+template <class Record, Depth Which, uint32_t Index>
+inline constexpr uint32_t kComparedWidth =
+    kHaveLanesOfTheirOwn<Record, Which, Index> ? kWidest<Record, Which, Index> : 1;
 
 template <uint32_t Width>
 using Lane = std::conditional_t<
@@ -255,15 +282,5 @@ class AbsentBytes {
   // Each lane counts down from 0, by the -1 that all ones are.
   std::array<ByteVector, kWindows<Record, Depth::withNested>.count> lanes_{};
 };
-
-// The bytes of all scalars, nested tables' included.
-template <class Record>
-consteval uint32_t allBytes() {
-  uint32_t bytes = 0;
-  for (uint32_t i = 0; i < kScalars<Record, Depth::withNested>.count; ++i) {
-    bytes += kScalars<Record, Depth::withNested>.items[i].width;
-  }
-  return bytes;
-}
 
 }  // namespace korva::scalars

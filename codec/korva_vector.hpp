@@ -49,6 +49,14 @@ inline constexpr uint8_t kTakesZero = 0x80;
   return compared;
 }
 
+// Keeps GCC from loading a vector twice where it should copy it.
+[[gnu::always_inline]] inline ByteVector loadedOnce(ByteVector loaded) {
+#if defined(__x86_64__)
+  asm("" : "+x"(loaded));
+#endif
+  return loaded;
+}
+
 // Loads Size bytes, and nothing behind them; the rest is 0.
 template <uint32_t Size>
 [[gnu::always_inline]] inline ByteVector loadVector(const uint8_t* at) {
@@ -102,14 +110,59 @@ template <uint32_t Size>
   }
 }
 
-// Subtracts in lanes of two bytes; what would be less than 0 is 0.
+// Stores the last lane within the first Size bytes of a vector, if those do not end with two.
+template <class Lane, uint32_t Size>
+[[gnu::always_inline]] inline void storeOddLane(uint8_t* at, ByteVector vector) {
+  if constexpr (constexpr uint32_t kIndex = Size / sizeof(Lane) - 1;
+                Size >= sizeof(Lane) && kIndex % 2 == 0) {
+    const Lane lane = std::bit_cast<Vector<Lane>>(vector)[kIndex];
+    std::memcpy(at + kIndex * sizeof lane, &lane, sizeof lane);
+  }
+}
+
+// Stores the first Size bytes of a vector, a multiple of two, and nothing behind them.
+template <uint32_t Size>
+[[gnu::always_inline]] inline void storeVectorFront(uint8_t* at, ByteVector vector) {
+  static_assert(Size <= kVectorWidth && Size % sizeof(uint16_t) == 0);
+  if constexpr (Size == kVectorWidth) {
+    storeVector(at, vector);
+  } else {
+    storeOddLane<uint64_t, Size>(at, vector);
+    storeOddLane<uint32_t, Size>(at, vector);
+    storeOddLane<uint16_t, Size>(at, vector);
+  }
+}
+
+// Eight of a vector's bytes, from First on, as numbers of two bytes.
+template <uint32_t First>
+[[gnu::always_inline]] inline ByteVector widen(ByteVector bytes) {
+  static_assert(First + kVectorWidth / 2 <= kVectorWidth);
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+    return __builtin_shufflevector(bytes, ByteVector{},
+                                   (First + Byte / 2 + Byte % 2 * kVectorWidth)...);
+  }
+  (std::make_index_sequence<kVectorWidth>());
+}
+
+// Subtracts in lanes of one or two bytes; what would be less than 0 is 0.
+template <class Lane>
 [[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
 #if defined(__aarch64__)
-  return reinterpret_cast<ByteVector>(
-      vqsubq_u16(reinterpret_cast<uint16x8_t>(from), reinterpret_cast<uint16x8_t>(what)));
+  if constexpr (sizeof(Lane) == 1) {
+    return reinterpret_cast<ByteVector>(
+        vqsubq_u8(reinterpret_cast<uint8x16_t>(from), reinterpret_cast<uint8x16_t>(what)));
+  } else {
+    return reinterpret_cast<ByteVector>(
+        vqsubq_u16(reinterpret_cast<uint16x8_t>(from), reinterpret_cast<uint16x8_t>(what)));
+  }
 #else
-  return reinterpret_cast<ByteVector>(
-      _mm_subs_epu16(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
+  if constexpr (sizeof(Lane) == 1) {
+    return reinterpret_cast<ByteVector>(
+        _mm_subs_epu8(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
+  } else {
+    return reinterpret_cast<ByteVector>(
+        _mm_subs_epu16(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
+  }
 #endif
 }
 
@@ -132,10 +185,29 @@ template <uint32_t Size>
 #endif
 }
 
-// Factor times the number whose bit i says whether the byte at Positions[i] is all ones; each of
-// those must be all ones or 0. A power of two in the factor costs x86-64 nothing.
-template <auto Positions, size_t Factor = 1>
-[[gnu::always_inline]] inline size_t numberOfBytes(ByteVector bytes) {
+// Whether counting a number's bits takes one instruction.
+#if defined(__aarch64__)
+inline constexpr bool kCountsBitsAtOnce = false;
+#else
+inline constexpr bool kCountsBitsAtOnce = true;
+#endif
+
+// Whether Positions are those of lanes of a width, one behind the other.
+template <auto Positions, uint32_t Width>
+inline constexpr bool kAreNeighbours = [] {
+  for (uint32_t i = 0; i < Positions.size(); ++i) {
+    if (Positions[i] != Positions[0] + i * Width || Positions[i] % Width != 0) {
+      return false;
+    }
+  }
+  return true;
+}();
+
+// Factor times the number whose bit i says whether the lane of Width bytes at Positions[i] is all
+// ones; each of those must be all ones or 0. For lanes of one and two bytes, a power of two in the
+// factor costs x86-64 nothing, but a constant to be loaded.
+template <auto Positions, uint32_t Width, size_t Factor>
+[[gnu::always_inline]] inline size_t numberOfLanes(ByteVector bytes) {
 #if defined(__aarch64__)
   static_assert(Positions.size() <= 8);
   alignas(kVectorWidth) static constexpr auto kWeights = [] {
@@ -148,6 +220,13 @@ template <auto Positions, size_t Factor = 1>
   const ByteVector weighted = bytes & loadAligned(kWeights.data());
   return vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted)) * Factor;
 #else
+  if constexpr (Width >= sizeof(uint32_t) && kAreNeighbours<Positions, Width>) {
+    const int lanes = Width == sizeof(uint32_t) ? _mm_movemask_ps(reinterpret_cast<__m128>(bytes))
+                                                : _mm_movemask_pd(reinterpret_cast<__m128d>(bytes));
+    constexpr size_t kAll = (size_t{1} << Positions.size()) - 1;
+    const size_t number = static_cast<size_t>(lanes) >> (Positions[0] / Width);
+    return (Positions.size() * Width == kVectorWidth ? number : number & kAll) * Factor;
+  }
   constexpr uint32_t kShift = std::countr_zero(Factor);
   static_assert(Positions.size() + kShift <= kVectorWidth);
   alignas(kVectorWidth) static constexpr auto kIndices = [] {
