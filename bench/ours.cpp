@@ -18,8 +18,8 @@ uint32_t encode(const Message& message, const Item& item, uint8_t* out) {
 }
 
 uint32_t packNothing(const PackTarget*, const void*) { return 1; }
-// Not constant, so that the calls stay calls.
-IdlPackFn packNothingByPointer = packNothing;
+// To the compiler it might be any routine, or the calls would not be made.
+IdlPackFn volatile packNothingByPointer = packNothing;
 
 uint32_t encodeFixed(const Message& message, const Item& item, uint8_t* out) {
   const uint32_t size = message.fixedSize();
