@@ -251,7 +251,7 @@ class TableWriter {
     static_assert(rows::kWindows<Record>.count == 1);
     constexpr uint32_t kScalarBytes =
         alignUp(scalars::allBytes<Record, scalars::Depth::ownTable>(), 4);
-    const auto [scalars, size] = state_.windows[0];
+    const ByteVector scalars = state_.windows[0].scalars;
     if constexpr (kPlace<Record, By> == rows::Place::behindDisplacement) {
       static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
                         kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
@@ -259,11 +259,11 @@ class TableWriter {
       constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
       storeHead<kVtableLength<Record>>(state_.head);
       storeVector(table_, scalars | std::bit_cast<ByteVector>(kDisplacement));
-      at_ += size;
+      passWindow<0>();
     } else {
       constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
       static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
-      at_ += size;
+      passWindow<0>();
       storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, scalars);
       storeHead<rows::kHeadLength<Record>>(state_.head);
     }
@@ -317,8 +317,21 @@ class TableWriter {
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
         always_inline)) {
       storeVector(at_, state_.windows[Index].scalars);
-      at_ += state_.windows[Index].size;
+      passWindow<Index>();
     });
+  }
+
+  // Moves behind a window's scalars. What is absent is subtracted as a number, and from where no
+  // scalar at all would be: GCC would subtract it from a constant first, which takes a register and
+  // an instruction more for each window.
+  template <size_t Index>
+  [[gnu::always_inline]] void passWindow() {
+    constexpr auto kOwn = scalars::Depth::ownTable;
+    constexpr uint32_t kHead = rows::kHeadLength<Record>;
+    const uint8_t* const begin = at_ - kHead - scalars::kBytesBefore<Record, kOwn, Index>;
+    at_ = reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(begin) -
+                                     state_.windows[Index].absent) +
+          kHead + scalars::kBytesBehind<Record, kOwn, Index>;
   }
 
   [[gnu::always_inline]] void writeConstantFields() {
@@ -512,8 +525,7 @@ template <class Record>
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
   rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
-  const size_t least =
-      kRootOffsetWidth + compact::fixedSize<Record>() + survey.scalars.presentBytes();
+  const size_t least = kRootOffsetWidth + compact::kFullSize<Record> - survey.scalars.absentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;
   }

@@ -31,12 +31,13 @@ concept KnownLayout = PlainTable<Record> && kScalars<Record>.count >= kWorthwhil
 // for those that are absent.
 template <class Record, uint32_t Index>
 alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
-  constexpr auto& kRows = rows::kRows<Record, Index, rows::kUsualPlace<Record>>;
-  std::array<Bytes, kRows.size()> spreads{};
+  constexpr auto* const kMoves = rows::kRows<Record, rows::kUsualPlace<Record>>.data() +
+                                 rows::kMovesAt<Record, Index> / sizeof(Bytes);
+  std::array<Bytes, rows::rowCount(kWindows<Record>.items[Index])> spreads{};
   for (size_t row = 0; row < spreads.size(); ++row) {
     spreads[row].fill(kTakesZero);
     for (uint32_t lane = 0; lane < kVectorWidth; ++lane) {
-      if (const uint8_t from = kRows[row].move[lane]; from != kTakesZero) {
+      if (const uint8_t from = kMoves[row][lane]; from != kTakesZero) {
         spreads[row][from] = static_cast<uint8_t>(lane);
       }
     }
@@ -67,30 +68,28 @@ inline constexpr auto kEntryBytes = [] {
   return positions;
 }();
 
-// What reading a window goes by.
+// What reading a window goes by: its row's head and the permutation back.
 template <class Record>
 struct Found {
-  const rows::Row<Record>* row;
+  const uint8_t* head;
   const uint8_t* spread;
-  size_t size;  // of the scalars that are there
+  size_t absent;  // bytes
 };
 template <class Record>
 using AllFound = std::array<Found<Record>, kWindows<Record>.count>;
 
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline Found<Record> find(const uint8_t* vtable) {
+[[gnu::always_inline]] inline Found<Record> find(const uint8_t* rows, const uint8_t* vtable) {
   static_assert(
       std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
       std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
-  const size_t spreadOffset =
-      numberOfLanes<kEntryBytes<Record, Index>, kSlotEntryWidth, sizeof(Bytes)>(
-          std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
-  const size_t rowOffset = spreadOffset * (sizeof(rows::Row<Record>) / sizeof(Bytes));
-  const auto* const row = rows::rowAt<Record, Index, rows::kUsualPlace<Record>>(rowOffset);
-  return {row, kSpreads<Record, Index>[0].data() + spreadOffset,
-          rows::presentBytes<Record, Index>(rowOffset, *row)};
+  const auto [offset, absent] =
+      rows::findRow<Record, Index, kEntryBytes<Record, Index>, kSlotEntryWidth>(
+          rows, std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
+  return {rows + rows::kHeadsAt<Record, Index> + offset,
+          kSpreads<Record, Index>.data()->data() + offset, absent};
 }
 
 // All ones where a part of the head holds slots' entries.
@@ -117,7 +116,7 @@ template <class Record>
   ByteVector head{};
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
-    const ByteVector part = loadAligned(found[Index].row->head.data());
+    const ByteVector part = loadAligned(found[Index].head);
     head = Index == 0 ? part : subtractDownToZero<rows::HeadLane<Record>>(head, part);
   });
   ByteVector different{};
@@ -150,11 +149,13 @@ template <KnownLayout Record>
                                                           uint64_t room, Record& record) {
   constexpr bool kAtEnd = rows::kUsualPlace<Record> == rows::Place::end;
   AllFound<Record> found;
-  size_t size = 0;
+  const uint8_t* const rows = rows::rowsOf<Record, rows::kUsualPlace<Record>>();
+  size_t size = scalars::allBytes<Record, Depth::ownTable>();
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
                                                       __attribute__((always_inline)) {
-                                                        found[Index] = find<Record, Index>(vtable);
-                                                        size += found[Index].size;
+                                                        found[Index] =
+                                                            find<Record, Index>(rows, vtable);
+                                                        size -= found[Index].absent;
                                                       });
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
@@ -165,7 +166,8 @@ template <KnownLayout Record>
       always_inline)) {
     static_assert(startsWithItsScalars<Record, Index>());
     constexpr Window kWindow = kWindows<Record>.items[Index];
-    const size_t windowSize = found[Index].size;
+    const size_t windowSize =
+        scalars::kWindowBytes<Record, Depth::ownTable, Index> - found[Index].absent;
     const ByteVector together =
         loadVector<kVectorWidth>(kAtEnd ? at + windowSize - kVectorWidth : at);
     const ByteVector spread = permute(together, loadAligned(found[Index].spread));

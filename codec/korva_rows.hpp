@@ -115,58 +115,99 @@ enum class Place : uint8_t { front, behindDisplacement, end };
 template <class Record>
 inline constexpr Place kUsualPlace = ScalarTable<Record> ? Place::end : Place::front;
 
+// A row's number has the bits of the scalars that are absent.
+constexpr bool isPresent(uint32_t row, uint32_t scalar) { return (row >> scalar & 1) == 0; }
+
+constexpr uint32_t rowCount(const Window& window) { return 1U << window.count; }
+
+// A row's permutation.
 template <class Record>
-struct alignas(kVectorWidth) Row {
-  Bytes move{};         // the permutation
-  Head<Record> head{};  // the full head for the first window; what to take away for any other
-
-  // Scalars that are absent have their bits set in row.
-  consteval Row(const Window& window, uint32_t row, Place place) {
-    const auto scalar = [&](uint32_t i) { return kScalars<Record>.items[window.first + i]; };
-    const auto isPresent = [&](uint32_t i) { return (row >> i & 1) == 0; };
-    Head<Record> less{};
-    uint32_t size = 0;  // of the scalars that are there
-    uint32_t absent = 0;
-    for (uint32_t i = 0; i < window.count; ++i) {
-      less[kFirstSlotLane + scalar(i).slot] =
-          static_cast<HeadLane<Record>>(isPresent(i) ? absent : kEverything<Record>);
-      (isPresent(i) ? size : absent) += scalar(i).width;
-    }
-    takeFromAllBehind(less, window, absent);
-    head = window.first == 0 ? kFullHead<Record> : less;
-    if (window.first == 0) {
-      takeAway<Record>(head, less);
-    }
-    move.fill(kTakesZero);
-    uint32_t to = place == Place::end ? kVectorWidth - size : 0;
-    to += place == Place::behindDisplacement ? kDisplacementWidth : 0;
-    for (uint32_t i = 0; i < window.count; ++i) {
-      for (uint32_t byte = 0; byte < scalar(i).width && isPresent(i); ++byte) {
-        move[to++] = static_cast<uint8_t>(scalar(i).offset - window.offset + byte);
-      }
+constexpr Bytes moveOf(const Window& window, uint32_t row, Place place) {
+  const Scalar* const scalars = &kScalars<Record>.items[window.first];
+  uint32_t size = 0;  // of the scalars that are there
+  for (uint32_t i = 0; i < window.count; ++i) {
+    size += isPresent(row, i) ? scalars[i].width : 0;
+  }
+  Bytes move{};
+  move.fill(kTakesZero);
+  uint32_t to = place == Place::end ? kVectorWidth - size : 0;
+  to += place == Place::behindDisplacement ? kDisplacementWidth : 0;
+  for (uint32_t i = 0; i < window.count; ++i) {
+    for (uint32_t byte = 0; byte < scalars[i].width && isPresent(row, i); ++byte) {
+      move[to++] = static_cast<uint8_t>(scalars[i].offset - window.offset + byte);
     }
   }
+  return move;
+}
 
- private:
-  static consteval void takeFromAllBehind(Head<Record>& less, const Window& window,
-                                          uint32_t absent) {
-    const auto bytes = static_cast<HeadLane<Record>>(absent);
-    for (uint32_t i = window.first + window.count; i < kScalars<Record>.count; ++i) {
-      less[kFirstSlotLane + kScalars<Record>.items[i].slot] = bytes;
-    }
-    forEachSlot<Record>([&]<class Slot, size_t Index>() {
-      if constexpr (Slot::kind != SlotKind::scalar) {
-        less[kFirstSlotLane + Index] = bytes;
-      }
-    });
-    less[kTableLengthLane] = bytes;
+// What a row's absent scalars take away from a table's head.
+template <class Record>
+constexpr Head<Record> absentOf(const Window& window, uint32_t row) {
+  using Lane = HeadLane<Record>;
+  Head<Record> less{};
+  uint32_t absent = 0;
+  for (uint32_t i = 0; i < kScalars<Record>.count; ++i) {
+    const Scalar& scalar = kScalars<Record>.items[i];
+    const bool isInWindow = i >= window.first && i < window.first + window.count;
+    const bool isAbsent = isInWindow && !isPresent(row, i - window.first);
+    less[kFirstSlotLane + scalar.slot] = isAbsent ? kEverything<Record> : static_cast<Lane>(absent);
+    absent += isAbsent ? scalar.width : 0;
   }
-};
+  forEachSlot<Record>([&]<class Slot, size_t Index>() {
+    if constexpr (Slot::kind != SlotKind::scalar) {
+      less[kFirstSlotLane + Index] = static_cast<Lane>(absent);
+    }
+  });
+  less[kTableLengthLane] = static_cast<Lane>(absent);
+  return less;
+}
 
-template <class Record, uint32_t Index, Place To>
-inline constexpr auto kRows = []<size_t... Number>(std::index_sequence<Number...>) {
-  return std::array{Row<Record>(kWindows<Record>.items[Index], Number, To)...};
-}(std::make_index_sequence<size_t{1} << kWindows<Record>.items[Index].count>());
+// A row's head: the full one for the first window, what to take away for any other.
+template <class Record>
+constexpr Head<Record> headOf(const Window& window, uint32_t row) {
+  const Head<Record> less = absentOf<Record>(window, row);
+  if (window.first != 0) {
+    return less;
+  }
+  Head<Record> head = kFullHead<Record>;
+  takeAway<Record>(head, less);
+  return head;
+}
+
+// Where in the table of a record's rows a window's permutations and heads begin.
+template <class Record, uint32_t Index>
+inline constexpr size_t kMovesAt = [] {
+  size_t rows = 0;
+  for (uint32_t i = 0; i < Index; ++i) {
+    rows += rowCount(kWindows<Record>.items[i]);
+  }
+  return rows * 2 * kVectorWidth;
+}();
+template <class Record, uint32_t Index>
+inline constexpr size_t kHeadsAt =
+    kMovesAt<Record, Index> + size_t{rowCount(kWindows<Record>.items[Index])} * kVectorWidth;
+
+// All rows of a record: for each window first the permutations, then the heads. One address and a
+// row's offset lead to both, and to those of every window.
+template <class Record, Place To>
+alignas(kVectorWidth) inline constexpr auto kRows = [] {
+  std::array<Bytes, kMovesAt<Record, kWindows<Record>.count> / kVectorWidth> rows{};
+  size_t at = 0;
+  for (uint32_t i = 0; i < kWindows<Record>.count; ++i) {
+    const Window& window = kWindows<Record>.items[i];
+    for (uint32_t row = 0; row < rowCount(window); ++row, ++at) {
+      rows[at] = moveOf<Record>(window, row, To);
+      rows[at + rowCount(window)] = std::bit_cast<Bytes>(headOf<Record>(window, row));
+    }
+    at += rowCount(window);
+  }
+  return rows;
+}();
+
+template <class Record, Place To>
+[[gnu::always_inline]] inline const uint8_t* rowsOf() {
+  return workedOutOnce(kRows<Record, To>.data()->data());
+}
 
 // What a string or vector takes away, by whether it is there. In a table without scalars it brings
 // the full head along.
@@ -208,28 +249,58 @@ inline constexpr auto kFirstBytes = [] {
   return positions;
 }();
 
-// How many bytes of a window's scalars are there. Its row has that in the table's length; where all
-// are equally wide, the row's offset tells it without a load.
+// What to multiply a window's row number with for the bytes of its absent scalars, or 0 if no
+// product gives them: each scalar must be as wide as its bit weighs.
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline size_t presentBytes(size_t offset, const Row<Record>& row) {
-  constexpr uint32_t kCount = kWindows<Record>.items[Index].count;
+inline constexpr size_t kBytesOfNumber = [] {
+  constexpr Window kWindow = kWindows<Record>.items[Index];
+  const uint32_t bytes = kScalars<Record>.items[kWindow.first].width;
+  for (uint32_t i = 1; i < kWindow.count; ++i) {
+    if (kScalars<Record>.items[kWindow.first + i].width != bytes << i) {
+      return uint32_t{0};
+    }
+  }
+  return bytes;
+}();
+
+// How many bytes of a window's scalars are absent. A row's head tells it by the table's length; if
+// all scalars are equally wide, the row's offset does without a load.
+template <class Record, uint32_t Index>
+[[gnu::always_inline]] inline size_t absentBytes(const uint8_t* rows, size_t offset) {
   constexpr size_t kWidth = scalars::kWidest<Record, Depth::ownTable, Index>;
   constexpr size_t kAll = scalars::kWindowBytes<Record, Depth::ownTable, Index>;
-  static_assert(std::has_single_bit(sizeof(Row<Record>)) && sizeof(Row<Record>) >= kWidth);
-  if constexpr (kCount == 1) {
-    return kAll - offset / (sizeof(Row<Record>) / kWidth);
-  } else if constexpr (kAll == kCount * kWidth && kCountsBitsAtOnce) {
-    return kAll - kWidth * static_cast<size_t>(std::popcount(offset));
+  if constexpr (kAll == kWindows<Record>.items[Index].count * kWidth && kCountsBitsAtOnce) {
+    return kWidth * static_cast<size_t>(std::popcount(offset));
   } else {
-    const size_t length = row.head[kTableLengthLane];
-    return Index == 0 ? length + kAll - kFullHead<Record>[kTableLengthLane] : kAll - length;
+    HeadLane<Record> length;
+    std::memcpy(&length, rows + kHeadsAt<Record, Index> + kTableLengthLane * sizeof length + offset,
+                sizeof length);
+    return Index == 0 ? size_t{kFullHead<Record>[kTableLengthLane]} - length : length;
   }
 }
 
-// A window's scalars that are there, moved together, and how many bytes they are.
+// A row: how far behind its window's first one it lies, and how many bytes of scalars are absent.
+struct FoundRow {
+  size_t offset;
+  size_t absent;
+};
+
+// The row of a window whose absent scalars have all ones in the lanes of Width bytes at Positions.
+template <class Record, uint32_t Index, auto Positions, uint32_t Width>
+[[gnu::always_inline]] inline FoundRow findRow(const uint8_t* rows, ByteVector lanes) {
+  if constexpr (constexpr size_t kBytes = kBytesOfNumber<Record, Index>; kBytes != 0) {
+    const size_t absent = workedOutOnce(numberOfLanes<Positions, Width, kBytes>(lanes));
+    return {absent * (kVectorWidth / kBytes), absent};
+  } else {
+    const size_t offset = numberOfLanes<Positions, Width, kVectorWidth>(lanes);
+    return {offset, absentBytes<Record, Index>(rows, offset)};
+  }
+}
+
+// A window's scalars that are there, moved together, and how many bytes the others are.
 struct WindowState {
   ByteVector scalars;
-  size_t size;
+  size_t absent;
 };
 
 // A window of one scalar at its front needs no permutation: what follows overwrites it if it is
@@ -238,13 +309,6 @@ template <class Record, uint32_t Index>
 consteval bool startsWithItsOnlyScalar() {
   constexpr Window kWindow = kWindows<Record>.items[Index];
   return kWindow.count == 1 && kScalars<Record>.items[kWindow.first].offset == kWindow.offset;
-}
-
-// The row that begins so many bytes behind the first.
-template <class Record, uint32_t Index, Place To>
-[[gnu::always_inline]] inline const Row<Record>* rowAt(size_t offset) {
-  const auto* const rows = reinterpret_cast<const uint8_t*>(kRows<Record, Index, To>.data());
-  return reinterpret_cast<const Row<Record>*>(rows + offset);
 }
 
 template <class Record>
@@ -269,14 +333,14 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   std::array<WindowState, kWindows<Record>.count> windows;
   ByteVector head;  // not set if no slot is a scalar
 
-  // How many bytes of scalars are there.
-  [[nodiscard, gnu::always_inline]] size_t presentBytes() const {
+  // How many bytes of scalars are absent.
+  [[nodiscard, gnu::always_inline]] size_t absentBytes() const {
     size_t bytes = 0;
     scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { bytes += windows[Index].size; });
+        always_inline)) { bytes += windows[Index].absent; });
     forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
       if constexpr (Slot::kind == SlotKind::table) {
-        bytes += std::get<Index>(this->bySlot).presentBytes();
+        bytes += std::get<Index>(this->bySlot).absentBytes();
       }
     });
     return bytes;
@@ -285,22 +349,30 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
 
 // Room is as for a window.
 template <Place To, uint32_t Room, class Record>
-[[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
+[[gnu::always_inline]] inline void lookAtScalars(const uint8_t* bytes, TableState<Record>& state) {
+  const uint8_t* const rows = rowsOf<Record, To>();
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
     const ByteVector content =
         loadedOnce(scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes));
-    const size_t offset =
-        numberOfLanes<kFirstBytes<Record, Index>,
-                      scalars::kComparedWidth<Record, Depth::ownTable, Index>, sizeof(Row<Record>)>(
-            scalars::zeros<Record, Depth::ownTable, Index>(content));
-    const Row<Record>& row = *rowAt<Record, Index, To>(offset);
+    const auto [offset, absent] = findRow<Record, Index, kFirstBytes<Record, Index>,
+                                          scalars::kComparedWidth<Record, Depth::ownTable, Index>>(
+        rows, scalars::zeros<Record, Depth::ownTable, Index>(content));
     constexpr bool kIsTogether = To == Place::front && startsWithItsOnlyScalar<Record, Index>();
-    state.windows[Index] = {kIsTogether ? content : permute(content, loadAligned(row.move.data())),
-                            presentBytes<Record, Index>(offset, row)};
-    const ByteVector head = loadAligned(row.head.data());
+    state.windows[Index] = {
+        kIsTogether ? content
+                    : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
+        absent};
+    const ByteVector head = loadAligned(rows + kHeadsAt<Record, Index> + offset);
     state.head = Index == 0 ? head : subtractDownToZero<HeadLane<Record>>(state.head, head);
   });
+}
+
+template <Place To, uint32_t Room, class Record>
+[[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
+  if constexpr (kScalars<Record>.count != 0) {
+    lookAtScalars<To, Room>(bytes, state);
+  }
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::table) {
       using Nested = typename Slot::Type;

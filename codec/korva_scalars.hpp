@@ -69,14 +69,18 @@ consteval auto listScalars() {
 template <class Record, Depth Which>
 inline constexpr auto kScalars = listScalars<Record, Which>();
 
-// The bytes of all scalars.
+// The bytes of the first scalars, and of all.
 template <class Record, Depth Which>
-consteval uint32_t allBytes() {
+consteval uint32_t bytesOfFirst(uint32_t count) {
   uint32_t bytes = 0;
-  for (uint32_t i = 0; i < kScalars<Record, Which>.count; ++i) {
+  for (uint32_t i = 0; i < count; ++i) {
     bytes += kScalars<Record, Which>.items[i].width;
   }
   return bytes;
+}
+template <class Record, Depth Which>
+consteval uint32_t allBytes() {
+  return bytesOfFirst<Record, Which>(kScalars<Record, Which>.count);
 }
 
 // How many scalars a window of a table may hold: its tables of rows have 2 to that power.
@@ -160,16 +164,18 @@ template <Bytes Mask>
   (std::make_index_sequence<kVectorWidth>());
 }
 
+// The bytes of all scalars up to a window, and with it.
+template <class Record, Depth Which, uint32_t Index>
+inline constexpr uint32_t kBytesBefore =
+    bytesOfFirst<Record, Which>(kWindows<Record, Which>.items[Index].first);
+template <class Record, Depth Which, uint32_t Index>
+inline constexpr uint32_t kBytesBehind = bytesOfFirst<Record, Which>(
+    kWindows<Record, Which>.items[Index].first + kWindows<Record, Which>.items[Index].count);
+
 // The bytes of a window's scalars.
 template <class Record, Depth Which, uint32_t Index>
-inline constexpr uint32_t kWindowBytes = [] {
-  constexpr Window kWindow = kWindows<Record, Which>.items[Index];
-  uint32_t bytes = 0;
-  for (uint32_t i = 0; i < kWindow.count; ++i) {
-    bytes += kScalars<Record, Which>.items[kWindow.first + i].width;
-  }
-  return bytes;
-}();
+inline constexpr uint32_t kWindowBytes =
+    kBytesBehind<Record, Which, Index> - kBytesBefore<Record, Which, Index>;
 
 // How wide a window's widest scalar is.
 template <class Record, Depth Which, uint32_t Index>

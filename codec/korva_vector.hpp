@@ -57,6 +57,13 @@ inline constexpr uint8_t kTakesZero = 0x80;
   return loaded;
 }
 
+// Keeps the compilers from working out a number or an address anew for each of its uses.
+template <class Value>
+[[gnu::always_inline]] inline Value workedOutOnce(Value value) {
+  asm("" : "+r"(value));
+  return value;
+}
+
 // Loads Size bytes, and nothing behind them; the rest is 0.
 template <uint32_t Size>
 [[gnu::always_inline]] inline ByteVector loadVector(const uint8_t* at) {
