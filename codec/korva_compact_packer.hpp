@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_image.hpp"
 #include "codec/korva_rows.hpp"
 #include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
@@ -134,53 +135,41 @@ template <class Record, bool Measured>
   return size;
 }
 
-// Whether no slot of the same kind comes before.
+// Whether no nested table comes before a slot.
 template <class Record, size_t Slot>
-consteval bool isFirstOfItsKind() {
+consteval bool isFirstTable() {
   bool first = true;
   forEachSlot<Record>([&]<class Other, size_t Index>() {
-    first &= Index >= Slot || Other::kind != SlotAt<Record, Slot>::kind;
+    first &= Index >= Slot || Other::kind != SlotKind::table;
   });
   return first;
 }
 
-// How many words a plain table has between its scalars and its first array's bytes: its offset
-// fields and that array's count.
+// What lies between a plain table's scalars and its nested tables: offset fields and arrays. No
+// value changes their positions, but for the offset of a table behind another one, whose size
+// varies; it is 0 here.
 template <PlainTable Record>
-inline constexpr uint32_t kConstantFieldCount =
-    Schema<Record>::count - countSlots<Record>(SlotKind::scalar) +
-    (countSlots<Record>(SlotKind::byteArray) == 0 ? 0 : 1);
-
-// No value changes them, but for the offset of a table behind another one, whose size varies; it is
-// 0 here. Filled up with zeros to what one store writes.
-template <PlainTable Record>
-alignas(kVectorWidth) inline constexpr auto kConstantFields = [] {
-  constexpr uint32_t kSize = kConstantFieldCount<Record> * kOffsetFieldWidth;
-  std::array<uint32_t, inOneStore(kSize) / kOffsetFieldWidth> words{};
-  uint32_t array = kSize - kCountWidth;
-  uint32_t table = fixedSize<Record>() - rows::kHeadLength<Record>;
-  forEachSlot<Record>([&]<class Slot, size_t>() {
-    if constexpr (Slot::kind == SlotKind::table) {
-      table -= fixedSize<typename Slot::Type>();
-    }
-  });
+inline constexpr auto kFieldsAndArrays = [] {
+  constexpr uint32_t kFields =
+      countSlots<Record>(SlotKind::byteArray) + countSlots<Record>(SlotKind::table);
+  image::Image<kFields * kOffsetFieldWidth + rows::kArraysLength<Record>> image(sizeof(Record));
   uint32_t field = 0;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() {
+  uint32_t array = kFields * kOffsetFieldWidth;
+  uint32_t table = image.size();
+  forEachMember<Record>([&]<class Slot, size_t>(uint32_t member) {
     if constexpr (Slot::kind == SlotKind::byteArray) {
-      words[field] = array - field * kOffsetFieldWidth;
+      image.put(field, array - field);
+      image.put(array, Slot::width);
+      image.take(array + kCountWidth, member, Slot::width);
       array += kCountWidth + Slot::width;
-      ++field;
-      if (isFirstOfItsKind<Record, Index>()) {
-        words[kConstantFieldCount<Record> - 1] = Slot::width;
-      }
+      field += kOffsetFieldWidth;
     } else if constexpr (Slot::kind == SlotKind::table) {
-      if (isFirstOfItsKind<Record, Index>()) {
-        words[field] = table + kVtableLength<typename Slot::Type> - field * kOffsetFieldWidth;
-      }
-      ++field;
+      image.put(field, table == 0 ? 0 : table + kVtableLength<typename Slot::Type> - field);
+      table = 0;
+      field += kOffsetFieldWidth;
     }
   });
-  return words;
+  return image;
 }();
 
 // Whether another table follows, whose first bytes may be overwritten before it is written.
@@ -229,10 +218,13 @@ class TableWriter {
     } else {
       writeHead();
       writeScalars();
-      writeConstantFields();
-      reserveOffsetFields();
-      writeStringsAndArrays();
-      writeVectorHeader();
+      if constexpr (PlainTable<Record>) {
+        writeFieldsAndArrays();
+      } else {
+        reserveOffsetFields();
+        writeStringsAndArrays();
+        writeVectorHeader();
+      }
       writeTableLength();
     }
     cursor_ = at_;
@@ -334,11 +326,12 @@ class TableWriter {
           kHead + scalars::kBytesBehind<Record, kOwn, Index>;
   }
 
-  [[gnu::always_inline]] void writeConstantFields() {
-    if constexpr (PlainTable<Record> && kFollowing != 0) {
-      constexpr auto& kFields = kConstantFields<Record>;
-      static_assert(sizeof(kFields) <= kFollowing, "the store must not reach behind the table");
-      std::memcpy(at_, kFields.data(), sizeof(kFields));
+  [[gnu::always_inline]] void writeFieldsAndArrays() {
+    if constexpr (constexpr uint32_t kSize = kFieldsAndArrays<Record>.size(); kSize != 0) {
+      image::write<kFieldsAndArrays<Record>>(at_, reinterpret_cast<const uint8_t*>(&record_));
+      uint8_t* const behind = at_ + kSize;
+      reserveOffsetFields();
+      at_ = behind;
     }
   }
 
@@ -384,12 +377,8 @@ class TableWriter {
 
   template <class Slot, size_t Index>
   [[gnu::always_inline]] void writeArray() {
-    if constexpr (!PlainTable<Record>) {
-      pointHere<Index>();
-    }
-    if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
-      store(at_, Slot::width);
-    }
+    pointHere<Index>();
+    store(at_, Slot::width);
     std::memcpy(at_ + kCountWidth, Slot::get(record_), Slot::width);
     at_ += kCountWidth + Slot::width;
   }
@@ -424,7 +413,7 @@ class TableWriter {
         TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
                                                  std::get<Index>(state_.bySlot), none);
         const uint8_t* const table = writer.write();
-        if constexpr (!PlainTable<Record> || !isFirstOfItsKind<Record, Index>()) {
+        if constexpr (!PlainTable<Record> || !isFirstTable<Record, Index>()) {
           point(offsetFields_[Index], table);
         }
       }

@@ -117,27 +117,37 @@ template <uint32_t Size>
   }
 }
 
-// Stores the last lane within the first Size bytes of a vector, if those do not end with two.
+// Stores the last lane within the first Size bytes of a vector, if their number is odd.
 template <class Lane, uint32_t Size>
 [[gnu::always_inline]] inline void storeOddLane(uint8_t* at, ByteVector vector) {
-  if constexpr (constexpr uint32_t kIndex = Size / sizeof(Lane) - 1;
-                Size >= sizeof(Lane) && kIndex % 2 == 0) {
-    const Lane lane = std::bit_cast<Vector<Lane>>(vector)[kIndex];
-    std::memcpy(at + kIndex * sizeof lane, &lane, sizeof lane);
+  if constexpr (constexpr uint32_t kCount = Size / sizeof(Lane); kCount % 2 == 1) {
+    const Lane lane = std::bit_cast<Vector<Lane>>(vector)[kCount - 1];
+    std::memcpy(at + (kCount - 1) * sizeof lane, &lane, sizeof lane);
   }
 }
 
-// Stores the first Size bytes of a vector, a multiple of two, and nothing behind them.
+// Stores the first Size bytes of a vector, and nothing behind them.
 template <uint32_t Size>
 [[gnu::always_inline]] inline void storeVectorFront(uint8_t* at, ByteVector vector) {
-  static_assert(Size <= kVectorWidth && Size % sizeof(uint16_t) == 0);
+  static_assert(Size <= kVectorWidth);
   if constexpr (Size == kVectorWidth) {
     storeVector(at, vector);
   } else {
     storeOddLane<uint64_t, Size>(at, vector);
     storeOddLane<uint32_t, Size>(at, vector);
     storeOddLane<uint16_t, Size>(at, vector);
+    storeOddLane<uint8_t, Size>(at, vector);
   }
+}
+
+// What lies behind a vector's first bytes, moved to its front.
+template <uint32_t Bytes>
+[[gnu::always_inline]] inline ByteVector moveDown(ByteVector bytes) {
+  static_assert(Bytes < kVectorWidth);
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+    return __builtin_shufflevector(bytes, ByteVector{}, (Bytes + Byte)...);
+  }
+  (std::make_index_sequence<kVectorWidth>());
 }
 
 // Eight of a vector's bytes, from First on, as numbers of two bytes.

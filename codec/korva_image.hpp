@@ -1,0 +1,163 @@
+// Stretches of a message whose layout only the schema decides: where each of their bytes comes
+// from, and writing them. For the packers.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+
+#include "codec/korva_vector.hpp"
+
+namespace korva::image {
+
+// Bytes that stand together, all from the record or all the schema's own.
+struct Piece {
+  uint32_t position;
+  uint32_t size;
+  uint32_t source;  // within the record, or kSchema
+
+  static constexpr uint32_t kSchema = UINT32_MAX;
+};
+
+template <uint32_t Size>
+class Image {
+ public:
+  std::array<uint8_t, Size> constants{};  // the schema's own bytes, zeros elsewhere
+  uint32_t recordSize;
+
+  explicit constexpr Image(uint32_t sizeOfRecord) : recordSize(sizeOfRecord) {
+    sources_.fill(kUnused);
+  }
+
+  [[nodiscard]] constexpr uint32_t size() const { return Size; }
+
+  template <class Value>
+  constexpr void put(uint32_t position, Value value) {
+    const auto bytes = std::bit_cast<std::array<uint8_t, sizeof(Value)>>(value);
+    std::ranges::copy(bytes, constants.begin() + position);
+    std::fill_n(sources_.begin() + position, sizeof(Value), Piece::kSchema);
+  }
+
+  constexpr void take(uint32_t position, uint32_t source, uint32_t size) {
+    for (uint32_t i = 0; i < size; ++i) {
+      sources_[position + i] = source + i;
+    }
+  }
+
+  // The piece that begins at position.
+  [[nodiscard]] constexpr Piece pieceAt(uint32_t position) const {
+    const uint32_t first = sources_[position];
+    uint32_t end = position + 1;
+    while (end < Size && sources_[end] == next(sources_[end - 1])) {
+      ++end;
+    }
+    return {position, end - position, first};
+  }
+
+  // Where the next piece begins, at position or behind it.
+  [[nodiscard]] constexpr uint32_t firstUsed(uint32_t position) const {
+    while (position < Size && sources_[position] == kUnused) {
+      ++position;
+    }
+    return position;
+  }
+
+  // How many bytes to store for some at position: one store's, if what follows overwrites the rest.
+  [[nodiscard]] constexpr uint32_t storedBytes(uint32_t position, uint32_t bytes) const {
+    const uint32_t rounded = std::max(inOneStore(bytes), uint32_t{4});
+    return firstUnused(position) >= position + rounded ? rounded : bytes;
+  }
+
+ private:
+  static constexpr uint32_t kUnused = UINT32_MAX - 1;
+
+  static constexpr uint32_t next(uint32_t source) {
+    return source == kUnused || source == Piece::kSchema ? source : source + 1;
+  }
+
+  [[nodiscard]] constexpr uint32_t firstUnused(uint32_t position) const {
+    while (position < Size && sources_[position] != kUnused) {
+      ++position;
+    }
+    return position;
+  }
+
+  std::array<uint32_t, Size> sources_{};
+};
+
+// The vector of the record that was loaded last, from its byte From on; none if that is kNothing.
+inline constexpr uint32_t kNothing = UINT32_MAX;
+template <uint32_t From>
+struct Loaded {
+  ByteVector bytes;
+
+  // How many of its bytes lie at source and behind it.
+  static constexpr uint32_t count(uint32_t source) {
+    return source >= From && source - From < kVectorWidth ? kVectorWidth - (source - From) : 0;
+  }
+};
+
+constexpr uint32_t vectorCount(uint32_t size) { return (size + kVectorWidth - 1) / kVectorWidth; }
+
+// Whether to take the first bytes of some from a vector that has so many of them: if that saves a
+// load.
+constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
+  return available != 0 && vectorCount(size - std::min(size, available)) < vectorCount(size);
+}
+
+template <const auto& Of, uint32_t Position, uint32_t From>
+[[gnu::always_inline]] inline void writeFrom(uint8_t* buffer, const uint8_t* record,
+                                             Loaded<From> loaded);
+
+// Writes what is left of a piece of the record, and all behind it.
+template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uint32_t From>
+[[gnu::always_inline]] inline void writePiece(uint8_t* buffer, const uint8_t* record,
+                                              Loaded<From> loaded) {
+  constexpr uint32_t kAvailable = Loaded<From>::count(Source);
+  constexpr uint32_t kBytes =
+      std::min(Size, isWorthTaking(kAvailable, Size) ? kAvailable : kVectorWidth);
+  constexpr uint32_t kStored = Of.storedBytes(Position, kBytes);
+  if constexpr (Size == 0) {
+    writeFrom<Of, Position>(buffer, record, loaded);
+  } else if constexpr (isWorthTaking(kAvailable, Size)) {
+    storeVectorFront<kStored>(buffer + Position, moveDown<Source - From>(loaded.bytes));
+    writePiece<Of, Position + kBytes, Source + kBytes, Size - kBytes>(buffer, record, loaded);
+  } else if constexpr (Source + kVectorWidth <= Of.recordSize) {
+    const Loaded<Source> now{loadVector<kVectorWidth>(record + Source)};
+    storeVectorFront<kStored>(buffer + Position, now.bytes);
+    writePiece<Of, Position + kBytes, Source + kBytes, Size - kBytes>(buffer, record, now);
+  } else {
+    std::memcpy(buffer + Position, record + Source, Size);
+    writeFrom<Of, Position + Size>(buffer, record, loaded);
+  }
+}
+
+// Apart from the image, of which the program keeps nothing else.
+template <const auto& Of>
+inline constexpr auto kConstants = Of.constants;
+
+// Writes the pieces from Position on, each before the next, which may overwrite its last bytes.
+template <const auto& Of, uint32_t Position, uint32_t From>
+[[gnu::always_inline]] inline void writeFrom(uint8_t* buffer, const uint8_t* record,
+                                             Loaded<From> loaded) {
+  constexpr uint32_t kPosition = Of.firstUsed(Position);
+  if constexpr (kPosition < Of.size()) {
+    constexpr Piece kPiece = Of.pieceAt(kPosition);
+    if constexpr (kPiece.source == Piece::kSchema) {
+      constexpr uint32_t kBytes = Of.storedBytes(kPosition, kPiece.size);
+      std::memcpy(buffer + kPosition, kConstants<Of>.data() + kPosition, kBytes);
+      writeFrom<Of, kPosition + kPiece.size>(buffer, record, loaded);
+    } else {
+      writePiece<Of, kPosition, kPiece.source, kPiece.size>(buffer, record, loaded);
+    }
+  }
+}
+
+// Writes a whole image, but for the bytes that it does not use.
+template <const auto& Of>
+[[gnu::always_inline]] inline void write(uint8_t* buffer, const uint8_t* record) {
+  writeFrom<Of, 0>(buffer, record, Loaded<kNothing>{});
+}
+
+}  // namespace korva::image
