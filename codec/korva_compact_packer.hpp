@@ -437,10 +437,16 @@ class TableWriter {
   [[gnu::always_inline]] void writeElements(uint8_t*& cursor, const Element* element,
                                             const Element* end) {
     uint8_t* entry = entries_;
+    // Small elements, two a round: they take hardly longer than the round itself.
     if constexpr (rows::ScalarTable<Element>) {
-#pragma GCC unroll 2  // such an element takes hardly longer than a round of the loop
+#pragma GCC unroll 2
       for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
         packElement<Followed::byTable>(entry, cursor, *element);
+      }
+    } else if constexpr (scalars::kWindows<Element, scalars::Depth::withNested>.count == 1) {
+#pragma GCC unroll 2
+      for (; element != end; ++element, entry += kOffsetFieldWidth) {
+        packElement<Followed::no>(entry, cursor, *element);
       }
     }
     for (; element != end; ++element, entry += kOffsetFieldWidth) {
