@@ -107,8 +107,7 @@ constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
 }
 
 template <const auto& Of, uint32_t Position, uint32_t From>
-[[gnu::always_inline]] inline void writeFrom(uint8_t* buffer, const uint8_t* record,
-                                             Loaded<From> loaded);
+void writeFrom(uint8_t* buffer, const uint8_t* record, Loaded<From> loaded);
 
 // Writes what is left of a piece of the record, and all behind it.
 template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uint32_t From>
