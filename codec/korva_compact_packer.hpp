@@ -320,10 +320,10 @@ class TableWriter {
   [[gnu::always_inline]] void passWindow() {
     constexpr auto kOwn = scalars::Depth::ownTable;
     constexpr uint32_t kHead = rows::kHeadLength<Record>;
-    const uint8_t* const begin = at_ - kHead - scalars::kBytesBefore<Record, kOwn, Index>;
-    at_ = reinterpret_cast<uint8_t*>(reinterpret_cast<uintptr_t>(begin) -
-                                     state_.windows[Index].absent) +
-          kHead + scalars::kBytesBehind<Record, kOwn, Index>;
+    const uintptr_t begin =
+        reinterpret_cast<uintptr_t>(at_ - kHead) - scalars::kBytesBefore<Record, kOwn, Index>;
+    at_ = reinterpret_cast<uint8_t*>(begin - state_.windows[Index].absent) + kHead +
+          scalars::kBytesBehind<Record, kOwn, Index>;
   }
 
   [[gnu::always_inline]] void writeFieldsAndArrays() {
