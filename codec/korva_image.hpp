@@ -13,7 +13,6 @@ namespace korva::image {
 
 // Bytes that stand together, all from the record or all the schema's own.
 struct Piece {
-  uint32_t position;
   uint32_t size;
   uint32_t source;  // within the record, or kSchema
 
@@ -52,7 +51,7 @@ class Image {
     while (end < Size && sources_[end] == next(sources_[end - 1])) {
       ++end;
     }
-    return {position, end - position, first};
+    return {end - position, first};
   }
 
   // Where the next piece begins, at position or behind it.
@@ -64,6 +63,7 @@ class Image {
   }
 
   // How many bytes to store for some at position: one store's, if what follows overwrites the rest.
+  // Of a vector, that stores four bytes at least.
   [[nodiscard]] constexpr uint32_t storedBytes(uint32_t position, uint32_t bytes) const {
     const uint32_t rounded = std::max(inOneStore(bytes), uint32_t{4});
     return firstUnused(position) >= position + rounded ? rounded : bytes;
