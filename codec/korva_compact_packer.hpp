@@ -155,8 +155,7 @@ inline constexpr auto kFieldsAndArrays = [] {
   image::Image<kFields * kOffsetFieldWidth + rows::kArraysLength<Record>> image(sizeof(Record));
   uint32_t field = 0;
   uint32_t array = kFields * kOffsetFieldWidth;
-  uint32_t table = image.size();
-  forEachMember<Record>([&]<class Slot, size_t>(uint32_t member) {
+  forEachMember<Record>([&]<class Slot, size_t Index>(uint32_t member) {
     if constexpr (Slot::kind == SlotKind::byteArray) {
       image.put(field, array - field);
       image.put(array, Slot::width);
@@ -164,8 +163,8 @@ inline constexpr auto kFieldsAndArrays = [] {
       array += kCountWidth + Slot::width;
       field += kOffsetFieldWidth;
     } else if constexpr (Slot::kind == SlotKind::table) {
-      image.put(field, table == 0 ? 0 : table + kVtableLength<typename Slot::Type> - field);
-      table = 0;
+      const uint32_t table = image.size() + kVtableLength<typename Slot::Type>;
+      image.put(field, isFirstTable<Record, Index>() ? table - field : 0);
       field += kOffsetFieldWidth;
     }
   });
