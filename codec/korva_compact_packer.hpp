@@ -171,23 +171,18 @@ inline constexpr auto kFieldsAndArrays = [] {
   return image;
 }();
 
-// Whether another table follows, whose first bytes may be overwritten before it is written.
-enum class Followed : uint8_t { no, byTable };
-
-template <class Record, Followed By>
-inline constexpr rows::Place kPlace =
-    By == Followed::byTable ? rows::Place::behindDisplacement : rows::kUsualPlace<Record>;
-
 [[gnu::always_inline]] inline void point(uint8_t* offsetField, const uint8_t* target) {
   store(offsetField, static_cast<uint32_t>(target - offsetField));
 }
 
-template <Followed By, PlainTable Record>
+template <PlainTable Record>
 void packElement(uint8_t* entry, uint8_t*& cursor, const Record& record);
+template <rows::SingleRowTable Record>
+void packFollowed(uint8_t* entry, size_t& distance, const Record& record);
 
 // A table being written. The order of its parts is the wire's: head, scalars, offset fields,
 // strings and byte arrays, vector header; its nested tables and elements follow behind it.
-template <class Record, Followed By>
+template <class Record>
 class TableWriter {
   static_assert(countSlots<Record>(SlotKind::vector) <= 1,
                 "a second vector's header would have no place before the first one's elements");
@@ -242,22 +237,11 @@ class TableWriter {
     static_assert(rows::kWindows<Record>.count == 1);
     constexpr uint32_t kScalarBytes =
         alignUp(scalars::allBytes<Record, scalars::Depth::ownTable>(), 4);
-    const ByteVector scalars = state_.windows[0].scalars;
-    if constexpr (kPlace<Record, By> == rows::Place::behindDisplacement) {
-      static_assert(kDisplacementWidth + kScalarBytes <= kVectorWidth &&
-                        kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
-                    "the vector must not reach behind the next table's head");
-      constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-      storeHead<kVtableLength<Record>>(state_.head);
-      storeVector(table_, scalars | std::bit_cast<ByteVector>(kDisplacement));
-      passWindow<0>();
-    } else {
-      constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
-      static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
-      passWindow<0>();
-      storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, scalars);
-      storeHead<rows::kHeadLength<Record>>(state_.head);
-    }
+    constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
+    static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
+    passWindow<0>();
+    storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, state_.windows[0].scalars);
+    storeHead<rows::kHeadLength<Record>>(state_.head);
   }
 
   // Stored in whole vectors where enough follows in the table to overwrite what is too much; else
@@ -409,8 +393,8 @@ class TableWriter {
         using Nested = typename Slot::Type;
         static_assert(PlainTable<Nested>);
         Texts<Nested> none;
-        TableWriter<Nested, Followed::no> writer(cursor_, Slot::get(record_),
-                                                 std::get<Index>(state_.bySlot), none);
+        TableWriter<Nested> writer(cursor_, Slot::get(record_), std::get<Index>(state_.bySlot),
+                                   none);
         const uint8_t* const table = writer.write();
         if constexpr (!PlainTable<Record> || !isFirstTable<Record, Index>()) {
           point(offsetFields_[Index], table);
@@ -437,19 +421,21 @@ class TableWriter {
                                             const Element* end) {
     uint8_t* entry = entries_;
     // Small elements, two a round: they take hardly longer than the round itself.
-    if constexpr (rows::ScalarTable<Element>) {
+    if constexpr (rows::SingleRowTable<Element>) {
+      size_t distance = static_cast<size_t>(cursor - entry) + kVtableLength<Element>;
 #pragma GCC unroll 2
       for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
-        packElement<Followed::byTable>(entry, cursor, *element);
+        packFollowed(entry, distance, *element);
       }
+      cursor = entry + distance - kVtableLength<Element>;
     } else if constexpr (scalars::kWindows<Element, scalars::Depth::withNested>.count == 1) {
 #pragma GCC unroll 2
       for (; element != end; ++element, entry += kOffsetFieldWidth) {
-        packElement<Followed::no>(entry, cursor, *element);
+        packElement(entry, cursor, *element);
       }
     }
     for (; element != end; ++element, entry += kOffsetFieldWidth) {
-      packElement<Followed::no>(entry, cursor, *element);
+      packElement(entry, cursor, *element);
     }
   }
 
@@ -481,14 +467,29 @@ class TableWriter {
 };
 
 // Writes an element at the cursor, and where its table is into its vector's entry.
-template <Followed By, PlainTable Record>
+template <PlainTable Record>
 [[gnu::always_inline]] inline void packElement(uint8_t* entry, uint8_t*& cursor,
                                                const Record& record) {
   point(entry, cursor + kVtableLength<Record>);
   rows::TableState<Record> state;
-  rows::lookAtTable<kPlace<Record, By>>(record, state);
+  rows::lookAtTable(record, state);
   Texts<Record> none;
-  TableWriter<Record, By>(cursor, record, state, none).write();
+  TableWriter<Record>(cursor, record, state, none).write();
+}
+
+// Writes an element at a distance from its vector's entry, and moves on to that of the next entry's
+// element, which overwrites what is stored too much.
+template <rows::SingleRowTable Record>
+[[gnu::always_inline]] inline void packFollowed(uint8_t* entry, size_t& distance,
+                                                const Record& record) {
+  static_assert(kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
+                "the vector must not reach behind the next table's head");
+  store(entry, static_cast<uint32_t>(distance));
+  const auto [vtable, table, absent] = rows::wholeTable(record);
+  uint8_t* const at = entry + distance;
+  storeVectorFront<kVtableLength<Record>>(at - kVtableLength<Record>, vtable);
+  storeVector(at, table);
+  distance = workedOutOnce(distance + (kFullSize<Record> - kOffsetFieldWidth) - absent);
 }
 
 // What a pack pass finds out before it writes.
@@ -518,7 +519,7 @@ template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
-  rows::lookAtTable<rows::kUsualPlace<Record>>(record, survey.scalars);
+  rows::lookAtTable(record, survey.scalars);
   const size_t least = kRootOffsetWidth + compact::kFullSize<Record> - survey.scalars.absentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;
@@ -535,8 +536,7 @@ template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
                                                    compact::Survey<Record>& survey) {
   uint8_t* cursor = buffer + kRootOffsetWidth;
-  compact::TableWriter<Record, compact::Followed::no> writer(cursor, record, survey.scalars,
-                                                             survey.texts);
+  compact::TableWriter<Record> writer(cursor, record, survey.scalars, survey.texts);
   store(buffer, static_cast<uint32_t>(writer.write() - buffer));
   const auto size = static_cast<uint32_t>(cursor - buffer);
   for (const Text& text : survey.texts) {

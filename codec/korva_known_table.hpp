@@ -31,8 +31,8 @@ concept KnownLayout = PlainTable<Record> && kScalars<Record>.count >= kWorthwhil
 // for those that are absent.
 template <class Record, uint32_t Index>
 alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
-  constexpr auto* const kMoves = rows::kRows<Record, rows::kUsualPlace<Record>>.data() +
-                                 rows::kMovesAt<Record, Index> / sizeof(Bytes);
+  constexpr auto* const kMoves =
+      rows::kRows<Record>.data() + rows::kMovesAt<Record, Index> / sizeof(Bytes);
   std::array<Bytes, rows::rowCount(kWindows<Record>.items[Index])> spreads{};
   for (size_t row = 0; row < spreads.size(); ++row) {
     spreads[row].fill(kTakesZero);
@@ -147,9 +147,9 @@ template <KnownLayout Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalars(const uint8_t* vtable,
                                                           const uint8_t* table, uint64_t position,
                                                           uint64_t room, Record& record) {
-  constexpr bool kAtEnd = rows::kUsualPlace<Record> == rows::Place::end;
+  constexpr bool kAtEnd = rows::kPlace<Record> == rows::Place::end;
   AllFound<Record> found;
-  const uint8_t* const rows = rows::rowsOf<Record, rows::kUsualPlace<Record>>();
+  const uint8_t* const rows = rows::rowsOf<Record>();
   size_t size = scalars::allBytes<Record, Depth::ownTable>();
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
                                                       __attribute__((always_inline)) {

@@ -108,12 +108,11 @@ constexpr void takeAway(Head<Record>& head, const Head<Record>& what) {
   }
 }
 
-// Where in a vector a row's scalars are moved: to its front, behind room for a displacement, or so
-// that they end where it ends.
-enum class Place : uint8_t { front, behindDisplacement, end };
+// Where in a vector a row's scalars are moved: to its front, or so that they end where it ends.
+enum class Place : uint8_t { front, end };
 
 template <class Record>
-inline constexpr Place kUsualPlace = ScalarTable<Record> ? Place::end : Place::front;
+inline constexpr Place kPlace = ScalarTable<Record> ? Place::end : Place::front;
 
 // A row's number has the bits of the scalars that are absent.
 constexpr bool isPresent(uint32_t row, uint32_t scalar) { return (row >> scalar & 1) == 0; }
@@ -131,7 +130,6 @@ constexpr Bytes moveOf(const Window& window, uint32_t row, Place place) {
   Bytes move{};
   move.fill(kTakesZero);
   uint32_t to = place == Place::end ? kVectorWidth - size : 0;
-  to += place == Place::behindDisplacement ? kDisplacementWidth : 0;
   for (uint32_t i = 0; i < window.count; ++i) {
     for (uint32_t byte = 0; byte < scalars[i].width && isPresent(row, i); ++byte) {
       move[to++] = static_cast<uint8_t>(scalars[i].offset - window.offset + byte);
@@ -189,14 +187,14 @@ inline constexpr size_t kHeadsAt =
 
 // All rows of a record: for each window first the permutations, then the heads. One address and a
 // row's offset lead to both, and to those of every window.
-template <class Record, Place To>
+template <class Record>
 alignas(kVectorWidth) inline constexpr auto kRows = [] {
   std::array<Bytes, kMovesAt<Record, kWindows<Record>.count> / kVectorWidth> rows{};
   size_t at = 0;
   for (uint32_t i = 0; i < kWindows<Record>.count; ++i) {
     const Window& window = kWindows<Record>.items[i];
     for (uint32_t row = 0; row < rowCount(window); ++row, ++at) {
-      rows[at] = moveOf<Record>(window, row, To);
+      rows[at] = moveOf<Record>(window, row, kPlace<Record>);
       rows[at + rowCount(window)] = std::bit_cast<Bytes>(headOf<Record>(window, row));
     }
     at += rowCount(window);
@@ -204,9 +202,9 @@ alignas(kVectorWidth) inline constexpr auto kRows = [] {
   return rows;
 }();
 
-template <class Record, Place To>
+template <class Record>
 [[gnu::always_inline]] inline const uint8_t* rowsOf() {
-  return workedOutOnce(kRows<Record, To>.data()->data());
+  return workedOutOnce(kRows<Record>.data()->data());
 }
 
 // What a string or vector takes away, by whether it is there. In a table without scalars it brings
@@ -347,18 +345,25 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   }
 };
 
+// The row of a window by its content in a record.
+template <class Record, uint32_t Index>
+[[gnu::always_inline]] inline FoundRow rowFor(const uint8_t* rows, ByteVector content) {
+  return findRow<Record, Index, kFirstBytes<Record, Index>,
+                 scalars::kComparedWidth<Record, Depth::ownTable, Index>>(
+      rows, scalars::zeros<Record, Depth::ownTable, Index>(content));
+}
+
 // Room is as for a window.
-template <Place To, uint32_t Room, class Record>
+template <uint32_t Room, class Record>
 [[gnu::always_inline]] inline void lookAtScalars(const uint8_t* bytes, TableState<Record>& state) {
-  const uint8_t* const rows = rowsOf<Record, To>();
+  const uint8_t* const rows = rowsOf<Record>();
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
       always_inline)) {
     const ByteVector content =
         loadedOnce(scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes));
-    const auto [offset, absent] = findRow<Record, Index, kFirstBytes<Record, Index>,
-                                          scalars::kComparedWidth<Record, Depth::ownTable, Index>>(
-        rows, scalars::zeros<Record, Depth::ownTable, Index>(content));
-    constexpr bool kIsTogether = To == Place::front && startsWithItsOnlyScalar<Record, Index>();
+    const auto [offset, absent] = rowFor<Record, Index>(rows, content);
+    constexpr bool kIsTogether =
+        kPlace<Record> == Place::front && startsWithItsOnlyScalar<Record, Index>();
     state.windows[Index] = {
         kIsTogether ? content
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
@@ -368,24 +373,69 @@ template <Place To, uint32_t Room, class Record>
   });
 }
 
-template <Place To, uint32_t Room, class Record>
+template <uint32_t Room, class Record>
 [[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
   if constexpr (kScalars<Record>.count != 0) {
-    lookAtScalars<To, Room>(bytes, state);
+    lookAtScalars<Room>(bytes, state);
   }
   forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::table) {
       using Nested = typename Slot::Type;
       constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
-      lookAtTable<kUsualPlace<Nested>, Room - kOffset>(
-          bytes + kOffset, static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
+      lookAtTable<Room - kOffset>(bytes + kOffset,
+                                  static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
     }
   });
 }
 
-template <Place To, class Record>
+template <class Record>
 [[gnu::always_inline]] inline void lookAtTable(const Record& record, TableState<Record>& state) {
-  lookAtTable<To, sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
+  lookAtTable<sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
+}
+
+// Tables for which one vector holds a whole row: the vtable's entries as bytes, where the table has
+// its displacement, and the permutation of what lies behind it.
+template <class Record>
+concept SingleRowTable =
+    ScalarTable<Record> && kWindows<Record>.count == 1 && kBytesOfNumber<Record, 0> != 0 &&
+    kVtableLength<Record> <= kDisplacementWidth * kSlotEntryWidth &&
+    kInlineLength<Record> <= kVectorWidth;
+
+template <SingleRowTable Record>
+alignas(kVectorWidth) inline constexpr auto kSingleRows = [] {
+  constexpr Window kWindow = kWindows<Record>.items[0];
+  std::array<Bytes, rowCount(kWindow)> rows{};
+  for (uint32_t row = 0; row < rows.size(); ++row) {
+    const Head<Record> head = headOf<Record>(kWindow, row);
+    const Bytes move = moveOf<Record>(kWindow, row, Place::front);
+    for (uint32_t i = 0; i < kVectorWidth; ++i) {
+      rows[row][i] =
+          i < kDisplacementWidth ? static_cast<uint8_t>(head[i]) : move[i - kDisplacementWidth];
+    }
+  }
+  return rows;
+}();
+
+// A table as it is stored: its vtable, and all behind that, each from the front of a vector.
+struct WholeTable {
+  ByteVector vtable;
+  ByteVector table;
+  size_t absent;  // bytes of scalars
+};
+
+template <SingleRowTable Record>
+[[gnu::always_inline]] inline WholeTable wholeTable(const Record& record) {
+  constexpr Bytes kDisplacementBytes{0xFF, 0xFF, 0xFF, 0xFF};
+  constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
+  const uint8_t* const rows = workedOutOnce(kSingleRows<Record>.data()->data());
+  const ByteVector content = loadedOnce(
+      scalars::loadWindow<Record, Depth::ownTable, 0>(reinterpret_cast<const uint8_t*>(&record)));
+  const auto [offset, absent] = rowFor<Record, 0>(rows, content);
+  const ByteVector row = loadAligned(rows + offset);
+  return {widen<0>(row),
+          scalars::blend<kDisplacementBytes>(permute(content, row),
+                                             std::bit_cast<ByteVector>(kDisplacement)),
+          absent};
 }
 
 }  // namespace korva::rows
