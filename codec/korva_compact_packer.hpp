@@ -423,7 +423,7 @@ class TableWriter {
     // Small elements, two a round: they take hardly longer than the round itself.
     if constexpr (rows::SingleRowTable<Element>) {
       size_t distance = static_cast<size_t>(cursor - entry) + kVtableLength<Element>;
-#pragma GCC unroll 2
+#pragma GCC unroll 4
       for (; element != end - 1; ++element, entry += kOffsetFieldWidth) {
         packFollowed(entry, distance, *element);
       }

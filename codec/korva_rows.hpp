@@ -235,14 +235,18 @@ template <class Record, uint32_t Slot>
 inline constexpr std::array<OptionalRow<Record>, 2> kOptionalRows{OptionalRow<Record>(Slot, false),
                                                                   OptionalRow<Record>(Slot, true)};
 
-// Where one byte of every scalar lies in a window.
+// Where one byte of every scalar lies in a window. Where any byte of a scalar does, the first
+// scalar's last byte is taken, since those of narrow scalars behind it are its neighbours.
 template <class Record, uint32_t Index>
-inline constexpr auto kFirstBytes = [] {
+inline constexpr auto kOneByteEach = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
   std::array<uint8_t, kWindow.count> positions{};
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     positions[i] =
         static_cast<uint8_t>(kScalars<Record>.items[kWindow.first + i].offset - kWindow.offset);
+  }
+  if (scalars::kComparedWidth<Record, Depth::ownTable, Index> == 1) {
+    positions[0] += static_cast<uint8_t>(kScalars<Record>.items[kWindow.first].width - 1);
   }
   return positions;
 }();
@@ -261,13 +265,17 @@ inline constexpr size_t kBytesOfNumber = [] {
   return bytes;
 }();
 
+template <class Record, uint32_t Index>
+inline constexpr bool kAreEquallyWide =
+    scalars::kWindowBytes<Record, Depth::ownTable, Index> ==
+    kWindows<Record>.items[Index].count * scalars::kWidest<Record, Depth::ownTable, Index>;
+
 // How many bytes of a window's scalars are absent. A row's head tells it by the table's length; if
 // all scalars are equally wide, the row's offset does without a load.
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline size_t absentBytes(const uint8_t* rows, size_t offset) {
   constexpr size_t kWidth = scalars::kWidest<Record, Depth::ownTable, Index>;
-  constexpr size_t kAll = scalars::kWindowBytes<Record, Depth::ownTable, Index>;
-  if constexpr (kAll == kWindows<Record>.items[Index].count * kWidth && kCountsBitsAtOnce) {
+  if constexpr (kAreEquallyWide<Record, Index> && kCountsBitsAtOnce) {
     return kWidth * static_cast<size_t>(std::popcount(offset));
   } else {
     HeadLane<Record> length;
@@ -348,9 +356,14 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
 // The row of a window by its content in a record.
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline FoundRow rowFor(const uint8_t* rows, ByteVector content) {
-  return findRow<Record, Index, kFirstBytes<Record, Index>,
-                 scalars::kComparedWidth<Record, Depth::ownTable, Index>>(
-      rows, scalars::zeros<Record, Depth::ownTable, Index>(content));
+  constexpr uint32_t kWidth = scalars::kComparedWidth<Record, Depth::ownTable, Index>;
+  const ByteVector zeros = scalars::zeros<Record, Depth::ownTable, Index>(content);
+  FoundRow found = findRow<Record, Index, kOneByteEach<Record, Index>, kWidth>(rows, zeros);
+  if constexpr (kBytesOfNumber<Record, Index> == 0 && !kAreEquallyWide<Record, Index> &&
+                kCountsBitsAtOnce) {
+    found.absent = countOnes<scalars::kMask<Record, Depth::ownTable, Index>>(zeros);
+  }
+  return found;
 }
 
 // Room is as for a window.

@@ -183,6 +183,21 @@ template <class Lane>
 #endif
 }
 
+#if defined(__x86_64__)
+// The first bit of each lane; as wide as an offset, or GCC would shift it in two steps.
+template <uint32_t Width>
+[[gnu::always_inline]] inline size_t signsOfLanes(ByteVector lanes) {
+  if constexpr (Width == sizeof(uint64_t)) {
+    return static_cast<size_t>(_mm_movemask_pd(reinterpret_cast<__m128d>(lanes)));
+  } else if constexpr (Width == sizeof(uint32_t)) {
+    return static_cast<size_t>(_mm_movemask_ps(reinterpret_cast<__m128>(lanes)));
+  } else {
+    static_assert(Width == sizeof(uint8_t));
+    return static_cast<size_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(lanes)));
+  }
+}
+#endif
+
 [[gnu::always_inline]] inline bool isZero(ByteVector bytes) {
 #if defined(__aarch64__)
   return vmaxvq_u32(reinterpret_cast<uint32x4_t>(bytes)) == 0;
@@ -202,11 +217,25 @@ template <class Lane>
 #endif
 }
 
-// Whether counting a number's bits takes one instruction.
+// Whether counting a number's bits takes one instruction, and how many of the bytes that Mask names
+// are all ones then; each must be all ones or 0.
 #if defined(__aarch64__)
 inline constexpr bool kCountsBitsAtOnce = false;
+template <auto Mask>
+size_t countOnes(ByteVector bytes) = delete;
 #else
 inline constexpr bool kCountsBitsAtOnce = true;
+template <auto Mask>
+[[gnu::always_inline]] inline size_t countOnes(ByteVector bytes) {
+  constexpr size_t kNamed = [] {
+    size_t named = 0;
+    for (uint32_t i = 0; i < kVectorWidth; ++i) {
+      named |= size_t{Mask[i] != 0} << i;
+    }
+    return named;
+  }();
+  return static_cast<size_t>(std::popcount(signsOfLanes<1>(bytes) & kNamed));
+}
 #endif
 
 // Whether Positions are those of lanes of a width, one behind the other.
@@ -237,11 +266,9 @@ template <auto Positions, uint32_t Width, size_t Factor>
   const ByteVector weighted = bytes & loadAligned(kWeights.data());
   return vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted)) * Factor;
 #else
-  if constexpr (Width >= sizeof(uint32_t) && kAreNeighbours<Positions, Width>) {
-    const int lanes = Width == sizeof(uint32_t) ? _mm_movemask_ps(reinterpret_cast<__m128>(bytes))
-                                                : _mm_movemask_pd(reinterpret_cast<__m128d>(bytes));
+  if constexpr (Width != sizeof(uint16_t) && kAreNeighbours<Positions, Width>) {
     constexpr size_t kAll = (size_t{1} << Positions.size()) - 1;
-    const size_t number = static_cast<size_t>(lanes) >> (Positions[0] / Width);
+    const size_t number = signsOfLanes<Width>(bytes) >> (Positions[0] / Width);
     return (Positions.size() * Width == kVectorWidth ? number : number & kAll) * Factor;
   }
   constexpr uint32_t kShift = std::countr_zero(Factor);
@@ -253,8 +280,7 @@ template <auto Positions, uint32_t Width, size_t Factor>
     return indices;
   }();
   const ByteVector moved = permute(bytes, loadAligned(kIndices.data()));
-  return static_cast<size_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(moved))) *
-         (Factor >> kShift);
+  return signsOfLanes<1>(moved) * (Factor >> kShift);
 #endif
 }
 
