@@ -420,7 +420,7 @@ class TableWriter {
   [[gnu::always_inline]] void writeElements(uint8_t*& cursor, const Element* element,
                                             const Element* end) {
     uint8_t* entry = entries_;
-    // Small elements, two a round: they take hardly longer than the round itself.
+    // Small elements, several a round: they take hardly longer than the round itself.
     if constexpr (rows::SingleRowTable<Element>) {
       size_t distance = static_cast<size_t>(cursor - entry) + kVtableLength<Element>;
 #pragma GCC unroll 4
