@@ -88,8 +88,7 @@ class Codec {
                                   entry, unpackAny);
     };
     const reading::Source source = sourceOf(bytes, length);
-    if (bytes == nullptr || !reading::holdsOwnFront<Record>(source) || !isReady(Runtime.memReady) ||
-        untyped == nullptr) [[unlikely]] {
+    if (!canUnpack(source, untyped)) [[unlikely]] {
       return other();
     }
     auto& record = *static_cast<Record*>(untyped);
@@ -165,6 +164,11 @@ class Codec {
 
   [[gnu::always_inline]] static reading::Source sourceOf(const void* bytes, uint32_t length) {
     return {static_cast<const uint8_t*>(bytes), length, kReader};
+  }
+
+  [[gnu::always_inline]] static bool canUnpack(const reading::Source& source, const void* record) {
+    return source.bytes != nullptr && reading::holdsOwnFront<Record>(source) &&
+           isReady(Runtime.memReady) && record != nullptr;
   }
 
   [[gnu::always_inline]] static void clear(Record& record) {

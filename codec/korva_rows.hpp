@@ -6,6 +6,7 @@
 // takes away from the positions of what lies behind it, and everything from its own.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <limits>

@@ -2,6 +2,7 @@
 #include "host/block_devices.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
 
 #include "host/kernel_files.hpp"

@@ -2,11 +2,9 @@
 #include "host/command_line.hpp"
 
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <limits>
-#include <string>
 
 namespace kel::host {
 namespace {
@@ -28,6 +26,12 @@ void addMessageOption(CLI::App& app, uint32_t& bytes) {
 }
 
 }  // namespace
+
+void addDeadlineOption(CLI::App& app, uint32_t& milliseconds) {
+  app.add_option("--deadline", milliseconds,
+                 "milliseconds for a call; 0: " + std::to_string(kDefaultDeadline.count()))
+      ->capture_default_str();
+}
 
 void addCallOptions(CLI::App& app, CallSettings& settings) {
   addSecurityOptions(app, settings.security);
@@ -55,6 +59,11 @@ void addLimitOptions(CLI::App& app, ServerLimits& limits) {
       ->check(CLI::Range(int64_t{1}, kMostSeconds))
       ->default_str(std::to_string(
           std::chrono::duration_cast<std::chrono::seconds>(limits.longestCall).count()));
+}
+
+void printLine(const std::string& line) {
+  std::puts(line.c_str());
+  std::fflush(stdout);
 }
 
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv)) {

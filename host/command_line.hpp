@@ -1,8 +1,10 @@
-// What every program's command line has in common: the options for protection and limits, and how
-// a program ends that cannot do what it was asked.
+// What every program's command line has in common: the options for protection and limits, lines for
+// whoever looks on, and how a program ends that cannot do what it was asked.
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
+#include <string>
 
 #include "host/rpc_framework.hpp"
 #include "host/rpc_server.hpp"
@@ -10,11 +12,15 @@
 namespace kel::host {
 
 // What app has parsed goes into options or settings, which must live that long.
+void addDeadlineOption(CLI::App& app, uint32_t& milliseconds);
 void addCallOptions(CLI::App& app, CallSettings& settings);
 void addServerOptions(CLI::App& app, ServerOptions& options);
 // The part of the server's options that a program which calls and serves has besides its call
 // options.
 void addLimitOptions(CLI::App& app, ServerLimits& limits);
+
+// Prints a line at once; any thread may.
+void printLine(const std::string& line);
 
 // Returns what run does. What it throws becomes a sentence on stderr, behind the program's name and
 // all that was printed before, and an exit code of 1.

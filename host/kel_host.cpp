@@ -225,10 +225,7 @@ void checkMemory() {
 
 void tellStory(const Options& options) {
   const ClientLibrary library = loadClientLibrary(options.library);
-  if (options.target.size() >= sizeof(library.address->endpoint)) {
-    throw std::runtime_error("the target is too long for the server address record");
-  }
-  putText(library.address->endpoint, options.target);
+  setTarget(*library.address, options.target);
   configureCalls(options.calls);
   setCompactAlways(options.compact);
   report(options, library);
@@ -259,8 +256,7 @@ int run(int argc, char** argv) {
   CLI::App app("Reports this machine to KelSysdiagMaster and tells what was said.");
   app.add_option("--library", options.library, "the library to load")->capture_default_str();
   app.add_option("--target", options.target, "gRPC target of the master")->capture_default_str();
-  app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
-      ->capture_default_str();
+  addDeadlineOption(app, options.deadlineMs);
   app.add_flag("--compact", options.compact, "send no request in its fixed layout");
   addCallOptions(app, options.calls);
   ServeOptions serving;

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 
 #include "host/command_line.hpp"
 #include "host/default_target.hpp"
@@ -14,15 +13,10 @@ namespace {
 
 using namespace kel::host;
 
-void print(const std::string& line) {
-  fmt::print("{}\n", line);
-  std::fflush(stdout);
-}
-
 void serve(const std::string& target, const std::string& configFile, const ServerOptions& options,
            const StopSignals& stop) {
   MasterService service(DiskRules::fromFile(configFile), [](const KeptAlarm& alarm) {
-    print(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
+    printLine(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
   RpcServer server(
       target,
@@ -30,10 +24,11 @@ void serve(const std::string& target, const std::string& configFile, const Serve
         return service.handle(path, request);
       },
       options);
-  print(fmt::format("KelSysdiagMaster listens on {}", server.target()));
+  printLine(fmt::format("KelSysdiagMaster listens on {}", server.target()));
   stop.wait();
   server.stop(kShutdownGrace);
-  print(fmt::format("KelSysdiagMaster stops, with {} alarms kept", service.keptAlarms().size()));
+  printLine(
+      fmt::format("KelSysdiagMaster stops, with {} alarms kept", service.keptAlarms().size()));
 }
 
 int run(int argc, char** argv) {

@@ -5,7 +5,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -152,7 +151,14 @@ void tellOverload(const QarneClient& client) {
   fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n",
              shown(mountPoint), threshold);
   fmt::print("{}", tell(*setThreshold(client, mountPoint, threshold)));
-  const auto report = ask(client, kGetSysDiskUseInfo, use);
+  const auto report = [&] {
+    try {
+      return ask(client, kGetSysDiskUseInfo, use);
+    } catch (...) {
+      setThreshold(client, mountPoint, before->value5);
+      throw;
+    }
+  }();
   fmt::print("\nSo the next report has the host raise an alarm at its master:\n{}", tell(*report));
   fmt::print("\nThe threshold becomes what it was, {}:\n{}",
              before->value5 == 0 ? "none" : fmt::format("{} %", before->value5),
@@ -166,8 +172,7 @@ int run(int argc, char** argv) {
   Options options;
   CLI::App app("Asks a host that serves KelSysdiagQarne about its machine.");
   app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
-  app.add_option("--deadline", options.deadlineMs, "milliseconds for a call; 0: 5000")
-      ->capture_default_str();
+  addDeadlineOption(app, options.deadlineMs);
   app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
   app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
       ->capture_default_str();

@@ -1,6 +1,6 @@
 // Small files of /proc and /sys, which come and go: whatever cannot be read is simply not there.
-// For the readers of the machine's state, which take the folder to look in (an empty path for the
-// live machine) so that a machine can be made up.
+// For the readers of the machine's state, which take the folder to look in ("/" for the live
+// machine) so that a machine can be made up.
 #pragma once
 
 #include <cstdint>

@@ -52,8 +52,8 @@ std::optional<FileSystem> measure(const std::string& mountPoint, const std::stri
                     state.f_bavail * state.f_frsize / kMiB, usedPercent(state)};
 }
 
-// Containers mount one device in many places, of which the first is as good as any. File systems
-// without a device of their own (tmpfs, overlay) only share its name.
+// Containers mount one device in many places, of which the first that can be written to is as good
+// as any. File systems without a device of their own (tmpfs, overlay) only share its name.
 std::vector<FileSystem> readFileSystems() {
   const std::unique_ptr<FILE, int (*)(FILE*)> mounts(setmntent("/proc/self/mounts", "r"),
                                                      endmntent);
@@ -68,11 +68,13 @@ std::vector<FileSystem> readFileSystems() {
          nullptr) {
     const std::string device = entry.mnt_fsname;
     const std::string mountPoint = entry.mnt_dir;
-    if (!seen.insert(device.starts_with('/') ? device : mountPoint).second) {
+    const std::string& name = device.starts_with('/') ? device : mountPoint;
+    if (seen.contains(name)) {
       continue;
     }
     if (const auto fileSystem = measure(mountPoint, device)) {
       result.push_back(*fileSystem);
+      seen.insert(name);
     }
   }
   if (result.empty()) {

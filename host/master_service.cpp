@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <kel_sys_diag/peer.h>
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <string_view>

@@ -8,7 +8,6 @@
 #include <set>
 #include <span>
 #include <stdexcept>
-#include <string_view>
 
 #include "host/field_text.hpp"
 

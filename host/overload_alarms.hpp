@@ -16,7 +16,8 @@ namespace kel::host {
 
 class OverloadAlarms {
  public:
-  // Gets a line for people about every alarm, from a thread of its own.
+  // Gets a line for people about every alarm: from a thread of its own, and from those that raise
+  // alarms, several at once.
   using Narrator = std::function<void(const std::string& line)>;
 
   // The library's server address has to be filled in.

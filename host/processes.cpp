@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <sstream>
 #include <string_view>
 #include <system_error>
 

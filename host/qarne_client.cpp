@@ -3,9 +3,6 @@
 
 #include <kel_sys_diag/rpc.h>
 
-#include <algorithm>
-#include <stdexcept>
-
 namespace kel::host {
 namespace {
 
@@ -83,10 +80,7 @@ constinit const QarneMethod<StorageBadBlockInfoInput, StorageBadBlockInfo>
                Kel_sys_diag_StorageBadBlockInfo_free_unpacked>()};
 
 QarneClient::QarneClient(const std::string& target, uint32_t deadlineMs) : deadlineMs_(deadlineMs) {
-  if (target.size() >= sizeof(address_.endpoint)) {
-    throw std::runtime_error("the target is too long for a server address record");
-  }
-  std::ranges::copy(target, address_.endpoint);
+  setTarget(address_, target);
   address_.serviceName = kService;
 }
 

@@ -1,7 +1,6 @@
 // Serves KelSysdiagQarne from this machine.
 #include "host/qarne_methods.hpp"
 
-#include <fmt/core.h>
 #include <sys/time.h>
 
 #include <algorithm>

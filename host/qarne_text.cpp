@@ -106,7 +106,7 @@ std::string tell(const FdProcInfoOutput& reply, size_t limit) {
                std::to_string(kinds.byte5),
                softLimitOf(kinds),
                momentOf(entry.sub1),
-               textOf(entry.bytes256).substr(0, kLongestCommand)};
+               std::string(startOf(textOf(entry.bytes256), kLongestCommand))};
   });
 }
 

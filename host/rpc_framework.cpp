@@ -23,7 +23,9 @@
 #include <new>
 #include <semaphore>
 #include <span>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -418,6 +420,8 @@ int32_t guarded(const Body& body) {
     return failure.result;
   } catch (const std::bad_alloc&) {
     return kNoMemory;
+  } catch (const std::system_error&) {  // no thread is to be had
+    return kNoMemory;
   }
 }
 
@@ -458,7 +462,7 @@ std::string describe(int32_t result) {
     case kRequestNotPacked:
       return "the request could not be encoded";
     case kNoMemory:
-      return "there is not enough memory for the call";
+      return "there is not enough memory for the call, or no thread";
     case kUnreachable:
       return "the server cannot be reached; the request has not left";
     case kConnectionLost:
@@ -493,6 +497,14 @@ std::string describe(int32_t result) {
 }
 
 void waitForCompletions() { Engine::instance().waitForCompletions(); }
+
+void setTarget(RpcServerAddr& address, const std::string& target) {
+  if (target.size() >= sizeof(address.endpoint)) {
+    throw std::runtime_error("the target is too long for a server address record");
+  }
+  std::memset(address.endpoint, 0, sizeof(address.endpoint));
+  std::ranges::copy(target, address.endpoint);
+}
 
 void configureCalls(const CallSettings& settings) { Engine::instance().configure(settings); }
 

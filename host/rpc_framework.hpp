@@ -29,6 +29,8 @@
 // call fail.
 #pragma once
 
+#include <kel_sys_diag/rpc.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -48,11 +50,11 @@ enum RpcResult : int32_t {
   kNoTarget = 2,          // the address record holds no NUL-terminated target
   kBadArgument = 3,       // no output record, or no completion function
   kRequestNotPacked = 4,  // no input record, or one that is too large to encode
-  kNoMemory = 5,
-  kUnreachable = 6,     // nobody listens there, or not with gRPC; the request has not left
-  kConnectionLost = 7,  // or the server stopped; the request was sent, and its fate is not known
-  kDeadlinePassed = 8,  // the request may or may not have been acted upon
-  kReplyEmpty = 9,      // the server reported success with no reply, or with one of no bytes
+  kNoMemory = 5,          // or no thread
+  kUnreachable = 6,       // nobody listens there, or not with gRPC; the request has not left
+  kConnectionLost = 7,    // or the server stopped; the request was sent, and its fate is not known
+  kDeadlinePassed = 8,    // the request may or may not have been acted upon
+  kReplyEmpty = 9,        // the server reported success with no reply, or with one of no bytes
   kReplyNotDecoded = 10,
   kTooManyReplies = 11,
   kRequestRejected = 12,  // the server could not decode the request
@@ -73,6 +75,10 @@ using Completion = void (*)(int32_t result, void* output, uintptr_t context);
 // Waits until every asynchronous call has completed, its completion has returned and its output has
 // been released; their deadlines bound that. Not for completions.
 void waitForCompletions();
+
+// Where calls by an address record go from now on; not while others call by it. Throws
+// std::runtime_error with a sentence if the target is too long for the record.
+void setTarget(RpcServerAddr& address, const std::string& target);
 
 struct CallSettings {
   TransportSecurity security = {};

@@ -3,12 +3,11 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <stdexcept>
 
 #include "host/client_library.hpp"
+#include "host/command_line.hpp"
 #include "host/diagnostics.hpp"
-#include "host/field_text.hpp"
 #include "host/module_table.hpp"
 #include "host/os_allocator.hpp"
 #include "host/overload_alarms.hpp"
@@ -22,11 +21,6 @@ namespace kel::host {
 namespace {
 
 constexpr char kService[] = "KelSysdiagQarne";
-
-void print(const std::string& line) {
-  fmt::print("{}\n", line);
-  std::fflush(stdout);
-}
 
 // Whom the library's functions ask, for the time of a scope.
 class Answering {
@@ -46,16 +40,13 @@ ServerOptions serverOptions(const ServeOptions& options) {
 
 void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
   const ClientLibrary library = loadClientLibrary(options.library);
-  if (options.master.size() >= sizeof(library.address->endpoint)) {
-    throw std::runtime_error("the master's target is too long for the server address record");
-  }
-  putText(library.address->endpoint, options.master);
+  setTarget(*library.address, options.master);
   configureCalls(options.calls);
   setCompactAlways(options.compact);
   const ServedService service(loadModule(options.library, kService), kService,
                               options.compact ? ServedService::ReplyForm::compact
                                               : ServedService::ReplyForm::fixedWherePossible);
-  OverloadAlarms alarms(library, options.deadlineMs, print);
+  OverloadAlarms alarms(library, options.deadlineMs, printLine);
   Diagnostics diagnostics(
       {.imageFolder = options.imageFolder,
        .onOverload = [&](const Overload& overload) { alarms.raise(overload); }});
@@ -66,10 +57,10 @@ void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
         return service.handle(path, request);
       },
       serverOptions(options));
-  print(fmt::format("{} listens on {}", kService, server.target()));
-  print(options.imageFolder.empty()
-            ? "no folder of disk images: nothing will be formatted or mounted"
-            : fmt::format("formats and mounts the disk images of {}", options.imageFolder));
+  printLine(fmt::format("{} listens on {}", kService, server.target()));
+  printLine(options.imageFolder.empty()
+                ? "no folder of disk images: nothing will be formatted or mounted"
+                : fmt::format("formats and mounts the disk images of {}", options.imageFolder));
   stop.wait();
   server.stop(kShutdownGrace);
 }
@@ -80,8 +71,8 @@ void serveDiagnostics(const ServeOptions& options) {
   const StopSignals stop;
   serveUntilStopped(options, stop);
   const AllocatorUse use = allocatorUse();
-  print(fmt::format("{} stops; {} blocks were served, {} are outstanding", kService, use.served,
-                    use.outstanding));
+  printLine(fmt::format("{} stops; {} blocks were served, {} are outstanding", kService, use.served,
+                        use.outstanding));
   if (use.outstanding != 0) {
     throw std::runtime_error("blocks of the codecs or the replies did not come back");
   }

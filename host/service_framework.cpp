@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <limits>
 #include <memory>
 #include <new>

@@ -97,21 +97,6 @@ TEST(ClientStubs, HandOverTheMethodAndGiveTheResultBackOnAnyThread) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(ClientStubs, MethodsDoNotShareCodecs) {
-  for (const Stubs& left : kStubs) {
-    for (const Stubs& right : kStubs) {
-      IdlCodecOps leftOps;
-      IdlCodecOps rightOps;
-      left.setIdl(&leftOps);
-      right.setIdl(&rightOps);
-      EXPECT_EQ(leftOps.packFn == rightOps.packFn, &left == &right);
-      const bool bothAlarms = left.outputSize == 8 && right.outputSize == 8;
-      EXPECT_EQ(leftOps.unpackFn == rightOps.unpackFn, bothAlarms || &left == &right);
-      EXPECT_EQ(leftOps.releaseFn == rightOps.releaseFn, bothAlarms || &left == &right);
-    }
-  }
-}
-
 TEST(ServerAddress, HoldsTheServiceNameAndAnEmptyWritableEndpoint) {
   RpcServerAddr& address = g_stServerAddr_KelSysdiagMaster;
   EXPECT_STREQ(address.serviceName, "KelSysdiagMaster");

@@ -179,16 +179,6 @@ inline void bendEveryWord(const std::vector<Message>& messages) {
   });
 }
 
-inline void expectBadLengthsRefused(const std::vector<Message>& messages) {
-  const Buffer zeros(16);
-  for (const Message& message : messages) {
-    for (const uint32_t length : {0U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
-      EXPECT_FALSE(unpackAndRelease(message, zeros.data(), length)) << message.name;
-    }
-    EXPECT_FALSE(unpackAndRelease(message, nullptr, 16)) << message.name;
-  }
-}
-
 // Thousands of records from either side to the other, in every layout; and, on the way, that a
 // message is written whole or not at all and never past its end, and nothing read past a record's.
 inline void expectRoundTrips(const std::vector<Message>& messages) {
