@@ -354,7 +354,8 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   }
 };
 
-// The row of a window by its content in a record.
+// The row of a window by its content in a record. Absent bytes that the row's number does not tell
+// are counted in the comparison where that takes no longer than looking at the row.
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline FoundRow rowFor(const uint8_t* rows, ByteVector content) {
   constexpr uint32_t kWidth = scalars::kComparedWidth<Record, Depth::ownTable, Index>;
