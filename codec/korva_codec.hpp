@@ -137,7 +137,8 @@ class Codec {
     const auto* const record = static_cast<const Record*>(typed);
     uint8_t* const buffer = target->buffer;
     const uint32_t capacity = *target->capacity;
-    if (buffer == nullptr || !isReady(Runtime.memReady) || record == nullptr) [[unlikely]] {
+    if (buffer == nullptr || capacity < kMinimumLength || !isReady(Runtime.memReady) ||
+        record == nullptr) [[unlikely]] {
       return packOther<Runtime>(kPackName.text(), target, typed, entry);
     }
     compact::Survey<Record> survey;

@@ -452,11 +452,12 @@ TEST(EveryUnpacker, RefusesLengthsThatAreNegativeOrTooShortInItsOwnName) {
   uint8_t bytes[3] = {};
   const uint32_t capacity = 3;
   const PackTarget target{bytes, &capacity};
-  const RecordRoom zeros{};
+  RecordRoom unread{{3}};  // as a list, three entries; its pointers lead nowhere
+  std::memset(unread.bytes + 8, 0x11, sizeof unread.bytes - 8);
   for (const Message& message : everyMessage()) {
     logLines.clear();
     unpackAndRelease(message, bytes, 3);
-    EXPECT_EQ(message.pack(&target, zeros.bytes), 0U);
+    EXPECT_EQ(message.pack(&target, unread.bytes), 0U);
     const std::string name = std::string("22 Kel_sys_diag_") + message.name;
     EXPECT_EQ(logLines, (std::vector<std::string>{
                             name + "_unpack [KORVA]:Param invalid(nonNull, 3, nonNull)",
