@@ -2,17 +2,13 @@
 #include "host/machine_state.hpp"
 
 #include <fmt/format.h>
-#include <mntent.h>
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -40,45 +36,22 @@ std::string readHostName() {
   return name.data();
 }
 
-std::optional<FileSystem> measure(const std::string& mountPoint, const std::string& device) {
+std::optional<FileSystem> measure(const Mount& mount) {
   struct statvfs state {};
-  if (statvfs(mountPoint.c_str(), &state) != 0 || state.f_blocks == 0) {
+  if (statvfs(mount.mountPoint.c_str(), &state) != 0 || state.f_blocks == 0) {
     return std::nullopt;  // no room at all, or none that this user may look at
   }
   if ((state.f_flag & ST_RDONLY) != 0) {
     return std::nullopt;  // images are full for good, and nobody can overload them
   }
-  return FileSystem{mountPoint, device, state.f_blocks * state.f_frsize / kMiB,
+  return FileSystem{mount.mountPoint, mount.source, state.f_blocks * state.f_frsize / kMiB,
                     state.f_bavail * state.f_frsize / kMiB, usedPercent(state)};
 }
 
-// Containers mount one device in many places, of which the first that can be written to is as good
-// as any. File systems without a device of their own (tmpfs, overlay) only share its name.
 std::vector<FileSystem> readFileSystems() {
-  const std::unique_ptr<FILE, int (*)(FILE*)> mounts(setmntent("/proc/self/mounts", "r"),
-                                                     endmntent);
-  if (mounts == nullptr) {
-    throw std::runtime_error("cannot read /proc/self/mounts");
-  }
-  std::vector<FileSystem> result;
-  std::set<std::string> seen;
-  mntent entry{};
-  std::array<char, 16384> buffer{};
-  while (getmntent_r(mounts.get(), &entry, buffer.data(), static_cast<int>(buffer.size())) !=
-         nullptr) {
-    const std::string device = entry.mnt_fsname;
-    const std::string mountPoint = entry.mnt_dir;
-    const std::string& name = device.starts_with('/') ? device : mountPoint;
-    if (seen.contains(name)) {
-      continue;
-    }
-    if (const auto fileSystem = measure(mountPoint, device)) {
-      result.push_back(*fileSystem);
-      seen.insert(name);
-    }
-  }
+  std::vector<FileSystem> result = eachDeviceOnce(readMounts("/"), measure);
   if (result.empty()) {
-    if (const auto root = measure("/", "-")) {
+    if (const auto root = measure({std::nullopt, "/", "-", "-"})) {
       result.push_back(*root);
     }
   }
@@ -86,6 +59,24 @@ std::vector<FileSystem> readFileSystems() {
 }
 
 }  // namespace
+
+std::vector<FileSystem> eachDeviceOnce(
+    const std::vector<Mount>& mounts,
+    const std::function<std::optional<FileSystem>(const Mount&)>& measure) {
+  std::vector<FileSystem> result;
+  std::set<std::string> seen;
+  for (const Mount& mount : mounts) {
+    const std::string& name = mount.source.starts_with('/') ? mount.source : mount.mountPoint;
+    if (seen.contains(name)) {
+      continue;
+    }
+    if (const auto fileSystem = measure(mount)) {
+      result.push_back(*fileSystem);
+      seen.insert(name);
+    }
+  }
+  return result;
+}
 
 LoadAverages parseLoadAverages(const std::string& text) {
   std::istringstream words(text);

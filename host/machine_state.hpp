@@ -6,8 +6,12 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "host/mount_table.hpp"
 
 namespace kel::host {
 
@@ -37,6 +41,12 @@ struct MachineState {
 
 // Throws std::runtime_error with a sentence when something cannot be read.
 MachineState readMachineState();
+
+// Containers mount one device in many places, of which the first that can be measured is as good as
+// any. File systems without a device of their own (tmpfs, overlay) only share its name.
+std::vector<FileSystem> eachDeviceOnce(
+    const std::vector<Mount>& mounts,
+    const std::function<std::optional<FileSystem>(const Mount&)>& measure);
 
 // What the texts of /proc/loadavg and /proc/meminfo say; both throw std::runtime_error when they
 // say something else.

@@ -81,8 +81,7 @@ TEST(Wrappers, HandOverTheMethodAndGiveTheResultBackOnAnyThread) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// Also the twins, whose codecs do the same: their log lines carry names of their own.
-TEST(Wrappers, ShareNothing) {
+TEST(Wrappers, HaveAHookEach) {
   std::set<IdlHostFn> hooks;
   for (const Method& method : kMethods) {
     IdlCodecOps ops;

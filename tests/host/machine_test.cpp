@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "host/field_text.hpp"
 #include "host/machine_records.hpp"
@@ -54,6 +57,23 @@ TEST(MachineState, ParsesTheKernelsTexts) {
   EXPECT_EQ(memory.totalMiB, 2U);
   EXPECT_EQ(memory.availableMiB, 1U);
   EXPECT_THROW(parseMemory("MemTotal: 2048 kB\n"), std::runtime_error);
+}
+
+TEST(MachineState, ListsADeviceWhereItCanFirstBeMeasured) {
+  const std::vector<Mount> mounts = {
+      {{}, "/images", "ext4", "/dev/a"}, {{}, "/", "ext4", "/dev/a"},
+      {{}, "/again", "ext4", "/dev/a"},  {{}, "/run", "tmpfs", "none"},
+      {{}, "/tmp", "tmpfs", "none"},     {{}, "/b", "xfs", "/dev/b"}};
+  std::vector<std::string> measured;
+  const auto listed = eachDeviceOnce(mounts, [&](const Mount& mount) -> std::optional<FileSystem> {
+    measured.push_back(mount.mountPoint);
+    if (mount.mountPoint == "/images") return std::nullopt;
+    return FileSystem{mount.mountPoint, mount.source, 1, 1, 1};
+  });
+  std::vector<std::string> names;
+  for (const FileSystem& disk : listed) names.push_back(disk.mountPoint + " " + disk.device);
+  EXPECT_EQ(names, (std::vector<std::string>{"/ /dev/a", "/run none", "/tmp none", "/b /dev/b"}));
+  EXPECT_EQ(measured, (std::vector<std::string>{"/images", "/", "/run", "/tmp", "/b"}));
 }
 
 TEST(MachineState, IsPlausibleHere) {

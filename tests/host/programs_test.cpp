@@ -158,9 +158,13 @@ TEST_F(Programs, SayWhatIsWrong) {
     std::string complaint;
   };
   const std::string none = folder / "none";
+  const std::string endless = "unix:" + std::string(sizeof(RpcServerAddr::endpoint), 'x');
   const Case cases[] = {
       {"kel_host", {"--target", target}, "kel_host: KelSendAlarm: the server cannot be reached"},
       {"kel_host", {"--library", none}, "kel_host: cannot load the library: "},
+      {"kel_host", {"--target", endless}, "the target is too long"},
+      {"kel_host", {"serve", "--listen", qarne_, "--target", endless}, "the target is too long"},
+      {"kel_query", {"--target", endless}, "the target is too long"},
       {"kel_host", {"--tls-ca", none}, "three files"},
       {"kel_host", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
       {"kel_host", {"serve", "--listen", qarne_, "--images", none}, "cannot open the folder"},
