@@ -71,16 +71,29 @@ inline constexpr uint32_t kFullSize =
 template <class Element>
 inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Element>;
 
-// Vector elements, with their entries. Where the count alone decides that the message is too large,
-// no element is looked at.
+// Fewer elements than this are measured even if their largest size would fit, in the shortest way:
+// where one vector holds the scalars of each, whether all are there is as hard to predict as their
+// values are, and a wrong guess costs more than measuring.
+template <class Element>
+inline constexpr uint32_t kFewElements = scalars::AbsentBytes<Element>::kTwoAreFaster ? 4 : 1;
+
+// Some elements, with their entries. Where the count alone decides that the message is too large,
+// none is looked at. Part of its callers, since a call would have them save registers.
 template <PlainTable Element>
-uint64_t elementsSize(const Element* elements, uint32_t count) {
+[[gnu::always_inline]] inline uint64_t elementsSize(const Element* elements, uint32_t count) {
   const uint64_t least = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());
   if (least > kSizeLimit) {
     return least;
   }
   uint64_t size = uint64_t{count} * kFullElementSize<Element>;
-  while (count != 0) {
+  if (count < kFewElements<Element>) {
+    scalars::AbsentBytes<Element> absent;
+    do {
+      absent.add(*elements++);
+    } while (--count != 0);
+    return size - absent.sum();
+  }
+  do {
     scalars::AbsentBytes<Element> absent;
     uint32_t some = std::min(count, absent.kCapacity);
     count -= some;
@@ -93,7 +106,7 @@ uint64_t elementsSize(const Element* elements, uint32_t count) {
       absent.add(*elements);
     }
     size -= absent.sum();
-  }
+  } while (count != 0);
   return size;
 }
 
@@ -114,25 +127,38 @@ template <class Record>
   return size;
 }
 
-// Fewer elements than this are measured at once: whether they have all their scalars is as hard to
-// predict as their values are, and a wrong guess costs more than measuring.
-inline constexpr uint32_t kFewElements = 4;
+inline constexpr uint32_t kVectorFront = kOffsetFieldWidth + kCountWidth;
 
-// What a record's vector takes, with its offset field; or, unmeasured, what it takes at most.
-template <class Record, bool Measured>
+// What a record's vector takes, with its offset field.
+template <class Record>
 [[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
   uint64_t size = 0;
   forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
     if constexpr (Slot::kind == SlotKind::vector) {
       if (const uint32_t count = elementCount<Slot>(record); count != 0) {
-        size += kOffsetFieldWidth + kCountWidth;
-        size += Measured || count < kFewElements
-                    ? elementsSize(Slot::get(record), count)
-                    : uint64_t{count} * kFullElementSize<typename Slot::Element>;
+        size = kVectorFront + elementsSize(Slot::get(record), count);
       }
     }
   });
   return size;
+}
+
+// Whether a record's vector takes no more than there is room for. It is measured only where its
+// largest size leaves that open.
+template <class Record>
+[[gnu::always_inline]] inline bool vectorFits(const Record& record, uint64_t room) {
+  bool fits = true;
+  forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+    if constexpr (Slot::kind == SlotKind::vector) {
+      using Element = typename Slot::Element;
+      const uint32_t count = elementCount<Slot>(record);
+      const uint64_t most = kVectorFront + uint64_t{count} * kFullElementSize<Element>;
+      if (count != 0 && (count < kFewElements<Element> || most > room)) {
+        fits = kVectorFront + elementsSize(Slot::get(record), count) <= room;
+      }
+    }
+  });
+  return fits;
 }
 
 // Whether no nested table comes before a slot.
@@ -508,13 +534,12 @@ template <class Record>
   scalars::AbsentBytes<Record> absent;
   absent.add(record);
   const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
-                        compact::stringsSize(record, texts) +
-                        compact::vectorSize<Record, true>(record);
+                        compact::stringsSize(record, texts) + compact::vectorSize(record);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 
-// Whether a capacity takes the whole message. A vector is measured only where its largest size
-// leaves that open; all else is what packing has to find out anyway, and leaves in the survey.
+// Whether a capacity takes the whole message. All but a vector's size is what packing has to find
+// out anyway, and leaves in the survey.
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
@@ -525,9 +550,7 @@ template <class Record>
     return least <= capacity;
   }
   size += least;
-  return size + compact::vectorSize<Record, false>(record) <= capacity ||
-         (countSlots<Record>(SlotKind::vector) != 0 &&
-          size + compact::vectorSize<Record, true>(record) <= capacity);
+  return size <= capacity && compact::vectorFits(record, capacity - size);
 }
 
 // Writes a surveyed record into a buffer that it fits, and returns its size. Texts are copied last:
