@@ -311,6 +311,8 @@ TEST(Failures, OfArguments) {
   static uint8_t buffer[256];
   static AlarmOutput output;
   const AlarmInput alarm{};
+  AlarmInput unread{};
+  unread.text = reinterpret_cast<const char*>(uintptr_t{16});
   const OvLoadDiskCtlInput config{};
   const struct {
     const char* function;
@@ -320,7 +322,7 @@ TEST(Failures, OfArguments) {
       {"AlarmInput_pack", "null, 66, nonNull", packsAlarm(nullptr, 66, &alarm)},
       {"AlarmInput_pack", "nonNull, 66, null", packsAlarm(buffer, 66, nullptr)},
       {"AlarmInput_pack", "null, 0, null", packsAlarm(nullptr, 0, nullptr)},
-      {"AlarmInput_pack", "nonNull, 3, nonNull", packsAlarm(buffer, 3, &alarm)},
+      {"AlarmInput_pack", "nonNull, 3, nonNull", packsAlarm(buffer, 3, &unread)},
       {"AlarmInput_pack", "nonNull, 4, nonNull", packsAlarm(buffer, 4, &alarm)},
       {"AlarmInput_pack", "nonNull, 65, nonNull", packsAlarm(buffer, 65, &alarm)},
       {"OvLoadDiskCtlInput_pack", "nonNull, 155, nonNull", packsConfig(buffer, 155, &config)},
