@@ -2,7 +2,6 @@
 #include "host/machine_state.hpp"
 
 #include <fmt/format.h>
-#include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -12,8 +11,6 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
-
-#include "host/used_percent.hpp"
 
 namespace kel::host {
 namespace {
@@ -36,16 +33,14 @@ std::string readHostName() {
   return name.data();
 }
 
+// Null for images too, which are full for good, and which nobody can overload.
 std::optional<FileSystem> measure(const Mount& mount) {
-  struct statvfs state {};
-  if (statvfs(mount.mountPoint.c_str(), &state) != 0 || state.f_blocks == 0) {
-    return std::nullopt;  // no room at all, or none that this user may look at
+  const auto use = measureUse(mount.mountPoint);
+  if (!use || use->size == 0 || use->readOnly) {
+    return std::nullopt;
   }
-  if ((state.f_flag & ST_RDONLY) != 0) {
-    return std::nullopt;  // images are full for good, and nobody can overload them
-  }
-  return FileSystem{mount.mountPoint, mount.source, state.f_blocks * state.f_frsize / kMiB,
-                    state.f_bavail * state.f_frsize / kMiB, usedPercent(state)};
+  return FileSystem{mount.mountPoint, mount.source, use->size / kMiB, use->freeForUsers / kMiB,
+                    use->usedPercent};
 }
 
 std::vector<FileSystem> readFileSystems() {

@@ -39,7 +39,8 @@ struct MachineState {
   std::vector<FileSystem> fileSystems;  // every writable device of any size, once
 };
 
-// Throws std::runtime_error with a sentence when something cannot be read.
+// Throws std::runtime_error with a sentence when something cannot be read; where no mount can be,
+// the root stands for all.
 MachineState readMachineState();
 
 // Containers mount one device in many places, of which the first that can be measured is as good as

@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "host/kernel_files.hpp"
-#include "host/used_percent.hpp"
 
 namespace kel::host {
 namespace {
@@ -46,6 +45,12 @@ std::optional<Mount> parseMount(const std::string& line) {
                unescaped(dash[2])};
 }
 
+uint32_t usedPercent(const struct statvfs& state) {
+  const uint64_t used = state.f_blocks - state.f_bfree;
+  const uint64_t usable = used + state.f_bavail;
+  return static_cast<uint32_t>(usable == 0 ? 0 : (used * 100 + usable - 1) / usable);
+}
+
 }  // namespace
 
 std::vector<Mount> parseMounts(const std::string& text) {
@@ -78,7 +83,7 @@ std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint)
     return std::nullopt;
   }
   return FileSystemUse{state.f_blocks * state.f_frsize, state.f_bavail * state.f_frsize,
-                       usedPercent(state)};
+                       usedPercent(state), (state.f_flag & ST_RDONLY) != 0};
 }
 
 }  // namespace kel::host

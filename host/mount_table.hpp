@@ -31,6 +31,7 @@ struct FileSystemUse {
   uint64_t size;          // bytes
   uint64_t freeForUsers;  // bytes
   uint32_t usedPercent;   // of what ordinary users may use, rounded up, as df has it
+  bool readOnly;
 };
 
 // Null when this user may not look, or nothing is there any more.

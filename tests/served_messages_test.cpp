@@ -453,12 +453,11 @@ TEST(EveryCodec, RefusesThreeBytesInItsOwnName) {
   uint8_t bytes[3] = {};
   const uint32_t capacity = 3;
   const PackTarget target{bytes, &capacity};
-  RecordRoom unread{{3}};  // as a list, three entries; its pointers lead nowhere
-  std::memset(unread.bytes + 8, 0x11, sizeof unread.bytes - 8);
+  const RecordRoom record{};
   for (const Message& message : everyMessage()) {
     logLines.clear();
     unpackAndRelease(message, bytes, 3);
-    EXPECT_EQ(message.pack(&target, unread.bytes), 0U);
+    EXPECT_EQ(message.pack(&target, record.bytes), 0U);
     const std::string name = std::string("22 Kel_sys_diag_") + message.name;
     EXPECT_EQ(logLines, (std::vector<std::string>{
                             name + "_unpack [KORVA]:Param invalid(nonNull, 3, nonNull)",
