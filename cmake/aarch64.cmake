@@ -1,11 +1,8 @@
-# 64-bit ARM Linux by Debian's cross compiler; programs run under user-mode emulation.
+# 64-bit ARM Linux by Debian's cross compiler, with libraries from Debian's arm64 packages; programs
+# run under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc-12)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++-12)
-set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/aarch64-linux-gnu)
+set(PKG_CONFIG_EXECUTABLE aarch64-linux-gnu-pkg-config)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64)

@@ -33,12 +33,12 @@ std::string rawTextOf(std::span<const uint8_t> field) {
 std::string textOf(std::span<const uint8_t> field) { return shown(rawTextOf(field)); }
 
 std::string shown(std::string_view text) {
-  constexpr char kDelete = 0x7F;
-  constexpr char kFirstOfTwo = '\xC2';  // U+0080 to U+009F follow it
+  constexpr uint8_t kDelete = 0x7F;
+  constexpr uint8_t kFirstOfTwo = 0xC2;  // U+0080 to U+009F follow it
   std::string result(text);
   for (size_t i = 0; i < result.size(); ++i) {
-    const char byte = result[i];
-    if ((byte >= 0 && byte < ' ') || byte == kDelete) {
+    const auto byte = static_cast<uint8_t>(result[i]);
+    if (byte < ' ' || byte == kDelete) {
       result[i] = '?';
     } else if (byte == kFirstOfTwo && i + 1 < result.size() &&
                static_cast<uint8_t>(result[i + 1]) < 0xA0) {

@@ -12,6 +12,7 @@ readonly kel_packages=(
 readonly kel_test_packages=(
   clang-16 clang-format-16 clang-tidy-16 g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu gcovr
   libclang-rt-16-dev llvm-16 openssl qemu-user
+  libfmt-dev:arm64 libgrpc++-dev:arm64 libspdlog-dev:arm64 libssl-dev:arm64
 )
 
 readonly kel_bench_packages=(
@@ -32,6 +33,7 @@ install_missing() {
   say "installing ${missing[*]}"
   local as_root=()
   [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  [[ "${missing[*]}" != *:arm64* ]] || "${as_root[@]}" dpkg --add-architecture arm64
   "${as_root[@]}" apt-get update -q
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -q -y --no-install-recommends "${missing[@]}"

@@ -149,17 +149,18 @@ class Faults : public HostFixture {
   }
 
   [[nodiscard]] std::unique_ptr<RunningProgram> startMaster(
-      const std::string& where, const std::vector<std::string>& more = {},
+      const std::string& where, const Arguments& more = {},
       const std::string& ready = "listens on") const {
     return startMasterWithOutput(outputs, where, more, ready);
   }
 
   [[nodiscard]] std::unique_ptr<RunningProgram> startMasterWithOutput(
-      const std::filesystem::path& output, const std::string& where,
-      const std::vector<std::string>& more, const std::string& ready = "listens on") const {
-    std::vector<std::string> arguments = {"--listen", where, "--config", folder / "rules.json"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return std::make_unique<RunningProgram>(beside("kel_master"), arguments, output, ready);
+      const std::filesystem::path& output, const std::string& where, const Arguments& more,
+      const std::string& ready = "listens on") const {
+    return std::make_unique<RunningProgram>(
+        built("kel_master") + Arguments{"--listen", where, "--config", folder / "rules.json"} +
+            more,
+        output, ready);
   }
 
   // Runs a fault twice, since the first time leaves what is made once, and compares: this process,
@@ -482,8 +483,8 @@ TEST_F(ServingFaults, DiskOfTheImagesFull) {
   // With its own view of what is mounted where, in which there is room for half a megabyte.
   const std::string script = fmt::format(
       "mount -t tmpfs -o size=512k none {0} && exec {1} serve --listen {2} --images {0}",
-      images.string(), beside("kel_host").string(), target);
-  RunningProgram host("/usr/bin/unshare", {geteuid() == 0 ? "-m" : "-mr", "sh", "-c", script},
+      images.string(), fmt::join(built("kel_host"), " "), target);
+  RunningProgram host({"unshare", geteuid() == 0 ? "-m" : "-mr", "sh", "-c", script},
                       folder / "host.output");
   if (!host.says("listens on")) {
     GTEST_SKIP() << "no disk of its own is to be had here";
@@ -511,8 +512,9 @@ TEST_F(ServingFaults, DiskOfTheImagesFull) {
 // What a host is at work on when it is told to stop still ends well, and new calls find nobody.
 TEST_F(ServingFaults, OrderlyShutdownOfAHost) {
   addImage(images / "disk.img");
-  RunningProgram host(beside("kel_host"), {"serve", "--listen", target, "--images", images},
-                      folder / "host.output", "listens on");
+  RunningProgram host(
+      built("kel_host") + Arguments{"serve", "--listen", target, "--images", images},
+      folder / "host.output", "listens on");
   std::atomic<pid_t> making = 0;
   std::thread caller([&] {
     do {

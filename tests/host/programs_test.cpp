@@ -12,13 +12,6 @@
 namespace kel::host::test {
 namespace {
 
-using Arguments = std::vector<std::string>;
-
-Arguments operator+(Arguments left, const Arguments& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
 class Programs : public HostFixture {
  protected:
   // How a program ended, and its last words.
@@ -36,19 +29,19 @@ class Programs : public HostFixture {
   }
 
   RunningProgram startMaster(const Arguments& more) {
-    return {beside("kel_master"), Arguments{"--config", folder / "rules.json"} + more,
+    return {built("kel_master") + Arguments{"--config", folder / "rules.json"} + more,
             folder / "master", "listens on"};
   }
   RunningProgram startMaster() { return startMaster({"--listen", target}); }
 
   // Its alarms go to the master.
   RunningProgram startServing(const Arguments& more) {
-    return {beside("kel_host"), Arguments{"serve", "--target", target} + more, folder / "host",
+    return {built("kel_host") + Arguments{"serve", "--target", target} + more, folder / "host",
             "listens on"};
   }
 
   End run(const std::string& program, const Arguments& arguments) {
-    RunningProgram running(beside(program), arguments, folder / "run");
+    RunningProgram running(built(program) + arguments, folder / "run");
     const int code = running.end();
     return {code, running.output()};
   }

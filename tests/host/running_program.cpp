@@ -15,15 +15,23 @@
 
 namespace kel::host::test {
 
-RunningProgram::RunningProgram(const std::filesystem::path& program,
-                               std::vector<std::string> arguments, std::filesystem::path output,
+Arguments operator+(Arguments left, const Arguments& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+Arguments built(const std::string& program) {
+  const std::string emulator = KEL_EMULATOR;
+  return (emulator.empty() ? Arguments{} : Arguments{emulator}) + Arguments{beside(program)};
+}
+
+RunningProgram::RunningProgram(Arguments command, std::filesystem::path output,
                                const std::string& ready)
     : output_(std::move(output)) {
   outputStart_ = std::filesystem::exists(output_) ? std::filesystem::file_size(output_) : 0;
-  arguments.insert(arguments.begin(), program);
   std::vector<char*> pointers;
-  for (std::string& argument : arguments) {
-    pointers.push_back(argument.data());
+  for (std::string& word : command) {
+    pointers.push_back(word.data());
   }
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -31,7 +39,7 @@ RunningProgram::RunningProgram(const std::filesystem::path& program,
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_.c_str(),
                                    O_CREAT | O_APPEND | O_WRONLY, S_IRUSR | S_IWUSR);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-  EXPECT_EQ(posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), environ), 0);
+  EXPECT_EQ(posix_spawnp(&process_, pointers[0], &actions, nullptr, pointers.data(), environ), 0);
   posix_spawn_file_actions_destroy(&actions);
   EXPECT_TRUE(says(ready)) << this->output();
 }

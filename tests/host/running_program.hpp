@@ -9,12 +9,18 @@
 
 namespace kel::host::test {
 
+using Arguments = std::vector<std::string>;
+
+Arguments operator+(Arguments left, const Arguments& right);
+
+// What starts a program that has been built beside this test, if need be under an emulator.
+Arguments built(const std::string& program);
+
 // Killed in the end, if it is still there.
 class RunningProgram {
  public:
   // Both of its outputs go to the end of the file. Waits until it has said what makes it ready.
-  RunningProgram(const std::filesystem::path& program, std::vector<std::string> arguments,
-                 std::filesystem::path output, const std::string& ready = "");
+  RunningProgram(Arguments command, std::filesystem::path output, const std::string& ready = "");
   ~RunningProgram();
   RunningProgram(const RunningProgram&) = delete;
   RunningProgram& operator=(const RunningProgram&) = delete;
