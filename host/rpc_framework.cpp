@@ -69,9 +69,9 @@ class Exchange {
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
-  void start(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue,
-             const std::string& path, const grpc::Slice& request,
-             std::chrono::milliseconds deadline) {
+  void prepare(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue,
+               const std::string& path, const grpc::Slice& request,
+               std::chrono::milliseconds deadline) {
     channel_ = channel;
     context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                                        gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
@@ -79,7 +79,10 @@ class Exchange {
     grpc_slice bytes = request.c_slice();
     request_ = grpc_raw_byte_buffer_create(&bytes, 1);
     grpc_slice_unref(bytes);
+  }
 
+  // Once it has been prepared. From then on this is those who take the ends.
+  void send() noexcept {
     std::array<grpc_op, 2> reply{};
     reply[0].op = GRPC_OP_RECV_INITIAL_METADATA;
     reply[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
@@ -91,7 +94,7 @@ class Exchange {
     message[1].op = GRPC_OP_SEND_MESSAGE;
     message[1].data.send_message.send_message = request_;
     message[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    begin(written_, message);  // the last word: from here on this is those who take the ends
+    begin(written_, message);
   }
 
   static Exchange& of(const grpc_event& end) { return *static_cast<Operation*>(end.tag)->exchange; }
@@ -231,6 +234,20 @@ struct SyncCall : Exchange {
   std::binary_semaphore over{0};
 };
 
+// Counts its owner among others for as long as it lives.
+class Presence {
+ public:
+  explicit Presence(std::atomic<int>& count) : first(count.fetch_add(1) == 0), count_(count) {}
+  ~Presence() { --count_; }
+  Presence(const Presence&) = delete;
+  Presence& operator=(const Presence&) = delete;
+
+  const bool first;  // nobody else was there
+
+ private:
+  std::atomic<int>& count_;
+};
+
 // What has to outlive the stub of an asynchronous call.
 struct AsyncCall : Exchange {
   AsyncCall(const IdlCodecOps& codecs, const IdlAsyncInfo& info)
@@ -267,28 +284,32 @@ class Engine {
   void start(std::unique_ptr<AsyncCall> call, const Invoker& invoker, const std::string& path,
              const grpc::Slice& request) {
     std::call_once(completing_, [this] { startCompleting(); });
-    const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
+    call->prepare(channelTo(invoker.target), queue_, path, request, invoker.deadline);
     {
       const std::scoped_lock lock(mutex_);
       ++pending_;
     }
-    call.release()->start(channel, queue_, path, request, invoker.deadline);  // to run()
+    call.release()->send();  // to run()
   }
 
   int32_t callAndWait(const Invoker& invoker, const std::string& path, const grpc::Slice& request,
                       void* output, const IdlCodecOps& ops) {
     const std::shared_ptr<grpc::Channel> channel = channelTo(invoker.target);
     SyncCall call;
-    if (waiting_.fetch_add(1) == 0) {
-      grpc::CompletionQueue own;
-      call.start(channel, own, path, request, invoker.deadline);
-      while (!call.advance(next(own))) {
+    {
+      const Presence among(waiting_);
+      if (among.first) {
+        grpc::CompletionQueue own;
+        call.prepare(channel, own, path, request, invoker.deadline);
+        call.send();
+        while (!call.advance(next(own))) {
+        }
+      } else {
+        call.prepare(channel, waitedFor_, path, request, invoker.deadline);
+        call.send();
+        call.over.acquire();
       }
-    } else {
-      call.start(channel, waitedFor_, path, request, invoker.deadline);
-      call.over.acquire();
     }
-    --waiting_;
     return call.decodeInto(output, ops);
   }
 
