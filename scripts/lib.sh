@@ -16,8 +16,8 @@ readonly kel_test_packages=(
 )
 
 readonly kel_bench_packages=(
-  capnproto g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu libbenchmark-dev libcapnp-dev
-  libmsgpack-cxx-dev libnanopb-dev libprotobuf-dev nanopb protobuf-compiler qemu-user
+  capnproto g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu libbenchmark-dev libc6:arm64 libcapnp-dev
+  libmsgpack-cxx-dev libnanopb-dev libprotobuf-dev libstdc++6:arm64 nanopb protobuf-compiler qemu-user
 )
 
 say() { printf '\n== %s\n' "$*"; }
