@@ -4,6 +4,7 @@
 
 #include "codec/korva_compact_packer.hpp"
 #include "codec/korva_fixed_packer.hpp"
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
@@ -83,7 +84,7 @@ class Codec {
   [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* untyped,
                                                  uintptr_t (*entry)(const void*, uint32_t,
                                                                     Typed*)) {
-    const auto other = [&]() __attribute__((always_inline)) {
+    const auto other = [&]() KORVA_INLINED {
       return unpackOther<Runtime>(kUnpackName.text(), bytes, length, static_cast<Typed*>(untyped),
                                   entry, unpackAny);
     };

@@ -10,6 +10,7 @@
 
 #include "codec/korva_format.hpp"
 #include "codec/korva_image.hpp"
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_rows.hpp"
 #include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
@@ -114,7 +115,7 @@ template <PlainTable Element>
 template <class Record>
 [[gnu::always_inline]] inline uint64_t stringsSize(const Record& record, Texts<Record>& texts) {
   uint64_t size = 0;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::string) {
       Text& text = texts[stringIndex<Record, Index>()];
       text.characters = Slot::get(record);
@@ -133,7 +134,7 @@ inline constexpr uint32_t kVectorFront = kOffsetFieldWidth + kCountWidth;
 template <class Record>
 [[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
   uint64_t size = 0;
-  forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::vector) {
       if (const uint32_t count = elementCount<Slot>(record); count != 0) {
         size = kVectorFront + elementsSize(Slot::get(record), count);
@@ -148,7 +149,7 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool vectorFits(const Record& record, uint64_t room) {
   bool fits = true;
-  forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::vector) {
       using Element = typename Slot::Element;
       const uint32_t count = elementCount<Slot>(record);
@@ -223,7 +224,7 @@ class TableWriter {
         vtable_(cursor),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {
-    forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::vector) {
         elementCount_ = elementCount<Slot>(record);
       }
@@ -289,7 +290,7 @@ class TableWriter {
             countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) <= 1,
         "without scalars, the one slot that need not be there brings the full head");
     ByteVector head = kHasScalars ? state_.head : loadAligned(rows::kFullHead<Record>.data());
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
         const ByteVector what = loadAligned(rows::kOptionalRows<Record, Index>[row].head.data());
@@ -315,8 +316,7 @@ class TableWriter {
   // follows in the table, and overwrites what is too much.
   [[gnu::always_inline]] void writeScalars() {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
-    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) {
+    scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
       storeVector(at_, state_.windows[Index].scalars);
       passWindow<Index>();
     });
@@ -345,7 +345,7 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void reserveOffsetFields() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::byteArray || Slot::kind == SlotKind::table) {
         reserveOffsetField<Index>();
       } else if constexpr (Slot::kind != SlotKind::scalar) {
@@ -363,7 +363,7 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeStringsAndArrays() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::string) {
         if (isThere<Slot, Index>()) {
           placeText<Index>(texts_[stringIndex<Record, Index>()]);
@@ -394,7 +394,7 @@ class TableWriter {
 
   // The elements' entries are filled in as the elements are written.
   [[gnu::always_inline]] void writeVectorHeader() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::vector) {
         if (isThere<Slot, Index>()) {
           pointHere<Index>();
@@ -414,7 +414,7 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeNestedTables() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::table) {
         using Nested = typename Slot::Type;
         static_assert(PlainTable<Nested>);
@@ -430,7 +430,7 @@ class TableWriter {
   }
 
   [[gnu::always_inline]] void writeElements() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::vector) {
         if (isThere<Slot, Index>()) {
           const auto* const elements = Slot::get(record_);

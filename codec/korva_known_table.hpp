@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_rows.hpp"
 #include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
@@ -114,16 +115,14 @@ template <class Record, uint32_t Position>
 template <class Record>
 [[gnu::always_inline]] inline bool isOurs(const uint8_t* vtable, const AllFound<Record>& found) {
   ByteVector head{};
-  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) {
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     const ByteVector part = loadAligned(found[Index].head);
     head = Index == 0 ? part : subtractDownToZero<rows::HeadLane<Record>>(head, part);
   });
   ByteVector different{};
-  [&]<size_t... Part>(std::index_sequence<Part...>) __attribute__((always_inline)) {
+  [&]<size_t... Part>(std::index_sequence<Part...>) KORVA_INLINED {
     ((different |= difference<Record, vectorAt<Record>(Part * kVectorWidth)>(vtable, head)), ...);
-  }
-  (std::make_index_sequence<alignUp(kVtableLength<Record>, kVectorWidth) / kVectorWidth>());
+  }(std::make_index_sequence<alignUp(kVtableLength<Record>, kVectorWidth) / kVectorWidth>());
   return isZero(different);
 }
 
@@ -151,19 +150,16 @@ template <KnownLayout Record>
   AllFound<Record> found;
   const uint8_t* const rows = rows::rowsOf<Record>();
   size_t size = scalars::allBytes<Record, Depth::ownTable>();
-  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>()
-                                                      __attribute__((always_inline)) {
-                                                        found[Index] =
-                                                            find<Record, Index>(rows, vtable);
-                                                        size -= found[Index].absent;
-                                                      });
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
+    found[Index] = find<Record, Index>(rows, vtable);
+    size -= found[Index].absent;
+  });
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
     return false;
   }
   const uint8_t* at = table + kDisplacementWidth;
-  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) {
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     static_assert(startsWithItsScalars<Record, Index>());
     constexpr Window kWindow = kWindows<Record>.items[Index];
     const size_t windowSize =

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
 
@@ -16,7 +17,7 @@ template <class Record>
   if (record == nullptr) {
     return;
   }
-  forEachSlot<Record>([&]<class Slot, size_t>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::string) {
       // Null is handed over too: the hooks accept it, as free does.
       char* const text = const_cast<char*>(std::exchange(Slot::get(*record), nullptr));

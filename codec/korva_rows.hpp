@@ -4,6 +4,16 @@
 // Every window of scalars has one row for each combination of its scalars being zero. A table's
 // head, which is its vtable and displacement, starts from all slots being there; what is absent
 // takes away from the positions of what lies behind it, and everything from its own.
+//
+// A table of three scalars of four bytes, for example, of which the second is zero:
+//
+//   window      7, 0, 9                  its lanes compared with zero: row 2, binary 010
+//   full head   10, 16 | 4, 8, 12 | 10   lengths of vtable and table, entries, displacement
+//   row 2 less   0,  4 | 0, all, 4 | 0   no difference is less than 0
+//   head        10, 12 | 4, 0, 8 | 10
+//   row 2 moves bytes 0 to 3 and 8 to 11 together: 7, 9
+//
+// For a table's first window, what the subtraction leaves of the full head is ready in the row.
 #pragma once
 
 #include <algorithm>
@@ -12,6 +22,7 @@
 #include <limits>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_scalars.hpp"
 #include "codec/korva_schema.hpp"
 #include "codec/korva_vector.hpp"
@@ -343,9 +354,9 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
   // How many bytes of scalars are absent.
   [[nodiscard, gnu::always_inline]] size_t absentBytes() const {
     size_t bytes = 0;
-    scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-        always_inline)) { bytes += windows[Index].absent; });
-    forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+    scalars::forEachWindow<Record, Depth::ownTable>(
+        [&]<size_t Index>() KORVA_INLINED { bytes += windows[Index].absent; });
+    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::table) {
         bytes += std::get<Index>(this->bySlot).absentBytes();
       }
@@ -372,8 +383,7 @@ template <class Record, uint32_t Index>
 template <uint32_t Room, class Record>
 [[gnu::always_inline]] inline void lookAtScalars(const uint8_t* bytes, TableState<Record>& state) {
   const uint8_t* const rows = rowsOf<Record>();
-  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() __attribute__((
-      always_inline)) {
+  scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     const ByteVector content =
         loadedOnce(scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes));
     const auto [offset, absent] = rowFor<Record, Index>(rows, content);
@@ -393,7 +403,7 @@ template <uint32_t Room, class Record>
   if constexpr (kScalars<Record>.count != 0) {
     lookAtScalars<Room>(bytes, state);
   }
-  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::table) {
       using Nested = typename Slot::Type;
       constexpr uint32_t kOffset = kMemberOffset<Record, Index>;

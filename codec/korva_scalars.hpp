@@ -7,6 +7,7 @@
 #include <array>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_schema.hpp"
 #include "codec/korva_vector.hpp"
 
@@ -158,10 +159,9 @@ inline constexpr Bytes kMask = [] {
 // Takes the bytes that Mask names from chosen, and the others from rest.
 template <Bytes Mask>
 [[gnu::always_inline]] inline ByteVector blend(ByteVector rest, ByteVector chosen) {
-  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) KORVA_INLINED {
     return __builtin_shufflevector(rest, chosen, (Mask[Byte] == 0 ? Byte : kVectorWidth + Byte)...);
-  }
-  (std::make_index_sequence<kVectorWidth>());
+  }(std::make_index_sequence<kVectorWidth>());
 }
 
 // The bytes of all scalars up to a window, and with it.
@@ -241,10 +241,9 @@ template <class Record, Depth Which, uint32_t Index, uint32_t Width = 1>
 
 template <class Record, Depth Which, class Visit>
 [[gnu::always_inline]] inline void forEachWindow(Visit&& visit) {
-  [&]<size_t... Index>(std::index_sequence<Index...>) __attribute__((always_inline)) {
+  [&]<size_t... Index>(std::index_sequence<Index...>) KORVA_INLINED {
     (visit.template operator()<Index>(), ...);
-  }
-  (std::make_index_sequence<kWindows<Record, Which>.count>());
+  }(std::make_index_sequence<kWindows<Record, Which>.count>());
 }
 
 // Counts the bytes of absent scalars, nested tables' included, over many records.
@@ -262,9 +261,8 @@ class AbsentBytes {
 
   template <class... Records>
   [[gnu::always_inline]] void add(const Records&... records) {
-    forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
-      lanes_[Index] += (zerosOf<Index>(records) + ...);
-    });
+    forEachWindow<Record, Depth::withNested>(
+        [&]<size_t Index>() KORVA_INLINED { lanes_[Index] += (zerosOf<Index>(records) + ...); });
   }
 
   [[nodiscard, gnu::always_inline]] uint32_t sum() const {
@@ -272,7 +270,7 @@ class AbsentBytes {
       return 0;
     }
     ByteVector lanes{};
-    forEachWindow<Record, Depth::withNested>([&]<size_t Index>() __attribute__((always_inline)) {
+    forEachWindow<Record, Depth::withNested>([&]<size_t Index>() KORVA_INLINED {
       lanes += blend<kMask<Record, Depth::withNested, Index>>(ByteVector{}, lanes_[Index]);
     });
     return sumOfBytes(ByteVector{} - lanes);

@@ -22,6 +22,7 @@
 #include <utility>
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_inlined.hpp"
 
 namespace korva {
 
@@ -112,19 +113,17 @@ using SlotAt = std::tuple_element_t<Index, typename Schema<Record>::List>;
 // its slot as a constant.
 template <class Record, class Visit>
 [[gnu::always_inline]] constexpr void forEachSlot(Visit&& visit) {
-  [&]<size_t... Index>(std::index_sequence<Index...>) __attribute__((always_inline)) {
+  [&]<size_t... Index>(std::index_sequence<Index...>) KORVA_INLINED {
     (visit.template operator()<SlotAt<Record, Index>, Index>(), ...);
-  }
-  (std::make_index_sequence<Schema<Record>::count>());
+  }(std::make_index_sequence<Schema<Record>::count>());
 }
 
 // As forEachSlot, until a visit returns false; says whether none did.
 template <class Record, class Visit>
 [[gnu::always_inline]] constexpr bool allOfSlots(Visit&& visit) {
-  return [&]<size_t... Index>(std::index_sequence<Index...>) __attribute__((always_inline)) {
+  return [&]<size_t... Index>(std::index_sequence<Index...>) KORVA_INLINED {
     return (visit.template operator()<SlotAt<Record, Index>, Index>() && ...);
-  }
-  (std::make_index_sequence<Schema<Record>::count>());
+  }(std::make_index_sequence<Schema<Record>::count>());
 }
 
 template <class Record>

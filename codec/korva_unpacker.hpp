@@ -3,6 +3,7 @@
 #pragma once
 
 #include "codec/korva_format.hpp"
+#include "codec/korva_inlined.hpp"
 #include "codec/korva_known_table.hpp"
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
@@ -80,7 +81,7 @@ inline constexpr uint32_t kOwnFront =
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool hasOwnFields(const Source& source) {
   return source.at<uint32_t>(kOwnTable<Record> + kDisplacementWidth) == kFieldsSize<Record> &&
-         allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+         allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
            return source.at<uint16_t>(kRootOffsetWidth + vtableEntry(Index)) ==
                   kDisplacementWidth + Index * kOffsetFieldWidth;
          });
@@ -302,7 +303,7 @@ template <class Slot, class Record>
 // Clears what lies between the members of a record and behind the last one.
 template <PlainTable Record>
 [[gnu::always_inline]] inline void clearPadding(Record& record) {
-  forEachSlot<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     constexpr uint32_t kEnd = kMemberOffset<Record, Index> + Slot::width;
     constexpr uint32_t kNext = [] {
       if constexpr (Index + 1 < Schema<Record>::count) {
@@ -330,7 +331,7 @@ template <class Record, bool AtOnce = kAtOnce<Record>>
     hasScalars =
         known::readScalars(vtable, source.bytes + table, table, source.length - table, record);
   }
-  return allOfSlots<Record>([&]<class Slot, size_t Index>() __attribute__((always_inline)) {
+  return allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
       if constexpr (AtOnce) {

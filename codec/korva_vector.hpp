@@ -15,6 +15,8 @@
 #include <cstring>
 #include <utility>
 
+#include "codec/korva_inlined.hpp"
+
 namespace korva {
 
 inline constexpr uint32_t kVectorWidth = 16;
@@ -145,21 +147,19 @@ template <uint32_t Size>
 template <uint32_t Bytes>
 [[gnu::always_inline]] inline ByteVector moveDown(ByteVector bytes) {
   static_assert(Bytes < kVectorWidth);
-  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) KORVA_INLINED {
     return __builtin_shufflevector(bytes, ByteVector{}, (Bytes + Byte)...);
-  }
-  (std::make_index_sequence<kVectorWidth>());
+  }(std::make_index_sequence<kVectorWidth>());
 }
 
 // Eight of a vector's bytes, from First on, as numbers of two bytes.
 template <uint32_t First>
 [[gnu::always_inline]] inline ByteVector widen(ByteVector bytes) {
   static_assert(First + kVectorWidth / 2 <= kVectorWidth);
-  return [&]<size_t... Byte>(std::index_sequence<Byte...>) __attribute__((always_inline)) {
+  return [&]<size_t... Byte>(std::index_sequence<Byte...>) KORVA_INLINED {
     return __builtin_shufflevector(bytes, ByteVector{},
                                    (First + Byte / 2 + Byte % 2 * kVectorWidth)...);
-  }
-  (std::make_index_sequence<kVectorWidth>());
+  }(std::make_index_sequence<kVectorWidth>());
 }
 
 // Subtracts in lanes of one or two bytes; what would be less than 0 is 0.
