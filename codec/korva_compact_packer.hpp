@@ -76,7 +76,24 @@ inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Eleme
 // where one vector holds the scalars of each, whether all are there is as hard to predict as their
 // values are, and a wrong guess costs more than measuring.
 template <class Element>
-inline constexpr uint32_t kFewElements = scalars::AbsentBytes<Element>::kTwoAreFaster ? 4 : 1;
+inline constexpr uint32_t kFewElements =
+    scalars::kWindows<Element, scalars::Depth::withNested>.count == 1 ? 4 : 1;
+
+// The absent bytes of so many times the elements that Counter adds at once, which are passed.
+template <class Counter, class Element>
+[[gnu::always_inline]] inline uint64_t absentBytes(const Element*& elements, uint32_t times) {
+  uint64_t bytes = 0;
+  while (times != 0) {
+    Counter counter;
+    uint32_t some = std::min(times, Counter::kCapacity);
+    times -= some;
+    for (; some != 0; --some, elements += Counter::kAtOnce) {
+      counter.add(elements);
+    }
+    bytes += counter.sum();
+  }
+  return bytes;
+}
 
 // Some elements, with their entries. Where the count alone decides that the message is too large,
 // none is looked at. Part of its callers, since a call would have them save registers.
@@ -87,28 +104,23 @@ template <PlainTable Element>
     return least;
   }
   uint64_t size = uint64_t{count} * kFullElementSize<Element>;
-  if (count < kFewElements<Element>) {
-    scalars::AbsentBytes<Element> absent;
-    do {
-      absent.add(*elements++);
-    } while (--count != 0);
-    return size - absent.sum();
-  }
-  do {
-    scalars::AbsentBytes<Element> absent;
-    uint32_t some = std::min(count, absent.kCapacity);
-    count -= some;
-    if constexpr (absent.kTwoAreFaster) {
-      for (; some >= 2; some -= 2, elements += 2) {
-        absent.add(elements[0], elements[1]);
+  if constexpr (scalars::Quarterable<Element>) {
+    using Several = scalars::AbsentBytesOfSeveral<Element>;
+    if (count >= Several::kAtOnce) {
+      size -= absentBytes<Several>(elements, count / Several::kAtOnce);
+      count %= Several::kAtOnce;
+      if (count == 0) {
+        return size;
       }
     }
-    for (; some != 0; --some, ++elements) {
-      absent.add(*elements);
-    }
-    size -= absent.sum();
-  } while (count != 0);
-  return size;
+    scalars::AbsentBytes<Element> absent;
+    do {
+      absent.add(elements++);
+    } while (--count != 0);
+    return size - absent.sum();
+  } else {
+    return size - absentBytes<scalars::AbsentBytes<Element>>(elements, count);
+  }
 }
 
 // What a record's strings take, with their offset fields. Fills in all of texts but the targets.
@@ -532,7 +544,7 @@ template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
   Texts<Record> texts;
   scalars::AbsentBytes<Record> absent;
-  absent.add(record);
+  absent.add(&record);
   const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
                         compact::stringsSize(record, texts) + compact::vectorSize(record);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;

@@ -207,6 +207,23 @@ template <uint32_t Width>
 #endif
 }
 
+// Four vectors as one: a byte for every four of theirs, 0 if those are and anything else if not.
+[[gnu::always_inline]] inline ByteVector quarter(const std::array<ByteVector, 4>& vectors) {
+#if defined(__aarch64__)
+  const auto halve = [&](size_t first) KORVA_INLINED {
+    return vqmovn_high_s32(vqmovn_s32(reinterpret_cast<int32x4_t>(vectors[first])),
+                           reinterpret_cast<int32x4_t>(vectors[first + 1]));
+  };
+  return reinterpret_cast<ByteVector>(vqmovn_high_s16(vqmovn_s16(halve(0)), halve(2)));
+#else
+  const auto halve = [&](size_t first) KORVA_INLINED {
+    return _mm_packs_epi32(reinterpret_cast<__m128i>(vectors[first]),
+                           reinterpret_cast<__m128i>(vectors[first + 1]));
+  };
+  return reinterpret_cast<ByteVector>(_mm_packs_epi16(halve(0), halve(2)));
+#endif
+}
+
 // The sum of all sixteen bytes.
 [[gnu::always_inline]] inline uint32_t sumOfBytes(ByteVector bytes) {
 #if defined(__aarch64__)
