@@ -22,12 +22,20 @@ readonly kel_bench_packages=(
 
 say() { printf '\n== %s\n' "$*"; }
 
+# A package may be there for a foreign architecture only, which dpkg tells by the same name.
+is_installed() {
+  local package=$1 architecture=$2
+  [[ "$package" != *:* ]] || architecture=${package#*:}
+  dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$package" 2>/dev/null |
+    grep -xE "installed (all|$architecture)" >/dev/null
+}
+
 # Installs those of the named packages that are missing; asks apt nothing when none is.
 install_missing() {
-  local package missing=()
+  local package native missing=()
+  native=$(dpkg --print-architecture)
   for package in "$@"; do
-    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-      missing+=("$package")
+    is_installed "$package" "$native" || missing+=("$package")
   done
   [ ${#missing[@]} -gt 0 ] || return 0
   say "installing ${missing[*]}"
