@@ -12,8 +12,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+
+#include "host/complaint.hpp"
 
 namespace kel::host {
 namespace {
@@ -63,7 +64,7 @@ bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
   // Not by the C library's function, whose header cannot be used from C++ everywhere.
   const int watch = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
   if (watch < 0) {
-    fmt::print(stderr, "cannot watch a program: {}\n", std::strerror(errno));
+    complain(fmt::format("cannot watch a program: {}", std::strerror(errno)));
     return false;
   }
   const auto end = std::chrono::steady_clock::now() + limit;
@@ -94,17 +95,19 @@ bool runProgram(std::vector<std::string> arguments, int descriptor,
   if (const int error = posix_spawn(&child, pointers[0], FileActions(descriptor).get(),
                                     Attributes().get(), pointers.data(), environment.data());
       error != 0) {
-    fmt::print(stderr, "cannot start {}: {}\n", arguments[0], std::strerror(error));
+    complain(fmt::format("cannot start {}: {}", arguments[0], std::strerror(error)));
     return false;
   }
   if (!endsWithin(child, limit)) {
-    fmt::print(stderr, "{} did not end in its time and is killed\n", arguments[0]);
     kill(-child, SIGKILL);
+    complain(fmt::format("{} did not end in its time and was killed", arguments[0]));
   }
   int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  pid_t ended = 0;
+  do {
+    ended = waitpid(child, &status, 0);
+  } while (ended < 0 && errno == EINTR);
+  return ended == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace kel::host

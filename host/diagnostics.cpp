@@ -4,10 +4,10 @@
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "host/complaint.hpp"
 #include "host/field_text.hpp"
 
 namespace kel::host {
@@ -51,7 +51,7 @@ Diagnostics::UseReport Diagnostics::reportUse(const std::string& mountPoint) {
     if (error == EACCES) {
       return {ResultCode::rightMissing, *mount, {}, 0};
     }
-    fmt::print(stderr, "cannot measure {}: {}\n", shown(mountPoint), std::strerror(error));
+    complain(fmt::format("cannot measure {}: {}", shown(mountPoint), std::strerror(error)));
     return {ResultCode::failed, *mount, {}, 0};
   }
   const DiskThresholds::Verdict verdict = thresholds_.compare(mountPoint, use->usedPercent);

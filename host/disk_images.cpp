@@ -11,13 +11,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
 
 #include "host/child_process.hpp"
+#include "host/complaint.hpp"
 #include "host/field_text.hpp"
 #include "host/kernel_files.hpp"
 
@@ -48,7 +48,7 @@ ResultCode codeOf(int error) {
 
 // For the host's operator, who may know what to do about it.
 ResultCode report(const char* what, const std::string& name, int error) {
-  fmt::print(stderr, "{} {}: {}\n", what, shown(name), std::strerror(error));
+  complain(fmt::format("{} {}: {}", what, shown(name), std::strerror(error)));
   return codeOf(error);
 }
 
@@ -104,12 +104,15 @@ LoopDevice attach(int image) {
 }  // namespace
 
 DiskImages::DiskImages(const path& folder, std::vector<path> programFolders)
-    : folder_(std::filesystem::absolute(folder / "").parent_path()),
-      directory_(::open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+    : directory_(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
       programFolders_(std::move(programFolders)) {
-  if (!directory_.isOpen()) {
+  std::error_code error(errno, std::generic_category());
+  if (directory_.isOpen()) {
+    folder_ = std::filesystem::canonical(openPath(directory_.get()), error);
+  }
+  if (error) {
     throw std::runtime_error(
-        fmt::format("cannot open the folder {}: {}", folder_.string(), std::strerror(errno)));
+        fmt::format("cannot open the folder {}: {}", folder.string(), error.message()));
   }
 }
 

@@ -32,7 +32,7 @@ class DiskImages {
   ResultCode format(const std::string& name);
 
   // Mounts the ext4 file system of an image at a folder of its name, beside the images' folder:
-  // "<folder>.mounted.<six letters>/<name>".
+  // "<folder>.mounted.<six characters>/<name>".
   ResultCode mount(const std::string& name);
 
  private:
@@ -44,8 +44,8 @@ class DiskImages {
   [[nodiscard]] Opened open(const std::string& name) const;
   ResultCode makeMountPoint(const std::string& name, std::filesystem::path& mountPoint);
 
-  const std::filesystem::path folder_;
   const FileDescriptor directory_;
+  std::filesystem::path folder_;  // without links or dots
   const std::vector<std::filesystem::path> programFolders_;
   std::mutex mutex_;                                         // for what follows
   std::filesystem::path mountFolder_;                        // empty until the first mount

@@ -234,7 +234,7 @@ void tellStory(const Options& options) {
 
 const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
   CLI::App* const command =
-      app.add_subcommand("serve", "serve KelSysdiagQarne until SIGTERM or SIGINT");
+      app.add_subcommand("serve", "serve KelSysdiagQarne until SIGTERM, SIGINT or SIGHUP");
   command->fallthrough();
   command->add_option("--listen", options.listen, "gRPC target to listen on")
       ->capture_default_str();

@@ -1,4 +1,4 @@
-// kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM or SIGINT.
+// kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM, SIGINT or SIGHUP.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>

@@ -19,12 +19,12 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
 
+#include "host/complaint.hpp"
 #include "host/credentials.hpp"
 
 namespace kel::host {
@@ -65,10 +65,10 @@ void warnOfUnsafeFolder(const std::filesystem::path& folder) {
   constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
   if (stat(folder.c_str(), &status) == 0 && (status.st_mode & kOthersWrite) != 0 &&
       (status.st_mode & S_ISVTX) == 0) {
-    fmt::print(stderr,
-               "warning: others may replace the socket in {}, and answer in its place: take the "
-               "right to write from them (chmod go-w {}) or use a folder of its own\n",
-               folder.string(), folder.string());
+    complain(fmt::format(
+        "warning: others may replace the socket in {}, and answer in its place: take the "
+        "right to write from them (chmod go-w {}) or use a folder of its own",
+        folder.string(), folder.string()));
   }
 }
 
@@ -90,10 +90,16 @@ FileDescriptor lockFolder(const std::filesystem::path& folder, const std::string
   fail(target, "another process keeps the folder locked");
 }
 
-bool isServed(const sockaddr_un& address, const std::string& target) {
+// Only a refusal tells that nobody listens; a socket of another kind or user may well be served.
+void demandThatNobodyServes(const sockaddr_un& address, const std::string& target) {
   const FileDescriptor probe = openSocket(AF_UNIX, target);
-  return connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
-         errno == EAGAIN;  // somebody listens, and has much to do
+  if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
+      errno == EAGAIN) {  // somebody listens, and has much to do
+    fail(target, "another process serves there");
+  }
+  if (errno != ECONNREFUSED && errno != ENOENT) {
+    failWithErrno(target);
+  }
 }
 
 void removeDeadSocket(const sockaddr_un& address, const std::string& target) {
@@ -105,9 +111,7 @@ void removeDeadSocket(const sockaddr_un& address, const std::string& target) {
   if (!S_ISSOCK(status.st_mode)) {
     fail(target, "there is a file of that name that is no socket");
   }
-  if (isServed(address, target)) {
-    fail(target, "another process serves there");
-  }
+  demandThatNobodyServes(address, target);
   unlink(path);
 }
 

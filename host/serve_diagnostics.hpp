@@ -25,8 +25,8 @@ struct ServeOptions {
   std::vector<std::string> operators = {};
 };
 
-// Serves KelSysdiagQarne until SIGTERM or SIGINT. Throws std::runtime_error with a sentence, also
-// when memory of the codecs did not come back.
+// Serves KelSysdiagQarne until SIGTERM, SIGINT or SIGHUP. Throws std::runtime_error with a
+// sentence, also when memory of the codecs did not come back.
 void serveDiagnostics(const ServeOptions& options);
 
 }  // namespace kel::host

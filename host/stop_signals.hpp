@@ -1,4 +1,5 @@
-// How a serving program is asked to stop: SIGTERM or SIGINT. For the programs' main threads.
+// How a serving program is asked to stop: by SIGTERM, SIGINT, or SIGHUP unless it was told to
+// ignore that, as nohup does. For the programs' main threads.
 #pragma once
 
 #include <signal.h>
@@ -6,15 +7,22 @@
 namespace kel::host {
 
 // Blocks the signals for this thread and those that it starts from now on, so that only wait sees
-// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored.
+// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored. How its
+// children ended is told, whatever whoever started it made of SIGCHLD.
 class StopSignals {
  public:
   StopSignals() {
     sigemptyset(&signals_);
     sigaddset(&signals_, SIGTERM);
     sigaddset(&signals_, SIGINT);
+    struct sigaction hangUp {};
+    sigaction(SIGHUP, nullptr, &hangUp);
+    if (hangUp.sa_handler != SIG_IGN) {
+      sigaddset(&signals_, SIGHUP);
+    }
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);
   }
 
   void wait() const {

@@ -185,7 +185,7 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
   for (const Mount& mount : readMounts("/")) {
     EXPECT_FALSE(mount.mountPoint.starts_with(top.string())) << mount.mountPoint;
   }
-  DiskImages images(folder);
+  DiskImages images(folder / ".");
   EXPECT_EQ(images.mount("disk.img"), ResultCode::done);
   std::string text;
   std::ifstream(mountFolder() / "disk.img" / "hello") >> text;
