@@ -2,12 +2,30 @@
 #include "host/field_text.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace kel::host {
 namespace {
 
 bool continuesCharacter(char byte) { return (static_cast<uint8_t>(byte) & 0xC0U) == 0x80U; }
+
+// The UTF-8 character at the start of text; empty if there is none.
+std::string_view firstCharacter(std::string_view text) {
+  const auto ones = static_cast<size_t>(std::countl_one(static_cast<uint8_t>(text.front())));
+  if (ones == 0) {
+    return text.substr(0, 1);
+  }
+  const std::string_view character = text.substr(0, ones);
+  const bool whole = ones >= 2 && ones <= 4 && character.size() == ones &&
+                     std::ranges::all_of(character.substr(1), continuesCharacter);
+  return whole ? character : std::string_view();
+}
+
+bool isControl(std::string_view character) {
+  constexpr std::string_view kFirstBeyond = "\xC2\xA0";  // U+00A0
+  return character < " " || (character >= "\x7F" && character < kFirstBeyond);
+}
 
 }  // namespace
 
@@ -33,17 +51,11 @@ std::string rawTextOf(std::span<const uint8_t> field) {
 std::string textOf(std::span<const uint8_t> field) { return shown(rawTextOf(field)); }
 
 std::string shown(std::string_view text) {
-  constexpr uint8_t kDelete = 0x7F;
-  constexpr uint8_t kFirstOfTwo = 0xC2;  // U+0080 to U+009F follow it
-  std::string result(text);
-  for (size_t i = 0; i < result.size(); ++i) {
-    const auto byte = static_cast<uint8_t>(result[i]);
-    if (byte < ' ' || byte == kDelete) {
-      result[i] = '?';
-    } else if (byte == kFirstOfTwo && i + 1 < result.size() &&
-               static_cast<uint8_t>(result[i + 1]) < 0xA0) {
-      result.replace(i, 2, "?");
-    }
+  std::string result;
+  while (!text.empty()) {
+    const std::string_view character = firstCharacter(text);
+    result += isControl(character) ? "?" : character;
+    text.remove_prefix(std::max(character.size(), size_t{1}));
   }
   return result;
 }

@@ -5,6 +5,7 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <iterator>
@@ -53,6 +54,13 @@ std::vector<FileSystem> readFileSystems() {
   return result;
 }
 
+// What is asked about its place tells of the mount that is on top there.
+bool isCovered(std::vector<Mount>::const_iterator mount, std::vector<Mount>::const_iterator end) {
+  return std::find_if(mount + 1, end, [&](const Mount& later) {
+           return later.mountPoint == mount->mountPoint;
+         }) != end;
+}
+
 }  // namespace
 
 std::vector<FileSystem> eachDeviceOnce(
@@ -60,12 +68,12 @@ std::vector<FileSystem> eachDeviceOnce(
     const std::function<std::optional<FileSystem>(const Mount&)>& measure) {
   std::vector<FileSystem> result;
   std::set<std::string> seen;
-  for (const Mount& mount : mounts) {
-    const std::string& name = mount.source.starts_with('/') ? mount.source : mount.mountPoint;
-    if (seen.contains(name)) {
+  for (auto mount = mounts.begin(); mount != mounts.end(); ++mount) {
+    const std::string& name = mount->source.starts_with('/') ? mount->source : mount->mountPoint;
+    if (seen.contains(name) || isCovered(mount, mounts.end())) {
       continue;
     }
-    if (const auto fileSystem = measure(mount)) {
+    if (const auto fileSystem = measure(*mount)) {
       result.push_back(*fileSystem);
       seen.insert(name);
     }

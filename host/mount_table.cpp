@@ -12,7 +12,17 @@
 namespace kel::host {
 namespace {
 
-// White space and backslashes are written as a backslash and three octal digits.
+// Any other white space stands for itself, and a source may be empty.
+std::vector<std::string> splitAtSpaces(const std::string& line) {
+  std::istringstream stream(line);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(stream, part, ' ');) {
+    parts.push_back(part);
+  }
+  return parts;
+}
+
+// Spaces, tabs, line ends and backslashes are written as a backslash and three octal digits.
 std::string unescaped(const std::string& text) {
   const auto octal = [&](size_t at) { return text[at] >= '0' && text[at] <= '7'; };
   std::string result;
@@ -33,7 +43,7 @@ std::optional<Mount> parseMount(const std::string& line) {
   constexpr size_t kDevice = 2;
   constexpr size_t kMountPoint = 4;
   constexpr size_t kFirstOptional = 6;
-  const std::vector<std::string> parts = words(line);
+  const std::vector<std::string> parts = splitAtSpaces(line);
   if (parts.size() <= kFirstOptional) {
     return std::nullopt;
   }
@@ -46,7 +56,7 @@ std::optional<Mount> parseMount(const std::string& line) {
 }
 
 uint32_t usedPercent(const struct statvfs& state) {
-  const uint64_t used = state.f_blocks - state.f_bfree;
+  const uint64_t used = state.f_blocks - std::min(state.f_bfree, state.f_blocks);
   const uint64_t usable = used + state.f_bavail;
   return static_cast<uint32_t>(usable == 0 ? 0 : (used * 100 + usable - 1) / usable);
 }

@@ -43,8 +43,16 @@ TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
 }
 
 TEST(FieldText, CannotSteerATerminal) {
-  const std::array<uint8_t, 10> field = {0x1B, '[', '2', 'J', '\n', 0x7F, 0xC3, 0x9B, 0xC2, 0x9B};
-  EXPECT_EQ(textOf(field), "?[2J??\xC3\x9B?");
+  const std::pair<const char*, const char*> cases[] = {
+      {"\x1B[2J\n\x7F~", "?[2J??~"},
+      {"\xC2\x9B\xC2\xA0\xC3\x9B\xF0\x9F\x92\xBE", "?\xC2\xA0\xC3\x9B\xF0\x9F\x92\xBE"},
+      {"a\x9B", "a?"},                     // what a terminal without UTF-8 would obey
+      {"\xC0\x9B\xC3[\xF0\x9F", "??[??"},  // in too many bytes, and in too few
+      {"\xFF\xF8\x88\x80\x80\x80", "??????"},
+  };
+  for (const auto& [received, expected] : cases) {
+    EXPECT_EQ(shown(received), expected);
+  }
 }
 
 TEST(MachineState, ParsesTheKernelsTexts) {
@@ -63,7 +71,8 @@ TEST(MachineState, ListsADeviceWhereItCanFirstBeMeasured) {
   const std::vector<Mount> mounts = {
       {{}, "/images", "ext4", "/dev/a"}, {{}, "/", "ext4", "/dev/a"},
       {{}, "/again", "ext4", "/dev/a"},  {{}, "/run", "tmpfs", "none"},
-      {{}, "/tmp", "tmpfs", "none"},     {{}, "/b", "xfs", "/dev/b"}};
+      {{}, "/tmp", "tmpfs", "none"},     {{}, "/b", "xfs", "/dev/covered"},
+      {{}, "/b", "xfs", "/dev/b"}};
   std::vector<std::string> measured;
   const auto listed = eachDeviceOnce(mounts, [&](const Mount& mount) -> std::optional<FileSystem> {
     measured.push_back(mount.mountPoint);

@@ -140,6 +140,8 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   }
   machine_.mount("8:2", "/srv/data", "/dev/disk/by-label/data");
   machine_.put("sys/block/loop0/size", "0");
+  machine_.put("sys/block/nvme0c0n1/size", "2048");  // one path of several to a disk
+  machine_.put("sys/block/nvme0c0n1/hidden", "1");
   // Worn memory of every kind.
   const std::pair<const char*, const char*> cards[] = {
       {"179:0", "0x01 0x02"}, {"179:1", "0x0b 0x01"}, {"179:2", "0x00 0x00"}, {"179:3", "0x0c x"}};
@@ -239,10 +241,10 @@ TEST_F(Qarne, TellsWhatProcessesHaveOpen) {
 
 TEST_F(Qarne, ComparesUseWithThresholdsAndAlarmsOncePerPassing) {
   machine_.mount("1:1", "/data", "/dev/a");
-  machine_.mount("1:2", "/with space", "/dev/b");
+  machine_.mount("1:2", "/with\r space", "/dev/b");
   machine_.put("proc/self/mountinfo",
-               "20 1 1:1 / /data rw - ext4 /dev/below rw\n20 1 1:2 / /with\\040space rw - ext4 "
-               "/dev/b rw\n21 1 1:3 / /data rw - xfs /dev/above rw\nnonsense\n1 2 3 4 5 6 - x");
+               "20 1 1:1 / /data rw - ext4 /dev/below rw\n20 1 1:2 / /with\r\\040space rw - ext4  "
+               "rw\n21 1 1:3 / /data rw - xfs /dev/above rw\nnonsense\n1 2 3 4 5 6 - x");
   std::vector<Overload> overloads;
   const QarneClient client =
       serve({.root = machine_.root,
@@ -278,8 +280,8 @@ TEST_F(Qarne, ComparesUseWithThresholdsAndAlarmsOncePerPassing) {
   EXPECT_EQ(overloads.size(), 2U) << "set anew, it is passed anew";
   EXPECT_EQ(set("/data", 0), ResultCode::done);
   EXPECT_EQ(use("/data")->value5, 0U);
-  EXPECT_EQ(use("/with space")->value5, 0U);
-  EXPECT_EQ(set("/with space", 100), ResultCode::done);
+  EXPECT_EQ(use("/with\r space")->value5, 0U);
+  EXPECT_EQ(set("/with\r space", 100), ResultCode::done);
 
   struct Case {
     std::string mountPoint;
