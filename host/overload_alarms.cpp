@@ -32,6 +32,18 @@ OverloadDiskAlarmInput alarmOf(const Overload& overload) {
   return diskAlarm(machine, disk, thresholds);
 }
 
+// Whether the master has the alarm, or may have it, or will never take it.
+bool isFinal(int32_t result) {
+  switch (result) {
+    case kUnreachable:
+    case kNotSent:
+    case kTooLarge:  // an alarm never is, so the master has too much to do
+      return false;
+    default:
+      return true;
+  }
+}
+
 }  // namespace
 
 OverloadAlarms::OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator)
@@ -60,9 +72,9 @@ void OverloadAlarms::run(const std::stop_token& ending) {
     Alarm alarm = std::move(waiting_.front());
     waiting_.pop_front();
     lock.unlock();
-    const bool hasLeft = send(alarm);
+    const bool isThrough = send(alarm);
     lock.lock();
-    if (!hasLeft && !ending.stop_requested()) {
+    if (!isThrough && !ending.stop_requested()) {
       putBack(std::move(alarm));
       changed_.wait_for(lock, ending, kPause, [] { return false; });
     }
@@ -82,15 +94,15 @@ bool OverloadAlarms::send(const Alarm& alarm) const {
   method.setIdl(&ops);
   AlarmOutput answer{};
   const int32_t result = method.call(&alarm.content, &answer, deadlineMs_);
-  const bool hasLeft = result != kUnreachable;
+  const bool isThrough = isFinal(result);
   if (result == kOk) {
     narrator_(fmt::format("{} was answered by the master: {}", method.name, tell(answer)));
     ops.releaseFn(&answer);
-  } else if (hasLeft || !alarm.isLate) {
-    narrator_(fmt::format("{} could not be raised{}: {}", method.name, hasLeft ? "" : " yet",
+  } else if (isThrough || !alarm.isLate) {
+    narrator_(fmt::format("{} could not be raised{}: {}", method.name, isThrough ? "" : " yet",
                           describe(result)));
   }
-  return hasLeft;
+  return isThrough;
 }
 
 }  // namespace kel::host

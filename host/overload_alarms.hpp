@@ -24,9 +24,9 @@ class OverloadAlarms {
   OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator);
 
   // Raises KelSendMobileDiskOverloadAlarm, one alarm at a time, in their order; does not wait for
-  // the answer. An alarm that has not left, since the master cannot be reached, is tried again
-  // until it has, or there is a later one of the same file system. The destructor tries what is
-  // left once.
+  // the answer. An alarm that the master did not take in, because it could not be reached in time
+  // or had too much to do, is tried again until it does, or there is a later one of the same file
+  // system. The destructor tries what is left once.
   void raise(const Overload& overload);
 
  private:
@@ -37,7 +37,7 @@ class OverloadAlarms {
   };
 
   void run(const std::stop_token& ending);
-  // Says whether it has left.
+  // Says whether it need not be tried again.
   [[nodiscard]] bool send(const Alarm& alarm) const;
   // With the lock held.
   void putBack(Alarm alarm);

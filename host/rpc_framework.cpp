@@ -187,7 +187,7 @@ class Exchange {
       case GRPC_STATUS_CANCELLED:  // by a server that stops
         return kConnectionLost;
       case GRPC_STATUS_DEADLINE_EXCEEDED:
-        return kDeadlinePassed;
+        return sent_ ? kDeadlinePassed : kNotSent;
       case GRPC_STATUS_INVALID_ARGUMENT:
         return kRequestRejected;
       case GRPC_STATUS_UNIMPLEMENTED:
@@ -507,6 +507,8 @@ std::string describe(int32_t result) {
              "--tls-key) nor --insecure-plain-tcp has been asked for";
     case kNotPermitted:
       return "the server does not let this caller call the method";
+    case kNotSent:
+      return "the deadline passed before the request had left";
     default:
       break;
   }

@@ -53,7 +53,7 @@ enum RpcResult : int32_t {
   kNoMemory = 5,          // or no thread
   kUnreachable = 6,       // nobody listens there, or not with gRPC; the request has not left
   kConnectionLost = 7,    // or the server stopped; the request was sent, and its fate is not known
-  kDeadlinePassed = 8,    // the request may or may not have been acted upon
+  kDeadlinePassed = 8,    // the request was sent, and may or may not have been acted upon
   kReplyEmpty = 9,        // the server reported success with no reply, or with one of no bytes
   kReplyNotDecoded = 10,
   kTooManyReplies = 11,
@@ -62,6 +62,7 @@ enum RpcResult : int32_t {
   kTooLarge = 14,      // a request or reply beyond a size limit, or a server out of means
   kNotProtected = 15,  // the target is no Unix socket, and configureCalls has not opened others
   kNotPermitted = 16,  // the server does not let this caller call the method
+  kNotSent = 17,       // the deadline passed before the request had left
   kGrpcStatus = 100    // plus the gRPC status code, for any other failure that the server reported
 };
 

@@ -245,7 +245,8 @@ TEST_F(Faults, ServerStoppedAndContinued) {
           master->signal(SIGSTOP);
           siginfo_t stopped{};
           EXPECT_EQ(waitid(P_PID, static_cast<id_t>(master->id()), &stopped, WSTOPPED), 0);
-          EXPECT_EQ(load.callBothWays(50), kDeadlinePassed);
+          const int32_t result = load.callBothWays(50);
+          EXPECT_TRUE(result == kDeadlinePassed || result == kNotSent) << outcome(result);
           master->signal(SIGCONT);
           EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
         }

@@ -58,7 +58,7 @@ TEST_F(RpcFramework, GivesEveryFailureItsResultAndRecovers) {
       {"nobody", {}, kUnreachable},
       {"one who hangs up at once", Script{.greeting = "", .patience = 0}, kUnreachable},
       {"one who speaks otherwise", Script{.greeting = "220 your mail, please\r\n"}, kUnreachable},
-      {"one who says nothing", Script{.greeting = ""}, kDeadlinePassed, kShortMs},
+      {"one who says nothing", Script{.greeting = ""}, kNotSent, kShortMs},
       {"no answer", Script{.answers = false}, kDeadlinePassed, kShortMs},
       {"a loss in mid-call", Script{.answers = false, .patience = 2}, kConnectionLost},
       {"success", Script{}, kOk},
