@@ -5,12 +5,15 @@
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/security/server_credentials.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include <array>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
+#include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -24,38 +27,57 @@ std::string lastTlsError() {
   return text.data();
 }
 
-// gRPC takes whatever the files hold, and only complains at every connection that then fails.
-void check(const TlsFiles& files) {
-  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
-                                                                  SSL_CTX_free);
-  const auto demand = [](bool usable, const std::string& file, const char* what) {
-    if (!usable) {
-      throw std::runtime_error(fmt::format("cannot use {} as {}: {}", file, what, lastTlsError()));
-    }
-  };
-  demand(SSL_CTX_load_verify_file(context.get(), files.authority.c_str()) == 1, files.authority,
-         "the authority's certificate");
-  demand(SSL_CTX_use_certificate_chain_file(context.get(), files.certificate.c_str()) == 1,
-         files.certificate, "a certificate");
-  demand(SSL_CTX_use_PrivateKey_file(context.get(), files.key.c_str(), SSL_FILETYPE_PEM) == 1 &&
-             SSL_CTX_check_private_key(context.get()) == 1,
-         files.key, fmt::format("the key of {}", files.certificate).c_str());
-}
-
-std::string read(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 struct Pems {
   std::string authority;
   std::string certificate;
   std::string key;
 };
 
+// All at once, since a pipe can be read only so.
+std::string read(const std::string& path) {
+  const std::ifstream file(path);
+  std::ostringstream text;
+  if (!file || !(text << file.rdbuf())) {
+    throw std::runtime_error(fmt::format("there is nothing to be read in {}", path));
+  }
+  return text.str();
+}
+
+// The first one in a PEM text; null if there is none. Nobody is asked for a pass-phrase.
+template <class Object>
+std::unique_ptr<Object, void (*)(Object*)> firstIn(const std::string& pem,
+                                                   Object* (*readOne)(BIO*, Object**,
+                                                                      pem_password_cb*, void*),
+                                                   void (*release)(Object*)) {
+  constexpr auto kNoPassPhrase = [](char*, int, int, void*) { return -1; };
+  const std::unique_ptr<BIO, decltype(&BIO_free)> text(
+      BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  return {readOne(text.get(), nullptr, kNoPassPhrase, nullptr), release};
+}
+
+// gRPC takes whatever the files hold, and only complains at every connection that then fails.
+void check(const TlsFiles& files, const Pems& pems) {
+  const auto demand = [](bool usable, const std::string& file, const std::string& what) {
+    if (!usable) {
+      throw std::runtime_error(fmt::format("cannot use {} as {}: {}", file, what, lastTlsError()));
+    }
+  };
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
+                                                                  SSL_CTX_free);
+  demand(firstIn(pems.authority, PEM_read_bio_X509, X509_free) != nullptr, files.authority,
+         "the authority's certificate");
+  const auto certificate = firstIn(pems.certificate, PEM_read_bio_X509, X509_free);
+  demand(certificate && SSL_CTX_use_certificate(context.get(), certificate.get()) == 1,
+         files.certificate, "a certificate");
+  const auto key = firstIn(pems.key, PEM_read_bio_PrivateKey, EVP_PKEY_free);
+  demand(key && SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1, files.key,
+         fmt::format("the key of {}", files.certificate));
+}
+
 Pems readPems(const TlsFiles& files) {
-  check(files);
-  return {read(files.authority), read(files.certificate), read(files.key)};
+  Pems pems{read(files.authority), read(files.certificate), read(files.key)};
+  check(files, pems);
+  return pems;
 }
 
 enum class Protection : uint8_t { none, tls, plain };

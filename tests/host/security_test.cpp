@@ -1,13 +1,16 @@
 // Who gets in, what they may call, and what they may cost the server.
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <deque>
 #include <fstream>
 #include <thread>
 
+#include "host/file_descriptor.hpp"
 #include "host/rpc_server.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/test_authority.hpp"
@@ -117,6 +120,13 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
     configureCalls(peer.settings);
     expectCall(peer.expected);
   }
+  TlsFiles piped = good;  // which can be read only once
+  piped.key = folder / "pipe";
+  ASSERT_EQ(mkfifo(piped.key.c_str(), S_IRWXU), 0);
+  std::thread writer([&] { std::ofstream(piped.key) << contentOf(good.key); });
+  configureCalls({.security = {piped}});
+  writer.join();
+  expectCall(kOk);
   const int before = handled_;
   const auto nameless = grpc::SslCredentials({contentOf(good.authority), "", ""});
   EXPECT_FALSE(RawCall(server.target(), 1, {}, nameless).end().ok());
@@ -167,11 +177,21 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
                "/KelSysdiagMaster/KelSendAlarm is not open to peers without a name");
 }
 
+FileDescriptor bindDatagrams(const std::string& path) {
+  FileDescriptor result(socket(AF_UNIX, SOCK_DGRAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  EXPECT_EQ(bind(result.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  return result;
+}
+
 TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
   const TestAuthority ours(folder, "ours");
   const TlsFiles good = ours.issue("good");
   const TlsFiles other = ours.issue("other");
   std::ofstream(folder / "file") << "not a socket";
+  const FileDescriptor datagrams = bindDatagrams(folder / "datagrams");
   struct Case {
     std::string target;
     TransportSecurity security;
@@ -184,13 +204,14 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
       {kLoopback, {good, true}, "exclude each other"},
       {kLoopback, {{good.authority, good.certificate, other.key}, false}, "as the key of"},
       {kLoopback, {{good.authority, good.key, good.key}, false}, "as a certificate"},
-      {kLoopback, {{"none.pem", good.certificate, good.key}, false}, "authority's certificate"},
+      {kLoopback, {{"none.pem", good.certificate, good.key}, false}, "be read in none.pem"},
       {"127.0.0.1", {{}, true}, "ADDRESS:PORT"},
       {"127.0.0.1:port", {{}, true}, "cannot listen on 127.0.0.1:port"},
       {"192.0.2.1:1", {{}, true}, "Cannot assign requested address"},
       {"unix:" + std::string(108, 'x'), {}, "1 to 107 bytes"},
       {"unix:", {}, "1 to 107 bytes"},
       {"unix:" + (folder / "file").string(), {}, "is no socket"},
+      {"unix:" + (folder / "datagrams").string(), {}, "wrong type for socket"},
   };
   for (const Case& ill : cases) {
     const std::string complaint =
@@ -198,6 +219,7 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
     EXPECT_NE(complaint.find(ill.complaint), std::string::npos) << complaint << "\nis not\n"
                                                                 << ill.complaint;
   }
+  EXPECT_TRUE(std::filesystem::exists(folder / "datagrams")) << "taken from who serves there";
   const TransportSecurity unfit{{good.authority, good.certificate, other.key}, false};
   EXPECT_NE(complaintOf([&] { configureCalls({.security = unfit}); }).find("as the key of"),
             std::string::npos);
