@@ -1,10 +1,12 @@
 // Options on CLI11.
 #include "host/command_line.hpp"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <limits>
+#include <system_error>
 
 namespace kel::host {
 namespace {
@@ -68,7 +70,11 @@ void printLine(const std::string& line) {
 
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv)) {
   try {
-    return run(argc, argv);
+    const int code = run(argc, argv);
+    if (std::fflush(stdout) != 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot write the output");
+    }
+    return code;
   } catch (const std::exception& error) {
     std::fflush(stdout);
     std::fprintf(stderr, "%s: %s\n", name, error.what());

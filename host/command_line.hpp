@@ -22,8 +22,8 @@ void addLimitOptions(CLI::App& app, ServerLimits& limits);
 // Prints a line at once; any thread may.
 void printLine(const std::string& line);
 
-// Returns what run does. What it throws becomes a sentence on stderr, behind the program's name and
-// all that was printed before, and an exit code of 1.
+// Returns what run does. What it throws, and output that cannot be written, becomes a sentence on
+// stderr, behind the program's name and all that was printed before, and an exit code of 1.
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv));
 
 }  // namespace kel::host

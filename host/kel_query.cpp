@@ -1,6 +1,6 @@
 // kel_query: asks a host that serves KelSysdiagQarne everything, and shows it to a person; changes
 // what it is told to; or tells the story of an overload. Ends with 0 only if every call was
-// answered.
+// answered and every change made.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -20,6 +20,9 @@
 namespace {
 
 using namespace kel::host;
+
+// How it ends if every call was answered, but a change was not made.
+constexpr int kNotChanged = 2;
 
 struct Options {
   std::string target = kDefaultQarneTarget;
@@ -64,6 +67,12 @@ Reply<OperResult> setThreshold(const QarneClient& client, const std::string& mou
   return ask(client, kSysOvLoadDiskThresholdSet, threshold);
 }
 
+// Says whether the change was made.
+bool showChange(const OperResult& answer) {
+  fmt::print("{}", tell(answer));
+  return ResultCode{answer.result} == ResultCode::done;
+}
+
 void showDisks(const QarneClient& client, const Options& options) {
   heading(kBrdPartInfoQuery, "disks and partitions");
   fmt::print("{}", tell(*ask(client, kBrdPartInfoQuery, {}), options.rows));
@@ -83,35 +92,39 @@ void showProcesses(const QarneClient& client, const Options& options) {
   fmt::print("{}", tell(*ask(client, kFdProcInfoQuery, {kAtLeast, kAtMost}), options.rows));
 }
 
-void useImage(const QarneClient& client, const Options& options) {
+// Like changeThreshold, says whether all that was asked for was done.
+bool useImage(const QarneClient& client, const Options& options) {
   if (options.image.empty()) {
     fmt::print("\n{} and {} were not asked: name an image of the host's folder with --image\n",
                kResetDiskMakeFS.name, kMountDisk.name);
-    return;
+    return true;
   }
   heading(kResetDiskMakeFS, shown(options.image));
-  fmt::print("{}", tell(*ask(client, kResetDiskMakeFS, named<ResetDiskCondition>(options.image))));
+  const bool formatted =
+      showChange(*ask(client, kResetDiskMakeFS, named<ResetDiskCondition>(options.image)));
   heading(kMountDisk, shown(options.image));
-  fmt::print("{}", tell(*ask(client, kMountDisk, named<MountDiskInput>(options.image))));
+  const bool mounted = showChange(*ask(client, kMountDisk, named<MountDiskInput>(options.image)));
+  return formatted && mounted;
 }
 
-void changeThreshold(const QarneClient& client, const Options& options) {
+bool changeThreshold(const QarneClient& client, const Options& options) {
   if (!options.threshold) {
     fmt::print("\n{} was not asked: name a threshold with --threshold\n",
                kSysOvLoadDiskThresholdSet.name);
-    return;
+    return true;
   }
   heading(kSysOvLoadDiskThresholdSet,
           fmt::format("{} % for {}", *options.threshold, shown(options.mountPoint)));
-  fmt::print("{}", tell(*setThreshold(client, options.mountPoint, *options.threshold)));
+  return showChange(*setThreshold(client, options.mountPoint, *options.threshold));
 }
 
-// Changes come first, so that the answers show them.
-void askEverything(const QarneClient& client, const Options& options) {
-  useImage(client, options);
-  changeThreshold(client, options);
+// Changes come first, so that the answers show them. Says whether they were made.
+bool askEverything(const QarneClient& client, const Options& options) {
+  const bool imageUsed = useImage(client, options);
+  const bool thresholdSet = changeThreshold(client, options);
   showDisks(client, options);
   showProcesses(client, options);
+  return imageUsed && thresholdSet;
 }
 
 // Every mount point that the host's disks have, and the root, which may be none of them.
@@ -171,6 +184,9 @@ void tellOverload(const QarneClient& client) {
 int run(int argc, char** argv) {
   Options options;
   CLI::App app("Asks a host that serves KelSysdiagQarne about its machine.");
+  app.footer(
+      "Ends with 0 if every call was answered and every change made, with 2 if only a change "
+      "was not made.");
   app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
   addDeadlineOption(app, options.deadlineMs);
   app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
@@ -186,10 +202,9 @@ int run(int argc, char** argv) {
   const QarneClient client(options.target, options.deadlineMs);
   if (overload->parsed()) {
     tellOverload(client);
-  } else {
-    askEverything(client, options);
+    return 0;
   }
-  return 0;
+  return askEverything(client, options) ? 0 : kNotChanged;
 }
 
 }  // namespace

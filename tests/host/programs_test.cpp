@@ -1,10 +1,12 @@
 // The programs as a person runs them: how they end, and what they say when it is ill.
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <signal.h>
 
+#include <atomic>
 #include <fstream>
 
 #include "host/qarne_client.hpp"
+#include "host/rpc_server.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/running_program.hpp"
 #include "tests/host/test_authority.hpp"
@@ -84,17 +86,65 @@ TEST_F(Programs, ServeAndShowThisMachine) {
   std::filesystem::create_directory(folder / "images");
   addImage(folder / "images" / "disk.img");
   RunningProgram host = startServing({"--listen", qarne_, "--images", folder / "images"});
+  const End all = runQuery({"--image", "disk.img", "--threshold", "80", "--rows", "3"});
+  const bool mounted = all.says("KelMountDisk: disk.img\n  done");  // rarely in a container
   expectEnd(
-      runQuery({"--image", "disk.img", "--threshold", "80", "--rows", "3"}), 0,
+      all, mounted ? 0 : 2,
       {"KelBrdPartInfoQuery: ", "FdProcInfoQuery: ", "KelSysOvLoadDiskThresholdSet: ",
        "KelGetSysDiskUseInfo: ", "KelResetDiskMakeFS: ", "KelMountDisk: ",
        "KelQueryStorageEraseInfo: ", "KelQueryStorageBadBlockInfo: ", " the threshold of 80 %"});
-  expectEnd(runQuery({"--image", "../disk.img"}), 0, {"the name is not that of a file of its own"});
+  expectEnd(runQuery({"--image", "../disk.img"}), 2, {"the name is not that of a file of its own"});
+  expectEnd(runQuery({"--threshold", "101"}), 2, {"the argument is empty or impossible"});
   expectEnd(stop(host), 0, {" 0 are outstanding"});
   for (const auto& left : std::filesystem::directory_iterator(folder)) {
     EXPECT_EQ(left.path().filename().string().find("images.mounted"), std::string::npos);
   }
   expectEnd(runQuery({}), 1, {"KelBrdPartInfoQuery: the server cannot be reached"});
+}
+
+// Nobody takes its complaints, or wants to know how its children end.
+TEST_F(Programs, ServeWhoeverStartedThem) {
+  std::filesystem::create_directory(folder / "images");
+  addImage(folder / "images" / "disk.img");
+  RunningProgram host(
+      {"sh", "-c",
+       fmt::format("trap '' CHLD; exec {} serve --listen {} --images {} 2>/dev/full",
+                   fmt::join(built("kel_host"), " "), qarne_, (folder / "images").string())},
+      folder / "host", "listens on");
+  expectEnd(runQuery({"--image", "none.img"}), 2, {"there is none of that name"});
+  const End made = runQuery({"--image", "disk.img"});
+  EXPECT_TRUE(made.says("KelResetDiskMakeFS: disk.img\n  done")) << made.output;
+  RunningProgram unread(
+      {"sh", "-c",
+       fmt::format("exec {} --target {} >/dev/full", fmt::join(built("kel_query"), " "), qarne_)},
+      folder / "unread");
+  const int code = unread.end();
+  expectEnd({code, unread.output()}, 1, {"No space left on device"});
+  expectEnd(stop(host, SIGHUP), 0, {" 0 are outstanding"});
+}
+
+// What a busy master does not take is told to it later.
+TEST_F(Programs, RaiseAnAlarmAgainWhenTheMasterWasBusy) {
+  std::atomic<int> handled = 0;
+  std::atomic<bool> busy = true;
+  const RpcServer master(target,
+                         [&](const std::string&, std::span<const uint8_t>) {
+                           ++handled;
+                           busy.wait(true);
+                           return Answer{AnswerStatus::ok, {}, okReply()};
+                         },
+                         {.limits = {.calls = 1}});
+  const AlarmInput alarm = sampleAlarm();
+  Completions completions;
+  EXPECT_EQ(completions.start(&alarm, 60'000), kOk);
+  EXPECT_TRUE(eventually([&] { return handled == 1; }));
+  RunningProgram host = startServing({"--listen", qarne_});
+  expectEnd(runQuery({"overload"}), 0);
+  EXPECT_TRUE(host.says("could not be raised yet: ")) << host.output();
+  busy = false;
+  busy.notify_all();
+  EXPECT_TRUE(host.says("was answered by the master")) << host.output();
+  EXPECT_EQ(handled, 2);
 }
 
 TEST_F(Programs, TellOfAnOverloadFromTheThresholdToTheMaster) {
