@@ -39,19 +39,19 @@ constexpr IdlCodecOps kCodecOps[] = {
 
 // The framework gets copies that live for the one call: it may do with them what it likes.
 int32_t callSync(Method method, const void* input, void* output, uintptr_t invokeArg) {
-  const IdlMethodRef methodRef = method_tbl_KelSysdiagMaster[method];
+  IdlMethodRef methodRef = method_tbl_KelSysdiagMaster[method];
   void* const invoker = RPC_GetRpcInvoke(&g_stServerAddr_KelSysdiagMaster, invokeArg);
-  const IdlCodecOps ops = kCodecOps[method];
+  IdlCodecOps ops = kCodecOps[method];
   return RPC_IdlSyncCallStub(invoker, input, output, &methodRef, &ops);
 }
 
 template <class Output, class Input>
 int32_t callAsync(Method method, const Input* input, uintptr_t userArg1, uintptr_t userArg2,
                   uintptr_t invokeArg) {
-  const IdlAsyncInfo info{sizeof(Input), sizeof(Output), userArg1, userArg2};
-  const IdlMethodRef methodRef = method_tbl_KelSysdiagMaster[method];
+  IdlAsyncInfo info{sizeof(Input), sizeof(Output), userArg1, userArg2};
+  IdlMethodRef methodRef = method_tbl_KelSysdiagMaster[method];
   void* const invoker = RPC_GetRpcInvoke(&g_stServerAddr_KelSysdiagMaster, invokeArg);
-  const IdlCodecOps ops = kCodecOps[method];
+  IdlCodecOps ops = kCodecOps[method];
   return RPC_IdlAsyncCallStub(invoker, input, &methodRef, &ops, &info);
 }
 

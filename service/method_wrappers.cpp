@@ -108,7 +108,7 @@ constexpr ServedMethod kMethods[] = {
 int32_t serve(Method index, uintptr_t first, uintptr_t second, IdlCodecOps* ops) {
   const ServedMethod& method = kMethods[index];
   *ops = method.ops;
-  const ServiceMethodBinding binding = method.binding;
+  ServiceMethodBinding binding = method.binding;
   return RPC_IdlServiceWrapper(first, method.inputRecordSize, second, ops, &binding);
 }
 

@@ -1,8 +1,9 @@
 // The codecs' dealings with the host's OS layer: what is looked up and when, which allocator
 // serves, what is logged and in which order. Each scenario has a process of its own, since a unit
 // chooses its hooks once. The program holds the client and the peer unit's objects, where all
-// routines that allocate are. It stands in for dlsym, malloc and free, so that it decides which
-// platform functions exist and sees every look-up and every block.
+// routines that allocate are. It stands in for dlsym,
+// malloc and free, so that it decides which platform functions exist and sees every look-up and
+// every block.
 #include <gtest/gtest.h>
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
@@ -45,9 +46,11 @@ struct Platform {
   bool allocFails = false;
   bool isWatched = false;  // else malloc and free are none of its business
   std::chrono::milliseconds lookUpTakes{0};
+  std::function<void()> next;  // done by the hook that is called next
 
   void* allocate(size_t size, const std::string& how, const std::string& forWhom = "") {
     record(how + std::to_string(size) + forWhom);
+    doNext();
     return allocFails ? nullptr : __real_malloc(size);
   }
   void free(void* block, const std::string& forWhom = "") {
@@ -57,6 +60,9 @@ struct Platform {
   void record(std::string event) {
     const std::lock_guard lock(mutex);
     events.push_back(std::move(event));
+  }
+  void doNext() {
+    if (const auto action = std::exchange(next, nullptr)) action();
   }
   Events take() {
     const std::lock_guard lock(mutex);
@@ -81,6 +87,7 @@ int32_t logWrite(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t 
                 descriptor->module, descriptor->subModule, descriptor->moduleId, level, code, file,
                 function, text);
   platform.record(line);
+  platform.doNext();
   return -1;  // ignored
 }
 
@@ -271,6 +278,29 @@ TEST(Units, ChooseApart) {
   });
 }
 
+// Set-ups that begin in a hook would wait for good if the one that called it held their mutex.
+TEST(Hooks, MayCallCodecs) {
+  const auto unpackAndRelease = [] {
+    AlarmOutput record;
+    EXPECT_NE(unpackReply(record), 0U);
+    Kel_sys_diag_AlarmOutput_free_unpacked(&record);
+  };
+  const auto refuse = [] { EXPECT_EQ(packsAlarm(nullptr, 66, nullptr)(), 0U); };
+  const std::pair<std::function<void()>, std::function<void()>> cases[] = {
+      {refuse, unpackAndRelease}, {unpackAndRelease, refuse}};
+  for (const auto& [outer, inner] : cases) {
+    inAProcessOfItsOwn([&] {
+      usePlatformAllocator();
+      platform.offered.insert(kLog);
+      platform.next = inner;
+      alarm(20);
+      const Events happened = during(outer);
+      EXPECT_EQ(std::ranges::count_if(happened, isSetUp), 5) << "not each set-up once";
+      EXPECT_EQ(happened.size(), 5U + 3U) << "a line, a block taken and given back";
+    });
+  }
+}
+
 // Failures: what is logged, what is released, and that without a logger nothing else changes. What
 // the set-ups look up is not among the expected events.
 void failAgainAndAgain(bool hasLogger, const Action& action, Events expected) {
@@ -326,6 +356,10 @@ TEST(Failures, OfArguments) {
       {"AlarmInput_pack", "nonNull, 4, nonNull", packsAlarm(buffer, 4, &alarm)},
       {"AlarmInput_pack", "nonNull, 65, nonNull", packsAlarm(buffer, 65, &alarm)},
       {"OvLoadDiskCtlInput_pack", "nonNull, 155, nonNull", packsConfig(buffer, 155, &config)},
+      {"OverloadAlarmInput_pack", "nonNull, 3, nonNull",
+       packs<Kel_sys_diag_OverloadAlarmInput_pack>(buffer, 3, &alarm)},
+      {"OverloadDiskAlarmInput_pack", "nonNull, 3, nonNull",
+       packs<Kel_sys_diag_OverloadDiskAlarmInput_pack>(buffer, 3, &alarm)},
       {"AlarmOutput_unpack", "null, 25, nonNull",
        [] { return Kel_sys_diag_AlarmOutput_unpack(nullptr, 25, &output); }},
       {"AlarmOutput_unpack", "nonNull, 25, null",

@@ -2,6 +2,7 @@
 // its wrappers, the peer library's by name. Expected buffers are written out from the layouts. The
 // process offers an OS layer, which both libraries find by name, and which keeps account.
 #include <gtest/gtest.h>
+#include <kel_sys_diag/client.h>
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
 #include <kel_sys_diag/service.h>
@@ -10,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <map>
+#include <set>
 
 #include "schema/brd_part_info_messages.hpp"
 #include "schema/disk_reset_mount_messages.hpp"
@@ -27,6 +29,7 @@ namespace {
 std::map<void*, uint32_t> outstanding;
 std::vector<std::string> releases;
 std::vector<std::string> logLines;
+std::set<const KorvaLogDescriptor*> logDescriptors;
 int allocationsUntilFailure = -1;
 
 }  // namespace
@@ -48,13 +51,14 @@ int32_t QSV_OsalMemFree(void* block, uint32_t moduleNumber, const char* caller) 
   return 0;
 }
 
-int32_t QSV_OsalLogWrite(const KorvaLogDescriptor*, uint32_t, uint32_t code, const char*, uint32_t,
-                         const char* function, const char* format, ...) {
+int32_t QSV_OsalLogWrite(const KorvaLogDescriptor* descriptor, uint32_t, uint32_t code, const char*,
+                         uint32_t, const char* function, const char* format, ...) {
   char text[160];
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
+  logDescriptors.insert(descriptor);
   logLines.push_back(std::to_string(code) + " " + function + " " + text);
   return 0;
 }
@@ -463,6 +467,18 @@ TEST(EveryCodec, RefusesThreeBytesInItsOwnName) {
                             name + "_unpack [KORVA]:Param invalid(nonNull, 3, nonNull)",
                             name + "_pack [KORVA]:Param invalid(nonNull, 3, nonNull)"}));
   }
+}
+
+TEST(EveryUnit, LogsByADescriptorOfItsOwn) {
+  IdlCodecOps alarmOps;
+  KelSysdiagMaster_KelSendAlarmSetIdl(&alarmOps);
+  OperResult result;
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(alarmOps.unpackFn(nullptr, 0, nullptr), 0U);
+    EXPECT_EQ(thresholdOps().unpackFn(nullptr, 0, nullptr), 0U);
+    EXPECT_EQ(Kel_sys_diag_OperResult_unpack(nullptr, 0, &result), 0U);
+  }
+  EXPECT_EQ(logDescriptors.size(), 3U);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The recording framework.
 #include "support/framework_double.hpp"
 
+#include <cstring>
+
 namespace kel::test {
 
 Framework& framework() {
@@ -9,6 +11,12 @@ Framework& framework() {
 }
 
 namespace {
+
+// What a call hands over is its own, so that nothing later depends on what becomes of it.
+template <class Record>
+void spoil(const Record* handedOver) {
+  std::memset(const_cast<Record*>(handedOver), 0xEE, sizeof(Record));
+}
 
 int32_t record(void* invoker, const void* input, void* output, const IdlMethodRef* method,
                const IdlCodecOps* ops, const IdlAsyncInfo* info) {
@@ -20,6 +28,9 @@ int32_t record(void* invoker, const void* input, void* output, const IdlMethodRe
   call.methodName = method->methodName;
   call.ops = *ops;
   call.asyncInfo = info == nullptr ? std::nullopt : std::optional(*info);
+  spoil(method);
+  spoil(ops);
+  if (info != nullptr) spoil(info);
   return framework().resultToReturn;
 }
 
@@ -47,5 +58,6 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding) {
   kel::test::framework().lastServiceCall = {first, second, inputRecordSize, ops, *binding};
+  kel::test::spoil(binding);
   return kel::test::framework().resultToReturn;
 }
