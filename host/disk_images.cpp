@@ -169,6 +169,9 @@ ResultCode DiskImages::format(const std::string& name) {
       // Forced, since whatever the image holds is to go.
       const bool made =
           runProgram({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit);
+      if (!made) {
+        complain(fmt::format("{} failed for the image {}", program.string(), shown(name)));
+      }
       return made ? ResultCode::done : ResultCode::failed;
     }
   }

@@ -73,7 +73,12 @@ DiskRules DiskRules::fromJson(const std::string& text) {
       throw std::runtime_error("there is more than \"rules\", or it is no list");
     }
     for (const nlohmann::json& rule : rules) {
-      result.rules_.push_back(ruleFrom(rule));
+      try {
+        result.rules_.push_back(ruleFrom(rule));
+      } catch (const std::exception& error) {
+        throw std::runtime_error(
+            fmt::format("rule no. {}: {}", result.rules_.size() + 1, error.what()));
+      }
     }
   } catch (const nlohmann::json::exception& error) {
     throw std::runtime_error(error.what());

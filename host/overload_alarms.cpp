@@ -72,9 +72,9 @@ void OverloadAlarms::run(const std::stop_token& ending) {
     Alarm alarm = std::move(waiting_.front());
     waiting_.pop_front();
     lock.unlock();
-    const bool isThrough = send(alarm);
+    const bool isOver = send(alarm, ending.stop_requested());
     lock.lock();
-    if (!isThrough && !ending.stop_requested()) {
+    if (!isOver) {
       putBack(std::move(alarm));
       changed_.wait_for(lock, ending, kPause, [] { return false; });
     }
@@ -88,21 +88,21 @@ void OverloadAlarms::putBack(Alarm alarm) {
   }
 }
 
-bool OverloadAlarms::send(const Alarm& alarm) const {
+bool OverloadAlarms::send(const Alarm& alarm, bool isLastTry) const {
   const auto& method = library_.sendDiskOverloadAlarm;
   IdlCodecOps ops{};
   method.setIdl(&ops);
   AlarmOutput answer{};
   const int32_t result = method.call(&alarm.content, &answer, deadlineMs_);
-  const bool isThrough = isFinal(result);
+  const bool isOver = isLastTry || isFinal(result);
   if (result == kOk) {
     narrator_(fmt::format("{} was answered by the master: {}", method.name, tell(answer)));
     ops.releaseFn(&answer);
-  } else if (isThrough || !alarm.isLate) {
-    narrator_(fmt::format("{} could not be raised{}: {}", method.name, isThrough ? "" : " yet",
+  } else if (isOver || !alarm.isLate) {
+    narrator_(fmt::format("{} could not be raised{}: {}", method.name, isOver ? "" : " yet",
                           describe(result)));
   }
-  return isThrough;
+  return isOver;
 }
 
 }  // namespace kel::host

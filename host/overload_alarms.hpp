@@ -37,8 +37,8 @@ class OverloadAlarms {
   };
 
   void run(const std::stop_token& ending);
-  // Says whether it need not be tried again.
-  [[nodiscard]] bool send(const Alarm& alarm) const;
+  // Says whether it is not to be tried again.
+  [[nodiscard]] bool send(const Alarm& alarm, bool isLastTry) const;
   // With the lock held.
   void putBack(Alarm alarm);
 
