@@ -63,6 +63,15 @@ void addLimitOptions(CLI::App& app, ServerLimits& limits) {
           std::chrono::duration_cast<std::chrono::seconds>(limits.longestCall).count()));
 }
 
+std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+    return std::nullopt;
+  } catch (const CLI::ParseError& end) {
+    return app.exit(end) == 0 ? 0 : 1;
+  }
+}
+
 void printLine(const std::string& line) {
   std::puts(line.c_str());
   std::fflush(stdout);

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "host/rpc_framework.hpp"
@@ -18,6 +19,10 @@ void addServerOptions(CLI::App& app, ServerOptions& options);
 // The part of the server's options that a program which calls and serves has besides its call
 // options.
 void addLimitOptions(CLI::App& app, ServerLimits& limits);
+
+// Parses what a program was given. Returns an exit code if there is nothing else to do: 0 after
+// --help, 1 after a mistake, which has been told.
+[[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv);
 
 // Prints a line at once; any thread may.
 void printLine(const std::string& line);

@@ -10,7 +10,9 @@
 #include <openssl/x509.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -35,10 +37,12 @@ struct Pems {
 
 // All at once, since a pipe can be read only so.
 std::string read(const std::string& path) {
+  errno = 0;
   const std::ifstream file(path);
   std::ostringstream text;
   if (!file || !(text << file.rdbuf())) {
-    throw std::runtime_error(fmt::format("there is nothing to be read in {}", path));
+    throw std::runtime_error(
+        fmt::format("cannot read {}: {}", path, errno == 0 ? "it is empty" : std::strerror(errno)));
   }
   return text.str();
 }
@@ -71,7 +75,7 @@ void check(const TlsFiles& files, const Pems& pems) {
          files.certificate, "a certificate");
   const auto key = firstIn(pems.key, PEM_read_bio_PrivateKey, EVP_PKEY_free);
   demand(key && SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1, files.key,
-         fmt::format("the key of {}", files.certificate));
+         fmt::format("the key of {}, without a pass-phrase", files.certificate));
 }
 
 Pems readPems(const TlsFiles& files) {

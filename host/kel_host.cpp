@@ -227,6 +227,7 @@ void tellStory(const Options& options) {
   const ClientLibrary library = loadClientLibrary(options.library);
   setTarget(*library.address, options.target);
   configureCalls(options.calls);
+  checkTarget(options.target);
   setCompactAlways(options.compact);
   report(options, library);
   checkMemory();
@@ -262,7 +263,9 @@ int run(int argc, char** argv) {
   ServeOptions serving;
   serving.listen = kDefaultQarneTarget;
   const CLI::App* const serve = addServeCommand(app, serving);
-  CLI11_PARSE(app, argc, argv);
+  if (const auto code = parse(app, argc, argv)) {
+    return *code;
+  }
   if (serve->parsed()) {
     serving.library = options.library;
     serving.master = options.target;

@@ -40,7 +40,9 @@ int run(int argc, char** argv) {
   app.add_option("--listen", target, "gRPC target to listen on")->capture_default_str();
   app.add_option("--config", configFile, "JSON file with the disk rules")->required();
   addServerOptions(app, options);
-  CLI11_PARSE(app, argc, argv);
+  if (const auto code = parse(app, argc, argv)) {
+    return *code;
+  }
   serve(target, configFile, options, stop);
   return 0;
 }

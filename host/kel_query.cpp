@@ -21,6 +21,8 @@ namespace {
 
 using namespace kel::host;
 
+constexpr size_t kLongestName = sizeof(SysDiskUseInput::bytes50);
+
 // How it ends if every call was answered, but a change was not made.
 constexpr int kNotChanged = 2;
 
@@ -48,9 +50,6 @@ Reply<typename Method::Output> ask(const QarneClient& client, const Method& meth
 template <class Record>
 Record named(const std::string& name) {
   Record record{};
-  if (name.size() > sizeof(record.bytes50)) {
-    throw std::runtime_error(fmt::format("{} is longer than a request can carry", shown(name)));
-  }
   putText(record.bytes50, name);
   return record;
 }
@@ -135,7 +134,7 @@ std::set<std::string> mountPoints(const QarneClient& client) {
     found.insert(rawTextOf(disks->entries[i].bytes64));
   }
   std::erase_if(found, [](const std::string& mountPoint) {
-    return mountPoint.empty() || mountPoint.size() > sizeof(SysDiskUseInput::bytes50);
+    return mountPoint.empty() || mountPoint.size() > kLongestName;
   });
   return found;
 }
@@ -183,22 +182,35 @@ void tellOverload(const QarneClient& client) {
 
 int run(int argc, char** argv) {
   Options options;
+  const CLI::Validator carried(
+      [](const std::string& name) {
+        return name.empty() || name.size() > kLongestName
+                   ? fmt::format("a request carries a name of 1 to {} bytes", kLongestName)
+                   : std::string();
+      },
+      "");
   CLI::App app("Asks a host that serves KelSysdiagQarne about its machine.");
   app.footer(
       "Ends with 0 if every call was answered and every change made, with 2 if only a change "
-      "was not made.");
+      "was not made, with 1 if anything else went wrong.");
   app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
   addDeadlineOption(app, options.deadlineMs);
   app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
   app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
+      ->check(carried)
       ->capture_default_str();
-  app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it");
-  app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted");
+  app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it")
+      ->check(CLI::Range(0, 100));
+  app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted")
+      ->check(carried);
   addCallOptions(app, options.calls);
   const CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
-  CLI11_PARSE(app, argc, argv);
+  if (const auto code = parse(app, argc, argv)) {
+    return *code;
+  }
   configureCalls(options.calls);
+  checkTarget(options.target);
   const QarneClient client(options.target, options.deadlineMs);
   if (overload->parsed()) {
     tellOverload(client);

@@ -10,7 +10,7 @@ std::string describe(ResultCode code) {
     case ResultCode::done:
       return "done";
     case ResultCode::notFound:
-      return "there is none of that name";
+      return "there is no such mount point, image or threshold";
     case ResultCode::badArgument:
       return "the argument is empty or impossible";
     case ResultCode::noImageFolder:

@@ -329,6 +329,9 @@ class Engine {
       if (channel == nullptr) {
         throw Failure{kNotProtected};
       }
+      if (channel->GetState(false) != GRPC_CHANNEL_IDLE) {  // which every one is at first
+        throw Failure{kNoTarget};
+      }
     }
     return channel;
   }
@@ -477,7 +480,7 @@ std::string describe(int32_t result) {
     case kNoInvoker:
       return "no call could be prepared, for want of memory or of a server address record";
     case kNoTarget:
-      return "the server address record holds no target";
+      return "the server address record holds no target, or none that gRPC takes";
     case kBadArgument:
       return "the call lacks an output record or a completion function";
     case kRequestNotPacked:
@@ -523,13 +526,24 @@ void waitForCompletions() { Engine::instance().waitForCompletions(); }
 
 void setTarget(RpcServerAddr& address, const std::string& target) {
   if (target.size() >= sizeof(address.endpoint)) {
-    throw std::runtime_error("the target is too long for a server address record");
+    throw std::runtime_error(fmt::format("the target is too long: an address record holds {} bytes",
+                                         sizeof(address.endpoint) - 1));
   }
   std::memset(address.endpoint, 0, sizeof(address.endpoint));
   std::ranges::copy(target, address.endpoint);
 }
 
 void configureCalls(const CallSettings& settings) { Engine::instance().configure(settings); }
+
+void checkTarget(const std::string& target) {
+  const int32_t result = guarded([&] {
+    Engine::instance().channelTo(target);
+    return kOk;
+  });
+  if (result != kOk) {
+    throw std::runtime_error(fmt::format("cannot call {}: {}", target, describe(result)));
+  }
+}
 
 void setCompactAlways(bool compact) { compactAlways = compact; }
 

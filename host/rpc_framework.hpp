@@ -47,7 +47,7 @@ inline constexpr std::chrono::milliseconds kLongestDeadline = std::chrono::hours
 enum RpcResult : int32_t {
   kOk = 0,
   kNoInvoker = 1,         // RPC_GetRpcInvoke had failed, for want of memory or of an address record
-  kNoTarget = 2,          // the address record holds no NUL-terminated target
+  kNoTarget = 2,          // the address record holds no NUL-terminated target that gRPC takes
   kBadArgument = 3,       // no output record, or no completion function
   kRequestNotPacked = 4,  // no input record, or one that is too large to encode
   kNoMemory = 5,          // or no thread
@@ -92,6 +92,9 @@ struct CallSettings {
 // How calls that start from now on reach their servers. For the process; before the first call.
 // Throws std::runtime_error with a sentence.
 void configureCalls(const CallSettings& settings);
+
+// Throws std::runtime_error with a sentence if calls to a target can never be made as configured.
+void checkTarget(const std::string& target);
 
 // Whether requests that have a fixed layout are sent in the compact form all the same. For the
 // process; off at first.

@@ -42,6 +42,7 @@ void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
   const ClientLibrary library = loadClientLibrary(options.library);
   setTarget(*library.address, options.master);
   configureCalls(options.calls);
+  checkTarget(options.master);
   setCompactAlways(options.compact);
   const ServedService service(loadModule(options.library, kService), kService,
                               options.compact ? ServedService::ReplyForm::compact

@@ -94,7 +94,7 @@ TEST_F(Programs, ServeAndShowThisMachine) {
        "KelGetSysDiskUseInfo: ", "KelResetDiskMakeFS: ", "KelMountDisk: ",
        "KelQueryStorageEraseInfo: ", "KelQueryStorageBadBlockInfo: ", " the threshold of 80 %"});
   expectEnd(runQuery({"--image", "../disk.img"}), 2, {"the name is not that of a file of its own"});
-  expectEnd(runQuery({"--threshold", "101"}), 2, {"the argument is empty or impossible"});
+  expectEnd(runQuery({"--threshold", "50", "--mount-point", "/none"}), 2, {"no such mount point"});
   expectEnd(stop(host), 0, {" 0 are outstanding"});
   for (const auto& left : std::filesystem::directory_iterator(folder)) {
     EXPECT_EQ(left.path().filename().string().find("images.mounted"), std::string::npos);
@@ -111,7 +111,7 @@ TEST_F(Programs, ServeWhoeverStartedThem) {
        fmt::format("trap '' CHLD; exec {} serve --listen {} --images {} 2>/dev/full",
                    fmt::join(built("kel_host"), " "), qarne_, (folder / "images").string())},
       folder / "host", "listens on");
-  expectEnd(runQuery({"--image", "none.img"}), 2, {"there is none of that name"});
+  expectEnd(runQuery({"--image", "none.img"}), 2, {"no such mount point, image"});
   const End made = runQuery({"--image", "disk.img"});
   EXPECT_TRUE(made.says("KelResetDiskMakeFS: disk.img\n  done")) << made.output;
   RunningProgram unread(
@@ -213,7 +213,17 @@ TEST_F(Programs, SayWhatIsWrong) {
       {"kel_host", {"serve", "--listen", qarne_, "--images", none}, "cannot open the folder"},
       {"kel_host", {"serve", "--listen", "unix:/none/here"}, "cannot listen on"},
       {"kel_host", {"serve", "--listen", "127.0.0.1:0"}, "--insecure-plain-tcp"},
+      {"kel_host",
+       {"serve", "--listen", qarne_, "--target", "127.0.0.1:1"},
+       "--insecure-plain-tcp"},
       {"kel_query", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
+      {"kel_query",
+       {"--target", "ipv4:127.0.0.1:1,ipv4:127.0.0.1:2", "--insecure-plain-tcp"},
+       "none that gRPC takes"},
+      {"kel_query", {"--threshold", "101"}, "--threshold: Value 101 not in range"},
+      {"kel_query", {"--image", ""}, "--image: a request carries a name of 1 to 50 bytes"},
+      {"kel_query", {"--mount-point", "/" + std::string(50, 'x')}, "a name of 1 to 50 bytes"},
+      {"kel_query", {"--nonsense"}, "--nonsense"},
       {"kel_master",
        {"--insecure-plain-tcp", "--listen", "127.0.0.1:99999", "--config", folder / "rules.json"},
        "\"99999\" is no port"},
