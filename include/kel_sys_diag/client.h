@@ -1,5 +1,5 @@
 /* The client role of libkel_sys_diag.so: calls to the remote service KelSysdiagMaster.
- * For host processes; clean in C11 and C++.
+ * For host processes; clean in C11 and C++11.
  *
  * Each method has three functions. All are reentrant and may be called from any number of threads.
  *

@@ -1,5 +1,5 @@
 /* The optional OS layer of a host: a logger and a memory-cache allocator for the codecs.
- * For host authors; clean in C11 and C++.
+ * For host authors; clean in C11 and C++11.
  *
  * None of these functions is linked. The library looks each one up by name in the process's global
  * symbol scope, at most once per unit (client messages, served messages, peer library), and works

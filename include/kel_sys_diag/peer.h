@@ -1,7 +1,7 @@
 /* libkel_sys_diag_peer.so: the other half of the services, for whoever talks to a host process: a
  * KelSysdiagMaster server decodes its requests here and encodes its replies, a KelSysdiagQarne
- * client the other way round. Clean in C11 and C++; every function is reentrant and may run on any
- * thread.
+ * client the other way round. Clean in C11 and C++11; every function is reentrant and may run on
+ * any thread.
  *
  * The functions follow the rules of the IdlCodecOps slots in rpc.h and log in the same way. They
  * are a unit of their own: their allocator and log hooks (osal.h) are looked up apart from those of

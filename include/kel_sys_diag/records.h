@@ -1,5 +1,5 @@
 /* The in-memory records of the Kel_sys_diag messages, shared by host, framework and library.
- * For every host process; clean in C11 and C++.
+ * For every host process; clean in C11 and C++11.
  *
  * Records are plain structures with natural alignment. A record belongs to whoever declares it; no
  * codec routine ever frees a record. Scalars are raw bits to the codecs: what a field means, and

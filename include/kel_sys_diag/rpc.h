@@ -1,5 +1,5 @@
 /* What passes between libkel_sys_diag.so and the host's RPC framework.
- * For framework authors; clean in C11 and C++.
+ * For framework authors; clean in C11 and C++11.
  *
  * The library moves no bytes itself. For every call it hands the framework the method's name and an
  * IdlCodecOps, and the framework measures, encodes, sends, receives, decodes and releases through

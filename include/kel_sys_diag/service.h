@@ -1,5 +1,5 @@
 /* The served role of libkel_sys_diag.so: the service KelSysdiagQarne, as the framework finds it.
- * For framework authors; clean in C11 and C++.
+ * For framework authors; clean in C11 and C++11.
  *
  * The framework looks up __module_spec_KelSysdiagQarne by name after loading the library, walks its
  * interface table and calls a method's wrapper for each request (rpc.h says what follows). The
