@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "tests/host/host_fixture.hpp"
@@ -21,8 +22,9 @@ Arguments operator+(Arguments left, const Arguments& right) {
 }
 
 Arguments built(const std::string& program) {
-  const std::string emulator = KEL_EMULATOR;
-  return (emulator.empty() ? Arguments{} : Arguments{emulator}) + Arguments{beside(program)};
+  constexpr std::string_view kEmulator = KEL_EMULATOR;
+  return (kEmulator.empty() ? Arguments{} : Arguments{std::string(kEmulator)}) +
+         Arguments{beside(program)};
 }
 
 RunningProgram::RunningProgram(Arguments command, std::filesystem::path output,
