@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <iterator>
-#include <string_view>
 #include <utility>
 
 #include "tests/host/host_fixture.hpp"
@@ -22,9 +21,11 @@ Arguments operator+(Arguments left, const Arguments& right) {
 }
 
 Arguments built(const std::string& program) {
-  constexpr std::string_view kEmulator = KEL_EMULATOR;
-  return (kEmulator.empty() ? Arguments{} : Arguments{std::string(kEmulator)}) +
-         Arguments{beside(program)};
+  Arguments command = {KEL_EMULATOR, beside(program)};
+  if (command.front().empty()) {
+    command.erase(command.begin());
+  }
+  return command;
 }
 
 RunningProgram::RunningProgram(Arguments command, std::filesystem::path output,
