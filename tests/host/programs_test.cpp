@@ -145,6 +145,7 @@ TEST_F(Programs, RaiseAnAlarmAgainWhenTheMasterWasBusy) {
   busy.notify_all();
   EXPECT_TRUE(host.says("was answered by the master")) << host.output();
   EXPECT_EQ(handled, 2);
+  EXPECT_EQ(completions.wait(1).size(), 1U);
 }
 
 TEST_F(Programs, TellOfAnOverloadFromTheThresholdToTheMaster) {
