@@ -11,7 +11,7 @@ endfunction()
 
 # Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
 # Optimised alike in every preset but the one that measures coverage, so that the tests run the very
-# code that ships. Loops begin with a cache line: a short one whose end comes to lie just across a line
+# code that ships; all else is optimised little, since building it takes longer than running it. Loops begin with a cache line: a short one whose end comes to lie just across a line
 # takes up to two thirds longer. All together they cost some 400 bytes.
 function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
@@ -21,12 +21,6 @@ function(kel_add_objects target)
   if(KEL_CLANG_TIDY)
     set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "clang-tidy-16")
   endif()
-endfunction()
-
-# Programs that test: their own speed matters less than that of building them.
-function(kel_test_target target)
-  kel_target(${target})
-  target_compile_options(${target} PRIVATE -O1)
 endfunction()
 
 # A shared library of the product. Without the toolchain's start files it has no initialiser and no

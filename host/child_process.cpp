@@ -14,7 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/complaint.hpp"
+#include "host/lines.hpp"
 
 namespace kel::host {
 namespace {

@@ -72,11 +72,6 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   }
 }
 
-void printLine(const std::string& line) {
-  std::puts(line.c_str());
-  std::fflush(stdout);
-}
-
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv)) {
   try {
     const int code = run(argc, argv);

@@ -1,5 +1,5 @@
-// What every program's command line has in common: the options for protection and limits, lines for
-// whoever looks on, and how a program ends that cannot do what it was asked.
+// What every program's command line has in common: the options for protection and limits, and how a
+// program ends that cannot do what it was asked.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -23,9 +23,6 @@ void addLimitOptions(CLI::App& app, ServerLimits& limits);
 // Parses what a program was given. Returns an exit code if there is nothing else to do: 0 after
 // --help, 1 after a mistake, which has been told.
 [[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv);
-
-// Prints a line at once; any thread may.
-void printLine(const std::string& line);
 
 // Returns what run does. What it throws, and output that cannot be written, becomes a sentence on
 // stderr, behind the program's name and all that was printed before, and an exit code of 1.

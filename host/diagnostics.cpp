@@ -7,8 +7,8 @@
 #include <cstring>
 #include <utility>
 
-#include "host/complaint.hpp"
 #include "host/field_text.hpp"
+#include "host/lines.hpp"
 
 namespace kel::host {
 namespace {

@@ -17,9 +17,9 @@
 #include <system_error>
 
 #include "host/child_process.hpp"
-#include "host/complaint.hpp"
 #include "host/field_text.hpp"
 #include "host/kernel_files.hpp"
+#include "host/lines.hpp"
 
 namespace kel::host {
 namespace {

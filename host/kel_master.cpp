@@ -5,6 +5,7 @@
 
 #include "host/command_line.hpp"
 #include "host/default_target.hpp"
+#include "host/lines.hpp"
 #include "host/master_service.hpp"
 #include "host/rpc_server.hpp"
 #include "host/stop_signals.hpp"

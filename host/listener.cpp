@@ -24,8 +24,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "host/complaint.hpp"
 #include "host/credentials.hpp"
+#include "host/lines.hpp"
 
 namespace kel::host {
 namespace {

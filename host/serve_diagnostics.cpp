@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "host/client_library.hpp"
-#include "host/command_line.hpp"
 #include "host/diagnostics.hpp"
+#include "host/lines.hpp"
 #include "host/module_table.hpp"
 #include "host/os_allocator.hpp"
 #include "host/overload_alarms.hpp"

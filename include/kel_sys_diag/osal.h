@@ -24,7 +24,7 @@ typedef struct KorvaLogDescriptor {
 } KorvaLogDescriptor;
 
 /* Writes one log line. There is one when a codec refuses its arguments or a message's header, and
- * when memory is not to be had; a field that does not fit its message is refused without one, and a
+ * when an allocation fails; a field that does not fit its message is refused without one, and a
  * size of 0 in the size pass as well: there the result alone tells. level is always 2; code is 22
  * (bad argument or malformed buffer) or 12 (failed allocation); file is ""; line carries no
  * meaning; function is the codec's name, of an unpacker whose record owns memory with "_non_root"
