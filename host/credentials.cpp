@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/security/server_credentials.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -78,7 +79,12 @@ void check(const TlsFiles& files, const Pems& pems) {
          fmt::format("the key of {}, without a pass-phrase", files.certificate));
 }
 
+// Connections are made until the process is gone, and so OpenSSL must not be given up as it ends.
+// This counts only before all else that is done with OpenSSL.
+void keepOpenSslToTheEnd() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
+
 Pems readPems(const TlsFiles& files) {
+  keepOpenSslToTheEnd();
   Pems pems{read(files.authority), read(files.certificate), read(files.key)};
   check(files, pems);
   return pems;
