@@ -11,8 +11,9 @@ endfunction()
 
 # Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
 # Optimised alike in every preset but the one that measures coverage, so that the tests run the very
-# code that ships; all else is optimised little, since building it takes longer than running it. Loops begin with a cache line: a short one whose end comes to lie just across a line
-# takes up to two thirds longer. All together they cost some 400 bytes.
+# code that ships; all else is optimised little, since building it takes longer than running it.
+# Loops begin with a cache line: a short one whose end comes to lie just across a line takes up to
+# two thirds longer. All together they cost some 400 bytes.
 function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
   kel_target(${target})
