@@ -5,6 +5,8 @@
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/support/channel_arguments.h>
 
+#include <atomic>
+
 namespace kel::host {
 namespace {
 
@@ -17,10 +19,14 @@ constexpr int kLongestBackOffMs = 2'000;
 // not answer counts as unreachable.
 constexpr int kConnectMs = 3'000;
 
+std::atomic<int> factories = 0;
+
 }  // namespace
 
 ChannelFactory::ChannelFactory(const CallSettings& settings)
-    : settings_(settings), credentials_(channelCredentials(settings.security)) {}
+    : number_(++factories),
+      settings_(settings),
+      credentials_(channelCredentials(settings.security)) {}
 
 std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) const {
   const bool local = isUnixSocket(target);
@@ -29,8 +35,8 @@ std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) c
   }
   grpc::ChannelArguments arguments;
   arguments.SetLoadBalancingPolicyName("round_robin");
-  // A pool of connections of its own keeps a channel from inheriting another one's back-off.
-  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  // Nothing to gRPC, but connections are shared only where all arguments are equal.
+  arguments.SetInt("kel.channel_factory", number_);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kLongestBackOffMs);
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, kConnectMs);
   // The address record and the settings alone decide how calls go, not the environment or the DNS.

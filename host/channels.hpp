@@ -12,6 +12,7 @@ class Channel;
 
 namespace kel::host {
 
+// Its channels to one target share their connections with each other, and with no other factory's.
 class ChannelFactory {
  public:
   // Throws std::runtime_error with a sentence.
@@ -21,6 +22,7 @@ class ChannelFactory {
   [[nodiscard]] std::shared_ptr<grpc::Channel> open(const std::string& target) const;
 
  private:
+  int number_;  // of this factory
   CallSettings settings_;
   std::shared_ptr<grpc::ChannelCredentials> credentials_;  // but for Unix sockets
 };

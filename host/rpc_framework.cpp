@@ -319,31 +319,47 @@ class Engine {
   }
 
   // A channel that failed to connect answers for its back-off time with that failure, whether the
-  // server is there again or not. A new one tries at once. With several servers that is only so
-  // when none of them can be reached.
+  // server is there again or not. A new one waits for the next attempt, which is made at once. With
+  // several servers that is only so when none of them can be reached.
   std::shared_ptr<grpc::Channel> channelTo(const std::string& target) {
     const std::scoped_lock lock(mutex_);
-    std::shared_ptr<grpc::Channel>& channel = channels_[target];
-    if (channel == nullptr || channel->GetState(false) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      channel = factory_.open(target);
-      if (channel == nullptr) {
-        throw Failure{kNotProtected};
-      }
-      if (channel->GetState(false) != GRPC_CHANNEL_IDLE) {  // which every one is at first
-        throw Failure{kNoTarget};
-      }
+    Route& route = routes_[target];
+    if (route.channel == nullptr) {
+      route.channel = open(target);
+    } else if (route.channel->GetState(false) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+      grpc::experimental::ChannelResetConnectionBackoff(route.channel.get());
+      route.former = std::exchange(route.channel, open(target));
     }
-    return channel;
+    return route.channel;
   }
 
   void configure(const CallSettings& settings) {
     ChannelFactory factory(settings);
     const std::scoped_lock lock(mutex_);
     factory_ = std::move(factory);
-    channels_.clear();
+    routes_.clear();
   }
 
  private:
+  // Channels to one target share their connections. gRPC never closes one whose last channel is
+  // given up between the connecting and the server's greeting, so that a channel stays until the
+  // one after its successor.
+  struct Route {
+    std::shared_ptr<grpc::Channel> channel;
+    std::shared_ptr<grpc::Channel> former;
+  };
+
+  std::shared_ptr<grpc::Channel> open(const std::string& target) {
+    std::shared_ptr<grpc::Channel> channel = factory_.open(target);
+    if (channel == nullptr) {
+      throw Failure{kNotProtected};
+    }
+    if (channel->GetState(false) != GRPC_CHANNEL_IDLE) {  // which every one is at first
+      throw Failure{kNoTarget};
+    }
+    return channel;
+  }
+
   // Few, because completions are short; more than one, so that a slow one does not stop the rest.
   static constexpr int kThreads = 2;
 
@@ -401,7 +417,7 @@ class Engine {
   // is there from the start.
   const std::shared_ptr<grpc::Channel> first_ = ChannelFactory().open("unix:/");
   ChannelFactory factory_;
-  std::map<std::string, std::shared_ptr<grpc::Channel>> channels_;
+  std::map<std::string, Route> routes_;
 };
 
 grpc::Slice encode(const IdlCodecOps& ops, const void* input) {

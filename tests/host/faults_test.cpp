@@ -167,9 +167,9 @@ class Faults : public HostFixture {
   // and the server if it is the same one all the time.
   static void expectNothingLeft(const std::function<void()>& fault,
                                 const RunningProgram* server = nullptr) {
-    // gRPC and the allocator keep caches, and a server gives back whole pages only. Slowed down by
-    // ThreadSanitizer, gRPC now and then forgets the socket of a connection that broke: one in some
-    // ten thousand.
+    // gRPC and the allocator keep caches, and a server gives back whole pages only. Where
+    // configureCalls gives up a connection just before it is greeted, which takes a slow machine,
+    // gRPC forgets its socket.
     constexpr Use kTolerance = {kSanitized ? 1 : 0, 256U << 10U, 0,
                                 kSanitized ? SIZE_MAX / 2 : 4096U << 10U};
     fault();
@@ -212,6 +212,12 @@ class Faults : public HostFixture {
     });
   }
 
+  static void halt(const RunningProgram& server) {
+    server.signal(SIGSTOP);
+    siginfo_t stopped{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(server.id()), &stopped, WSTOPPED), 0);
+  }
+
   const std::filesystem::path outputs = folder / "output";  // of masters that share it
 
  private:
@@ -242,9 +248,7 @@ TEST_F(Faults, ServerStoppedAndContinued) {
       [&] {
         Load load;
         for (int i = 0; i < 5; ++i) {
-          master->signal(SIGSTOP);
-          siginfo_t stopped{};
-          EXPECT_EQ(waitid(P_PID, static_cast<id_t>(master->id()), &stopped, WSTOPPED), 0);
+          halt(*master);
           const int32_t result = load.callBothWays(50);
           EXPECT_TRUE(result == kDeadlinePassed || result == kNotSent) << outcome(result);
           master->signal(SIGCONT);
@@ -255,13 +259,36 @@ TEST_F(Faults, ServerStoppedAndContinued) {
       master.get());
 }
 
-TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryFifthByte) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "now and then, a call behind a damaged one waits for its deadline there";
-#endif
+// The kernel takes connections for it. Those that it greets after all are used or closed.
+TEST_F(Faults, ServerThatGreetsLate) {
+  constexpr std::chrono::milliseconds kLate(3500);  // for a first attempt to connect
+  const auto master = startMaster(target);
+  const std::string id = std::to_string(master->id());
+  EXPECT_EQ(call(), outcome(kOk));
+  const size_t here = openDescriptors();
+  const size_t there = openDescriptors(id);
+  configureCalls({});  // gives that connection up
+  halt(*master);
+  Load load;
+  for (const Clock::time_point began = Clock::now(); Clock::now() - began < kLate;) {
+    const int32_t result = load.callBothWays(100);
+    EXPECT_TRUE(result == kNotSent || result == kUnreachable) << outcome(result);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  master->signal(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return load.callBothWays(kDeadlineMs) == kOk; }));
+  EXPECT_TRUE(eventually([&] { return openDescriptors() <= here && openDescriptors(id) <= there; }))
+      << "a connection is left";
+}
+
+TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryTenthByte) {
   size_t speech = 0;
   const auto callBothWays = [&](Script::Damage damage, size_t position) {
-    configureCalls({});  // gives the last connection up
+    // Gives the last connection up, which nothing uses any more and the end of its server is to
+    // have reached.
+    waitForCompletions();
+    std::this_thread::sleep_for(std::chrono::milliseconds(kSanitized ? 20 : 0));
+    configureCalls({});
     const ScriptedServer server(folder / "socket", {.damage = damage, .position = position});
     const uintptr_t deadlineMs = damage == Script::Damage::none ? kDeadlineMs : 100;
     const Clock::time_point began = Clock::now();
@@ -280,14 +307,14 @@ TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryFifthByte) {
   const size_t whole = speech;
   expectNothingLeft([&] {
     size_t failed = 0;
-    for (const Script::Damage damage : {Script::Damage::cut, Script::Damage::corrupt}) {
-      for (size_t position = 0; position < whole; position += 5) {
-        SCOPED_TRACE(fmt::format("damage {} at {}", static_cast<int>(damage), position));
-        failed += callBothWays(damage, position) ? 0U : 1U;
-        EXPECT_TRUE(callBothWays(Script::Damage::none, 0));
-      }
+    bool cuts = true;
+    for (size_t position = 0; position < whole; position += 5, cuts = !cuts) {
+      SCOPED_TRACE(fmt::format("{} at {}", cuts ? "cut" : "corrupted", position));
+      const Script::Damage damage = cuts ? Script::Damage::cut : Script::Damage::corrupt;
+      failed += callBothWays(damage, position) ? 0U : 1U;
+      EXPECT_TRUE(callBothWays(Script::Damage::none, 0));
     }
-    EXPECT_GT(failed, whole / 5) << "of twice as many that were damaged";
+    EXPECT_GT(failed, whole / 10) << "of twice as many that were damaged";
   });
 }
 

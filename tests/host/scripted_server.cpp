@@ -78,10 +78,12 @@ ScriptedServer::~ScriptedServer() {
 }
 
 void ScriptedServer::run() {
+  std::vector<std::jthread> conversations;
   while (!stopping_) {
     if (hasSomethingToTake(listener_.get())) {
-      const FileDescriptor caller(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-      converse(caller.get());
+      conversations.emplace_back(
+          [this, caller = FileDescriptor(accept4(listener_.get(), nullptr, nullptr,
+                                                 SOCK_CLOEXEC))] { converse(caller.get()); });
     }
   }
 }

@@ -1,4 +1,4 @@
-// A server that speaks HTTP/2 by rote, right or wrong, to one caller at a time.
+// A server that speaks HTTP/2 by rote, right or wrong.
 #pragma once
 
 #include <atomic>
