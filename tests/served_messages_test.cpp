@@ -372,9 +372,16 @@ template <class Reply, class Entry, class Unpack, class Release>
 void expectVectorsArrive(const IdlCodecOps& ops, Unpack unpack, Release release) {
   Random random(5);
   RecordMaker maker(random, 0, 0);
+  constexpr uint32_t kDifferent = 1009;  // entries, before they come again
   for (const uint32_t count : {0U, 1U, 2U, 3U, 1000U, 100000U}) {
     Reply record{count, makeEntries<Entry>(count)};
-    for (uint32_t i = 0; i < count; ++i) maker.fill(record.entries[i]);
+    for (uint32_t i = 0; i < count; ++i) {
+      if (i < kDifferent) {
+        maker.fill(record.entries[i]);
+      } else {
+        record.entries[i] = record.entries[i - kDifferent];
+      }
+    }
     const Buffer bytes = packToSize(ops.packFn, record);
     Reply unpacked;
     ASSERT_NE(unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &unpacked), 0U);

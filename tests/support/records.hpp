@@ -40,7 +40,10 @@ class RecordMaker {
     if constexpr (Slot::kind == scalar) {
       field = static_cast<typename Slot::Type>(scalarBits());
     } else if constexpr (Slot::kind == byteArray) {
-      for (auto& byte : field) byte = static_cast<uint8_t>(random_());
+      for (size_t i = 0; i < sizeof(field); i += sizeof(uint64_t)) {
+        const uint64_t bits = random_();
+        std::memcpy(&field[i], &bits, std::min(sizeof(bits), sizeof(field) - i));
+      }
     } else if constexpr (Slot::kind == table) {
       fill(field);
     } else if constexpr (Slot::kind == string) {
