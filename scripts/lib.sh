@@ -4,15 +4,15 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 # Debian's packages, and nothing else: what building, testing and the demonstration need.
 readonly kel_packages=(
-  binutils ca-certificates cmake g++-12 gcc-12 git googletest make ninja-build python3
+  binutils ca-certificates cmake g++-12 gcc-12 git make ninja-build python3
   python3-pyelftools
   e2fsprogs libcli11-dev libfmt-dev libgrpc++-dev libspdlog-dev libssl-dev nlohmann-json3-dev
   pkg-config
 )
 readonly kel_test_packages=(
   clang-16 clang-format-16 clang-tidy-16 g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu gcovr
-  libclang-rt-16-dev llvm-16 openssl qemu-user
-  libfmt-dev:arm64 libgrpc++-dev:arm64 libspdlog-dev:arm64 libssl-dev:arm64
+  libclang-rt-16-dev libgtest-dev llvm-16 openssl qemu-user
+  libfmt-dev:arm64 libgrpc++-dev:arm64 libgtest-dev:arm64 libspdlog-dev:arm64 libssl-dev:arm64
 )
 
 readonly kel_bench_packages=(
