@@ -47,9 +47,10 @@ install_missing() {
     apt-get install -q -y --no-install-recommends "${missing[@]}"
 }
 
-# Configures a preset once and builds what has changed.
+# Configures a preset if it has changed and builds what has changed.
 build() {
   local preset=$1
-  [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >/dev/null
+  [ "build/$preset/build.ninja" -nt CMakePresets.json ] ||
+    cmake --fresh --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
 }
