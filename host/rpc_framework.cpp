@@ -341,9 +341,9 @@ class Engine {
   }
 
  private:
-  // Channels to one target share their connections. gRPC never closes one whose last channel is
-  // given up between the connecting and the server's greeting, so that a channel stays until the
-  // one after its successor.
+  // Channels to one target share their connections. gRPC 1.51 never closes one whose last channel
+  // is given up between the connecting and the server's greeting, so that a channel stays until the
+  // one after its successor is there.
   struct Route {
     std::shared_ptr<grpc::Channel> channel;
     std::shared_ptr<grpc::Channel> former;
