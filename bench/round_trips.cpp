@@ -1,7 +1,7 @@
 // Calls over a Unix-domain socket: the host's framework and server, with everything encoded and
 // decoded, against gRPC's own generic calls that echo the same bytes. Both in turn, in one process;
 // prints JSON with the medians over the rounds.
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>

@@ -2,7 +2,7 @@
 #include "host/child_process.hpp"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>

@@ -2,7 +2,7 @@
 #include "host/client_library.hpp"
 
 #include <dlfcn.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <stdexcept>
 

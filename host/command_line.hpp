@@ -1,28 +1,67 @@
-// What every program's command line has in common: the options for protection and limits, and how a
-// program ends that cannot do what it was asked.
+// What each program can be told on its command line, and how a program ends that cannot do what it
+// was asked.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <kel_sys_diag/records.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "host/limits.hpp"
 #include "host/rpc_framework.hpp"
 #include "host/rpc_server.hpp"
 
 namespace kel::host {
 
-// What app has parsed goes into options or settings, which must live that long.
-void addDeadlineOption(CLI::App& app, uint32_t& milliseconds);
-void addCallOptions(CLI::App& app, CallSettings& settings);
-void addServerOptions(CLI::App& app, ServerOptions& options);
-// The part of the server's options that a program which calls and serves has besides its call
-// options.
-void addLimitOptions(CLI::App& app, ServerLimits& limits);
+// Where the programs meet unless they are told otherwise.
+inline constexpr char kDefaultTarget[] = "unix:/tmp/kel_sys_diag_master.sock";
+inline constexpr char kDefaultQarneTarget[] = "unix:/tmp/kel_sys_diag_qarne.sock";
+
+struct MasterOptions {
+  std::string listen = kDefaultTarget;  // gRPC target of KelSysdiagMaster, served here
+  std::string configFile;
+  ServerOptions server = {};
+};
+
+struct HostOptions {
+  std::string library;                  // its path
+  std::string master = kDefaultTarget;  // gRPC target of KelSysdiagMaster
+  uint32_t deadlineMs = 0;              // of a call to the master; 0: the framework's
+  bool compact = false;
+  CallSettings calls = {};  // to the master
+
+  // The rest is for serving. Callers are met with the same protection as calls.security, and with
+  // the same limit to a message.
+  bool serve = false;
+  std::string listen = kDefaultQarneTarget;  // gRPC target of KelSysdiagQarne, served here
+  std::string imageFolder;  // of the disk images that may be formatted and mounted; empty: none
+  ServerLimits limits = {};
+  // Names in the certificates of the peers that may call the methods which change this machine.
+  std::vector<std::string> operators = {};
+};
+
+// Of a mount point or an image, as a request carries it.
+inline constexpr size_t kLongestName = sizeof(SysDiskUseInput::bytes50);
+
+struct QueryOptions {
+  std::string target = kDefaultQarneTarget;
+  std::string mountPoint = "/";  // 1 to kLongestName bytes
+  std::string image;             // the same, or empty: none
+  std::optional<uint32_t> threshold;
+  uint32_t rows = 12;
+  uint32_t deadlineMs = 0;
+  CallSettings calls = {};
+  bool overload = false;
+};
 
 // Parses what a program was given. Returns an exit code if there is nothing else to do: 0 after
 // --help, 1 after a mistake, which has been told.
-[[nodiscard]] std::optional<int> parse(CLI::App& app, int argc, char** argv);
+[[nodiscard]] std::optional<int> parse(int argc, char** argv, MasterOptions& options);
+[[nodiscard]] std::optional<int> parse(int argc, char** argv, HostOptions& options);
+[[nodiscard]] std::optional<int> parse(int argc, char** argv, QueryOptions& options);
 
 // Returns what run does. What it throws, and output that cannot be written, becomes a sentence on
 // stderr, behind the program's name and all that was printed before, and an exit code of 1.

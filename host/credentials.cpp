@@ -1,7 +1,7 @@
 // Credentials of gRPC's own, from files.
 #include "host/credentials.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/security/server_credentials.h>
 #include <openssl/crypto.h>

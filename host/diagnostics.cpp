@@ -1,7 +1,7 @@
 // Puts readers, thresholds and disk images together.
 #include "host/diagnostics.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cerrno>
 #include <cstring>

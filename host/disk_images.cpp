@@ -2,7 +2,7 @@
 #include "host/disk_images.hpp"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <linux/loop.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>

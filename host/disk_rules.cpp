@@ -1,7 +1,7 @@
 // Reads and searches the master's disk rules.
 #include "host/disk_rules.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <fnmatch.h>
 #include <kel_sys_diag/records.h>
 

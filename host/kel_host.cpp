@@ -1,9 +1,8 @@
 // kel_host: loads libkel_sys_diag.so, reports this machine to KelSysdiagMaster by every method,
 // synchronously and asynchronously, and tells the story. Ends with 0 only if all of it went well.
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -16,7 +15,6 @@
 
 #include "host/client_library.hpp"
 #include "host/command_line.hpp"
-#include "host/default_target.hpp"
 #include "host/field_text.hpp"
 #include "host/machine_records.hpp"
 #include "host/machine_state.hpp"
@@ -29,14 +27,6 @@ namespace {
 
 using namespace kel::host;
 using Clock = std::chrono::steady_clock;
-
-struct Options {
-  std::string library;
-  std::string target = kDefaultTarget;
-  uint32_t deadlineMs = 0;
-  bool compact = false;
-  CallSettings calls;
-};
 
 // Bold and dim, for terminals only.
 std::string styled(const char* code, const std::string& text) {
@@ -102,7 +92,7 @@ void complete(int32_t result, void* output, uintptr_t context) {
 // Makes calls and prints each as it ends. A failed call throws std::runtime_error.
 class Caller {
  public:
-  explicit Caller(const Options& options) : options_(options) {}
+  explicit Caller(const HostOptions& options) : options_(options) {}
 
   // Returns the reply, its content given back.
   template <class Method>
@@ -171,7 +161,7 @@ class Caller {
     }
   }
 
-  const Options& options_;
+  const HostOptions& options_;
   std::vector<std::unique_ptr<Pending>> pending_;
 };
 
@@ -189,7 +179,7 @@ void checkEcho(const OvLoadDiskCtlInput& question, const OvLoadDiskCtlOutput& th
   }
 }
 
-void report(const Options& options, const ClientLibrary& library) {
+void report(const HostOptions& options, const ClientLibrary& library) {
   const MachineState machine = readMachineState();
   printMachine(machine);
   const FileSystem disk = fullestDisk(machine);
@@ -198,7 +188,7 @@ void report(const Options& options, const ClientLibrary& library) {
   const OvLoadDiskCtlInput question = thresholdQuestion(machine, disk);
 
   Caller caller(options);
-  fmt::print("\n{}\n", bold(fmt::format("Calls to {}, one after the other", options.target)));
+  fmt::print("\n{}\n", bold(fmt::format("Calls to {}, one after the other", options.master)));
   caller.call(library.sendAlarm, memory);
   caller.call(library.sendOverloadAlarm, load);
   const OvLoadDiskCtlOutput thresholds = caller.call(library.getDiskThresholds, question);
@@ -223,59 +213,24 @@ void checkMemory() {
   }
 }
 
-void tellStory(const Options& options) {
+void tellStory(const HostOptions& options) {
   const ClientLibrary library = loadClientLibrary(options.library);
-  setTarget(*library.address, options.target);
+  setTarget(*library.address, options.master);
   configureCalls(options.calls);
-  checkTarget(options.target);
+  checkTarget(options.master);
   setCompactAlways(options.compact);
   report(options, library);
   checkMemory();
 }
 
-const CLI::App* addServeCommand(CLI::App& app, ServeOptions& options) {
-  CLI::App* const command =
-      app.add_subcommand("serve", "serve KelSysdiagQarne until SIGTERM, SIGINT or SIGHUP");
-  command->fallthrough();
-  command->add_option("--listen", options.listen, "gRPC target to listen on")
-      ->capture_default_str();
-  command->add_option("--images", options.imageFolder,
-                      "folder of disk images that may be formatted and mounted");
-  command
-      ->add_option("--operator", options.operators,
-                   "name in the certificate of a peer that may set thresholds, format and mount; "
-                   "may be given several times")
-      ->allow_extra_args(false);
-  addLimitOptions(*command, options.limits);
-  return command;
-}
-
 int run(int argc, char** argv) {
-  Options options;
+  HostOptions options;
   options.library =
       std::filesystem::read_symlink("/proc/self/exe").replace_filename("libkel_sys_diag.so");
-  CLI::App app("Reports this machine to KelSysdiagMaster and tells what was said.");
-  app.add_option("--library", options.library, "the library to load")->capture_default_str();
-  app.add_option("--target", options.target, "gRPC target of the master")->capture_default_str();
-  addDeadlineOption(app, options.deadlineMs);
-  app.add_flag("--compact", options.compact, "send no request in its fixed layout");
-  addCallOptions(app, options.calls);
-  ServeOptions serving;
-  serving.listen = kDefaultQarneTarget;
-  const CLI::App* const serve = addServeCommand(app, serving);
-  if (const auto code = parse(app, argc, argv)) {
+  if (const auto code = parse(argc, argv, options)) {
     return *code;
   }
-  if (serve->parsed()) {
-    serving.library = options.library;
-    serving.master = options.target;
-    serving.compact = options.compact;
-    serving.deadlineMs = options.deadlineMs;
-    serving.calls = options.calls;
-    serveDiagnostics(serving);
-  } else {
-    tellStory(options);
-  }
+  options.serve ? serveDiagnostics(options) : tellStory(options);
   return 0;
 }
 

@@ -1,10 +1,7 @@
 // kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM, SIGINT or SIGHUP.
-#include <fmt/format.h>
-
-#include <CLI/CLI.hpp>
+#include <fmt/core.h>
 
 #include "host/command_line.hpp"
-#include "host/default_target.hpp"
 #include "host/lines.hpp"
 #include "host/master_service.hpp"
 #include "host/rpc_server.hpp"
@@ -14,17 +11,16 @@ namespace {
 
 using namespace kel::host;
 
-void serve(const std::string& target, const std::string& configFile, const ServerOptions& options,
-           const StopSignals& stop) {
-  MasterService service(DiskRules::fromFile(configFile), [](const KeptAlarm& alarm) {
+void serve(const MasterOptions& options, const StopSignals& stop) {
+  MasterService service(DiskRules::fromFile(options.configFile), [](const KeptAlarm& alarm) {
     printLine(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
   RpcServer server(
-      target,
+      options.listen,
       [&service](const std::string& path, std::span<const uint8_t> request) {
         return service.handle(path, request);
       },
-      options);
+      options.server);
   printLine(fmt::format("KelSysdiagMaster listens on {}", server.target()));
   stop.wait();
   server.stop(kShutdownGrace);
@@ -34,17 +30,11 @@ void serve(const std::string& target, const std::string& configFile, const Serve
 
 int run(int argc, char** argv) {
   const StopSignals stop;
-  CLI::App app("Serves KelSysdiagMaster: takes alarms and tells disks their thresholds.");
-  std::string target = kDefaultTarget;
-  std::string configFile;
-  ServerOptions options;
-  app.add_option("--listen", target, "gRPC target to listen on")->capture_default_str();
-  app.add_option("--config", configFile, "JSON file with the disk rules")->required();
-  addServerOptions(app, options);
-  if (const auto code = parse(app, argc, argv)) {
+  MasterOptions options;
+  if (const auto code = parse(argc, argv, options)) {
     return *code;
   }
-  serve(target, configFile, options, stop);
+  serve(options, stop);
   return 0;
 }
 

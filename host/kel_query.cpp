@@ -1,9 +1,8 @@
 // kel_query: asks a host that serves KelSysdiagQarne everything, and shows it to a person; changes
 // what it is told to; or tells the story of an overload. Ends with 0 only if every call was
 // answered and every change made.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <optional>
 #include <set>
@@ -11,7 +10,6 @@
 #include <string>
 
 #include "host/command_line.hpp"
-#include "host/default_target.hpp"
 #include "host/field_text.hpp"
 #include "host/qarne_client.hpp"
 #include "host/qarne_text.hpp"
@@ -21,20 +19,8 @@ namespace {
 
 using namespace kel::host;
 
-constexpr size_t kLongestName = sizeof(SysDiskUseInput::bytes50);
-
 // How it ends if every call was answered, but a change was not made.
 constexpr int kNotChanged = 2;
-
-struct Options {
-  std::string target = kDefaultQarneTarget;
-  std::string mountPoint = "/";
-  std::string image;
-  std::optional<uint32_t> threshold;
-  uint32_t rows = 12;
-  uint32_t deadlineMs = 0;
-  CallSettings calls = {};
-};
 
 // The reply, or the reason in an exception.
 template <class Method>
@@ -72,7 +58,7 @@ bool showChange(const OperResult& answer) {
   return ResultCode{answer.result} == ResultCode::done;
 }
 
-void showDisks(const QarneClient& client, const Options& options) {
+void showDisks(const QarneClient& client, const QueryOptions& options) {
   heading(kBrdPartInfoQuery, "disks and partitions");
   fmt::print("{}", tell(*ask(client, kBrdPartInfoQuery, {}), options.rows));
   heading(kGetSysDiskUseInfo, shown(options.mountPoint));
@@ -84,7 +70,7 @@ void showDisks(const QarneClient& client, const Options& options) {
   fmt::print("{}", tell(*ask(client, kQueryStorageBadBlockInfo, {}), options.rows));
 }
 
-void showProcesses(const QarneClient& client, const Options& options) {
+void showProcesses(const QarneClient& client, const QueryOptions& options) {
   constexpr uint32_t kAtLeast = 1;
   constexpr uint32_t kAtMost = 1000;
   heading(kFdProcInfoQuery, "processes by open descriptors");
@@ -92,7 +78,7 @@ void showProcesses(const QarneClient& client, const Options& options) {
 }
 
 // Like changeThreshold, says whether all that was asked for was done.
-bool useImage(const QarneClient& client, const Options& options) {
+bool useImage(const QarneClient& client, const QueryOptions& options) {
   if (options.image.empty()) {
     fmt::print("\n{} and {} were not asked: name an image of the host's folder with --image\n",
                kResetDiskMakeFS.name, kMountDisk.name);
@@ -106,7 +92,7 @@ bool useImage(const QarneClient& client, const Options& options) {
   return formatted && mounted;
 }
 
-bool changeThreshold(const QarneClient& client, const Options& options) {
+bool changeThreshold(const QarneClient& client, const QueryOptions& options) {
   if (!options.threshold) {
     fmt::print("\n{} was not asked: name a threshold with --threshold\n",
                kSysOvLoadDiskThresholdSet.name);
@@ -118,7 +104,7 @@ bool changeThreshold(const QarneClient& client, const Options& options) {
 }
 
 // Changes come first, so that the answers show them. Says whether they were made.
-bool askEverything(const QarneClient& client, const Options& options) {
+bool askEverything(const QarneClient& client, const QueryOptions& options) {
   const bool imageUsed = useImage(client, options);
   const bool thresholdSet = changeThreshold(client, options);
   showDisks(client, options);
@@ -181,38 +167,14 @@ void tellOverload(const QarneClient& client) {
 }
 
 int run(int argc, char** argv) {
-  Options options;
-  const CLI::Validator carried(
-      [](const std::string& name) {
-        return name.empty() || name.size() > kLongestName
-                   ? fmt::format("a request carries a name of 1 to {} bytes", kLongestName)
-                   : std::string();
-      },
-      "");
-  CLI::App app("Asks a host that serves KelSysdiagQarne about its machine.");
-  app.footer(
-      "Ends with 0 if every call was answered and every change made, with 2 if only a change "
-      "was not made, with 1 if anything else went wrong.");
-  app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
-  addDeadlineOption(app, options.deadlineMs);
-  app.add_option("--rows", options.rows, "rows of a table that are shown")->capture_default_str();
-  app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
-      ->check(carried)
-      ->capture_default_str();
-  app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it")
-      ->check(CLI::Range(0, 100));
-  app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted")
-      ->check(carried);
-  addCallOptions(app, options.calls);
-  const CLI::App* const overload =
-      app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
-  if (const auto code = parse(app, argc, argv)) {
+  QueryOptions options;
+  if (const auto code = parse(argc, argv, options)) {
     return *code;
   }
   configureCalls(options.calls);
   checkTarget(options.target);
   const QarneClient client(options.target, options.deadlineMs);
-  if (overload->parsed()) {
+  if (options.overload) {
     tellOverload(client);
     return 0;
   }

@@ -2,7 +2,7 @@
 #include "host/listener.hpp"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

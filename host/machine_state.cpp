@@ -1,7 +1,7 @@
 // Reads the machine's state from /proc and statvfs.
 #include "host/machine_state.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 

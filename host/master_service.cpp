@@ -1,7 +1,7 @@
 // KelSysdiagMaster's four methods, on the peer library's codecs.
 #include "host/master_service.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <kel_sys_diag/peer.h>
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #include "host/module_table.hpp"
 
 #include <dlfcn.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <set>

@@ -1,7 +1,7 @@
 // Raises overload alarms through the library's client role.
 #include "host/overload_alarms.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/time.h>
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // Tells what a serving host has answered.
 #include "host/qarne_text.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

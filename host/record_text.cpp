@@ -2,7 +2,7 @@
 #include "host/record_text.hpp"
 
 #include <fmt/chrono.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <ctime>
 

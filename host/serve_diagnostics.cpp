@@ -1,7 +1,7 @@
 // Puts the serving host together: library, methods, server, alarms.
 #include "host/serve_diagnostics.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <stdexcept>
 
@@ -31,14 +31,14 @@ class Answering {
   Answering& operator=(const Answering&) = delete;
 };
 
-ServerOptions serverOptions(const ServeOptions& options) {
+ServerOptions serverOptions(const HostOptions& options) {
   ServerOptions result{options.calls.security, options.limits,
                        restrictTo(options.operators, kChangingMethods)};
   result.limits.messageBytes = options.calls.messageBytes;
   return result;
 }
 
-void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
+void serveUntilStopped(const HostOptions& options, const StopSignals& stop) {
   const ClientLibrary library = loadClientLibrary(options.library);
   setTarget(*library.address, options.master);
   configureCalls(options.calls);
@@ -68,7 +68,7 @@ void serveUntilStopped(const ServeOptions& options, const StopSignals& stop) {
 
 }  // namespace
 
-void serveDiagnostics(const ServeOptions& options) {
+void serveDiagnostics(const HostOptions& options) {
   const StopSignals stop;
   serveUntilStopped(options, stop);
   const AllocatorUse use = allocatorUse();

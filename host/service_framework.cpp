@@ -2,7 +2,7 @@
 // ServedCall as its first value and 0 as its second, and comes back through RPC_IdlServiceWrapper.
 #include "host/service_framework.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

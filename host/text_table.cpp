@@ -1,7 +1,7 @@
 // Lays out tables.
 #include "host/text_table.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "tests/host/made_up_machine.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <fstream>
 

@@ -1,6 +1,6 @@
 // The served role from end to end: a client's requests over gRPC, through the library's tables and
 // wrappers, to the host's methods on live and made-up machines, and back.
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <kel_sys_diag/service.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include "tests/host/running_program.hpp"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>

@@ -1,6 +1,6 @@
 #include "tests/host/test_authority.hpp"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
