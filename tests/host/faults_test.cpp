@@ -234,7 +234,7 @@ class Faults : public HostFixture {
   }
 };
 
-TEST_F(Faults, ServerKilledAndRestartedUnderLoad) { endUnderLoad(SIGKILL, 25); }
+TEST_F(Faults, ServerKilledAndRestartedUnderLoad) { endUnderLoad(SIGKILL, kSanitized ? 10 : 25); }
 
 TEST_F(Faults, OrderlyShutdown) { endUnderLoad(SIGTERM, 3); }
 
