@@ -241,9 +241,6 @@ TEST(Replies, PastThirtyTwoBitsHaveNoSize) {
 // Sixteen million entries pass 2^32 when their scalars are present, and do not when they
 // are zero. The array is a few pages of entries, mapped over and over.
 TEST(Replies, EntriesDecideAtTheLimit) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "ThreadSanitizer's notes on what is read take minutes and many gigabytes";
-#endif
   constexpr size_t kPiece = sizeof(BrdPartEntry) * 4096;
   constexpr uint32_t kEntries = 16'000'000;
   constexpr size_t kBytes = (kEntries * sizeof(BrdPartEntry) / kPiece + 1) * kPiece;
