@@ -13,7 +13,8 @@
 // kLongestDeadline counts as that. The deadline covers everything from connecting to the last byte
 // of the reply, so every call ends. A call to a server that is not there fails at once, and every
 // call tries afresh, or joins an attempt to connect that is under way: nobody waits out a back-off
-// after the server has come back. No request is ever sent twice.
+// after the server has come back, but an attempt that began before it was there fails the calls
+// that have joined it. No request is ever sent twice.
 //
 // A synchronous call returns a result below. After kOk the output record belongs to the caller, who
 // gives back its content with the releaseFn that SetIdl hands out. After anything else it holds
