@@ -18,19 +18,28 @@ namespace {
 constexpr uint32_t kWhole = 100;
 constexpr size_t kLongestName = sizeof(OvLoadDiskCtlOutput::bytes32a);
 
-uint32_t percent(const nlohmann::json& rule, const char* member) {
+std::string textIn(const nlohmann::json& rule, const char* member) {
+  const nlohmann::json& value = rule.at(member);
+  if (!value.is_string()) {
+    throw std::runtime_error(fmt::format("{} is no text", member));
+  }
+  return value.get<std::string>();
+}
+
+uint32_t percentIn(const nlohmann::json& rule, const char* member) {
   const nlohmann::json& value = rule.at(member);
   if (!value.is_number_unsigned() || value.get<uint64_t>() > kWhole) {
-    throw std::runtime_error(
-        fmt::format("{} is {}, and no whole number from 0 to 100", member, value.dump()));
+    throw std::runtime_error(fmt::format("{} is no whole number from 0 to {}", member, kWhole));
   }
   return value.get<uint32_t>();
 }
 
 DiskRule ruleFrom(const nlohmann::json& json) {
-  DiskRule rule{json.at("name").get<std::string>(), json.at("mountPoint").get<std::string>(),
-                json.at("device").get<std::string>(), percent(json, "warningPercent"),
-                percent(json, "criticalPercent")};
+  if (!json.is_object()) {
+    throw std::runtime_error("it is no object");
+  }
+  DiskRule rule{textIn(json, "name"), textIn(json, "mountPoint"), textIn(json, "device"),
+                percentIn(json, "warningPercent"), percentIn(json, "criticalPercent")};
   constexpr size_t kMembers = 5;
   if (json.size() != kMembers) {
     throw std::runtime_error(fmt::format("rule \"{}\" has a member that no rule has", rule.name));
@@ -68,11 +77,10 @@ DiskRules DiskRules::fromJson(const std::string& text) {
   DiskRules result;
   try {
     const nlohmann::json json = nlohmann::json::parse(text);
-    const nlohmann::json& rules = json.at("rules");
-    if (!rules.is_array() || json.size() != 1) {
-      throw std::runtime_error("there is more than \"rules\", or it is no list");
+    if (json.size() != 1 || !json.contains("rules") || !json["rules"].is_array()) {
+      throw std::runtime_error("it is no object with \"rules\", a list, and nothing else");
     }
-    for (const nlohmann::json& rule : rules) {
+    for (const nlohmann::json& rule : json["rules"]) {
       try {
         result.rules_.push_back(ruleFrom(rule));
       } catch (const std::exception& error) {

@@ -174,21 +174,26 @@ TEST_F(Master, KeepsTheNewestAlarmsOfManyThreads) {
 TEST(DiskRules, NameTheFaultOfABadConfiguration) {
   const std::string start = R"({"rules": [{"name": "r", "mountPoint": "*", "device": "*", )";
   const std::string longName(33, 'n');
+  const std::string manyBrackets(200'000, '[');
+  const std::string asManyBrackets(manyBrackets.size(), ']');
   const std::pair<std::string, std::string> cases[] = {
       {"", "parse error"},
       {"{", "parse error"},
-      {"{}", "'rules' not found"},
+      {"[]", "no object with \"rules\""},
+      {"{}", "no object with \"rules\""},
+      {R"({"rules": null})", "no object with \"rules\""},
+      {R"({"rules": [], "rule": []})", "nothing else"},
       {R"({"rules": [{}]})", "'name' not found"},
-      {R"({"rules": [7]})", "cannot use at()"},
-      {start + R"("warningPercent": "80", "criticalPercent": 90}]})",
-       "\"80\", and no whole number"},
+      {R"({"rules": [7]})", "rule no. 1: it is no object"},
+      {R"({"rules": [{"name": "r", "mountPoint": 7}]})", "mountPoint is no text"},
+      {start + R"("warningPercent": "80", "criticalPercent": 90}]})", "warningPercent is no whole"},
+      {start + R"("warningPercent": )" + manyBrackets + asManyBrackets + "}]}",
+       "warningPercent is no whole"},
       {start + R"("warningPercent": 91, "criticalPercent": 90}]})", "warningPercent <="},
-      {start + R"("warningPercent": 9, "criticalPercent": 101}]})", "criticalPercent is 101"},
+      {start + R"("warningPercent": 9, "criticalPercent": 101}]})", "criticalPercent is no whole"},
       {start + R"("warningPercent": 9, "criticalPercent": -1}]})", "from 0 to 100"},
-      {start + R"("warningPercent": 9, "criticalPercent": 80.9}]})", "80.9"},
-      {start + R"("warningPercent": 9, "criticalPercent": 4294967376}]})", "4294967376"},
-      {R"({"rules": null})", "no list"},
-      {R"({"rules": [], "rule": []})", "more than"},
+      {start + R"("warningPercent": 9, "criticalPercent": 80.9}]})", "from 0 to 100"},
+      {start + R"("warningPercent": 9, "criticalPercent": 4294967376}]})", "from 0 to 100"},
       {start + R"("warningPercent": 9, "criticalPercent": 90, "extra": 1}]})", "no rule has"},
       {R"({"rules": [{"name": ")" + longName +
            R"(", "mountPoint": "*", "device": "*", "warningPercent": 1, "criticalPercent": 2}]})",
