@@ -15,11 +15,11 @@
 namespace kel::host {
 namespace {
 
-void addSecurityOptions(CLI::App& app, TransportSecurity& security) {
-  app.add_option("--tls-ca", security.tls.authority,
+void addSecurityOptions(CLI::App& app, TlsFiles& files, TransportSecurity& security) {
+  app.add_option("--tls-ca", files.authority,
                  "PEM file of the authority that peers' certificates are of; for TCP");
-  app.add_option("--tls-certificate", security.tls.certificate, "PEM file of the own certificate");
-  app.add_option("--tls-key", security.tls.key, "PEM file of the certificate's key");
+  app.add_option("--tls-certificate", files.certificate, "PEM file of the own certificate");
+  app.add_option("--tls-key", files.key, "PEM file of the certificate's key");
   app.add_flag("--insecure-plain-tcp", security.insecurePlainTcp,
                "TCP that anybody may read, change and call");
 }
@@ -49,8 +49,8 @@ void addDeadlineOption(CLI::App& app, uint32_t& milliseconds) {
       ->capture_default_str();
 }
 
-void addCallOptions(CLI::App& app, CallSettings& settings) {
-  addSecurityOptions(app, settings.security);
+void addCallOptions(CLI::App& app, TlsFiles& files, CallSettings& settings) {
+  addSecurityOptions(app, files, settings.security);
   app.add_option("--tls-server-name", settings.serverName,
                  "name that servers' certificates must bear; default: the target's host");
   addMessageOption(app, settings.messageBytes);
@@ -95,13 +95,15 @@ std::string checkName(const std::string& name) {
              : std::string();
 }
 
-std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+std::optional<int> parse(CLI::App& app, int argc, char** argv, const TlsFiles& files,
+                         TransportSecurity& security) {
   try {
     app.parse(argc, argv);
-    return std::nullopt;
   } catch (const CLI::ParseError& end) {
     return app.exit(end) == 0 ? 0 : 1;
   }
+  security.tls = readTlsFiles(files);
+  return std::nullopt;
 }
 
 }  // namespace
@@ -110,10 +112,11 @@ std::optional<int> parse(int argc, char** argv, MasterOptions& options) {
   CLI::App app("Serves KelSysdiagMaster: takes alarms and tells disks their thresholds.");
   app.add_option("--listen", options.listen, "gRPC target to listen on")->capture_default_str();
   app.add_option("--config", options.configFile, "JSON file with the disk rules")->required();
-  addSecurityOptions(app, options.server.security);
+  TlsFiles files;
+  addSecurityOptions(app, files, options.server.security);
   addMessageOption(app, options.server.limits.messageBytes);
   addLimitOptions(app, options.server.limits);
-  return parse(app, argc, argv);
+  return parse(app, argc, argv, files, options.server.security);
 }
 
 std::optional<int> parse(int argc, char** argv, HostOptions& options) {
@@ -122,9 +125,10 @@ std::optional<int> parse(int argc, char** argv, HostOptions& options) {
   app.add_option("--target", options.master, "gRPC target of the master")->capture_default_str();
   addDeadlineOption(app, options.deadlineMs);
   app.add_flag("--compact", options.compact, "send no request in its fixed layout");
-  addCallOptions(app, options.calls);
+  TlsFiles files;
+  addCallOptions(app, files, options.calls);
   const CLI::App* const serve = addServeCommand(app, options);
-  const std::optional<int> code = parse(app, argc, argv);
+  const std::optional<int> code = parse(app, argc, argv, files, options.calls.security);
   options.serve = serve->parsed();
   return code;
 }
@@ -147,10 +151,11 @@ std::optional<int> parse(int argc, char** argv, QueryOptions& options) {
       ->check(CLI::Range(0, 100));
   app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted")
       ->check(name);
-  addCallOptions(app, options.calls);
+  TlsFiles files;
+  addCallOptions(app, files, options.calls);
   const CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
-  const std::optional<int> code = parse(app, argc, argv);
+  const std::optional<int> code = parse(app, argc, argv, files, options.calls.security);
   options.overload = overload->parsed();
   return code;
 }

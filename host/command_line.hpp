@@ -57,8 +57,9 @@ struct QueryOptions {
   bool overload = false;
 };
 
-// Parses what a program was given. Returns an exit code if there is nothing else to do: 0 after
-// --help, 1 after a mistake, which has been told.
+// Parses what a program was given, and reads the TLS files that it names. Returns an exit code if
+// there is nothing else to do: 0 after --help, 1 after a mistake, which has been told. Throws
+// std::runtime_error with a sentence for files that cannot be used.
 [[nodiscard]] std::optional<int> parse(int argc, char** argv, MasterOptions& options);
 [[nodiscard]] std::optional<int> parse(int argc, char** argv, HostOptions& options);
 [[nodiscard]] std::optional<int> parse(int argc, char** argv, QueryOptions& options);

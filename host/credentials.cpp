@@ -10,15 +10,16 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <utility>
 
 namespace kel::host {
 namespace {
@@ -29,12 +30,6 @@ std::string lastTlsError() {
   ERR_clear_error();
   return text.data();
 }
-
-struct Pems {
-  std::string authority;
-  std::string certificate;
-  std::string key;
-};
 
 // All at once, since a pipe can be read only so.
 std::string read(const std::string& path) {
@@ -61,7 +56,7 @@ std::unique_ptr<Object, void (*)(Object*)> firstIn(const std::string& pem,
 }
 
 // gRPC takes whatever the files hold, and only complains at every connection that then fails.
-void check(const TlsFiles& files, const Pems& pems) {
+void check(const TlsFiles& files, const TlsIdentity& pems) {
   const auto demand = [](bool usable, const std::string& file, const std::string& what) {
     if (!usable) {
       throw std::runtime_error(fmt::format("cannot use {} as {}: {}", file, what, lastTlsError()));
@@ -83,32 +78,35 @@ void check(const TlsFiles& files, const Pems& pems) {
 // This counts only before all else that is done with OpenSSL.
 void keepOpenSslToTheEnd() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
-Pems readPems(const TlsFiles& files) {
-  keepOpenSslToTheEnd();
-  Pems pems{read(files.authority), read(files.certificate), read(files.key)};
-  check(files, pems);
-  return pems;
-}
-
 enum class Protection : uint8_t { none, tls, plain };
 
 Protection protectionOf(const TransportSecurity& security) {
-  const TlsFiles& tls = security.tls;
-  const bool any = !tls.authority.empty() || !tls.certificate.empty() || !tls.key.empty();
-  const bool all = !tls.authority.empty() && !tls.certificate.empty() && !tls.key.empty();
-  if (any && !all) {
-    throw std::runtime_error("mutual TLS needs three files: authority, certificate and key");
-  }
-  if (any && security.insecurePlainTcp) {
+  const bool tls = !security.tls.key.empty();
+  if (tls && security.insecurePlainTcp) {
     throw std::runtime_error("mutual TLS and insecure plain TCP exclude each other");
   }
   if (security.insecurePlainTcp) {
     return Protection::plain;
   }
-  return any ? Protection::tls : Protection::none;
+  return tls ? Protection::tls : Protection::none;
 }
 
 }  // namespace
+
+TlsIdentity readTlsFiles(const TlsFiles& files) {
+  const auto paths = {&files.authority, &files.certificate, &files.key};
+  const auto named = std::ranges::count_if(paths, [](const auto* path) { return !path->empty(); });
+  if (named == 0) {
+    return {};
+  }
+  if (named != std::ssize(paths)) {
+    throw std::runtime_error("mutual TLS needs three files: authority, certificate and key");
+  }
+  keepOpenSslToTheEnd();
+  TlsIdentity pems{read(files.authority), read(files.certificate), read(files.key)};
+  check(files, pems);
+  return pems;
+}
 
 bool isUnixSocket(const std::string& target) { return target.starts_with("unix:"); }
 
@@ -124,11 +122,11 @@ std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& ta
         "--insecure-plain-tcp if anybody may read, change and call",
         target));
   }
-  Pems pems = readPems(security.tls);
+  const TlsIdentity& tls = security.tls;
   grpc::SslServerCredentialsOptions options(
       GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-  options.pem_root_certs = std::move(pems.authority);
-  options.pem_key_cert_pairs = {{std::move(pems.key), std::move(pems.certificate)}};
+  options.pem_root_certs = tls.authority;
+  options.pem_key_cert_pairs = {{tls.key, tls.certificate}};
   return grpc::SslServerCredentials(options);
 }
 
@@ -141,9 +139,8 @@ std::shared_ptr<grpc::ChannelCredentials> channelCredentials(const TransportSecu
     case Protection::tls:
       break;
   }
-  Pems pems = readPems(security.tls);
-  return grpc::SslCredentials(
-      {std::move(pems.authority), std::move(pems.key), std::move(pems.certificate)});
+  const TlsIdentity& tls = security.tls;
+  return grpc::SslCredentials({tls.authority, tls.key, tls.certificate});
 }
 
 }  // namespace kel::host

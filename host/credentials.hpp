@@ -20,16 +20,27 @@ struct TlsFiles {
   std::string key;
 };
 
+// What those files hold; empty: no TLS.
+struct TlsIdentity {
+  std::string authority;
+  std::string certificate;
+  std::string key;
+};
+
+// Reads each file once, so that a pipe will do. Throws std::runtime_error with a sentence if only
+// some are named, or one cannot be used.
+TlsIdentity readTlsFiles(const TlsFiles& files);
+
 struct TransportSecurity {
-  TlsFiles tls = {};
+  TlsIdentity tls = {};
   bool insecurePlainTcp = false;  // TCP that anybody may read, change and call
 };
 
 // Whether a gRPC target is a Unix socket in the file system, which has an owner and a mode.
 bool isUnixSocket(const std::string& target);
 
-// Both throw std::runtime_error with a sentence for files that cannot be used, and for a target
-// that is no Unix socket when security has neither files nor insecurePlainTcp, or both.
+// Both throw std::runtime_error with a sentence if security has both TLS and insecurePlainTcp; the
+// first also for a target that is no Unix socket if it has neither.
 std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& target,
                                                            const TransportSecurity& security);
 // For every target but Unix sockets; null if nothing has been asked for.

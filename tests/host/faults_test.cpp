@@ -457,7 +457,7 @@ TEST_F(Faults, OneOfTwoServersDies) {
   const std::filesystem::path mortalOutput = folder / "mortal.output";
   auto mortal = startMasterWithOutput(mortalOutput, "127.0.0.1:0", options);
   const std::string mortalAddress = mortal->address();
-  configureCalls({.security = {files}, .serverName = "kel-server"});
+  configureCalls({.security = {readTlsFiles(files)}, .serverName = "kel-server"});
   aimAt(fmt::format("ipv4:{},{}", mortalAddress, steady->address()));
 
   constexpr int kThreads = 3;

@@ -177,7 +177,7 @@ TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
     const TlsFiles files = authority.issue(name);
     const bool mayChange = name != std::string("reader");
     const int32_t changing = mayChange ? kOk : kNotPermitted;
-    configureCalls({.security = {files}});
+    configureCalls({.security = {readTlsFiles(files)}});
     const QarneClient client(qarne_, 0);
     EXPECT_EQ(outcome(client.call(kSysOvLoadDiskThresholdSet, {}).result()), outcome(changing));
     EXPECT_EQ(outcome(client.call(kResetDiskMakeFS, {}).result()), outcome(changing));

@@ -98,7 +98,7 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
   TlsFiles expecting = good;
   expecting.authority = others.file("others", "pem");
 
-  RpcServer server(kLoopback, handler(), {.security = {serverFiles}});
+  RpcServer server(kLoopback, handler(), {.security = {readTlsFiles(serverFiles)}});
   aimAt(server.target());
   struct Case {
     const char* what;
@@ -108,12 +108,16 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
   const Case cases[] = {
       {"nothing configured", {}, kNotProtected},
       {"plain TCP", {.security = {.insecurePlainTcp = true}}, kUnreachable},
-      {"a peer of ours", {.security = {good}}, kOk},
-      {"a peer of another authority", {.security = {stranger}}, kUnreachable},
-      {"a certificate that has expired", {.security = {ours.issue("late", "", -1)}}, kUnreachable},
-      {"a server of another authority", {.security = {expecting}}, kUnreachable},
-      {"a server of another name", {.security = {good}, .serverName = "other"}, kUnreachable},
-      {"a peer of ours again", {.security = {good}}, kOk},
+      {"a peer of ours", {.security = {readTlsFiles(good)}}, kOk},
+      {"a peer of another authority", {.security = {readTlsFiles(stranger)}}, kUnreachable},
+      {"a certificate that has expired",
+       {.security = {readTlsFiles(ours.issue("late", "", -1))}},
+       kUnreachable},
+      {"a server of another authority", {.security = {readTlsFiles(expecting)}}, kUnreachable},
+      {"a server of another name",
+       {.security = {readTlsFiles(good)}, .serverName = "other"},
+       kUnreachable},
+      {"a peer of ours again", {.security = {readTlsFiles(good)}}, kOk},
   };
   for (const Case& peer : cases) {
     SCOPED_TRACE(peer.what);
@@ -124,7 +128,7 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
   piped.key = folder / "pipe";
   ASSERT_EQ(mkfifo(piped.key.c_str(), S_IRWXU), 0);
   std::thread writer([&] { std::ofstream(piped.key) << contentOf(good.key); });
-  configureCalls({.security = {piped}});
+  configureCalls({.security = {readTlsFiles(piped)}});
   writer.join();
   expectCall(kOk);
   const int before = handled_;
@@ -139,7 +143,8 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
   constexpr std::string_view kRestricted[] = {kAlarmPath};
   const PeerPolicy policy = restrictTo({"operator", "operator.example"}, kRestricted);
   const TransportSecurity plain{.insecurePlainTcp = true};
-  RpcServer overTls(kLoopback, handler(), {.security = {serverFiles}, .policy = policy});
+  RpcServer overTls(kLoopback, handler(),
+                    {.security = {readTlsFiles(serverFiles)}, .policy = policy});
   RpcServer overTcp(kLoopback, handler(), {.security = plain, .policy = policy});
   RpcServer local(target, handler(), {.policy = policy});
   struct Case {
@@ -148,18 +153,17 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
     TransportSecurity security;
     int32_t expected;
   };
+  const auto issue = [&](const char* name, const char* extension = "") {
+    return TransportSecurity{readTlsFiles(ours.issue(name, extension))};
+  };
   const Case cases[] = {
-      {"named by common name", overTls, {ours.issue("operator")}, kOk},
-      {"named by one of two alternative names",
-       overTls,
-       {ours.issue("a", "subjectAltName=DNS:other,DNS:operator.example")},
-       kOk},
-      {"not named", overTls, {ours.issue("somebody")}, kNotPermitted},
-      {"named only in part", overTls, {ours.issue("operator.example.org")}, kNotPermitted},
-      {"a common name besides alternative names",
-       overTls,
-       {ours.issue("operator", "subjectAltName=DNS:other")},
-       kNotPermitted},
+      {"named by common name", overTls, issue("operator"), kOk},
+      {"named by one of two alternative names", overTls,
+       issue("a", "subjectAltName=DNS:other,DNS:operator.example"), kOk},
+      {"not named", overTls, issue("somebody"), kNotPermitted},
+      {"named only in part", overTls, issue("operator.example.org"), kNotPermitted},
+      {"a common name besides alternative names", overTls,
+       issue("operator", "subjectAltName=DNS:other"), kNotPermitted},
       {"nameless", overTcp, plain, kNotPermitted},
       {"the local user", local, {}, kOk},
   };
@@ -186,10 +190,26 @@ FileDescriptor bindDatagrams(const std::string& path) {
   return result;
 }
 
-TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
+TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
   const TestAuthority ours(folder, "ours");
   const TlsFiles good = ours.issue("good");
   const TlsFiles other = ours.issue("other");
+  const std::pair<TlsFiles, const char*> cases[] = {
+      {{good.authority, good.certificate, ""}, "three files"},
+      {{good.key, good.certificate, good.key}, "as the authority's certificate"},
+      {{good.authority, good.key, good.key}, "as a certificate"},
+      {{good.authority, good.certificate, other.key}, "as the key of"},
+      {{"none.pem", good.certificate, good.key}, "cannot read none.pem: No such file"},
+  };
+  for (const auto& [files, expected] : cases) {
+    const std::string complaint = complaintOf([&] { (void)readTlsFiles(files); });
+    EXPECT_NE(complaint.find(expected), std::string::npos) << complaint << "\nis not\n" << expected;
+  }
+}
+
+TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
+  const TestAuthority ours(folder, "ours");
+  const TransportSecurity both{readTlsFiles(ours.issue("good")), true};
   std::ofstream(folder / "file") << "not a socket";
   const FileDescriptor datagrams = bindDatagrams(folder / "datagrams");
   struct Case {
@@ -200,13 +220,7 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
   const Case cases[] = {
       {kLoopback, {}, "--insecure-plain-tcp"},
       {"unix-abstract:name", {}, "--insecure-plain-tcp"},
-      {kLoopback, {{good.authority, good.certificate, ""}, false}, "three files"},
-      {kLoopback, {good, true}, "exclude each other"},
-      {kLoopback, {{good.authority, good.certificate, other.key}, false}, "as the key of"},
-      {kLoopback, {{good.authority, good.key, good.key}, false}, "as a certificate"},
-      {kLoopback,
-       {{"none.pem", good.certificate, good.key}, false},
-       "cannot read none.pem: No such file"},
+      {kLoopback, both, "exclude each other"},
       {"127.0.0.1", {{}, true}, "ADDRESS:PORT"},
       {"127.0.0.1:port", {{}, true}, "cannot listen on 127.0.0.1:port"},
       {"192.0.2.1:1", {{}, true}, "Cannot assign requested address"},
@@ -222,8 +236,7 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
                                                                 << ill.complaint;
   }
   EXPECT_TRUE(std::filesystem::exists(folder / "datagrams")) << "taken from who serves there";
-  const TransportSecurity unfit{{good.authority, good.certificate, other.key}, false};
-  EXPECT_NE(complaintOf([&] { configureCalls({.security = unfit}); }).find("as the key of"),
+  EXPECT_NE(complaintOf([&] { configureCalls({.security = both}); }).find("exclude each other"),
             std::string::npos);
 }
 
