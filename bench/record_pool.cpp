@@ -9,13 +9,12 @@ namespace {
 
 constexpr size_t kMostBytes = size_t{1} << 19;
 
-// What a record takes with all that it points at, to the next multiple of 8. One without fields
-// still has an address.
+// What a record takes with all that it points at. One without fields still has an address.
 size_t bytesOf(const fuzz::Shape& shape, uint32_t entries) {
-  size_t bytes = std::max<size_t>(shape.recordSize + 7, 8) / 8 * 8;
+  size_t bytes = aligned(std::max<size_t>(shape.recordSize, 1));
   for (const fuzz::Field& field : shape.fields) {
-    if (field.kind == fuzz::Kind::string) bytes += kTextLength + 8;
-    if (field.kind == fuzz::Kind::vector) bytes += (entries * field.nested->recordSize + 7) / 8 * 8;
+    if (field.kind == fuzz::Kind::string) bytes += aligned(kTextLength + 1);
+    if (field.kind == fuzz::Kind::vector) bytes += aligned(entries * field.nested->recordSize);
   }
   return bytes;
 }
@@ -74,7 +73,7 @@ uint64_t RecordPool::scalar(bool zeros) {
 
 uint8_t* RecordPool::room(size_t size) {
   uint8_t* const begin = memory_.data() + used_;
-  used_ += (size + 7) / 8 * 8;
+  used_ += aligned(size);
   return begin;
 }
 

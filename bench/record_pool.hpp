@@ -14,6 +14,11 @@ namespace kel::bench {
 inline constexpr size_t kTextLength = 40;
 inline constexpr size_t kMostRecords = 1024;
 
+// Records, what they point at and their encodings begin where malloc would have them begin.
+inline constexpr size_t kAlignment = 16;
+
+constexpr size_t aligned(size_t size) { return (size + kAlignment - 1) / kAlignment * kAlignment; }
+
 // Which scalars are zero, and so take no room in our layout: none; each with probability one half;
 // the one or the other from record to record, in lists from entry to entry. Byte arrays and texts
 // are always there.

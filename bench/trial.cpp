@@ -9,10 +9,7 @@ namespace kel::bench {
 namespace {
 
 constexpr size_t kPage = 4096;
-constexpr size_t kAlignment = 16;
 constexpr size_t kFarthest = kPage / 2;  // so that a message without a list stays within the page
-
-size_t aligned(size_t size) { return (size + kAlignment - 1) / kAlignment * kAlignment; }
 
 }  // namespace
 
