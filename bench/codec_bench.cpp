@@ -16,7 +16,17 @@ namespace {
 constexpr double kSecondsForEach = 0.15;
 constexpr uint32_t kMillion = 1'000'000;
 
-enum class Direction : uint8_t { encode, fixed, decode };
+enum class Direction : uint8_t { encode, encodeFixed, decode, decodeFixed };
+
+std::string nameOf(Direction direction) {
+  constexpr const char* kNames[] = {"encode", "encode fixed", "decode", "decode fixed"};
+  return kNames[static_cast<size_t>(direction)];
+}
+
+bool isFixed(Direction direction) {
+  return direction == Direction::encodeFixed || direction == Direction::decodeFixed;
+}
+bool decodes(Direction direction) { return direction >= Direction::decode; }
 
 uint32_t copyBytes(const Message&, const Item& item, uint8_t* out) {
   std::memcpy(out, item.bytes, item.length);
@@ -58,7 +68,7 @@ class Row {
     enter("memcpy", ours_, copyBytes);
     if (!holds(message, fuzz::Kind::vector)) enter("memcpy of the record", ours_, copyRecord);
     if (holds(message, fuzz::Kind::string)) enter("malloc, copy, free", ours_, copyTextToTheHeap);
-    if (direction != Direction::decode) enter("two empty calls", ours_, callTwice);
+    if (!decodes(direction)) enter("two empty calls", ours_, callTwice);
     if (entries != kMillion) enterRivals();
     if (filling == Filling::random) enterOursAllSet(entries);
   }
@@ -71,10 +81,10 @@ class Row {
 
  private:
   [[nodiscard]] Candidate us() const {
-    return direction_ == Direction::fixed ? oursInFixedLayout(message_) : ours(message_);
+    return isFixed(direction_) ? oursInFixedLayout(message_) : ours(message_);
   }
   [[nodiscard]] Operation operationOf(const Candidate& candidate) const {
-    return direction_ == Direction::decode ? candidate.decode : candidate.encode;
+    return decodes(direction_) ? candidate.decode : candidate.encode;
   }
   void compete(Pace pace, benchmark::State& state) {
     const std::vector<Outcome> outcomes =
@@ -95,7 +105,7 @@ class Row {
       const Candidate& candidate = rival->candidate();
       if (operationOf(candidate) == nullptr) continue;
       enter(std::string(candidate.name), *rival, operationOf(candidate));
-      if (direction_ != Direction::decode && candidate.encodeAlone != nullptr) {
+      if (!decodes(direction_) && candidate.encodeAlone != nullptr) {
         enter(std::string(candidate.name) + ", encoding alone", *rival, candidate.encodeAlone);
       }
     }
@@ -118,10 +128,8 @@ class Row {
 };
 
 void add(const Message& message, Direction direction, Filling filling, uint32_t entries) {
-  constexpr const char* kDirections[] = {"encode", "fixed", "decode"};
-  const std::string name = std::string(kDirections[static_cast<size_t>(direction)]) + "/" +
-                           message.name + "/" + std::to_string(entries) + "/" +
-                           std::string(nameOf(filling));
+  const std::string name = nameOf(direction) + "/" + message.name + "/" + std::to_string(entries) +
+                           "/" + std::string(nameOf(filling));
   benchmark::RegisterBenchmark(name.c_str(),
                                [&message, direction, filling, entries](benchmark::State& state) {
                                  Row row(message, direction, filling, entries);
@@ -142,7 +150,9 @@ void addAll() {
     for (const Filling filling : {Filling::allSet, Filling::random, Filling::half}) {
       addSizes(message, Direction::encode, filling);
       addSizes(message, Direction::decode, filling);
-      if (message.fixedPack != nullptr) add(message, Direction::fixed, filling, 0);
+      if (message.fixedPack == nullptr) continue;
+      add(message, Direction::encodeFixed, filling, 0);
+      add(message, Direction::decodeFixed, filling, 0);
     }
     if (message.name == "StorageEraseInfo") {
       add(message, Direction::encode, Filling::random, kMillion);

@@ -40,8 +40,9 @@ void runAll(const Message& message, Filling filling) {
     run("decode", message, filling, candidate.decode, item);
     if (message.fixedPack == nullptr) continue;
     const Candidate fixed = oursInFixedLayout(message);
-    fixed.encode(message, item, out.data());
-    run("fixed", message, filling, fixed.encode, item);
+    item.length = fixed.encode(message, item, encoded.data());
+    run("encode fixed", message, filling, fixed.encode, item);
+    run("decode fixed", message, filling, fixed.decode, item);
   }
 }
 

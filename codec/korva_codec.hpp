@@ -3,7 +3,7 @@
 #pragma once
 
 #include "codec/korva_compact_packer.hpp"
-#include "codec/korva_fixed_packer.hpp"
+#include "codec/korva_fixed_layout.hpp"
 #include "codec/korva_inlined.hpp"
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
@@ -55,9 +55,12 @@ template <CodecRuntime& Runtime, class Record>
                                    : setUpAnd(Runtime, entry, bytes, length, record);
 }
 
+// How a message may be sent.
+enum class Layouts : uint8_t { compact, compactAndFixed };
+
 // Title is the message's name with its package, as log lines begin their function names; Runtime is
 // the unit's.
-template <Name Title, class RecordType, CodecRuntime& Runtime>
+template <Name Title, class RecordType, Layouts Sent, CodecRuntime& Runtime>
 class Codec {
  public:
   using Record = RecordType;
@@ -92,18 +95,21 @@ class Codec {
     if (!canUnpack(source, untyped)) [[unlikely]] {
       return other();
     }
+    if constexpr (Sent == Layouts::compactAndFixed) {
+      if (source.at<uint32_t>(0) == fixed::kTablePosition) {
+        return unpackFixed(bytes, length, static_cast<Typed*>(untyped), entry);
+      }
+    }
     auto& record = *static_cast<Record*>(untyped);
     if constexpr (kOwnsMemory<Record>) {
       clear(record);
-    }
-    if (!reading::hasOwnFront<Record>(source)) [[unlikely]] {
-      return other();
-    }
-    if (!reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
-                            record)) [[unlikely]] {
-      if constexpr (kOwnsMemory<Record>) {
+      if (!reading::hasOwnFront<Record>(source)) [[unlikely]] {
+        return other();
+      }
+      if (!readOwnSlots(source, record)) [[unlikely]] {
         return giveUp(&record);
       }
+    } else if (!readOwn(source, record)) [[unlikely]] {
       return other();  // leaves the record as a failure has to
     }
     return reinterpret_cast<uintptr_t>(untyped);
@@ -121,6 +127,7 @@ class Codec {
   template <class Entry>
   [[gnu::always_inline]] static int32_t packFixed(uint8_t* buffer, const void* record,
                                                   Entry* entry) {
+    static_assert(Sent == Layouts::compactAndFixed);
     if (!isReady(Runtime.memReady)) [[unlikely]] {
       return setUpAnd(Runtime, entry, buffer, record);
     }
@@ -156,6 +163,37 @@ class Codec {
                                                   uint32_t (*entry)(const PackTarget*,
                                                                     const Typed*)) {
     return packInto(target, typed, entry);
+  }
+
+  [[gnu::always_inline]] static bool readOwnSlots(const reading::Source& source, Record& record) {
+    return reading::readSlots(source, source.bytes + kRootOffsetWidth, reading::kOwnTable<Record>,
+                              record);
+  }
+
+  // Reads what our own packer has written. Whatever it says no to is to be read in another way.
+  [[gnu::always_inline]] static bool readOwn(const reading::Source& source, Record& record) {
+    if constexpr (small::SmallTable<Record>) {
+      return source.at<uint32_t>(0) == reading::kOwnTable<Record> &&
+             reading::readSmall(source, reading::kOwnTable<Record>, record);
+    } else {
+      return reading::hasOwnFront<Record>(source) && readOwnSlots(source, record);
+    }
+  }
+
+  // What may be unpacked, and has its root table where the fixed layout has it. Apart, so that its
+  // registers are not the business of the compact form.
+  template <class Typed>
+  [[gnu::noinline]] static uintptr_t unpackFixed(const void* bytes, uint32_t length, Typed* typed,
+                                                 uintptr_t (*entry)(const void*, uint32_t,
+                                                                    Typed*)) {
+    const auto* const message = static_cast<const uint8_t*>(bytes);
+    if (length < kFixedSize<Record> || !isFixed<Record>(message)) [[unlikely]] {
+      return unpackOther<Runtime>(kUnpackName.text(), bytes, length, typed, entry, unpackAny);
+    }
+    auto& record = *static_cast<Record*>(typed);
+    reading::clearPadding(record);
+    fixedUnpack(message, record);
+    return reinterpret_cast<uintptr_t>(typed);
   }
 
   static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }

@@ -1,5 +1,5 @@
 // Stretches of a message whose layout only the schema decides: where each of their bytes comes
-// from, and writing them. For the packers.
+// from, writing them, and reading them back. For the packers and for reading the fixed layout.
 #pragma once
 
 #include <algorithm>
@@ -57,6 +57,17 @@ class Image {
   // Where the next piece begins, at position or behind it.
   [[nodiscard]] constexpr uint32_t firstUsed(uint32_t position) const {
     while (position < Size && sources_[position] == kUnused) {
+      ++position;
+    }
+    return position;
+  }
+
+  // Whether a byte is the schema's own, and where the first such one is, at position or behind it.
+  [[nodiscard]] constexpr bool isConstant(uint32_t position) const {
+    return sources_[position] == Piece::kSchema;
+  }
+  [[nodiscard]] constexpr uint32_t firstConstant(uint32_t position) const {
+    while (position < Size && !isConstant(position)) {
       ++position;
     }
     return position;
@@ -157,6 +168,51 @@ template <const auto& Of, uint32_t Position, uint32_t From>
 template <const auto& Of>
 [[gnu::always_inline]] inline void write(uint8_t* buffer, const uint8_t* record) {
   writeFrom<Of, 0>(buffer, record, Loaded<kNothing>{});
+}
+
+// A vector's bytes of an image that are the schema's own, with zeros for the others; and a mask of
+// which those are.
+struct Expected {
+  alignas(kVectorWidth) std::array<uint8_t, kVectorWidth> bytes;
+  alignas(kVectorWidth) std::array<uint8_t, kVectorWidth> mask;
+};
+template <const auto& Of, uint32_t Position>
+inline constexpr Expected kExpected = [] {
+  Expected expected{};
+  for (uint32_t i = 0; i < kVectorWidth; ++i) {
+    expected.bytes[i] = Of.constants[Position + i];
+    expected.mask[i] = Of.isConstant(Position + i) ? 0xFF : 0;
+  }
+  return expected;
+}();
+
+// Nothing but zeros if all the schema's own bytes from Position on are what a buffer has there,
+// which must hold the whole image.
+template <const auto& Of, uint32_t Position = 0>
+[[gnu::always_inline]] inline ByteVector difference(const uint8_t* buffer) {
+  constexpr uint32_t kConstant = Of.firstConstant(Position);
+  if constexpr (kConstant == Of.size()) {
+    return ByteVector{};
+  } else {
+    constexpr uint32_t kAt = std::min(kConstant, Of.size() - kVectorWidth);
+    constexpr const Expected& kHere = kExpected<Of, kAt>;
+    const ByteVector found =
+        loadVector<kVectorWidth>(buffer + kAt) & loadAligned(kHere.mask.data());
+    return (found ^ loadAligned(kHere.bytes.data())) | difference<Of, kAt + kVectorWidth>(buffer);
+  }
+}
+
+// Reads the record's bytes from Position on; its padding keeps what it held.
+template <const auto& Of, uint32_t Position = 0>
+[[gnu::always_inline]] inline void read(const uint8_t* buffer, uint8_t* record) {
+  constexpr uint32_t kPosition = Of.firstUsed(Position);
+  if constexpr (kPosition < Of.size()) {
+    constexpr Piece kPiece = Of.pieceAt(kPosition);
+    if constexpr (kPiece.source != Piece::kSchema) {
+      std::memcpy(record + kPiece.source, buffer + kPosition, kPiece.size);
+    }
+    read<Of, kPosition + kPiece.size>(buffer, record);
+  }
 }
 
 }  // namespace korva::image

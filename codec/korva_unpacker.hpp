@@ -8,6 +8,7 @@
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
+#include "codec/korva_small_table.hpp"
 
 namespace korva::reading {
 
@@ -216,6 +217,69 @@ template <class Slot, class Record>
   return readTable(source, view, Slot::get(record));
 }
 
+// Clears what lies between the members of a record and behind the last one, and in its nested ones.
+template <PlainTable Record>
+[[gnu::always_inline]] inline void clearPadding(Record& record) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    if constexpr (Slot::kind == SlotKind::table) {
+      clearPadding(Slot::get(record));
+    }
+    constexpr uint32_t kEnd = kMemberOffset<Record, Index> + Slot::width;
+    constexpr uint32_t kNext = [] {
+      if constexpr (Index + 1 < Schema<Record>::count) {
+        return kMemberOffset<Record, Index + 1>;
+      } else {
+        return kRecordSize<Record>;
+      }
+    }();
+    if constexpr (kEnd != kNext) {
+      std::memset(reinterpret_cast<uint8_t*>(&record) + kEnd, 0, kNext - kEnd);
+    }
+  });
+}
+
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool readTableAt(const Source& source, uint64_t position,
+                                                          Record& record) {
+  TableView view{};
+  return openTable(source, position, view) == HeaderFault::none && readTable(source, view, record);
+}
+
+// Reads a small table at once. Whatever it says no to is to be read in another way.
+template <small::SmallTable Record>
+[[nodiscard, gnu::always_inline]] inline bool readSmall(const Source& source, uint64_t position,
+                                                        Record& record) {
+  if (!small::read(source.bytes, source.length, position, record)) [[unlikely]] {
+    return false;
+  }
+  clearPadding(record);
+  return true;
+}
+
+// Where the first element of a list may lie: not before its entry, which is behind the count, which
+// is not before the offset field, which is behind the root table's beginning. Our vtable is no
+// longer than that, and where it would reach into the root offset, that has zeros in its place.
+inline constexpr uint32_t kFirstElement = kRootOffsetWidth + 1 + kCountWidth;
+
+// What another writer has laid out.
+template <small::SmallTable Element>
+[[nodiscard, gnu::cold, gnu::noinline]] bool readOtherElement(const Source& source,
+                                                              uint64_t position, Element& element) {
+  return readTableAt(source, position, element);
+}
+
+template <class Element>
+[[nodiscard, gnu::always_inline]] inline bool readElement(const Source& source, uint64_t position,
+                                                          Element& element) {
+  if constexpr (small::SmallTable<Element>) {
+    static_assert(kVtableLength<Element> <= kFirstElement);
+    return (source.holds(position, kDisplacementWidth) && readSmall(source, position, element)) ||
+           readOtherElement(source, position, element);
+  } else {
+    return readTableAt(source, position, element);
+  }
+}
+
 // Every element has an entry of four bytes in the buffer, so the array is at most a quarter of the
 // length times the element's size, whatever count the buffer claims. Elements may lie anywhere, and
 // may overlap.
@@ -244,9 +308,7 @@ template <class Slot, class Record>
   Slot::count(record) = count;
   for (uint32_t i = 0; i < count; ++i) {
     const uint64_t entry = entries + uint64_t{i} * kOffsetFieldWidth;
-    TableView view{};
-    if (openTable(source, entry + source.at<uint32_t>(entry), view) != HeaderFault::none ||
-        !readTable(source, view, elements[i])) {
+    if (!readElement(source, entry + source.at<uint32_t>(entry), elements[i])) [[unlikely]] {
       return false;
     }
   }
@@ -298,24 +360,6 @@ template <class Slot, class Record>
                                                         uint8_t* complete, uint32_t size) {
   std::memset(complete, 0, size);
   std::memcpy(complete, vtable, length - length % kSlotEntryWidth);
-}
-
-// Clears what lies between the members of a record and behind the last one.
-template <PlainTable Record>
-[[gnu::always_inline]] inline void clearPadding(Record& record) {
-  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    constexpr uint32_t kEnd = kMemberOffset<Record, Index> + Slot::width;
-    constexpr uint32_t kNext = [] {
-      if constexpr (Index + 1 < Schema<Record>::count) {
-        return kMemberOffset<Record, Index + 1>;
-      } else {
-        return kRecordSize<Record>;
-      }
-    }();
-    if constexpr (kEnd != kNext) {
-      std::memset(reinterpret_cast<uint8_t*>(&record) + kEnd, 0, kNext - kEnd);
-    }
-  });
 }
 
 // Reads all of a table whose vtable reaches all slots: an absent field is 0, and so are every byte

@@ -1,5 +1,5 @@
-// The OS layer of a fuzz program, found by both libraries by name: keeps account of every block and
-// of the last log line. For the fuzz programs.
+// An OS layer, found by both libraries by name: keeps account of every block and
+// of the last log line. For fuzz programs and tests.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // Every message with its routines, by the entry points that ship: the library's through its codec
-// tables, the peer library's by name. For the fuzz programs.
+// tables, the peer library's by name. For fuzz programs and tests.
 #pragma once
 
 #include <kel_sys_diag/rpc.h>

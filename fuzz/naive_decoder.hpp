@@ -1,6 +1,6 @@
 // A second decoder, as plain as the format's rules read: one message at a time, every sum in 64
 // bits, nothing shared with the codecs. It decides what the unpackers have to answer.
-// For the fuzz programs.
+// For fuzz programs and tests.
 #pragma once
 
 #include <cstddef>

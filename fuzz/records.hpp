@@ -1,4 +1,4 @@
-// Records of any shape: made of given bytes, compared. For the fuzz programs.
+// Records of any shape: made of given bytes, compared. For fuzz programs and tests.
 #pragma once
 
 #include <algorithm>

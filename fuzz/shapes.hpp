@@ -1,5 +1,5 @@
 // What each message's record holds and how it travels, as plain data typed by hand: shares nothing
-// with the schemas, whose compile-time machinery it is to check. For the fuzz programs.
+// with the schemas, whose compile-time machinery it is to check. For fuzz programs and tests.
 #pragma once
 
 #include <algorithm>

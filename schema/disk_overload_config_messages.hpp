@@ -18,7 +18,8 @@ struct korva::Schema<OvLoadDiskCtlOutput>
 
 namespace kel::message {
 
-using OvLoadDiskCtlInput = Message<"OvLoadDiskCtlInput", ::OvLoadDiskCtlInput>;
+using OvLoadDiskCtlInput =
+    Message<"OvLoadDiskCtlInput", ::OvLoadDiskCtlInput, korva::Layouts::compactAndFixed>;
 using OvLoadDiskCtlOutput = Message<"OvLoadDiskCtlOutput", ::OvLoadDiskCtlOutput>;
 
 }  // namespace kel::message

@@ -12,8 +12,10 @@
 namespace kel::message {
 
 using ResetDiskCondition = Message<"ResetDiskCondition", ::ResetDiskCondition>;
-using ResetDiskResult = Message<"ResetDiskResult", ::ResetDiskResult>;
+using ResetDiskResult =
+    Message<"ResetDiskResult", ::ResetDiskResult, korva::Layouts::compactAndFixed>;
 using MountDiskInput = Message<"MountDiskInput", ::MountDiskInput>;
-using MountDiskResult = Message<"MountDiskResult", ::MountDiskResult>;
+using MountDiskResult =
+    Message<"MountDiskResult", ::MountDiskResult, korva::Layouts::compactAndFixed>;
 
 }  // namespace kel::message

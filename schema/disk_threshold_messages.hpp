@@ -16,6 +16,6 @@ struct korva::Schema<OperResult> : korva::Slots<&OperResult::result> {};
 namespace kel::message {
 
 using SysOvLoadDiskThreshold = Message<"SysOvLoadDiskThreshold", ::SysOvLoadDiskThreshold>;
-using OperResult = Message<"OperResult", ::OperResult>;
+using OperResult = Message<"OperResult", ::OperResult, korva::Layouts::compactAndFixed>;
 
 }  // namespace kel::message

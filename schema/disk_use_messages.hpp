@@ -19,6 +19,7 @@ struct korva::Schema<SysDiskUseInfoResult>
 namespace kel::message {
 
 using SysDiskUseInput = Message<"SysDiskUseInput", ::SysDiskUseInput>;
-using SysDiskUseInfoResult = Message<"SysDiskUseInfoResult", ::SysDiskUseInfoResult>;
+using SysDiskUseInfoResult =
+    Message<"SysDiskUseInfoResult", ::SysDiskUseInfoResult, korva::Layouts::compactAndFixed>;
 
 }  // namespace kel::message

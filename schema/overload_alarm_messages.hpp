@@ -26,7 +26,9 @@ struct korva::Schema<OverloadDiskAlarmInput>
 
 namespace kel::message {
 
-using OverloadAlarmInput = Message<"OverloadAlarmInput", ::OverloadAlarmInput>;
-using OverloadDiskAlarmInput = Message<"OverloadDiskAlarmInput", ::OverloadDiskAlarmInput>;
+using OverloadAlarmInput =
+    Message<"OverloadAlarmInput", ::OverloadAlarmInput, korva::Layouts::compactAndFixed>;
+using OverloadDiskAlarmInput =
+    Message<"OverloadDiskAlarmInput", ::OverloadDiskAlarmInput, korva::Layouts::compactAndFixed>;
 
 }  // namespace kel::message

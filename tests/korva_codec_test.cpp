@@ -106,7 +106,11 @@ constinit korva::CodecRuntime testRuntime{
     .memReady = 1, .codecAlloc = countingAlloc, .codecFree = countingFree};
 
 template <korva::Name Name, class Record>
-using TestCodec = kel::test::WithEntries<korva::Codec<Name, Record, testRuntime>>;
+using TestCodec =
+    kel::test::WithEntries<korva::Codec<Name, Record,
+                                        korva::PlainTable<Record> ? korva::Layouts::compactAndFixed
+                                                                  : korva::Layouts::compact,
+                                        testRuntime>>;
 using BranchCodec = TestCodec<"Branch", Branch>;
 using BranchListCodec = TestCodec<"BranchList", BranchList>;
 using EverythingCodec = TestCodec<"Everything", Everything>;
@@ -149,8 +153,8 @@ void expectCapacityKept(GuardedMemory& memory, const Record& record) {
   }
 }
 
-// What is packed comes back equal, from memory with nothing before or behind it, and is given back
-// whole. Nothing follows the record either.
+// What is packed comes back equal, from memory with nothing before or behind it, with the same
+// padding from every layout, and is given back whole. Nothing follows the record either.
 template <class Codec>
 void expectRoundTrips(int rounds, uint32_t maximumEntries) {
   using Record = typename Codec::Record;
@@ -167,6 +171,7 @@ void expectRoundTrips(int rounds, uint32_t maximumEntries) {
       layouts.emplace_back(Codec::fixedSize());
       ASSERT_EQ(Codec::packFixed(layouts[1].data(), &record), 0);
     }
+    Buffer firstUnpacked;
     for (const Buffer& packed : layouts) {
       for (const uint8_t* bytes : {memory.copyFirst(packed), memory.copyLast(packed)}) {
         Record unpacked;
@@ -174,6 +179,12 @@ void expectRoundTrips(int rounds, uint32_t maximumEntries) {
         const auto length = static_cast<uint32_t>(packed.size());
         ASSERT_EQ(Codec::unpack(bytes, length, &unpacked), reinterpret_cast<uintptr_t>(&unpacked));
         ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
+        if constexpr (korva::PlainTable<Record>) {
+          const auto* const begin = reinterpret_cast<const uint8_t*>(&unpacked);
+          const Buffer held(begin, begin + sizeof unpacked);
+          if (firstUnpacked.empty()) firstUnpacked = held;
+          ASSERT_EQ(held, firstUnpacked);
+        }
         Codec::release(&unpacked);
         ASSERT_TRUE(outstanding.empty());
       }

@@ -454,11 +454,6 @@ TEST(EveryUnpacker, RefusesEveryTruncation) {
   EXPECT_TRUE(outstanding.empty());
 }
 
-TEST(EveryUnpacker, StaysWithinTheMessageWhateverItsWordsSay) {
-  bendEveryWord(everyMessage());
-  EXPECT_TRUE(outstanding.empty());
-}
-
 // The twins' codecs do the same: their log lines tell which of them a method is bound to.
 TEST(EveryCodec, RefusesThreeBytesInItsOwnName) {
   uint8_t bytes[3] = {};

@@ -158,27 +158,6 @@ inline void expectTruncationsRefused(const std::vector<Message>& messages) {
   });
 }
 
-// Whatever the verdict: never a read outside the message. The guard pages see to that, leak
-// checking to the rest.
-inline void bendEveryWord(const std::vector<Message>& messages) {
-  forEachEncoding(messages, 2, [](const Message& message, const Encoding& encoding) {
-    const auto length = static_cast<uint32_t>(encoding.bytes.size());
-    const uint32_t values[] = {0,          1,          3,          4,          5,
-                               6,          length - 5, length - 4, length - 3, length,
-                               length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000,
-                               0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
-    GuardedMemory memory(length);
-    for (uint32_t position = 0; position < length; ++position) {
-      for (const uint32_t value : values) {
-        const Buffer bent =
-            bend(encoding.bytes, {"", position, std::min(4U, length - position), value, ""});
-        unpackAndRelease(message, memory.copyFirst(bent), length);
-        unpackAndRelease(message, memory.copyLast(bent), length);
-      }
-    }
-  });
-}
-
 // Thousands of records from either side to the other, in every layout; and, on the way, that a
 // message is written whole or not at all and never past its end, and nothing read past a record's.
 inline void expectRoundTrips(const std::vector<Message>& messages) {

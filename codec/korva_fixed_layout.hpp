@@ -1,5 +1,5 @@
-// The fixed-layout packer: every field present at a position that only the schema decides, the
-// vtable behind the table. For the codecs of messages without strings and vectors.
+// The fixed layout: every field present at a position that only the schema decides, the vtable
+// behind the table. For the codecs of messages without strings and vectors.
 #pragma once
 
 #include "codec/korva_format.hpp"
@@ -99,6 +99,19 @@ inline constexpr uint32_t kFixedSize = fixed::kSize<Record>;
 template <PlainTable Record>
 [[gnu::always_inline]] inline void fixedPack(uint8_t* buffer, const Record& record) {
   image::write<fixed::kLayout<Record>>(buffer, reinterpret_cast<const uint8_t*>(&record));
+}
+
+// Whether kFixedSize bytes are a record in its fixed layout, as our own packer writes it. The
+// general way reads such a message, too, and to the same end.
+template <PlainTable Record>
+[[nodiscard, gnu::always_inline]] inline bool isFixed(const uint8_t* bytes) {
+  return isZero(image::difference<fixed::kLayout<Record>>(bytes));
+}
+
+// Reads what isFixed has recognised. The record's padding keeps what it held.
+template <PlainTable Record>
+[[gnu::always_inline]] inline void fixedUnpack(const uint8_t* bytes, Record& record) {
+  image::read<fixed::kLayout<Record>>(bytes, reinterpret_cast<uint8_t*>(&record));
 }
 
 }  // namespace korva

@@ -1,0 +1,139 @@
+// Reads a table of arrays and few scalars at once where it is laid out as our own packer does it:
+// which scalars are there says what its head must be and where everything lies, and all that the
+// schema decides is compared in one go. For the unpacker; whatever is laid out in another way is
+// left to it.
+#pragma once
+
+#include <algorithm>
+#include <array>
+
+#include "codec/korva_compact_layout.hpp"
+#include "codec/korva_format.hpp"
+#include "codec/korva_image.hpp"
+#include "codec/korva_inlined.hpp"
+#include "codec/korva_rows.hpp"
+#include "codec/korva_schema.hpp"
+#include "codec/korva_vector.hpp"
+
+namespace korva::small {
+
+using compact::kFieldsAndArrays;
+using rows::kHeadLength;
+using rows::kScalars;
+
+// There is a head for each combination of scalars.
+inline constexpr uint32_t kMostScalars = 2;
+
+// A single array's position is the first thing that is compared anyway.
+template <class Record>
+concept SmallTable =
+    PlainTable<Record> && Schema<Record>::count >= 2 && kScalars<Record>.count <= kMostScalars &&
+    countSlots<Record>(SlotKind::table) == 0 && kFieldsAndArrays<Record>.size() >= kVectorWidth;
+
+// Room for a head in one vector or in two that overlap.
+template <class Record>
+inline constexpr uint32_t kHeadRoom = std::max(kHeadLength<Record>, kVectorWidth);
+
+// In a row's number, the first scalar has the lowest bit, which is set if it is there.
+template <SmallTable Record>
+consteval auto headOf(uint32_t row) {
+  image::Image<kHeadRoom<Record>> head(sizeof(Record));
+  uint32_t at = kDisplacementWidth;
+  for (uint32_t i = 0; i < kScalars<Record>.count; ++i) {
+    const auto& scalar = kScalars<Record>.items[i];
+    const bool isThere = (row >> i & 1) != 0;
+    head.put(vtableEntry(scalar.slot), static_cast<uint16_t>(isThere ? at : 0));
+    at += isThere ? scalar.width : 0;
+  }
+  head.put(0, static_cast<uint16_t>(kVtableLength<Record>));
+  head.put(kSlotEntryWidth, static_cast<uint16_t>(at + kFieldsAndArrays<Record>.size()));
+  head.put(kVtableLength<Record>, kVtableLength<Record>);
+  forEachSlot<Record>([&]<class Slot, size_t Index>() {
+    if constexpr (Slot::kind == SlotKind::byteArray) {
+      head.put(vtableEntry(Index), static_cast<uint16_t>(at));
+      at += kOffsetFieldWidth;
+    }
+  });
+  return head;
+}
+
+template <class Record>
+struct Head {
+  alignas(kVectorWidth) std::array<uint8_t, kHeadRoom<Record>> bytes;
+};
+template <SmallTable Record>
+inline constexpr auto kHeads = []<size_t... Row>(std::index_sequence<Row...>) {
+  return std::array<Head<Record>, sizeof...(Row)>{{{headOf<Record>(Row).constants}...}};
+}(std::make_index_sequence<size_t{1} << kScalars<Record>.count>());
+
+template <SmallTable Record>
+inline constexpr auto kAnyHead = headOf<Record>(0);
+
+// Nothing but zeros if a table's head is that of a row.
+template <SmallTable Record>
+[[gnu::always_inline]] inline ByteVector difference(const uint8_t* head, size_t row) {
+  const uint8_t* const expected = kHeads<Record>[row].bytes.data();
+  const auto& mask = image::kExpected<kAnyHead<Record>, 0>.mask;
+  const ByteVector first =
+      (loadVector<kVectorWidth>(head) & loadAligned(mask.data())) ^ loadAligned(expected);
+  if constexpr (constexpr uint32_t kLast = kHeadRoom<Record> - kVectorWidth; kLast == 0) {
+    return first;
+  } else {
+    return first |
+           (loadVector<kVectorWidth>(head + kLast) ^ loadVector<kVectorWidth>(expected + kLast));
+  }
+}
+
+// Which of a table's scalars are there, and where. An absent one is read from what follows instead,
+// and masked.
+template <class Record>
+struct Found {
+  size_t row = 0;
+  size_t size = 0;  // of those that are there
+  std::array<size_t, Schema<Record>::count> positions{};
+  std::array<uint64_t, Schema<Record>::count> masks{};
+};
+
+template <SmallTable Record>
+[[gnu::always_inline]] inline Found<Record> find(const uint8_t* head) {
+  Found<Record> found;
+  size_t bit = 0;
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    if constexpr (Slot::kind == SlotKind::scalar) {
+      const size_t isThere = load<uint16_t>(head + vtableEntry(Index)) != 0 ? 1 : 0;
+      found.row |= isThere << bit++;
+      found.positions[Index] = kDisplacementWidth + found.size;
+      found.masks[Index] = 0 - uint64_t{isThere};
+      found.size += Slot::width & found.masks[Index];
+    }
+  });
+  return found;
+}
+
+// Reads the table at a position of a message that holds its displacement and, before that, as many
+// bytes as our vtable has; all but the record's padding. Says whether it did.
+template <SmallTable Record>
+[[nodiscard, gnu::always_inline]] inline bool read(const uint8_t* message, uint64_t length,
+                                                   uint64_t position, Record& record) {
+  const uint8_t* const table = message + position;
+  const uint8_t* const head = table - kVtableLength<Record>;
+  const Found<Record> found = find<Record>(head);
+  const uint8_t* const fields = table + kDisplacementWidth + found.size;
+  constexpr auto& kRest = kFieldsAndArrays<Record>;
+  if (length - position < kDisplacementWidth + found.size + kRest.size() ||
+      !isZero(difference<Record>(head, found.row) | image::difference<kRest>(fields)))
+      [[unlikely]] {
+    return false;
+  }
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    if constexpr (Slot::kind == SlotKind::scalar) {
+      using Scalar = typename Slot::Type;
+      const auto value = load<Scalar>(table + found.positions[Index]);
+      Slot::get(record) = static_cast<Scalar>(value & found.masks[Index]);
+    }
+  });
+  image::read<kRest>(fields, reinterpret_cast<uint8_t*>(&record));
+  return true;
+}
+
+}  // namespace korva::small
