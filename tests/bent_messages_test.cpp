@@ -63,10 +63,8 @@ void expectAgreement(const fuzz::Message& message, const Buffer& packed) {
                        length + 1, 0x7FFFFFFF, 0x80000000, 0x0000FFFF, 0xFFFF0000, 0xFFFFFFFF,
                        0xFFFFFFFE, 0xFFFFFFFC, 0U - length};
   GuardedMemory memory(length);
-  const auto check = [&](const Buffer& bent, uint32_t position) {
-    for (const uint8_t* bytes : {memory.copyFirst(bent), memory.copyLast(bent)}) {
-      ASSERT_TRUE(agree(message, {bytes, length})) << "changed at " << position;
-    }
+  const auto check = [&](const uint8_t* bytes, uint32_t position) {
+    ASSERT_TRUE(agree(message, {bytes, length})) << "changed at " << position;
   };
   for (uint32_t position = 0; position < length; ++position) {
     values[0] = 0U - position;  // an offset to the beginning
@@ -74,11 +72,11 @@ void expectAgreement(const fuzz::Message& message, const Buffer& packed) {
     Buffer bent = packed;
     for (uint32_t bit = 0; bit < 8; ++bit) {
       bent[position] = packed[position] ^ static_cast<uint8_t>(1U << bit);
-      check(bent, position);
+      check(memory.copyLast(bent), position);
     }
-    for (const uint32_t value : values) {
+    for (const uint32_t value : values) {  // what is longer than the message may lead before it
       std::memcpy(&bent[position], &value, std::min(4U, length - position));
-      check(bent, position);
+      check(value > length ? memory.copyFirst(bent) : memory.copyLast(bent), position);
     }
   }
 }
@@ -87,7 +85,7 @@ TEST(BentMessages, AreWhatTheNaiveDecoderTakesThemFor) {
   fuzz::Entropy entropy(20261126);
   for (const fuzz::Message& message : fuzz::allMessages()) {
     SCOPED_TRACE(message.name);
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < 5; ++i) {
       RecordRoom record;
       do {
         fillRecord(*message.shape, entropy, &record);
