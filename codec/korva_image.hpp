@@ -1,5 +1,5 @@
 // Stretches of a message whose layout only the schema decides: where each of their bytes comes
-// from, writing them, and reading them back. For the packers and for reading the fixed layout.
+// from, writing them, and reading them back. For the packers and the unpacker.
 #pragma once
 
 #include <algorithm>

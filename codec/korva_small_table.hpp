@@ -20,40 +20,33 @@ namespace korva::small {
 using compact::kFieldsAndArrays;
 using rows::kHeadLength;
 using rows::kScalars;
+using rows::kWindows;
 
-// There is a head for each combination of scalars.
+// There is a row for each combination of scalars.
 inline constexpr uint32_t kMostScalars = 2;
 
 // A single array's position is the first thing that is compared anyway.
 template <class Record>
 concept SmallTable =
     PlainTable<Record> && Schema<Record>::count >= 2 && kScalars<Record>.count <= kMostScalars &&
+    kWindows<Record>.count <= 1 && rows::kHeadHasLength<Record> &&
     countSlots<Record>(SlotKind::table) == 0 && kFieldsAndArrays<Record>.size() >= kVectorWidth;
 
 // Room for a head in one vector or in two that overlap.
 template <class Record>
 inline constexpr uint32_t kHeadRoom = std::max(kHeadLength<Record>, kVectorWidth);
 
-// In a row's number, the first scalar has the lowest bit, which is set if it is there.
+// A row's head as it is on the wire.
 template <SmallTable Record>
 consteval auto headOf(uint32_t row) {
-  image::Image<kHeadRoom<Record>> head(sizeof(Record));
-  uint32_t at = kDisplacementWidth;
-  for (uint32_t i = 0; i < kScalars<Record>.count; ++i) {
-    const auto& scalar = kScalars<Record>.items[i];
-    const bool isThere = (row >> i & 1) != 0;
-    head.put(vtableEntry(scalar.slot), static_cast<uint16_t>(isThere ? at : 0));
-    at += isThere ? scalar.width : 0;
+  rows::Head<Record> lanes = rows::kFullHead<Record>;
+  if constexpr (kWindows<Record>.count != 0) {
+    lanes = rows::headOf<Record>(kWindows<Record>.items[0], row);
   }
-  head.put(0, static_cast<uint16_t>(kVtableLength<Record>));
-  head.put(kSlotEntryWidth, static_cast<uint16_t>(at + kFieldsAndArrays<Record>.size()));
-  head.put(kVtableLength<Record>, kVtableLength<Record>);
-  forEachSlot<Record>([&]<class Slot, size_t Index>() {
-    if constexpr (Slot::kind == SlotKind::byteArray) {
-      head.put(vtableEntry(Index), static_cast<uint16_t>(at));
-      at += kOffsetFieldWidth;
-    }
-  });
+  image::Image<kHeadRoom<Record>> head(sizeof(Record));
+  for (uint32_t at = 0; at < kHeadLength<Record>; at += kSlotEntryWidth) {
+    head.put(at, static_cast<uint16_t>(lanes[at / kSlotEntryWidth]));
+  }
   return head;
 }
 
@@ -100,10 +93,10 @@ template <SmallTable Record>
   size_t bit = 0;
   forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::scalar) {
-      const size_t isThere = load<uint16_t>(head + vtableEntry(Index)) != 0 ? 1 : 0;
-      found.row |= isThere << bit++;
+      const size_t isAbsent = load<uint16_t>(head + vtableEntry(Index)) == 0 ? 1 : 0;
+      found.row |= isAbsent << bit++;
       found.positions[Index] = kDisplacementWidth + found.size;
-      found.masks[Index] = 0 - uint64_t{isThere};
+      found.masks[Index] = uint64_t{isAbsent} - 1;
       found.size += Slot::width & found.masks[Index];
     }
   });

@@ -1,5 +1,5 @@
-// An OS layer, found by both libraries by name: keeps account of every block and
-// of the last log line. For fuzz programs and tests.
+// An OS layer, found by both libraries by name: keeps account of every block and of the last log
+// line. For fuzz programs and tests.
 #pragma once
 
 #include <cstdint>
