@@ -96,8 +96,8 @@ template <class Counter, class Element>
   return bytes;
 }
 
-// Some elements, with their entries. Where the count alone decides that the message is too large,
-// none is looked at. Part of its callers, since a call would have them save registers.
+// Some elements, with their entries. Where their count alone decides that they are too large, none
+// is looked at. Part of its callers, since a call would have them save registers.
 template <PlainTable Element>
 [[gnu::always_inline]] inline uint64_t elementsSize(const Element* elements, uint32_t count) {
   const uint64_t least = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());

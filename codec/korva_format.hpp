@@ -1,5 +1,5 @@
 // The vocabulary of the KORVA wire format: widths, unaligned little-endian loads and stores, and
-// the bounds-checked copies. For the codecs; knows no message.
+// the bounds-checked copy. For the codecs; knows no message.
 #pragma once
 
 #include <bit>

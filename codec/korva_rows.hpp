@@ -1,5 +1,5 @@
 // What to write for a table, looked up by which of its scalars are zero: how those that are not are
-// moved together, and what the vtable holds. For the compact packer.
+// moved together, and what the vtable holds. For the compact packer and for reading what it wrote.
 //
 // Every window of scalars has one row for each combination of its scalars being zero. A table's
 // head, which is its vtable and displacement, starts from all slots being there; what is absent

@@ -1,6 +1,6 @@
 // The scalars of a record, up to sixteen bytes of them at a time: which are zero, and how many
 // bytes that saves. Nothing here branches on a value, since which scalars are zero is as good as
-// random. For the compact packer.
+// random. For the compact packer and for reading what it wrote.
 #pragma once
 
 #include <algorithm>

@@ -111,10 +111,10 @@ template <SmallTable Record>
   const uint8_t* const table = message + position;
   const uint8_t* const head = table - kVtableLength<Record>;
   const Found<Record> found = find<Record>(head);
-  const uint8_t* const fields = table + kDisplacementWidth + found.size;
+  const size_t fields = kDisplacementWidth + found.size;
   constexpr auto& kRest = kFieldsAndArrays<Record>;
-  if (length - position < kDisplacementWidth + found.size + kRest.size() ||
-      !isZero(difference<Record>(head, found.row) | image::difference<kRest>(fields)))
+  if (length - position < fields + kRest.size() ||
+      !isZero(difference<Record>(head, found.row) | image::difference<kRest>(table + fields)))
       [[unlikely]] {
     return false;
   }
@@ -125,7 +125,7 @@ template <SmallTable Record>
       Slot::get(record) = static_cast<Scalar>(value & found.masks[Index]);
     }
   });
-  image::read<kRest>(fields, reinterpret_cast<uint8_t*>(&record));
+  image::read<kRest>(table + fields, reinterpret_cast<uint8_t*>(&record));
   return true;
 }
 

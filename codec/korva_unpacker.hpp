@@ -317,7 +317,7 @@ template <class Slot, class Record>
 
 // Reads a scalar, or 0 where its entry is 0. Absence is as good as random, so it decides no branch:
 // something is read all the same, and masked. Four bytes are there at the table's beginning, and
-// eight at the buffer's, since no table begins in front of the fourth byte.
+// eight at the buffer's, since no table begins before position 4.
 template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalar(const Source& source, uint32_t table,
                                                          uint32_t entry, Record& record) {

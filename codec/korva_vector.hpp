@@ -268,8 +268,8 @@ inline constexpr bool kAreNeighbours = [] {
 }();
 
 // Factor times the number whose bit i says whether the lane of Width bytes at Positions[i] is all
-// ones; each of those must be all ones or 0. For lanes of two bytes, and for those of one that are
-// no neighbours, a power of two in the factor costs x86-64 nothing, but a constant to be loaded.
+// ones; each of those must be all ones or 0. For lanes of two bytes, and for any that are no
+// neighbours, a power of two in the factor costs x86-64 nothing, but a constant to be loaded.
 template <auto Positions, uint32_t Width, size_t Factor>
 [[gnu::always_inline]] inline size_t numberOfLanes(ByteVector bytes) {
 #if defined(__aarch64__)

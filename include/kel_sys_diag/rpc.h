@@ -96,8 +96,8 @@ typedef struct IdlIntfEntry {
   uint32_t marker; /* 0 */
   uint32_t reserved1;
   IdlWrapperFn wrapper;
-  uint32_t
-      inputMsgId; /* FNV-1a, 32 bits, of the package, a full stop and the input message's name */
+  /* FNV-1a, 32 bits, of the package, a full stop and the input message's name */
+  uint32_t inputMsgId;
   uint32_t reserved2;
   char methodName[64]; /* NUL-padded */
 } IdlIntfEntry;
@@ -167,8 +167,10 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
  * message without fields; the address handed to unpackFn must be non-null even so) and an output
  * record (service.h has the sizes), decodes into the one, runs binding's implementation, encodes
  * the other and has it released, all through ops. An output record is released by userFreeFn, or by
- * releaseFn if its entries came from the allocator of osal.h; never by both. binding ends with the
- * call; ops stays where the framework put it. first and second are the framework's own values. */
+ * releaseFn if its entries came from the allocator that pairs with the unit's release hook
+ * (osal.h); by both only if whichever is first clears the pointers that it frees, as releaseFn
+ * does. binding ends with the call; ops stays where the framework put it. first and second are the
+ * framework's own values. */
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding);
 
