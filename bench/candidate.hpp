@@ -104,4 +104,20 @@ constexpr Candidate rivalOf(std::string_view name) {
           [](const Message&, void* record) { releaseRecord(*static_cast<Record*>(record)); }};
 }
 
+// The same candidate with a message object of its own.
+template <class Record, class Object, void Fill(const Record&, Object&),
+          uint32_t Serialize(const Object&, uint8_t*)>
+Candidate withObjects(Candidate candidate) {
+  candidate.encodeAlone = [](const Message&, const Item& item, uint8_t* out) {
+    return Serialize(*static_cast<const Object*>(item.object), out);
+  };
+  candidate.makeObject = [](const void* record) -> const void* {
+    auto* const object = new Object;
+    Fill(*static_cast<const Record*>(record), *object);
+    return object;
+  };
+  candidate.dropObject = [](const void* object) { delete static_cast<const Object*>(object); };
+  return candidate;
+}
+
 }  // namespace kel::bench

@@ -19,9 +19,10 @@ def dot(x, y, name):
     return f'<circle cx="{x:.1f}" cy="{y:.1f}" r="{radius}" fill="{COLOURS[name]}"/>'
 
 
-def legend():
+def legend(messages):
+    drawn = {name for row in messages.values() for name in row}
     parts, x = [], 130
-    for name in COLOURS:
+    for name in filter(drawn.__contains__, COLOURS):
         parts += [dot(x, 48, name), text(x + 9, 52, name, size=12)]
         x += 30 + 6.8 * len(name)
     return parts
@@ -40,7 +41,7 @@ def draw(title, messages):
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" '
              f'viewBox="0 0 {WIDTH} {height}" font-family="sans-serif" fill="#222">',
              f'<rect width="{WIDTH}" height="{height}" fill="#fff"/>',
-             text(12, 26, title, size=16, weight="bold"), *legend()]
+             text(12, 26, title, size=16, weight="bold"), *legend(messages)]
     for power in range(low, high + 1):
         x = position(10 ** power)
         parts.append(f'<line x1="{x:.1f}" y1="{TOP - 12}" x2="{x:.1f}" y2="{height - BOTTOM}" '

@@ -30,8 +30,17 @@ class RecordVisitor : public msgpack::null_visitor {
   bool visit_positive_integer(uint64_t value) {
     const fuzz::Field* const field = next(fuzz::Kind::scalar);
     if (field == nullptr) return false;
-    std::memcpy(level().base + field->at, &value, field->width);
-    return true;
+    uint8_t* const member = level().base + field->at;
+    switch (field->width) {  // a copy of a width that is not known calls the C library
+      case 1:
+        return put<uint8_t>(member, value);
+      case 2:
+        return put<uint16_t>(member, value);
+      case 4:
+        return put<uint32_t>(member, value);
+      default:
+        return put<uint64_t>(member, value);
+    }
   }
   bool visit_bin(const char* bytes, uint32_t size) {
     const fuzz::Field* const field = next(fuzz::Kind::bytes);
@@ -68,6 +77,13 @@ class RecordVisitor : public msgpack::null_visitor {
   };
 
   Level& level() { return levels_[depth_ - 1]; }
+
+  template <class Scalar>
+  static bool put(uint8_t* member, uint64_t value) {
+    const auto scalar = static_cast<Scalar>(value);
+    std::memcpy(member, &scalar, sizeof scalar);
+    return true;
+  }
 
   const fuzz::Field* next(fuzz::Kind kind) {
     const fuzz::Field* const field = level().field++;

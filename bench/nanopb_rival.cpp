@@ -144,19 +144,8 @@ struct Nanopb {
 
 template <class Record>
 Candidate nanopbOf() {
-  Candidate candidate = rivalOf<Nanopb, Record>("nanopb");
-  candidate.encodeAlone = [](const Message&, const Item& item, uint8_t* out) {
-    return serialize<Record>(*static_cast<const Object<Record>*>(item.object), out);
-  };
-  candidate.makeObject = [](const void* record) -> const void* {
-    auto* const object = new Object<Record>;
-    fill(*static_cast<const Record*>(record), *object);
-    return object;
-  };
-  candidate.dropObject = [](const void* object) {
-    delete static_cast<const Object<Record>*>(object);
-  };
-  return candidate;
+  return withObjects<Record, Object<Record>, fill, serialize<Record>>(
+      rivalOf<Nanopb, Record>("nanopb"));
 }
 
 }  // namespace

@@ -140,19 +140,8 @@ google::protobuf::Arena Arena::arena_(options());
 
 template <class Record>
 Candidate reusedOf() {
-  Candidate candidate = rivalOf<Reused, Record>("protobuf");
-  candidate.encodeAlone = [](const Message&, const Item& item, uint8_t* out) {
-    return serialize(*static_cast<const Object<Record>*>(item.object), out);
-  };
-  candidate.makeObject = [](const void* record) -> const void* {
-    auto* const object = new Object<Record>;
-    fill(*static_cast<const Record*>(record), *object);
-    return object;
-  };
-  candidate.dropObject = [](const void* object) {
-    delete static_cast<const Object<Record>*>(object);
-  };
-  return candidate;
+  return withObjects<Record, Object<Record>, fill, serialize<Object<Record>>>(
+      rivalOf<Reused, Record>("protobuf"));
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ def bounds_table(codecs, verdicts):
         for row, bound, shape in zip(measured, (all_set, random), SHAPES):
             ratio = row[f"ratio/{limit}"]
             cells.append(verdicts.mark(f"{what}, {shape}, to {limit}", f"{ratio:.2f} (≤ {bound})",
-                                       ratio <= bound))
+                                       0 < ratio <= bound))
         for row, shape in zip(measured, SHAPES):
             times, rival = fastest_rival(row)
             cells.append(verdicts.mark(f"{what}, {shape}, against {rival}",
@@ -161,12 +161,14 @@ def cell(codecs, key, form):
 
 
 def rival_form(rival):
+    """What a rival takes, bold where it beats ours: no promise is made about the forced one."""
     def form(row):
         times = times_ours(row, rival)
         if math.isinf(times):
             return "–"
         alone = times_ours(row, f"{rival}, encoding alone")
-        return f"{times:.1f}" + ("" if math.isinf(alone) else f" ({alone:.1f})")
+        figure = f"{times:.1f}" if times >= 1 or rival == FORCED else f"**{times:.1f}**"
+        return figure + ("" if math.isinf(alone) else f" ({alone:.1f})")
     return form
 
 
