@@ -1,6 +1,6 @@
-// Packs any record of any message into any capacity around its size, in both layouts, and reads the
-// result with the naive decoder. An input is a byte that chooses the message, then what the record
-// is made of.
+// Packs any record of any message into any capacity around its size or far above, in both layouts,
+// and reads the result with the naive decoder. An input is a byte that chooses the message, then
+// what the record is made of.
 #include <cstring>
 
 #include "fuzz/checks.hpp"
@@ -55,12 +55,13 @@ class Case {
   void checkCompact() {
     const uint32_t size = message_.pack(nullptr, &record_);
     require(size >= 12, "no size");
-    const auto capacity = static_cast<uint32_t>(entropy_.below(2) == 0 ? size + entropy_.below(9)
-                                                                       : entropy_.below(size + 9));
-    const PackTarget target{open(capacity), &capacity};
+    const auto room = static_cast<uint32_t>(entropy_.below(2) == 0 ? size + entropy_.below(65)
+                                                                   : entropy_.below(size + 9));
+    const uint32_t capacity = room >= size && entropy_.below(8) == 0 ? UINT32_MAX : room;
+    const PackTarget target{open(room), &capacity};
     const uint32_t written = message_.pack(&target, &record_);
     require(written == (capacity < size ? 0 : size), "the result");
-    requireUntouched(written, capacity);
+    requireUntouched(written, room);
     require(host.logLines == (capacity < size ? 1 : 0), "log lines");
     if (capacity < size) {
       require(host.logCode == 22 && host.logFunction == "Kel_sys_diag_" + message_.name + "_pack" &&

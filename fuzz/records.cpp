@@ -16,6 +16,7 @@ void fillScalar(uint32_t width, Entropy& entropy, uint8_t* member) {
   const uint64_t value = choice < 96    ? 0
                          : choice < 128 ? 1
                          : choice < 144 ? UINT64_MAX
+                         : choice < 160 ? uint64_t{1} << entropy.below(64)
                                         : entropy.next();
   std::memcpy(member, &value, width);
 }

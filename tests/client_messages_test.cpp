@@ -244,6 +244,17 @@ TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
   }
 }
 
+TEST(AlarmOutput, EveryMethodReleasesItAndKeepsNulsWithin) {
+  const Buffer reply = layout(u32(10), u16(6, 16, 4), u32(6, 4, 3), chars({"a\0b", 3}), u8(0));
+  for (const IdlCodecOps* ops : {&alarmOps(), &overloadOps(), &diskOps()}) {
+    AlarmOutput record;
+    ASSERT_NE(ops->unpackFn(reply.data(), static_cast<uint32_t>(reply.size()), &record), 0U);
+    EXPECT_EQ(std::memcmp(record.text, "a\0b", 4), 0);
+    ops->releaseFn(&record);
+    EXPECT_EQ(record.text, nullptr);
+  }
+}
+
 // Odd messages that every reader of the format takes.
 TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   const Buffer tableIsTheLastWord = layout(u32(8), u16(4, 4), u32(4));

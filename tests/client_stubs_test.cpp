@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/framework_double.hpp"
@@ -46,6 +47,8 @@ const Stubs kStubs[] = {
 };
 
 void expectHandedOver(const Stubs& stubs, const FrameworkCall& call, const void* input) {
+  EXPECT_EQ(std::exchange(framework().invokers, 0), 1);
+  EXPECT_EQ(std::exchange(framework().calls, 0), 1);
   IdlCodecOps ops;
   std::memset(&ops, 0xEE, sizeof ops);
   stubs.setIdl(&ops);

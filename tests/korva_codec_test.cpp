@@ -143,7 +143,7 @@ TEST(CompactForm, EveryKindInItsPlace) {
 template <class Codec, class Record>
 void expectCapacityKept(GuardedMemory& memory, const Record& record) {
   const uint32_t size = Codec::pack(nullptr, &record);
-  for (const uint32_t capacity : {0U, 3U, 4U, size / 2, size - 1, size, size + 8}) {
+  for (const uint32_t capacity : {0U, 3U, 4U, size / 2, size - 1, size, size + 8, size + 64}) {
     uint8_t* const buffer = memory.last(capacity);
     std::memset(buffer, 0xEE, capacity);
     const PackTarget target{buffer, &capacity};

@@ -351,6 +351,7 @@ TEST(Failures, OfArguments) {
   } cases[] = {
       {"AlarmInput_pack", "null, 66, nonNull", packsAlarm(nullptr, 66, &alarm)},
       {"AlarmInput_pack", "nonNull, 66, null", packsAlarm(buffer, 66, nullptr)},
+      {"AlarmInput_pack", "nonNull, 4294967295, null", packsAlarm(buffer, UINT32_MAX, nullptr)},
       {"AlarmInput_pack", "null, 0, null", packsAlarm(nullptr, 0, nullptr)},
       {"AlarmInput_pack", "nonNull, 3, nonNull", packsAlarm(buffer, 3, &unread)},
       {"AlarmInput_pack", "nonNull, 4, nonNull", packsAlarm(buffer, 4, &alarm)},
@@ -384,6 +385,7 @@ TEST(Failures, OfRootHeaders) {
     const char* text;
   } cases[] = {
       {3, 6, 6, "Table offset(3) is out of range(4 - 18)"},
+      {0xFFFFFFFF, 6, 6, "Table offset(4294967295) is out of range(4 - 18)"},
       {15, 6, 6, "Table offset(15) is out of range(4 - 18)"},
       {10, 6, 7, "Vtable offset(3) is out of range(4 - 14)"},
       {10, 6, 10 - 15U, "Vtable offset(15) is out of range(4 - 14)"},

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -27,6 +28,9 @@ TEST(Strings, OfAnyLengthArriveWhole) {
     std::string buffer(size, '\0');
     const PackTarget target{reinterpret_cast<uint8_t*>(buffer.data()), &size};
     ASSERT_EQ(alarmOps().packFn(&target, &record), size);
+    uint16_t tableLength = 0;
+    std::memcpy(&tableLength, buffer.data() + 6, sizeof tableLength);
+    EXPECT_EQ(tableLength, (size - 22) % 65536);
     AlarmInput unpacked;
     ASSERT_NE(Kel_sys_diag_AlarmInput_unpack(buffer.data(), size, &unpacked), 0U);
     EXPECT_EQ(unpacked.text, text);

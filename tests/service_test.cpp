@@ -46,7 +46,9 @@ const Method kMethods[] = {
 ServiceCall callWrapper(const Method& method, IdlCodecOps& ops, int32_t result) {
   std::memset(&ops, 0xEE, sizeof ops);
   framework().resultToReturn = result;
+  framework().calls = 0;
   EXPECT_EQ(method.wrapper(11, UINTPTR_MAX, &ops), result) << method.name;
+  EXPECT_EQ(framework().calls, 1);
   return framework().lastServiceCall;
 }
 

@@ -305,16 +305,15 @@ TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
 TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
   constexpr uint32_t kMostCalls = 20;
   std::atomic<bool> slow = true;
-  RpcServer server(
-      target,
-      [&](const std::string&, std::span<const uint8_t>) {
-        ++handled_;
-        for (int i = 0; i < 500 && slow; ++i) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return Answer{AnswerStatus::ok, {}, okReply()};
-      },
-      {.limits = {.calls = kMostCalls, .longestCall = std::chrono::milliseconds(1500)}});
+  RpcServer server(target,
+                   [&](const std::string&, std::span<const uint8_t>) {
+                     ++handled_;
+                     for (int i = 0; i < 2500 && slow; ++i) {
+                       std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                     }
+                     return Answer{AnswerStatus::ok, {}, okReply()};
+                   },
+                   {.limits = {.calls = kMostCalls, .longestCall = std::chrono::seconds(5)}});
   Completions completions;
   const AlarmInput alarm = sampleAlarm();
   const Clock::time_point began = Clock::now();
@@ -327,11 +326,11 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
   expectStatus(RawCall(target).end(), grpc::StatusCode::RESOURCE_EXHAUSTED,
                "the server is at work on 20 calls, and takes no more at a time");
   EXPECT_EQ(call(), outcome(kTooLarge));
-  EXPECT_LT(Clock::now() - began, std::chrono::milliseconds(1200));
+  EXPECT_TRUE(completions.wait(0).empty()) << "refused only when the others had ended";
   for (const auto& completed : completions.wait(kMostCalls)) {
     EXPECT_EQ(outcome(completed.result), outcome(kDeadlinePassed));
   }
-  EXPECT_LT(Clock::now() - began, std::chrono::seconds(4)) << "they waited for the handlers";
+  EXPECT_LT(Clock::now() - began, std::chrono::seconds(20)) << "they waited for the handlers";
   slow = false;
   EXPECT_TRUE(eventually([] { return call() == outcome(kOk); })) << "once they have returned";
 }

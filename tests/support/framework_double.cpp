@@ -21,6 +21,7 @@ void spoil(const Record* handedOver) {
 int32_t record(void* invoker, const void* input, void* output, const IdlMethodRef* method,
                const IdlCodecOps* ops, const IdlAsyncInfo* info) {
   FrameworkCall& call = framework().lastCall;
+  ++framework().calls;
   call.invoker = invoker;
   call.input = input;
   call.output = output;
@@ -40,6 +41,7 @@ int32_t record(void* invoker, const void* input, void* output, const IdlMethodRe
 void* RPC_GetRpcInvoke(RpcServerAddr* server, uintptr_t invokeArg) {
   kel::test::Framework& framework = kel::test::framework();
   framework.lastCall = {};
+  ++framework.invokers;
   framework.lastCall.server = server;
   framework.lastCall.invokeArg = invokeArg;
   return framework.invokerToReturn;
@@ -57,6 +59,7 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
 
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding) {
+  ++kel::test::framework().calls;
   kel::test::framework().lastServiceCall = {first, second, inputRecordSize, ops, *binding};
   kel::test::spoil(binding);
   return kel::test::framework().resultToReturn;

@@ -35,6 +35,8 @@ struct Framework {
   void* invokerToReturn = nullptr;
   int32_t resultToReturn = 0;
   FrameworkCall lastCall;
+  int invokers = 0;  // handed out
+  int calls = 0;
   ServiceCall lastServiceCall;
 };
 

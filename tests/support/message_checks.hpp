@@ -159,15 +159,16 @@ inline void expectTruncationsRefused(const std::vector<Message>& messages) {
 }
 
 // Thousands of records from either side to the other, in every layout; and, on the way, that a
-// message is written whole or not at all and never past its end, and nothing read past a record's.
+// message is written whole or not at all and never past its end, and nothing read outside a record.
 inline void expectRoundTrips(const std::vector<Message>& messages) {
   Random random(20261122);
   RecordMaker maker(random, 300, 9);
   GuardedMemory memory(8192);
   GuardedMemory recordMemory(sizeof(RecordRoom));
   const auto check = [&](const Message& message, const void* made) {
+    const std::span bytesMade(static_cast<const uint8_t*>(made), message.recordSize);
     const void* const record =
-        recordMemory.copyLast({static_cast<const uint8_t*>(made), message.recordSize});
+        random() % 2 == 0 ? recordMemory.copyFirst(bytesMade) : recordMemory.copyLast(bytesMade);
     const uint32_t size = message.pack(nullptr, record);
     const auto tooSmall = static_cast<uint32_t>(random() % 2 == 0 ? size - 1 : random() % size);
     uint8_t* const buffer = memory.last(size);
@@ -177,6 +178,9 @@ inline void expectRoundTrips(const std::vector<Message>& messages) {
     ASSERT_EQ(std::count(buffer, buffer + size, 0xEE), size);
     const PackTarget target{buffer, &size};
     ASSERT_EQ(message.pack(&target, record), size);
+    constexpr uint32_t kUnlimited = UINT32_MAX;
+    const PackTarget unlimited{buffer, &kUnlimited};
+    ASSERT_EQ(message.pack(&unlimited, record), size);
     const std::vector<Encoding> encodings = everyEncoding(message, record);
     for (const Encoding& encoding : encodings) {
       const auto length = static_cast<uint32_t>(encoding.bytes.size());
@@ -186,6 +190,11 @@ inline void expectRoundTrips(const std::vector<Message>& messages) {
       ASSERT_TRUE(message.same(record, unpacked.bytes));
       ASSERT_EQ(everyEncoding(message, unpacked.bytes)[0].bytes, encodings[0].bytes)
           << "padding matters";
+      message.release(unpacked.bytes);
+      Buffer longer = encoding.bytes;
+      longer.push_back(0xEE);
+      ASSERT_NE(message.unpack(memory.copyLast(longer), length + 1, unpacked.bytes), 0U);
+      ASSERT_TRUE(message.same(record, unpacked.bytes));
       message.release(unpacked.bytes);
     }
   };

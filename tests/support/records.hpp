@@ -16,7 +16,8 @@ namespace kel::test {
 
 using Random = std::mt19937_64;
 
-// Fills a record: scalars zero half of the time and at their limits now and then, strings absent,
+// Fills a record: scalars zero half of the time, now and then at their limits or of a single bit,
+// which what looks at a part of a scalar would take for zero, strings absent,
 // empty or up to maximumString characters, vectors up to maximumEntries. Strings and arrays come
 // from malloc.
 class RecordMaker {
@@ -53,13 +54,14 @@ class RecordMaker {
       field = nullptr;
       if (below(8) == 0) return;  // a count without an array
       field = static_cast<typename Slot::Element*>(
-          std::malloc((Slot::count(record) + 1) * sizeof(*field)));
+          std::malloc(std::max(Slot::count(record), 1U) * sizeof(*field)));
       for (uint32_t i = 0; i < Slot::count(record); ++i) fill(field[i]);
     }
   }
 
   uint64_t scalarBits() {
-    const uint64_t values[] = {UINT64_MAX, 1, random_(), random_(), 0, 0, 0, 0};
+    const uint64_t values[] = {UINT64_MAX, uint64_t{1} << below(64), random_(), random_(), 0, 0, 0,
+                               0};
     return values[below(std::size(values))];
   }
 
