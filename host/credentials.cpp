@@ -12,14 +12,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
+
+#include "host/whole_file.hpp"
 
 namespace kel::host {
 namespace {
@@ -29,18 +27,6 @@ std::string lastTlsError() {
   ERR_error_string_n(ERR_get_error(), text.data(), text.size());
   ERR_clear_error();
   return text.data();
-}
-
-// All at once, since a pipe can be read only so.
-std::string read(const std::string& path) {
-  errno = 0;
-  const std::ifstream file(path);
-  std::ostringstream text;
-  if (!file || !(text << file.rdbuf())) {
-    throw std::runtime_error(
-        fmt::format("cannot read {}: {}", path, errno == 0 ? "it is empty" : std::strerror(errno)));
-  }
-  return text.str();
 }
 
 // The first one in a PEM text; null if there is none. Nobody is asked for a pass-phrase.
@@ -55,6 +41,15 @@ std::unique_ptr<Object, void (*)(Object*)> firstIn(const std::string& pem,
   return {readOne(text.get(), nullptr, kNoPassPhrase, nullptr), release};
 }
 
+void demandThatItIsValidNow(const X509& certificate, const std::string& file) {
+  if (X509_cmp_current_time(X509_get0_notAfter(&certificate)) < 0) {
+    throw std::runtime_error(fmt::format("the certificate in {} has expired", file));
+  }
+  if (X509_cmp_current_time(X509_get0_notBefore(&certificate)) > 0) {
+    throw std::runtime_error(fmt::format("the certificate in {} is not valid yet", file));
+  }
+}
+
 // gRPC takes whatever the files hold, and only complains at every connection that then fails.
 void check(const TlsFiles& files, const TlsIdentity& pems) {
   const auto demand = [](bool usable, const std::string& file, const std::string& what) {
@@ -64,11 +59,13 @@ void check(const TlsFiles& files, const TlsIdentity& pems) {
   };
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
                                                                   SSL_CTX_free);
-  demand(firstIn(pems.authority, PEM_read_bio_X509, X509_free) != nullptr, files.authority,
-         "the authority's certificate");
+  const auto authority = firstIn(pems.authority, PEM_read_bio_X509, X509_free);
+  demand(authority != nullptr, files.authority, "the authority's certificate");
+  demandThatItIsValidNow(*authority, files.authority);
   const auto certificate = firstIn(pems.certificate, PEM_read_bio_X509, X509_free);
   demand(certificate && SSL_CTX_use_certificate(context.get(), certificate.get()) == 1,
          files.certificate, "a certificate");
+  demandThatItIsValidNow(*certificate, files.certificate);
   const auto key = firstIn(pems.key, PEM_read_bio_PrivateKey, EVP_PKEY_free);
   demand(key && SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1, files.key,
          fmt::format("the key of {}, without a pass-phrase", files.certificate));
@@ -103,7 +100,8 @@ TlsIdentity readTlsFiles(const TlsFiles& files) {
     throw std::runtime_error("mutual TLS needs three files: authority, certificate and key");
   }
   keepOpenSslToTheEnd();
-  TlsIdentity pems{read(files.authority), read(files.certificate), read(files.key)};
+  TlsIdentity pems{readWholeFile(files.authority), readWholeFile(files.certificate),
+                   readWholeFile(files.key)};
   check(files, pems);
   return pems;
 }

@@ -1,6 +1,8 @@
 // kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM, SIGINT or SIGHUP.
 #include <fmt/core.h>
 
+#include <utility>
+
 #include "host/command_line.hpp"
 #include "host/lines.hpp"
 #include "host/master_service.hpp"
@@ -11,8 +13,9 @@ namespace {
 
 using namespace kel::host;
 
-void serve(const MasterOptions& options, const StopSignals& stop) {
-  MasterService service(DiskRules::fromFile(options.configFile), [](const KeptAlarm& alarm) {
+void serve(const MasterOptions& options, DiskRules rules) {
+  const StopSignals stop;
+  MasterService service(std::move(rules), [](const KeptAlarm& alarm) {
     printLine(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
   RpcServer server(
@@ -29,12 +32,11 @@ void serve(const MasterOptions& options, const StopSignals& stop) {
 }
 
 int run(int argc, char** argv) {
-  const StopSignals stop;
   MasterOptions options;
   if (const auto code = parse(argc, argv, options)) {
     return *code;
   }
-  serve(options, stop);
+  serve(options, DiskRules::fromFile(options.configFile));
   return 0;
 }
 

@@ -83,11 +83,12 @@ Answer MasterService::answerThresholds(std::span<const uint8_t> bytes) {
   if (!decode(bytes, Kel_sys_diag_OvLoadDiskCtlInput_unpack, question)) {
     return notDecoded("KelGetDiskOvLoadCfgInfo");
   }
-  const std::string mountPoint = textOf(question.bytes50);
-  const std::string device = textOf(question.bytes32b);
-  const DiskRule* const rule = rules_.find(mountPoint, device);
+  const DiskRule* const rule =
+      rules_.find(rawTextOf(question.bytes50), rawTextOf(question.bytes32b));
   if (rule == nullptr) {
-    return {AnswerStatus::notFound, fmt::format("no rule for {} ({})", mountPoint, device), {}};
+    return {AnswerStatus::notFound,
+            fmt::format("no rule for {} ({})", textOf(question.bytes50), textOf(question.bytes32b)),
+            {}};
   }
   OvLoadDiskCtlOutput reply{};
   putText(reply.bytes32a, rule->name);

@@ -15,6 +15,7 @@ namespace {
 
 constexpr char kRules[] = R"({"rules": [
   {"name": "root", "mountPoint": "/", "device": "*", "warningPercent": 70, "criticalPercent": 80},
+  {"name": "tab", "mountPoint": "/a\tb", "device": "*", "warningPercent": 1, "criticalPercent": 2},
   {"name": "media", "mountPoint": "/media/*", "device": "/dev/s?1",
    "warningPercent": 0, "criticalPercent": 100}]})";
 
@@ -117,6 +118,8 @@ TEST_F(Master, AnswersThresholdsByTheFirstRuleThatMatches) {
        "/ (/dev/sda1) warns at 70 %, is critical at 80 %, by the rule \"root\""},
       {"/media/a/b", "/dev/sd1", kOk,
        "/media/a/b (/dev/sd1) warns at 0 %, is critical at 100 %, by the rule \"media\""},
+      {"/a\tb", "", kOk, "/a?b () warns at 1 %, is critical at 2 %, by the rule \"tab\""},
+      {"/a?b", "", kGrpcStatus + 5, ""},
       {"/media/a", "/dev/sda11", kGrpcStatus + 5, ""},
       {"", "", kGrpcStatus + 5, ""},
   };
@@ -183,7 +186,10 @@ TEST(DiskRules, NameTheFaultOfABadConfiguration) {
       {"{}", "no object with \"rules\""},
       {R"({"rules": null})", "no object with \"rules\""},
       {R"({"rules": [], "rule": []})", "nothing else"},
-      {R"({"rules": [{}]})", "'name' not found"},
+      {R"({"rules": [{}]})", "rule no. 1: it has no name"},
+      {R"({"rules": [{"name": "a\u0000b"}]})", "name has a NUL within"},
+      {R"({"rules": [], "rules": []})", "\"rules\" is there twice"},
+      {R"({"rules": [{"name": "r", "name": "r"}]})", "\"name\" is there twice"},
       {R"({"rules": [7]})", "rule no. 1: it is no object"},
       {R"({"rules": [{"name": "r", "mountPoint": 7}]})", "mountPoint is no text"},
       {start + R"("warningPercent": "80", "criticalPercent": 90}]})", "warningPercent is no whole"},
@@ -198,6 +204,9 @@ TEST(DiskRules, NameTheFaultOfABadConfiguration) {
       {R"({"rules": [{"name": ")" + longName +
            R"(", "mountPoint": "*", "device": "*", "warningPercent": 1, "criticalPercent": 2}]})",
        "1 to 32 bytes"},
+      {R"({"rules": [{"name": "\u001b[2J", "mountPoint": "*", "device": "*", "warningPercent": 2,
+           "criticalPercent": 1}]})",
+       "rule \"?[2J\""},
   };
   for (const auto& [json, complaint] : cases) {
     const std::string said = complaintOf([&] { DiskRules::fromJson(json); });
