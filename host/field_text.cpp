@@ -2,6 +2,7 @@
 #include "host/field_text.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -9,6 +10,15 @@ namespace kel::host {
 namespace {
 
 bool continuesCharacter(char byte) { return (static_cast<uint8_t>(byte) & 0xC0U) == 0x80U; }
+
+// Whether bytes that have the shape of a UTF-8 character are one: in the shortest form, no
+// surrogate and not beyond the last.
+bool isCharacter(std::string_view bytes) {
+  constexpr std::array<std::string_view, 5> kFirstOfLength = {"", "", "\xC2\x80", "\xE0\xA0\x80",
+                                                              "\xF0\x90\x80\x80"};
+  const bool isSurrogate = bytes >= "\xED\xA0\x80" && bytes <= "\xED\xBF\xBF";
+  return bytes >= kFirstOfLength[bytes.size()] && bytes <= "\xF4\x8F\xBF\xBF" && !isSurrogate;
+}
 
 // The UTF-8 character at the start of text; empty if there is none.
 std::string_view firstCharacter(std::string_view text) {
@@ -18,13 +28,25 @@ std::string_view firstCharacter(std::string_view text) {
   }
   const std::string_view character = text.substr(0, ones);
   const bool whole = ones >= 2 && ones <= 4 && character.size() == ones &&
-                     std::ranges::all_of(character.substr(1), continuesCharacter);
+                     std::ranges::all_of(character.substr(1), continuesCharacter) &&
+                     isCharacter(character);
   return whole ? character : std::string_view();
+}
+
+// Line separators among them.
+bool turnsDirection(std::string_view character) {
+  const auto isFromTo = [character](std::string_view first, std::string_view last) {
+    return character >= first && character <= last;
+  };
+  return isFromTo("\xE2\x80\x8E", "\xE2\x80\x8F") ||  // U+200E, U+200F
+         isFromTo("\xE2\x80\xA8", "\xE2\x80\xAE") ||  // U+2028 to U+202E
+         isFromTo("\xE2\x81\xA6", "\xE2\x81\xA9");    // U+2066 to U+2069
 }
 
 bool isControl(std::string_view character) {
   constexpr std::string_view kFirstBeyond = "\xC2\xA0";  // U+00A0
-  return character < " " || (character >= "\x7F" && character < kFirstBeyond);
+  return character < " " || (character >= "\x7F" && character < kFirstBeyond) ||
+         turnsDirection(character);
 }
 
 }  // namespace

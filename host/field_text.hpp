@@ -22,8 +22,9 @@ std::string rawTextOf(std::span<const uint8_t> field);
 // The same, fit to be shown.
 std::string textOf(std::span<const uint8_t> field);
 
-// Received text with every control character replaced, those of Unicode beyond ASCII too, and every
-// byte that is of no UTF-8 character, so that it cannot steer a terminal.
+// Received text with every control character replaced, those of Unicode beyond ASCII too, whatever
+// turns the direction of writing, and every byte that is of no UTF-8 character, so that it cannot
+// steer a terminal.
 std::string shown(std::string_view text);
 
 }  // namespace kel::host

@@ -46,8 +46,12 @@ TEST(FieldText, CannotSteerATerminal) {
   const std::pair<const char*, const char*> cases[] = {
       {"\x1B[2J\n\x7F~", "?[2J??~"},
       {"\xC2\x9B\xC2\xA0\xC3\x9B\xF0\x9F\x92\xBE", "?\xC2\xA0\xC3\x9B\xF0\x9F\x92\xBE"},
-      {"a\x9B", "a?"},                     // what a terminal without UTF-8 would obey
-      {"\xC0\x9B\xC3[\xF0\x9F", "??[??"},  // in too many bytes, and in too few
+      {"a\x9B", "a?"},                      // what a terminal without UTF-8 would obey
+      {"\xC0\x9B\xC3[\xF0\x9F", "???[??"},  // in too many bytes, and in too few
+      {"\xE0\x80\x9B\xE0\xA0\x80\xF0\x80\x80\x9B", "???\xE0\xA0\x80????"},
+      {"\xED\x9F\xBF\xED\xA0\x80\xEE\x80\x80", "\xED\x9F\xBF???\xEE\x80\x80"},  // a surrogate
+      {"\xF4\x8F\xBF\xBF\xF4\x90\x80\x80", "\xF4\x8F\xBF\xBF????"},             // beyond the last
+      {"\xE2\x80\xA7\xE2\x80\xAE\xE2\x81\xA6", "\xE2\x80\xA7??"},  // from right to left
       {"\xFF\xF8\x88\x80\x80\x80", "??????"},
   };
   for (const auto& [received, expected] : cases) {
