@@ -193,7 +193,8 @@ ResultCode DiskImages::makeMountPoint(const std::string& name, path& mountPoint)
   return ResultCode::done;
 }
 
-// Whoever made an image may have put anything into it, so nothing in it is run or is a device.
+// Whoever made an image may have put anything into it, so nothing in it is run or is a device, and
+// its wish that the machine stop at the first inconsistency is not heeded.
 ResultCode DiskImages::mount(const std::string& name) {
   Opened image = open(name);
   if (image.code != ResultCode::done) {
@@ -212,7 +213,7 @@ ResultCode DiskImages::mount(const std::string& name) {
     return loop.code;
   }
   if (::mount(loop.path.c_str(), mountPoint.c_str(), kFileSystem, MS_NOSUID | MS_NODEV | MS_NOEXEC,
-              nullptr) != 0) {
+              "errors=remount-ro") != 0) {
     return report("cannot mount", name, errno);
   }
   mounted_.emplace(std::move(mountPoint), std::move(image.file));
