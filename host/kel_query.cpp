@@ -146,9 +146,8 @@ void tellOverload(const QarneClient& client) {
   const auto use = named<SysDiskUseInput>(mountPoint);
   const auto before = ask(client, kGetSysDiskUseInfo, use);
   const uint32_t threshold = std::max(before->value3, 1U);
-  fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n",
-             shown(mountPoint), threshold);
-  fmt::print("{}", tell(*setThreshold(client, mountPoint, threshold)));
+  // Nothing is printed before the threshold is what it was: whoever reads may have left.
+  const auto set = setThreshold(client, mountPoint, threshold);
   const auto report = [&] {
     try {
       return ask(client, kGetSysDiskUseInfo, use);
@@ -157,12 +156,17 @@ void tellOverload(const QarneClient& client) {
       throw;
     }
   }();
+  const auto restored = setThreshold(client, mountPoint, before->value5);
+  fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n{}",
+             shown(mountPoint), threshold, tell(*set));
   fmt::print("\nSo the next report has the host raise an alarm at its master:\n{}", tell(*report));
   fmt::print("\nThe threshold becomes what it was, {}:\n{}",
-             before->value5 == 0 ? "none" : fmt::format("{} %", before->value5),
-             tell(*setThreshold(client, mountPoint, before->value5)));
+             before->value5 == 0 ? "none" : fmt::format("{} %", before->value5), tell(*restored));
   if (report->value5 == 0 || report->value3 < report->value5) {
     throw std::runtime_error("the threshold was not reached");
+  }
+  if (ResultCode{restored->result} != ResultCode::done) {
+    throw std::runtime_error("the threshold is not what it was");
   }
 }
 
