@@ -1,17 +1,27 @@
 // Hands jobs to threads.
 #include "host/worker_pool.hpp"
 
+#include <stdexcept>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace kel::host {
 
 WorkerPool::WorkerPool(size_t threads) {
-  for (size_t i = 0; i < threads; ++i) {
-    threads_.emplace_back([this] { work(); });
+  try {
+    for (size_t i = 0; i < threads; ++i) {
+      threads_.emplace_back([this] { work(); });
+    }
+  } catch (const std::system_error& error) {
+    end();
+    throw std::runtime_error("cannot start a thread: " + error.code().message());
   }
 }
 
-WorkerPool::~WorkerPool() {
+WorkerPool::~WorkerPool() { end(); }
+
+void WorkerPool::end() {
   {
     const std::scoped_lock lock(mutex_);
     ending_ = true;

@@ -13,6 +13,7 @@ namespace kel::host {
 
 class WorkerPool {
  public:
+  // Throws std::runtime_error with a sentence if there are no more threads to be had.
   explicit WorkerPool(size_t threads);
   // Waits until everything is done.
   ~WorkerPool();
@@ -24,6 +25,7 @@ class WorkerPool {
 
  private:
   void work();
+  void end();
 
   std::mutex mutex_;
   std::condition_variable given_;
