@@ -1,16 +1,23 @@
 // The command lines of all programs on CLI11, whose header is so large that it is in no other file.
 #include "host/command_line.hpp"
 
+#include <fcntl.h>
 #include <fmt/core.h>
+#include <grpc/support/log.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <limits>
 #include <system_error>
+
+#include "host/field_text.hpp"
+#include "host/lines.hpp"
 
 namespace kel::host {
 namespace {
@@ -83,6 +90,11 @@ const CLI::App* addServeCommand(CLI::App& app, HostOptions& options) {
       ->add_option("--operator", options.operators,
                    "name in the certificate of a peer that may set thresholds, format and mount; "
                    "may be given several times")
+      ->check(CLI::Validator(
+          [](const std::string& name) {
+            return name.empty() ? std::string("nobody has an empty name") : std::string();
+          },
+          ""))
       ->allow_extra_args(false);
   addLimitOptions(*command, options.limits);
   return command;
@@ -104,6 +116,25 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv, const TlsFiles& f
   }
   security.tls = readTlsFiles(files);
   return std::nullopt;
+}
+
+// One that was closed would be given to a connection or an event, into which our texts would go. So
+// opened, output to it fails as before.
+void occupyStandardDescriptors() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDONLY);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  close(descriptor);
+}
+
+// gRPC writes into its lines what strangers say, as it is and as often as they say it.
+void tameGrpcLog() {
+  gpr_set_log_function(std::getenv("GRPC_VERBOSITY") == nullptr
+                           ? [](gpr_log_func_args*) {}
+                           : [](gpr_log_func_args* line) {
+                               complain(fmt::format("gRPC: {}", shown(line->message)));
+                             });
 }
 
 }  // namespace
@@ -146,21 +177,26 @@ std::optional<int> parse(int argc, char** argv, QueryOptions& options) {
   app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
       ->check(name)
       ->capture_default_str();
-  decimal(
-      app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it"))
-      ->check(CLI::Range(0, 100));
-  app.add_option("--image", options.image, "a disk image of the host to be FORMATTED and mounted")
-      ->check(name);
+  CLI::Option* const threshold = decimal(
+      app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it"));
+  threshold->check(CLI::Range(0, 100));
+  CLI::Option* const image = app.add_option("--image", options.image,
+                                            "a disk image of the host to be FORMATTED and mounted")
+                                 ->check(name);
   TlsFiles files;
   addCallOptions(app, files, options.calls);
-  const CLI::App* const overload =
+  CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
+  overload->excludes(threshold);
+  overload->excludes(image);
   const std::optional<int> code = parse(app, argc, argv, files, options.calls.security);
   options.overload = overload->parsed();
   return code;
 }
 
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv)) {
+  occupyStandardDescriptors();
+  tameGrpcLog();
   try {
     const int code = run(argc, argv);
     if (std::fflush(stdout) != 0) {

@@ -63,8 +63,15 @@ std::filesystem::path folderOf(const std::string& path) {
 void warnOfUnsafeFolder(const std::filesystem::path& folder) {
   struct stat status {};
   constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
-  if (stat(folder.c_str(), &status) == 0 && (status.st_mode & kOthersWrite) != 0 &&
-      (status.st_mode & S_ISVTX) == 0) {
+  if (stat(folder.c_str(), &status) != 0) {
+    return;
+  }
+  if (status.st_uid != 0 && status.st_uid != geteuid()) {
+    complain(fmt::format(
+        "warning: others may replace the socket in {}, and answer in its place: the folder is "
+        "another user's, so use one of your own",
+        folder.string()));
+  } else if ((status.st_mode & kOthersWrite) != 0 && (status.st_mode & S_ISVTX) == 0) {
     complain(fmt::format(
         "warning: others may replace the socket in {}, and answer in its place: take the "
         "right to write from them (chmod go-w {}) or use a folder of its own",
@@ -171,6 +178,12 @@ void Listener::listenOnUnixSocket(const std::string& path) {
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(address.sun_path)) {
     fail(target_, fmt::format("a socket's path has 1 to {} bytes", sizeof(address.sun_path) - 1));
+  }
+  if (path.find_first_of("%?#") != std::string::npos ||
+      (target_.starts_with("unix://") && !path.starts_with('/'))) {
+    fail(target_,
+         "gRPC's callers would look for another socket: no %, ? or # may be in its path, "
+         "which begins with a / behind unix://");
   }
   std::memcpy(address.sun_path, path.data(), path.size());
   warnOfUnsafeFolder(folderOf(path));

@@ -93,6 +93,7 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
   const TestAuthority others(folder, "others");
   const TlsFiles serverFiles = ours.issue("server", "subjectAltName=IP:127.0.0.1");
   const TlsFiles good = ours.issue("good");
+  const TlsFiles late = ours.issue("late", "", -1);
   TlsFiles stranger = others.issue("stranger");
   stranger.authority = good.authority;
   TlsFiles expecting = good;
@@ -111,7 +112,8 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
       {"a peer of ours", {.security = {readTlsFiles(good)}}, kOk},
       {"a peer of another authority", {.security = {readTlsFiles(stranger)}}, kUnreachable},
       {"a certificate that has expired",
-       {.security = {readTlsFiles(ours.issue("late", "", -1))}},
+       {.security = {TlsIdentity{contentOf(late.authority), contentOf(late.certificate),
+                                 contentOf(late.key)}}},
        kUnreachable},
       {"a server of another authority", {.security = {readTlsFiles(expecting)}}, kUnreachable},
       {"a server of another name",
@@ -194,12 +196,14 @@ TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
   const TestAuthority ours(folder, "ours");
   const TlsFiles good = ours.issue("good");
   const TlsFiles other = ours.issue("other");
+  const TlsFiles late = ours.issue("late", "", -1);
   const std::pair<TlsFiles, const char*> cases[] = {
       {{good.authority, good.certificate, ""}, "three files"},
       {{good.key, good.certificate, good.key}, "as the authority's certificate"},
       {{good.authority, good.key, good.key}, "as a certificate"},
       {{good.authority, good.certificate, other.key}, "as the key of"},
       {{"none.pem", good.certificate, good.key}, "cannot read none.pem: No such file"},
+      {late, ".pem has expired"},
   };
   for (const auto& [files, expected] : cases) {
     const std::string complaint = complaintOf([&] { (void)readTlsFiles(files); });
@@ -226,6 +230,8 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
       {"192.0.2.1:1", {{}, true}, "Cannot assign requested address"},
       {"unix:" + std::string(108, 'x'), {}, "1 to 107 bytes"},
       {"unix:", {}, "1 to 107 bytes"},
+      {"unix:" + (folder / "a%20b").string(), {}, "another socket: no %"},
+      {"unix://relative", {}, "begins with a / behind unix://"},
       {"unix:" + (folder / "file").string(), {}, "is no socket"},
       {"unix:" + (folder / "datagrams").string(), {}, "wrong type for socket"},
   };
@@ -242,12 +248,18 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
 
 TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
   umask(0);
+  constexpr uid_t kSomebody = 65534;
   struct Case {
     mode_t folder;
     bool warns;
+    uid_t owner = geteuid();
   };
-  for (const Case& place : {Case{0700, false}, Case{01777, false}, Case{0777, true}}) {
+  for (const Case& place :
+       {Case{0700, false}, Case{01777, false}, Case{0777, true}, Case{01777, true, kSomebody}}) {
     chmod(folder.c_str(), place.folder);
+    if (chown(folder.c_str(), place.owner, static_cast<gid_t>(-1)) != 0) {
+      GTEST_SKIP() << "only root can give a folder away";
+    }
     testing::internal::CaptureStderr();
     const RpcServer server(target, handler());
     const std::string said = testing::internal::GetCapturedStderr();
