@@ -82,14 +82,14 @@ bool matches(const std::string& pattern, const std::string& text) {
 nlohmann::json parsed(const std::string& text) {
   using Event = nlohmann::json::parse_event_t;
   std::vector<std::set<std::string>> names;  // of the objects around
-  const auto check = [&](int, Event event, const nlohmann::json& parsed) {
+  const auto check = [&](int, Event event, const nlohmann::json& value) {
     if (event == Event::object_start) {
       names.emplace_back();
     } else if (event == Event::object_end) {
       names.pop_back();
-    } else if (event == Event::key && !names.back().insert(parsed.get<std::string>()).second) {
+    } else if (event == Event::key && !names.back().insert(value.get<std::string>()).second) {
       throw std::runtime_error(
-          fmt::format("\"{}\" is there twice", excerpt(parsed.get<std::string>())));
+          fmt::format("\"{}\" is there twice", excerpt(value.get<std::string>())));
     }
     return true;
   };

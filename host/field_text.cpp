@@ -33,7 +33,7 @@ std::string_view firstCharacter(std::string_view text) {
   return whole ? character : std::string_view();
 }
 
-// Line separators among them.
+// Or ends a line, as two of them do.
 bool turnsDirection(std::string_view character) {
   const auto isFromTo = [character](std::string_view first, std::string_view last) {
     return character >= first && character <= last;

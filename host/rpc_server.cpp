@@ -5,7 +5,6 @@
 #include <fmt/core.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
-#include <grpcpp/resource_quota.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -107,9 +106,6 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, static_cast<int>(2 * limits.calls));
     // Messages are never compressed here, and one that is could grow beyond the limit.
     builder.AddChannelArgument(GRPC_ARG_ENABLE_PER_MESSAGE_DECOMPRESSION, 0);
-    // Calls that a peer begins and cancels at once keep no place, but gRPC takes in new ones faster
-    // than it ends them. The quota holds it back: 0.5 GB instead of 1.5 GB after 15 s of it.
-    builder.SetResourceQuota(grpc::ResourceQuota().Resize(mostUnread() + kConnectionBytes));
     handOver();
     server_ = builder.BuildAndStart();
     if (server_ == nullptr) {
@@ -191,8 +187,6 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   static constexpr size_t kWorkers = 15;
   // What a call costs beside its message, here and within gRPC: 18 KiB were seen.
   static constexpr size_t kCallBytes = 20U << 10U;
-  // For all connections, and for requests that are on their way.
-  static constexpr size_t kConnectionBytes = 64U << 20U;
   // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
   // There are two such threads at least, so one is left to refuse calls however long that handler
   // takes.
