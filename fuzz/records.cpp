@@ -2,7 +2,8 @@
 #include "fuzz/records.hpp"
 
 #include <algorithm>
-#include <vector>
+
+#include "fuzz/checks.hpp"
 
 namespace kel::fuzz {
 namespace {
@@ -30,16 +31,15 @@ char* makeText(Entropy& entropy) {
 }
 
 void fillVector(const Field& field, Entropy& entropy, uint8_t* record) {
-  static std::vector<uint8_t> elements(kMostElements * kLargestElement);
+  static FencedBuffer<kMostElements * kLargestElement> buffer;
   const auto count = static_cast<uint32_t>(entropy.below(16) == 0 ? entropy.below(kMostElements + 1)
                                                                   : entropy.below(4));
   std::memcpy(record + field.countAt, &count, sizeof count);
-  const uint8_t* const first = entropy.below(16) == 0 ? nullptr : elements.data();
-  std::memcpy(record + field.at, &first, sizeof first);
-  if (first == nullptr) return;
-  for (uint32_t i = 0; i < count; ++i) {
-    fillRecord(*field.nested, entropy, elements.data() + i * field.nested->recordSize);
-  }
+  const size_t size = field.nested->recordSize;
+  uint8_t* const elements = entropy.below(16) == 0 ? nullptr : buffer.open(count * size);
+  std::memcpy(record + field.at, &elements, sizeof elements);
+  if (elements == nullptr) return;
+  for (uint32_t i = 0; i < count; ++i) fillRecord(*field.nested, entropy, elements + i * size);
 }
 
 bool sameField(const Field& field, const void* left, const void* right) {
@@ -98,6 +98,20 @@ void fillRecord(const Shape& shape, Entropy& entropy, void* record) {
 bool sameRecord(const Shape& shape, const void* left, const void* right) {
   return std::ranges::all_of(shape.fields,
                              [&](const Field& field) { return sameField(field, left, right); });
+}
+
+bool identical(const Shape& shape, const RecordRoom& left, const RecordRoom& right,
+               size_t blockSize) {
+  RecordRoom moved = left;
+  if (const Field* const owner = shape.owner(); owner != nullptr) {
+    const auto* const one = get<const uint8_t*>(&left, owner->at);
+    const auto* const other = get<const uint8_t*>(&right, owner->at);
+    if ((one == nullptr) != (other == nullptr) || !std::equal(one, one + blockSize, other)) {
+      return false;
+    }
+    std::memcpy(moved.bytes + owner->at, &other, sizeof other);
+  }
+  return std::memcmp(&moved, &right, sizeof right) == 0;
 }
 
 }  // namespace kel::fuzz

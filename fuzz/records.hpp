@@ -63,4 +63,9 @@ void fillRecord(const Shape& shape, Entropy& entropy, void* record);
 // array is an empty one.
 bool sameRecord(const Shape& shape, const void* left, const void* right);
 
+// Equal to the byte, padding among it, but for where a block that each owns lies, which has so many
+// bytes.
+bool identical(const Shape& shape, const RecordRoom& left, const RecordRoom& right,
+               size_t blockSize);
+
 }  // namespace kel::fuzz

@@ -48,8 +48,8 @@ testing::AssertionResult agree(const fuzz::Message& message, std::span<const uin
   const bool accepted =
       message.unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &record) != 0;
   if (accepted != verdict.accepted) return testing::AssertionFailure() << "another verdict";
-  const bool same = shape.ownsMemory() ? !accepted || sameRecord(shape, &expected, &record)
-                                       : std::memcmp(&expected, &record, sizeof record) == 0;
+  const bool judged = accepted || !shape.ownsMemory();
+  const bool same = !judged || identical(shape, expected, record, verdict.allocation);
   if (!same) return testing::AssertionFailure() << "another record";
   if (accepted && message.release != nullptr) message.release(&record);
   if (fuzz::host.blocks != 0) return testing::AssertionFailure() << "memory is left allocated";
