@@ -11,13 +11,26 @@ namespace {
 
 bool continuesCharacter(char byte) { return (static_cast<uint8_t>(byte) & 0xC0U) == 0x80U; }
 
-// Whether bytes that have the shape of a UTF-8 character are one: in the shortest form, no
-// surrogate and not beyond the last.
+// What bytes that have the shape of a UTF-8 character stand for.
+char32_t codePoint(std::string_view bytes) {
+  const auto first = static_cast<uint8_t>(bytes.front());
+  char32_t result = bytes.size() == 1 ? first : first & (0x7FU >> bytes.size());
+  for (const char byte : bytes.substr(1)) {
+    result = (result << 6U) | (static_cast<uint8_t>(byte) & 0x3FU);
+  }
+  return result;
+}
+
+bool isFromTo(char32_t point, char32_t first, char32_t last) {
+  return point >= first && point <= last;
+}
+
+// Whether such bytes are a character: in the shortest form, no surrogate and not beyond the last.
 bool isCharacter(std::string_view bytes) {
-  constexpr std::array<std::string_view, 5> kFirstOfLength = {"", "", "\xC2\x80", "\xE0\xA0\x80",
-                                                              "\xF0\x90\x80\x80"};
-  const bool isSurrogate = bytes >= "\xED\xA0\x80" && bytes <= "\xED\xBF\xBF";
-  return bytes >= kFirstOfLength[bytes.size()] && bytes <= "\xF4\x8F\xBF\xBF" && !isSurrogate;
+  constexpr std::array<char32_t, 5> kFirstOfLength = {0, 0, 0x80, 0x800, 0x10000};
+  const char32_t point = codePoint(bytes);
+  return isFromTo(point, kFirstOfLength[bytes.size()], 0x10FFFF) &&
+         !isFromTo(point, 0xD800, 0xDFFF);
 }
 
 // The UTF-8 character at the start of text; empty if there is none.
@@ -33,20 +46,10 @@ std::string_view firstCharacter(std::string_view text) {
   return whole ? character : std::string_view();
 }
 
-// Or ends a line, as two of them do.
-bool turnsDirection(std::string_view character) {
-  const auto isFromTo = [character](std::string_view first, std::string_view last) {
-    return character >= first && character <= last;
-  };
-  return isFromTo("\xE2\x80\x8E", "\xE2\x80\x8F") ||  // U+200E, U+200F
-         isFromTo("\xE2\x80\xA8", "\xE2\x80\xAE") ||  // U+2028 to U+202E
-         isFromTo("\xE2\x81\xA6", "\xE2\x81\xA9");    // U+2066 to U+2069
-}
-
-bool isControl(std::string_view character) {
-  constexpr std::string_view kFirstBeyond = "\xC2\xA0";  // U+00A0
-  return character < " " || (character >= "\x7F" && character < kFirstBeyond) ||
-         turnsDirection(character);
+// Controls, and what turns the direction of writing or ends a line.
+bool steers(char32_t point) {
+  return point < ' ' || isFromTo(point, 0x7F, 0x9F) || isFromTo(point, 0x200E, 0x200F) ||
+         isFromTo(point, 0x2028, 0x202E) || isFromTo(point, 0x2066, 0x2069);
 }
 
 }  // namespace
@@ -76,7 +79,7 @@ std::string shown(std::string_view text) {
   std::string result;
   while (!text.empty()) {
     const std::string_view character = firstCharacter(text);
-    result += isControl(character) ? "?" : character;
+    result += character.empty() || steers(codePoint(character)) ? "?" : character;
     text.remove_prefix(std::max(character.size(), size_t{1}));
   }
   return result;
