@@ -17,9 +17,8 @@ namespace kel::test {
 using Random = std::mt19937_64;
 
 // Fills a record: scalars zero half of the time, now and then at their limits or of a single bit,
-// which what looks at a part of a scalar would take for zero, strings absent,
-// empty or up to maximumString characters, vectors up to maximumEntries. Strings and arrays come
-// from malloc.
+// which what looks at a part of a scalar would take for zero, strings absent, empty or up to
+// maximumString characters, vectors up to maximumEntries. Strings and arrays come from malloc.
 class RecordMaker {
  public:
   RecordMaker(Random& random, size_t maximumString, uint32_t maximumEntries)
