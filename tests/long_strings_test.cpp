@@ -65,20 +65,24 @@ char* mapEndlessText() {
 TEST(Strings, PastThirtyTwoBitsHaveNoSize) {
   char* const text = mapEndlessText();
   if (text == nullptr) GTEST_SKIP() << "no room for 4 GiB of address space";
-  constexpr size_t kLongest = 0xFFFFFFFF - (66 + 9);
+  const AlarmInput record{0, 0, text, 0, 0, {}, 0};
+  const auto endAt = [text](size_t length, auto pass) {
+    text[length] = '\0';
+    const uint32_t size = pass();
+    text[length] = 'k';
+    return size;
+  };
+  const auto sizePass = [&] { return alarmOps().packFn(nullptr, &record); };
   uint8_t byte = 0xEE;
   const uint32_t capacity = UINT32_MAX;
-  const PackTarget target{&byte, &capacity};
-  for (const size_t length : {kLongest, kLongest + 1, (size_t{1} << 32) + 5}) {
-    text[length] = '\0';
-    const AlarmInput record{0, 0, text, 0, 0, {}, 0};
-    const bool fits = length == kLongest;
-    EXPECT_EQ(alarmOps().packFn(nullptr, &record), fits ? UINT32_MAX : 0);
-    if (length == kLongest + 1) {
-      EXPECT_EQ(alarmOps().packFn(&target, &record), 0U);
-    }
-    text[length] = 'k';
-  }
+  const auto packPass = [&] {
+    const PackTarget target{&byte, &capacity};
+    return alarmOps().packFn(&target, &record);
+  };
+  constexpr size_t kLongest = 0xFFFFFFFF - (66 + 9);
+  EXPECT_EQ(endAt(kLongest, sizePass), UINT32_MAX);
+  EXPECT_EQ(endAt(kLongest + 1, sizePass), 0U);
+  EXPECT_EQ(endAt((size_t{1} << 32) + 5, packPass), 0U);
   EXPECT_EQ(byte, 0xEE);
   munmap(text, kEndless);
 }
