@@ -69,7 +69,7 @@ struct Story {
   std::string request;
   std::string encoding;
   int32_t result = kOk;
-  std::string reply;
+  std::string outcome;  // the reply, or why there is none
   Clock::duration took{};
 };
 
@@ -83,9 +83,8 @@ template <class Output>
 void complete(int32_t result, void* output, uintptr_t context) {
   auto& pending = *reinterpret_cast<Pending*>(context);
   pending.story.result = result;
-  if (output != nullptr) {
-    pending.story.reply = tell(*static_cast<const Output*>(output));
-  }
+  pending.story.outcome =
+      output == nullptr ? explain(result) : tell(*static_cast<const Output*>(output));
   pending.story.took = Clock::now() - pending.began;
 }
 
@@ -105,8 +104,10 @@ class Caller {
     story.result = method.call(&input, &output, options_.deadlineMs);
     story.took = Clock::now() - began;
     if (story.result == kOk) {
-      story.reply = tell(output);
+      story.outcome = tell(output);
       ops.releaseFn(&output);
+    } else {
+      story.outcome = explain(story.result);
     }
     end(story);
     return output;
@@ -155,9 +156,9 @@ class Caller {
     fmt::print("  {}  {}\n    asked     {}\n    {}  {}\n", bold(story.method),
                dim(fmt::format("{}, {:.1f} ms", story.encoding, milliseconds)),
                spread(story.request), answered ? "answered" : "failed  ",
-               spread(answered ? story.reply : describe(story.result)));
+               answered ? spread(story.outcome) : story.outcome);
     if (!answered) {
-      throw std::runtime_error(fmt::format("{}: {}", story.method, describe(story.result)));
+      throw std::runtime_error(fmt::format("{}: {}", story.method, story.outcome));
     }
   }
 

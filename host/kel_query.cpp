@@ -28,7 +28,7 @@ Reply<typename Method::Output> ask(const QarneClient& client, const Method& meth
                                    const typename Method::Input& input) {
   Reply<typename Method::Output> reply = client.call(method, input);
   if (reply.result() != kOk) {
-    throw std::runtime_error(fmt::format("{}: {}", method.name, describe(reply.result())));
+    throw std::runtime_error(fmt::format("{}: {}", method.name, explain(reply.result())));
   }
   return reply;
 }

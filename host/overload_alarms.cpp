@@ -100,7 +100,7 @@ bool OverloadAlarms::send(const Alarm& alarm, bool isLastTry) const {
     ops.releaseFn(&answer);
   } else if (isOver || !alarm.isLate) {
     narrator_(fmt::format("{} could not be raised{}: {}", method.name, isOver ? "" : " yet",
-                          describe(result)));
+                          explain(result)));
   }
   return isOver;
 }

@@ -31,12 +31,28 @@
 
 #include "host/channels.hpp"
 #include "host/encoding.hpp"
+#include "host/field_text.hpp"
 #include "host/hand_over.hpp"
 
 namespace kel::host {
 namespace {
 
 std::atomic<bool> compactAlways = false;
+
+// What gRPC or the server said of this thread's last call, if it failed: as much as has room, since
+// keeping it must not fail.
+class LastWords {
+ public:
+  void keep(std::string_view words) {
+    size_ = startOf(words, kept_.size()).copy(kept_.data(), kept_.size());
+  }
+  [[nodiscard]] std::string_view kept() const { return {kept_.data(), size_}; }
+
+ private:
+  std::array<char, 300> kept_{};
+  size_t size_ = 0;
+};
+thread_local constinit LastWords lastWords;
 
 struct Invoker {
   std::string target;  // empty: the address record holds none
@@ -114,6 +130,8 @@ class Exchange {
 
   // Once advance has returned true.
   int32_t decodeInto(void* output, const IdlCodecOps& ops) {
+    lastWords.keep(
+        {reinterpret_cast<const char*>(GRPC_SLICE_START_PTR(detail_)), GRPC_SLICE_LENGTH(detail_)});
     if (surplus_ != nullptr) {
       return kTooManyReplies;
     }
@@ -454,6 +472,7 @@ std::unique_ptr<Invoker> claim(void* handle) {
 // The library between this framework and the caller knows no exceptions.
 template <class Body>
 int32_t guarded(const Body& body) {
+  lastWords.keep({});
   try {
     return body();
   } catch (const Failure& failure) {
@@ -536,6 +555,11 @@ std::string describe(int32_t result) {
     return fmt::format("the call failed with gRPC status {} ({})", code, statusName(code));
   }
   return fmt::format("the call failed with the unknown result {}", result);
+}
+
+std::string explain(int32_t result) {
+  const std::string words = shown(lastWords.kept());
+  return words.empty() ? describe(result) : fmt::format("{} ({})", describe(result), words);
 }
 
 void waitForCompletions() { Engine::instance().waitForCompletions(); }

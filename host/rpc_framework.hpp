@@ -70,6 +70,10 @@ enum RpcResult : int32_t {
 // A sentence without its full stop, for people.
 std::string describe(int32_t result);
 
+// The same with what gRPC or the server said in brackets, a stranger's words made fit to be shown.
+// Of the last call that ended on this thread: in a completion, of its own.
+std::string explain(int32_t result);
+
 // Called with the call's result and the decoded output record. The record is null on failure;
 // otherwise it is valid until the completion returns, and the framework releases it then.
 using Completion = void (*)(int32_t result, void* output, uintptr_t context);

@@ -58,6 +58,15 @@ class Images : public HostFixture {
     return findMount(readMounts("/"), mountPoint).has_value();
   }
 
+  // How it is mounted, as the kernel tells.
+  static std::string optionsOf(const path& mountPoint) {
+    std::ifstream mounts("/proc/self/mounts");
+    std::string line;
+    while (std::getline(mounts, line) && line.find(mountPoint.string()) == std::string::npos) {
+    }
+    return line;
+  }
+
   const path top = HostFixture::folder;
   const path folder = top / "images";
 };
@@ -171,6 +180,9 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
     EXPECT_EQ(images.mount("blank.img"), ResultCode::failed) << "it has no file system";
     const path mountPoint = mountFolder() / "disk.img";
     EXPECT_TRUE(isMounted(mountPoint));
+    for (const char* harmless : {"nosuid", "nodev", "noexec", "errors=remount-ro"}) {
+      EXPECT_NE(optionsOf(mountPoint).find(harmless), std::string::npos) << optionsOf(mountPoint);
+    }
     std::ofstream(mountPoint / "hello") << "kept";
     EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse);
     EXPECT_EQ(images.format("disk.img"), ResultCode::inUse);

@@ -1,6 +1,7 @@
 // The programs as a person runs them: how they end, and what they say when it is ill.
 #include <fmt/ranges.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <fstream>
@@ -79,6 +80,15 @@ TEST_F(Programs, TellTheWholeStoryAndEndWell) {
   EXPECT_FALSE(compact.says("\033")) << "styled, but not for a terminal";
   expectEnd(stop(master), 0, {"12 alarms kept"});
   EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
+}
+
+// Whoever writes the rules may never come to it.
+TEST_F(Programs, EndWhileTheyWaitForAFile) {
+  const std::string pipe = folder / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  RunningProgram master(built("kel_master") + Arguments{"--config", pipe}, folder / "master");
+  const std::ofstream rules(pipe);  // opens together with its reader
+  expectEnd(stop(master), -1);
 }
 
 // All eight methods, against this very machine.

@@ -92,6 +92,42 @@ TEST_F(RpcFramework, GivesEveryFailureItsResultAndRecovers) {
   }
 }
 
+TEST_F(RpcFramework, ExplainsAFailureInTheServersWords) {
+  std::string words;
+  const RpcServer server(target, [&](const std::string&, std::span<const uint8_t>) {
+    return Answer{AnswerStatus::internal, words, {}};
+  });
+  const AlarmInput alarm = sampleAlarm();
+  const auto callAndExplain = [&](const AlarmInput* input) {
+    AlarmOutput output{};
+    return explain(KelSysdiagMaster_KelSendAlarm(input, &output, 0));
+  };
+  const std::string failed = describe(kGrpcStatus + 13);
+  const std::pair<std::string, std::string> cases[] = {
+      {"the disk is gone", failed + " (the disk is gone)"},
+      {"", failed},
+      {"\x1b[2J", failed + " (?[2J)"},
+      {std::string(299, 'x') + "\u00E9", failed + " (" + std::string(299, 'x') + ")"},
+  };
+  for (const auto& [said, expected] : cases) {
+    words = said;
+    EXPECT_EQ(callAndExplain(&alarm), expected);
+  }
+  words = "nothing of a call that did not reach it";
+  EXPECT_EQ(callAndExplain(&alarm), failed + " (" + words + ")");
+  EXPECT_EQ(callAndExplain(nullptr), describe(kRequestNotPacked));
+
+  Completions completions;
+  const Completion explained = [](int32_t result, void*, uintptr_t context) {
+    std::string explanation = explain(result);
+    AlarmOutput output{};
+    output.text = explanation.data();
+    Completions::onAlarmOutput(result, &output, context);
+  };
+  EXPECT_EQ(completions.start(&alarm, 0, explained), kOk);
+  EXPECT_EQ(completions.wait(1).at(0).text, failed + " (" + words + ")");
+}
+
 TEST_F(RpcFramework, RefusesWhatItCannotCarryWithoutACompletion) {
   const RpcServer server(target, okHandler());
   const AlarmInput alarm = sampleAlarm();
