@@ -35,7 +35,7 @@ constexpr uintptr_t kDeadlineMs = 3000;
 // Whose memory comes back late, or never.
 constexpr bool kSanitized = KEL_SANITIZED;
 
-constexpr int kKilled = kSanitized || KEL_EMULATED ? 8 : 25;  // servers, each of two times
+constexpr int kKilled = kSanitized || KEL_EMULATED ? 8 : 25;  // servers, in each of two runs
 
 // Numbered calls by both ways, and what became of them.
 class Load {
