@@ -59,7 +59,7 @@ class Images : public HostFixture {
   }
 
   // How it is mounted, as the kernel tells.
-  static std::string optionsOf(const path& mountPoint) {
+  static std::string mountOptions(const path& mountPoint) {
     std::ifstream mounts("/proc/self/mounts");
     std::string line;
     while (std::getline(mounts, line) && line.find(mountPoint.string()) == std::string::npos) {
@@ -180,8 +180,9 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
     EXPECT_EQ(images.mount("blank.img"), ResultCode::failed) << "it has no file system";
     const path mountPoint = mountFolder() / "disk.img";
     EXPECT_TRUE(isMounted(mountPoint));
+    const std::string options = mountOptions(mountPoint);
     for (const char* harmless : {"nosuid", "nodev", "noexec", "errors=remount-ro"}) {
-      EXPECT_NE(optionsOf(mountPoint).find(harmless), std::string::npos) << optionsOf(mountPoint);
+      EXPECT_NE(options.find(harmless), std::string::npos) << options;
     }
     std::ofstream(mountPoint / "hello") << "kept";
     EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse);
