@@ -14,17 +14,25 @@ constexpr size_t kLargestElement = 300;
 
 void fillScalar(uint32_t width, Entropy& entropy, uint8_t* member) {
   const uint8_t choice = entropy.byte();
-  const uint64_t value = choice < 96    ? 0
-                         : choice < 128 ? 1
-                         : choice < 144 ? UINT64_MAX
-                         : choice < 160 ? uint64_t{1} << entropy.below(64)
+  const uint64_t value = choice < 128   ? 0
+                         : choice < 144 ? 1
+                         : choice < 160 ? UINT64_MAX
+                         : choice < 176 ? uint64_t{1} << entropy.below(64)
                                         : entropy.next();
   std::memcpy(member, &value, width);
 }
 
+// No two bytes within 256 are alike, so that none can stand in another's place.
+void fillArray(uint32_t width, Entropy& entropy, uint8_t* member) {
+  const uint8_t first = entropy.byte();
+  const uint8_t step = entropy.byte() | 1;
+  for (uint32_t i = 0; i < width; ++i) member[i] = static_cast<uint8_t>(first + i * step);
+}
+
 char* makeText(Entropy& entropy) {
-  static char text[kLongestText + 1];
+  static FencedBuffer<kLongestText + 1> buffer;
   const size_t length = entropy.below(8) == 0 ? entropy.below(kLongestText + 1) : entropy.below(8);
+  auto* const text = reinterpret_cast<char*>(buffer.open(length + 1));
   for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>(1 + entropy.byte() % 255);
   text[length] = '\0';
   return text;
@@ -77,8 +85,7 @@ void fillRecord(const Shape& shape, Entropy& entropy, void* record) {
         fillScalar(field.width, entropy, member);
         break;
       case Kind::bytes:
-        std::memset(member, entropy.byte(), field.width);
-        member[entropy.below(field.width)] = entropy.byte();
+        fillArray(field.width, entropy, member);
         break;
       case Kind::table:
         fillRecord(*field.nested, entropy, member);

@@ -11,6 +11,7 @@
 #include "support/bytes.hpp"
 #include "support/codec_with_entries.hpp"
 #include "support/guarded_memory.hpp"
+#include "support/message_checks.hpp"
 #include "support/records.hpp"
 
 namespace {

@@ -6,19 +6,18 @@
 #include <kel_sys_diag/osal.h>
 #include <kel_sys_diag/peer.h>
 #include <kel_sys_diag/service.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <set>
+#include <string>
+#include <vector>
 
-#include "schema/brd_part_info_messages.hpp"
-#include "schema/disk_reset_mount_messages.hpp"
-#include "schema/disk_threshold_messages.hpp"
-#include "schema/disk_use_messages.hpp"
-#include "schema/fd_proc_info_messages.hpp"
-#include "schema/storage_messages.hpp"
 #include "support/framework_double.hpp"
 #include "support/message_checks.hpp"
 #include "support/sub_record.hpp"
@@ -364,46 +363,6 @@ TEST(Release, GivesTheEntriesBackOnce) {
   }
 }
 
-// Vectors of many lengths to the peer and back.
-template <class Reply, class Entry, class Unpack, class Release>
-void expectVectorsArrive(const IdlCodecOps& ops, Unpack unpack, Release release) {
-  Random random(5);
-  RecordMaker maker(random, 0, 0);
-  constexpr uint32_t kDifferent = 1009;  // entries, before they come again
-  for (const uint32_t count : {0U, 1U, 2U, 3U, 1000U, 100000U}) {
-    Reply record{count, makeEntries<Entry>(count)};
-    for (uint32_t i = 0; i < count; ++i) {
-      if (i < kDifferent) {
-        maker.fill(record.entries[i]);
-      } else {
-        record.entries[i] = record.entries[i - kDifferent];
-      }
-    }
-    const Buffer bytes = packToSize(ops.packFn, record);
-    Reply unpacked;
-    ASSERT_NE(unpack(bytes.data(), static_cast<uint32_t>(bytes.size()), &unpacked), 0U);
-    EXPECT_TRUE(sameRecord(record, unpacked));
-    EXPECT_EQ(outstanding.size(), count == 0 ? 1U : 2U);
-    release(&unpacked);
-    ops.releaseFn(&record);
-    EXPECT_TRUE(outstanding.empty());
-  }
-}
-
-TEST(Replies, VectorsOfManyLengthsArrive) {
-  expectVectorsArrive<BrdPartInfo, BrdPartEntry>(brdPartOps(), Kel_sys_diag_BrdPartInfo_unpack,
-                                                 Kel_sys_diag_BrdPartInfo_free_unpacked);
-  expectVectorsArrive<FdProcInfoOutput, FdProcEntry>(fdProcOps(),
-                                                     Kel_sys_diag_FdProcInfoOutput_unpack,
-                                                     Kel_sys_diag_FdProcInfoOutput_free_unpacked);
-  expectVectorsArrive<StorageEraseInfo, StorageEraseEntry>(
-      eraseOps(), Kel_sys_diag_StorageEraseInfo_unpack,
-      Kel_sys_diag_StorageEraseInfo_free_unpacked);
-  expectVectorsArrive<StorageBadBlockInfo, StorageBadBlockEntry>(
-      badBlockOps(), Kel_sys_diag_StorageBadBlockInfo_unpack,
-      Kel_sys_diag_StorageBadBlockInfo_free_unpacked);
-}
-
 // A count that its message has room for, and whose array has none in 32 bits.
 TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
   constexpr uint32_t kMost = UINT32_MAX / sizeof(FdProcEntry);
@@ -419,55 +378,6 @@ TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
               0U);
     allocationsUntilFailure = -1;
     EXPECT_EQ(logLines.size(), count == kMost ? 1U : 0U);  // only one was asked for
-  }
-}
-
-const std::vector<Message>& everyMessage() {
-  constexpr auto kNoRelease = [](void*) {};
-  static const std::vector<Message> messages{
-      KEL_PEER_PACKS(FdProcInfoInput, fdProcOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(SysOvLoadDiskThreshold, thresholdOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(SysDiskUseInput, diskUseOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(ResetDiskCondition, resetOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(MountDiskInput, mountOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(StorageEraseInfoInput, eraseOps().unpackFn, kNoRelease),
-      KEL_PEER_PACKS(StorageBadBlockInfoInput, badBlockOps().unpackFn, kNoRelease),
-      KEL_PEER_UNPACKS(BrdPartInfo, brdPartOps().packFn),
-      KEL_PEER_UNPACKS(FdProcInfoOutput, fdProcOps().packFn),
-      KEL_PEER_UNPACKS(OperResult, thresholdOps().packFn, &thresholdOps()),
-      KEL_PEER_UNPACKS(SysDiskUseInfoResult, diskUseOps().packFn, &diskUseOps()),
-      KEL_PEER_UNPACKS(ResetDiskResult, resetOps().packFn, &resetOps()),
-      KEL_PEER_UNPACKS(MountDiskResult, mountOps().packFn, &mountOps()),
-      KEL_PEER_UNPACKS(StorageEraseInfo, eraseOps().packFn),
-      KEL_PEER_UNPACKS(StorageBadBlockInfo, badBlockOps().packFn),
-  };
-  return messages;
-}
-
-TEST(RoundTrip, OfEveryMessage) {
-  expectRoundTrips(everyMessage());
-  EXPECT_TRUE(outstanding.empty());
-}
-
-TEST(EveryUnpacker, RefusesEveryTruncation) {
-  expectTruncationsRefused(everyMessage());
-  EXPECT_TRUE(outstanding.empty());
-}
-
-// The twins' codecs do the same: their log lines tell which of them a method is bound to.
-TEST(EveryCodec, RefusesThreeBytesInItsOwnName) {
-  uint8_t bytes[3] = {};
-  const uint32_t capacity = 3;
-  const PackTarget target{bytes, &capacity};
-  const RecordRoom record{};
-  for (const Message& message : everyMessage()) {
-    logLines.clear();
-    unpackAndRelease(message, bytes, 3);
-    EXPECT_EQ(message.pack(&target, record.bytes), 0U);
-    const std::string name = std::string("22 Kel_sys_diag_") + message.name;
-    EXPECT_EQ(logLines, (std::vector<std::string>{
-                            name + "_unpack [KORVA]:Param invalid(nonNull, 3, nonNull)",
-                            name + "_pack [KORVA]:Param invalid(nonNull, 3, nonNull)"}));
   }
 }
 

@@ -124,14 +124,4 @@ testing::AssertionResult sameRecord(const Record& left, const Record& right) {
   return result;
 }
 
-// Packs through any pack function into exactly the size that it asks for, over other bytes.
-template <class Pack, class Record>
-std::vector<uint8_t> packToSize(Pack pack, const Record& record) {
-  const uint32_t size = pack(nullptr, &record);
-  std::vector<uint8_t> bytes(size, 0xEE);
-  const PackTarget target{bytes.data(), &size};
-  EXPECT_EQ(pack(&target, &record), size);
-  return bytes;
-}
-
 }  // namespace kel::test
