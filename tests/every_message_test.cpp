@@ -93,25 +93,24 @@ TEST(EveryMessage, ArrivesFromEitherSide) {
 }
 
 TEST(EveryMessage, ArrivesWithListsOfManyLengths) {
-  constexpr size_t kDifferent = 1009;           // elements, before they come again
-  constexpr size_t kBytes = (size_t{1} << 24);  // of records, so that offsets pass 2^24 as well
+  constexpr uint32_t kDifferent = 1009;    // elements, before they come again
+  constexpr uint32_t kMost = 0x10000 + 1;  // more than two bytes count
   fuzz::Entropy entropy(5);
-  GuardedMemory memory(3 * kBytes);
-  std::vector<uint64_t> room(kBytes / sizeof(uint64_t));
-  auto* const elements = reinterpret_cast<uint8_t*>(room.data());
+  GuardedMemory memory(size_t{kMost} * 512);
   for (const fuzz::Message& message : fuzz::allMessages()) {
     const fuzz::Field* const list = message.shape->owner();
     if (list == nullptr || list->kind != fuzz::Kind::vector) continue;
     SCOPED_TRACE(message.name);
     const size_t size = list->nested->recordSize;
+    std::vector<uint64_t> room((kMost + kDifferent) * size / sizeof(uint64_t));
+    auto* const elements = reinterpret_cast<uint8_t*>(room.data());
     for (size_t i = 0; i < kDifferent; ++i) fillRecord(*list->nested, entropy, elements + i * size);
-    for (size_t i = kDifferent * size; i < kBytes; ++i) {
-      elements[i] = elements[i - kDifferent * size];
+    for (size_t i = kDifferent; i < kMost; i += kDifferent) {
+      std::memcpy(elements + i * size, elements, kDifferent * size);
     }
-    for (const size_t count :
-         {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{1000}, kBytes / size}) {
+    for (const uint32_t count : {0U, 1U, 2U, 3U, 1000U, kMost}) {
       RecordRoom record{};
-      std::memcpy(record.bytes + list->countAt, &count, sizeof(uint32_t));
+      std::memcpy(record.bytes + list->countAt, &count, sizeof count);
       std::memcpy(record.bytes + list->at, &elements, sizeof elements);
       expectArrival(message, &record, memory);
     }
