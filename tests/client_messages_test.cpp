@@ -4,6 +4,8 @@
 #include <kel_sys_diag/client.h>
 #include <kel_sys_diag/peer.h>
 
+#include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "support/message_checks.hpp"

@@ -6,6 +6,7 @@
 #include <climits>
 #include <map>
 #include <new>
+#include <vector>
 
 #include "codec/korva_codec.hpp"
 #include "support/bytes.hpp"

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <random>
 #include <span>
-#include <vector>
 
 #include "codec/korva_schema.hpp"
 
