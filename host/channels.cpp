@@ -5,8 +5,6 @@
 #include <grpcpp/security/credentials.h>
 #include <grpcpp/support/channel_arguments.h>
 
-#include <atomic>
-
 namespace kel::host {
 namespace {
 
@@ -19,13 +17,11 @@ constexpr int kLongestBackOffMs = 2'000;
 // not answer counts as unreachable.
 constexpr int kConnectMs = 3'000;
 
-std::atomic<int> factories = 0;
-
 }  // namespace
 
 ChannelFactory::ChannelFactory(const CallSettings& settings)
-    : number_(++factories),
-      settings_(settings),
+    : settings_(settings),
+      quota_(messageQuota(ServerLimits().calls, settings.messageBytes)),
       credentials_(channelCredentials(settings.security)) {}
 
 std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) const {
@@ -35,8 +31,8 @@ std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) c
   }
   grpc::ChannelArguments arguments;
   arguments.SetLoadBalancingPolicyName("round_robin");
-  // Nothing to gRPC, but connections are shared only where all arguments are equal.
-  arguments.SetInt("kel.channel_factory", number_);
+  // Of this factory alone; and connections are shared only where all arguments are equal.
+  arguments.SetResourceQuota(*quota_);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kLongestBackOffMs);
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, kConnectMs);
   // The address record and the settings alone decide how calls go, not the environment or the DNS.

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "host/message_quota.hpp"
 #include "host/rpc_framework.hpp"
 
 namespace grpc {
@@ -22,8 +23,8 @@ class ChannelFactory {
   [[nodiscard]] std::shared_ptr<grpc::Channel> open(const std::string& target) const;
 
  private:
-  int number_;  // of this factory
   CallSettings settings_;
+  std::unique_ptr<grpc::ResourceQuota> quota_;
   std::shared_ptr<grpc::ChannelCredentials> credentials_;  // but for Unix sockets
 };
 

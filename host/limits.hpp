@@ -14,7 +14,8 @@ inline constexpr uint32_t kDefaultMessageBytes = 4U << 20U;
 struct ServerLimits {
   uint32_t messageBytes = kDefaultMessageBytes;
   // Calls at a time, those that wait for a thread included. Times messageBytes it bounds the memory
-  // of requests, and again that of replies which their callers have yet to read.
+  // of requests, with message_quota's share for connections, and again that of replies which their
+  // callers have yet to read.
   uint32_t calls = 64;
   // However long a deadline the caller has. Making a file system is the slowest thing that anybody
   // asks for.

@@ -17,6 +17,7 @@
 
 #include "host/hand_over.hpp"
 #include "host/listener.hpp"
+#include "host/message_quota.hpp"
 #include "host/time_limit.hpp"
 #include "host/worker_pool.hpp"
 
@@ -93,6 +94,7 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     builder.RegisterCallbackGenericService(this);
     builder.SetMaxReceiveMessageSize(static_cast<int>(limits.messageBytes));
     builder.SetMaxSendMessageSize(static_cast<int>(limits.messageBytes));
+    builder.SetResourceQuota(*messageQuota(limits.calls, limits.messageBytes));
     builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS,
                                milliseconds(limits.handshake));
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, milliseconds(limits.keepalive));

@@ -1,14 +1,18 @@
 // Who gets in, what they may call, and what they may cost the server.
+#include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <thread>
+#include <vector>
 
 #include "host/file_descriptor.hpp"
 #include "host/rpc_server.hpp"
@@ -21,6 +25,14 @@ namespace {
 constexpr char kLoopback[] = "127.0.0.1:0";
 constexpr char kAlarmPath[] = "/KelSysdiagMaster/KelSendAlarm";
 
+// Its pieces are all the same one, so that it takes hardly any memory here.
+grpc::ByteBuffer messageOf(size_t bytes) {
+  const grpc::Slice piece(std::string(std::min(bytes, size_t{1} << 20U), 'x'));
+  std::vector<grpc::Slice> pieces(bytes / piece.size(), piece);
+  pieces.push_back(piece.sub(0, bytes % piece.size()));
+  return {pieces.data(), pieces.size()};
+}
+
 // A call without this system's framework, for the server's own words, which results do not carry.
 class RawCall {
  public:
@@ -31,10 +43,9 @@ class RawCall {
                        grpc::InsecureChannelCredentials())
       : call_(grpc::GenericStub(grpc::CreateCustomChannel(target, credentials, arguments))
                   .PrepareCall(&context_, kAlarmPath, &queue_)) {
-    const grpc::Slice slice(std::string(bytes, 'x'));
     call_->StartCall(nullptr);
     next();
-    call_->WriteLast(grpc::ByteBuffer(&slice, 1), grpc::WriteOptions(), nullptr);
+    call_->WriteLast(messageOf(bytes), grpc::WriteOptions(), nullptr);
     next();
   }
   ~RawCall() { context_.TryCancel(); }
@@ -311,6 +322,54 @@ TEST_F(Security, RefusesMessagesBeyondTheLimitByASentence) {
   EXPECT_EQ(call(), outcome(kTooLarge)) << "beyond the caller's own limit";
   configureCalls({.messageBytes = 8});
   expectCall(kTooLarge);  // a request beyond it
+}
+
+constexpr size_t kFarBeyondLimits = 768U << 20U;
+
+class LongAnswers : public grpc::CallbackGenericService {
+  struct Reactor : grpc::ServerGenericBidiReactor {
+    Reactor() { StartWriteAndFinish(&answer, {}, grpc::Status::OK); }
+    void OnDone() override { delete this; }
+
+    grpc::ByteBuffer answer = messageOf(kFarBeyondLimits);
+  };
+  grpc::ServerGenericBidiReactor* CreateReactor(grpc::GenericCallbackServerContext*) override {
+    return new Reactor;
+  }
+};
+
+// By how many bytes this process grows in between.
+size_t growthDuring(const std::function<void()>& act) {
+  const auto resident = [](const std::string& what) {
+    const std::string status = contentOf("/proc/self/status");
+    return std::stoul(status.substr(status.find(what) + what.size())) << 10U;
+  };
+  std::ofstream("/proc/self/clear_refs") << "5";  // forgets the peak
+  const size_t before = resident("VmRSS:");
+  act();
+  return resident("VmHWM:") - before;
+}
+
+// gRPC itself looks at the size of a message only once it has all of it.
+TEST_F(Security, KeepsLittleOfMessagesFarBeyondTheLimit) {
+  constexpr uint32_t kMost = 1000;
+  RpcServer server(target, handler(), {.limits = {.messageBytes = kMost}});
+  EXPECT_LT(growthDuring([&] { EXPECT_FALSE(RawCall(target, kFarBeyondLimits).end().ok()); }),
+            kFarBeyondLimits / 2);
+  EXPECT_EQ(handled_, 0);
+  expectCall(kOk);
+
+  configureCalls({.messageBytes = kMost});
+  LongAnswers answers;
+  const std::string other = "unix:" + (folder / "other").string();
+  const auto responder = grpc::ServerBuilder()
+                             .AddListeningPort(other, grpc::InsecureServerCredentials())
+                             .RegisterCallbackGenericService(&answers)
+                             .BuildAndStart();
+  aimAt(other);
+  EXPECT_LT(growthDuring([] { EXPECT_EQ(call(), outcome(kTooLarge)); }), kFarBeyondLimits / 2);
+  aimAt(server.target());
+  expectCall(kOk);
 }
 
 // Even when the handlers keep every thread busy.
