@@ -12,6 +12,7 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -128,22 +129,33 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
 
   void stop(std::chrono::milliseconds grace) {
     listener_->stop();
-    // gRPC closes no connection before all that it has begun to say there is said.
     std::promise<void> over;
-    std::thread cutting([&] {
-      if (over.get_future().wait_for(grace + kLastWords) == std::future_status::timeout) {
-        listener_->cutConnections();
-      }
-    });
+    std::thread cutting = startCutting(grace + kLastWords, over.get_future());
     server_->Shutdown(after(grace));
     over.set_value();
-    cutting.join();
+    if (cutting.joinable()) {
+      cutting.join();
+    }
     std::unique_lock lock(mutex_);
     idle_.wait(lock, [this] { return calls_ == 0; });
   }
 
  private:
   class Call;
+
+  // gRPC closes no connection before all that it has begun to say there is said. Where no thread is
+  // to be had any more, callers that read nothing hold up the end.
+  std::thread startCutting(std::chrono::milliseconds patience, std::future<void> over) {
+    try {
+      return std::thread([this, patience, over = std::move(over)] {
+        if (over.wait_for(patience) == std::future_status::timeout) {
+          listener_->cutConnections();
+        }
+      });
+    } catch (const std::system_error&) {
+      return {};
+    }
+  }
 
   // Says whether there was a place left for the call to take.
   bool enter() {
