@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -61,6 +62,28 @@ bool isPlain(const std::string& name) {
 bool isFileOfItsOwn(int descriptor) {
   struct stat state {};
   return fstat(descriptor, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1;
+}
+
+bool holds(const path& loopDevice, const struct stat& image) {
+  const FileDescriptor device(::open(loopDevice.c_str(), O_RDONLY | O_CLOEXEC));
+  loop_info64 info{};
+  return device.isOpen() && ioctl(device.get(), LOOP_GET_STATUS64, &info) == 0 &&
+         info.lo_device == image.st_dev && info.lo_inode == image.st_ino;
+}
+
+bool carriesMount(const path& device) {
+  const FileDescriptor alone(::open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+  return !alone.isOpen() && errno == EBUSY;
+}
+
+// Whether an image is mounted by somebody who takes no lock on it, as mount(8) does not.
+bool isMounted(int image) {
+  struct stat state {};
+  return fstat(image, &state) == 0 &&
+         std::ranges::any_of(namesIn("/sys/block"), [&](const std::string& name) {
+           const path device = path("/dev") / name;
+           return name.starts_with("loop") && holds(device, state) && carriesMount(device);
+         });
 }
 
 struct LoopDevice {
@@ -207,6 +230,9 @@ ResultCode DiskImages::mount(const std::string& name) {
   }
   if (mounted_.contains(mountPoint)) {
     return ResultCode::inUse;  // by an image that had this name
+  }
+  if (isMounted(image.file.get())) {
+    return ResultCode::inUse;
   }
   const LoopDevice loop = attach(image.file.get());
   if (loop.code != ResultCode::done) {

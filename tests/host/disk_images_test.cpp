@@ -1,6 +1,7 @@
 // Disk images: what really formats and mounts, what is refused, and what is missing for it.
 #include "host/disk_images.hpp"
 
+#include <fmt/core.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -199,6 +200,11 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
     EXPECT_FALSE(mount.mountPoint.starts_with(top.string())) << mount.mountPoint;
   }
   DiskImages images(folder / ".");
+  std::filesystem::create_directory(top / "hand");
+  const auto byHand = [&](const std::string& command) { return std::system(command.c_str()); };
+  ASSERT_EQ(byHand(fmt::format("mount -o loop {0}/images/disk.img {0}/hand", top.string())), 0);
+  EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse) << "what others wrote would be lost";
+  ASSERT_EQ(byHand(fmt::format("umount {}/hand", top.string())), 0);
   EXPECT_EQ(images.mount("disk.img"), ResultCode::done);
   std::string text;
   std::ifstream(mountFolder() / "disk.img" / "hello") >> text;
