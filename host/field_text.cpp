@@ -48,8 +48,9 @@ std::string_view firstCharacter(std::string_view text) {
 
 // Controls, and what turns the direction of writing or ends a line.
 bool steers(char32_t point) {
-  return point < ' ' || isFromTo(point, 0x7F, 0x9F) || isFromTo(point, 0x200E, 0x200F) ||
-         isFromTo(point, 0x2028, 0x202E) || isFromTo(point, 0x2066, 0x2069);
+  return point < ' ' || isFromTo(point, 0x7F, 0x9F) || point == 0x61C ||
+         isFromTo(point, 0x200E, 0x200F) || isFromTo(point, 0x2028, 0x202E) ||
+         isFromTo(point, 0x2066, 0x2069);
 }
 
 }  // namespace
