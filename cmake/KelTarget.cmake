@@ -1,10 +1,18 @@
 # How targets are compiled and linked here.
 
-set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+# What the vectors take; and for ARM the branch protection that the libraries are linked to insist on.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+  set(KEL_ARCHITECTURE -march=armv8-a -mbranch-protection=standard)
+else()
+  set(KEL_ARCHITECTURE -march=x86-64-v2)
+endif()
 
-# Everything of ours: strict warnings, includes by path from the top folder.
+# Everything of ours: strict warnings, which are errors (cmake --compile-no-warning-as-error lets
+# another compiler have its own), and includes by path from the top folder.
 function(kel_target target)
-  target_compile_options(${target} PRIVATE ${KEL_WARNINGS})
+  target_compile_options(${target} PRIVATE ${KEL_WARNINGS} ${KEL_ARCHITECTURE})
+  set_target_properties(${target} PROPERTIES COMPILE_WARNING_AS_ERROR ON)
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${target} PRIVATE kel_headers)
 endfunction()
