@@ -11,10 +11,12 @@
  *                                         integer, or 0; nothing is left allocated after a 0.
  *   Kel_sys_diag_<Message>_pack           with a null target, returns the encoded size; otherwise
  *                                         writes, and returns the number of bytes; 0 on failure.
+ *                                         Compact; there is no fixed layout here.
  *   Kel_sys_diag_<Message>_free_unpacked  gives back what unpacking allocated, and clears the
  *                                         pointers to it. Not for records that the caller filled
- *                                         from other memory. Does nothing for null, and nothing at
- *                                         all for a record without pointers. */
+ *                                         from other memory, nor after a 0 for one that was not
+ *                                         clear before. Does nothing for null, and nothing at all
+ *                                         for a record without pointers. */
 #ifndef KEL_SYS_DIAG_PEER_H
 #define KEL_SYS_DIAG_PEER_H
 

@@ -95,7 +95,9 @@ typedef struct OvLoadDiskCtlOutput {
 /* Reply of KelBrdPartInfoQuery; its request, BrdPartInfoInput, has no fields and a record of size
  * 0. In this and every other reply with entries: entries is an array of entryCount records, or null
  * for none, whatever the count says. It belongs to the record; the release routine hands it to the
- * unit's release hook (osal.h), so it must come from the allocator that pairs with that hook. */
+ * release hook (osal.h), so it must come from the allocator that pairs with that hook: from
+ * QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag is 1, from
+ * malloc else. */
 typedef struct BrdPartEntry {
   uint8_t bytes50a[50];
   uint8_t bytes50b[50];

@@ -22,27 +22,31 @@ typedef struct PackTarget {
   const uint32_t* capacity; /* bytes at buffer; never null */
 } PackTarget;
 
-/* Decodes length received bytes, of the compact or the fixed layout or any other that the format
- * allows, into record, of which every byte is written, padding included.
+/* Decodes length received bytes, at any address, of the compact or the fixed layout or any other
+ * that the format allows, into record, of which every byte is written, padding included.
  * Returns record as an integer, or 0 when the arguments or the bytes are refused; then nothing that
  * the unpacker allocated survives, and the record is not for use: it is untouched where the
  * arguments or, of a record without pointers, the message's header are refused, and else clear but
- * for fields that were read before. The bytes are not referred to after the call. A length of 2^31
- * or more is refused. */
+ * for fields that were read before. Arguments are refused if one is null, or if length is below 4,
+ * or 2^31 and more: whoever sends the message has a say in that, so do not release a record after a
+ * 0 unless it was clear, or owned what it holds, before. The bytes are not referred to after the
+ * call. */
 typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
 
 /* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a
- * null record or a size above 2^32 - 1). With a target, writes the encoding and returns the number
- * of bytes written, the same as that size; returns 0, with the buffer untouched, for a null buffer,
- * a null record or a capacity below the size. */
+ * null record or a size above 2^32 - 1; no encoding is empty). With a target, writes the encoding
+ * and returns the number of bytes written, the same as that size; returns 0, with the buffer
+ * untouched, for a null buffer, a null record or a capacity below the size. */
 typedef uint32_t (*IdlPackFn)(const PackTarget* target, const void* record);
 
 /* Gives back what the record owns and clears the pointers to it. Null is allowed. */
 typedef void (*IdlReleaseFn)(void* record);
 
 /* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes, which all are
- * the message. Checks nothing; always returns 0. Bytes that the layout does not use keep what the
- * buffer held: clear it first if it may hold what the receiver must not see. */
+ * the message. That is faster than the compact form that packFn writes, and never smaller; a
+ * receiver takes either and need not be told which. Checks nothing; always returns 0. Bytes that
+ * the layout does not use keep what the buffer held: clear it first if it may hold what the
+ * receiver must not see. */
 typedef int32_t (*IdlFixedPackFn)(uint8_t* buffer, const void* record);
 
 /* Returns the constant size in bytes of a message's fixed layout. */
@@ -81,7 +85,7 @@ typedef struct IdlAsyncInfo {
 /* What serves a method. The record that a wrapper hands over lives only for that call. */
 typedef struct ServiceMethodBinding {
   IdlHostFn implementation; /* the host's <Method> */
-  IdlHostFn hook;           /* the method's own hook of the library, which does nothing */
+  IdlHostFn hook;           /* the library's own for the method; does nothing, need not be called */
   uint64_t mode;            /* always 1 */
 } ServiceMethodBinding;
 
@@ -96,7 +100,7 @@ typedef struct IdlIntfEntry {
   uint32_t marker; /* 0 */
   uint32_t reserved1;
   IdlWrapperFn wrapper;
-  /* FNV-1a, 32 bits, of the package, a full stop and the input message's name */
+  /* FNV-1a, 32 bits, of the package "Kel_sys_diag", a full stop and the input message's name */
   uint32_t inputMsgId;
   uint32_t reserved2;
   char methodName[64]; /* NUL-padded */
@@ -105,7 +109,7 @@ typedef struct IdlIntfEntry {
 /* One message of a served service: of the method in interface entry k, entry 2k - 1 is the input
  * message and entry 2k the output message. Entry 0 is all zero. */
 typedef struct IdlMsgDesc {
-  uint32_t msgId;
+  uint32_t msgId; /* made like IdlIntfEntry's inputMsgId */
   uint8_t reserved[12];
 } IdlMsgDesc;
 
@@ -122,8 +126,8 @@ typedef struct IdlModuleSpec {
 /* The address of a remote service. The library hands its address to RPC_GetRpcInvoke and touches
  * nothing in it; the host and the framework agree on what the endpoint bytes hold. */
 typedef struct RpcServerAddr {
-  uint8_t endpoint[96]; /* zero at load */
-  const char* serviceName;
+  uint8_t endpoint[96];    /* zero at load */
+  const char* serviceName; /* set at load */
 } RpcServerAddr;
 
 static_assert(sizeof(PackTarget) == 16, "PackTarget layout");
@@ -159,18 +163,22 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
                             const IdlMethodRef* method, const IdlCodecOps* ops);
 
 /* Starts a call and returns. input, method, ops and info end with this function: the framework
- * copies whatever it needs later. */
+ * encodes input before it returns, since a copy of the record would not have what it points to, and
+ * copies whatever else it needs later. The output record, of outputSize bytes, is the framework's
+ * to provide, and to have released by releaseFn. */
 int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRef* method,
                              const IdlCodecOps* ops, const IdlAsyncInfo* info);
 
 /* Serves one request of a method: provides an input record of inputRecordSize bytes (0 for a
  * message without fields; the address handed to unpackFn must be non-null even so) and an output
- * record (service.h has the sizes), decodes into the one, runs binding's implementation, encodes
- * the other and has it released, all through ops. An output record is released by userFreeFn, or by
- * releaseFn if its entries came from the allocator that pairs with the unit's release hook
+ * record, all zero (service.h has the sizes), decodes into the one, runs binding's implementation,
+ * encodes the other and has it released, also after a failure, all through ops. Input records of
+ * served methods own nothing. An output record is released by userFreeFn, or by releaseFn if its
+ * entries came from the allocator that pairs with the release hook of the library's served messages
  * (osal.h); by both only if whichever is first clears the pointers that it frees, as releaseFn
  * does. binding ends with the call; ops stays where the framework put it. first and second are the
- * framework's own values. */
+ * framework's own values, and the place for whatever else it has to know, such as the method and
+ * the size of its output record: nothing else here names them. */
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding);
 

@@ -10,7 +10,12 @@
  * library by dlopen, linked with -rdynamic). The library refers to them by
  * address only (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a
  * process that lacks one. Their signatures are agreed between host and framework and therefore not
- * declared here:
+ * declared here; a usual agreement is
+ *
+ *   int32_t KelMountDisk(const MountDiskInput* input, MountDiskResult* output);
+ *   void KelMountDisk_free(MountDiskResult* output);
+ *
+ * where a result of 0 stands for an output that is to be sent. The records:
  *
  *   method                         input record (bytes)            output record (bytes)
  *   KelBrdPartInfoQuery            BrdPartInfoInput (0)            BrdPartInfo (16)
