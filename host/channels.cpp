@@ -13,6 +13,9 @@ constexpr int kKeepaliveMs = 10'000;
 constexpr int kKeepaliveTimeoutMs = 5'000;
 // A server that is back gets its share of calls again within this time.
 constexpr int kLongestBackOffMs = 2'000;
+// Without calls, connections are given up: to a server that greets and goes, gRPC would connect
+// again and again.
+constexpr int kIdleMs = 10'000;
 // For a server to take a connection and greet. Less than calls wait, so that a machine that does
 // not answer counts as unreachable.
 constexpr int kConnectMs = 3'000;
@@ -35,6 +38,10 @@ std::shared_ptr<grpc::Channel> ChannelFactory::open(const std::string& target) c
   arguments.SetResourceQuota(*quota_);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, kLongestBackOffMs);
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, kConnectMs);
+  arguments.SetInt(GRPC_ARG_CLIENT_IDLE_TIMEOUT_MS, kIdleMs);
+  // A request that a server says it has not looked at would be sent again, whatever the server has
+  // done with it; and gRPC, waiting to try anew, ends the process at an answer without a status.
+  arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);
   // The address record and the settings alone decide how calls go, not the environment or the DNS.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   arguments.SetInt(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);

@@ -168,8 +168,6 @@ class Exchange {
     }
   }
 
-  // Not earlier: where gRPC tries a call anew, it takes for granted that an end for which it waits
-  // bears a status, and ends the process if a damaged head comes instead.
   void awaitEnd() {
     left_ += reply_ == nullptr ? 1 : 2;
     // The end does not come before another reply has been read, if there is one.
@@ -215,8 +213,13 @@ class Exchange {
       case GRPC_STATUS_PERMISSION_DENIED:
         return kNotPermitted;
       default:
-        return kGrpcStatus + static_cast<int32_t>(status_);
+        return kGrpcStatus + static_cast<int32_t>(isKnown(status_) ? status_ : GRPC_STATUS_UNKNOWN);
     }
+  }
+
+  // gRPC hands on whatever number the server has sent.
+  static bool isKnown(grpc_status_code status) {
+    return status >= GRPC_STATUS_OK && status <= GRPC_STATUS_UNAUTHENTICATED;
   }
 
   // To be given up after the context, and so not by gRPC's code, into which a race detector cannot

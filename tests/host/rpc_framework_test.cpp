@@ -72,6 +72,9 @@ TEST_F(RpcFramework, GivesEveryFailureItsResultAndRecovers) {
       {"not permitted", Script{.replies = {}, .grpcStatus = 7}, kNotPermitted},
       {"out of means", Script{.replies = {}, .grpcStatus = 8}, kTooLarge},
       {"unimplemented", Script{.replies = {}, .grpcStatus = 12}, kMethodUnknown},
+      {"no status", Script{.headOnly = true}, kGrpcStatus + 2},
+      {"a status beyond the last", Script{.grpcStatus = 17}, kGrpcStatus + 2},
+      {"a status that adds up to success", Script{.grpcStatus = -kGrpcStatus}, kGrpcStatus + 2},
       {"unavailable", Script{.replies = {}, .grpcStatus = 14}, kConnectionLost},
   };
   for (const Case& faulty : cases) {

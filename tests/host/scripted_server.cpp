@@ -31,6 +31,9 @@ std::string answerTo(size_t stream, const Script& script) {
   const std::string head(
       "\x88\x0F\x10\x10"
       "application/grpc");  // status 200, and of what type
+  if (script.headOnly) {
+    return frame(kHeaders, kEndHeaders | kEndStream, stream, head);
+  }
   std::string answer = frame(kHeaders, kEndHeaders, stream, head);
   for (const Bytes& reply : script.replies) {
     answer += frame(kData, 0, stream,

@@ -25,7 +25,8 @@ struct Script {
   bool answers = true;
   size_t patience = SIZE_MAX;  // hangs up after so many requests of a sample
   std::vector<Bytes> replies = {okReply()};
-  int grpcStatus = 0;  // with which a call ends after the replies
+  int grpcStatus = 0;     // with which a call ends after the replies
+  bool headOnly = false;  // no reply and no status
   Damage damage = Damage::none;
   size_t position = 0;  // of the damage, in all that is said to a caller
 };
