@@ -8,6 +8,12 @@
 #include <utility>
 
 namespace kel::host {
+namespace {
+
+// Bytes of a peer's names: a refusal beyond what a caller takes of headers does not arrive.
+constexpr int kMostShown = 300;
+
+}  // namespace
 
 PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> paths) {
   return
@@ -19,7 +25,8 @@ PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::strin
         }
         return peer.names.empty()
                    ? fmt::format("{} is not open to peers without a name", path)
-                   : fmt::format("{} is not open to {}", path, fmt::join(peer.names, ", "));
+                   : fmt::format("{} is not open to {:.{}}", path,
+                                 fmt::format("{}", fmt::join(peer.names, ", ")), kMostShown);
       };
 }
 

@@ -166,9 +166,13 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
     TransportSecurity security;
     int32_t expected;
   };
-  const auto issue = [&](const char* name, const char* extension = "") {
+  const auto issue = [&](const std::string& name, const std::string& extension = "") {
     return TransportSecurity{readTlsFiles(ours.issue(name, extension))};
   };
+  std::string manyNames = "subjectAltName=DNS:other";
+  for (int i = 0; i < 800; ++i) {
+    manyNames += ",DNS:n" + std::to_string(i) + ".example";
+  }
   const Case cases[] = {
       {"named by common name", overTls, issue("operator"), kOk},
       {"named by one of two alternative names", overTls,
@@ -177,6 +181,8 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
       {"named only in part", overTls, issue("operator.example.org"), kNotPermitted},
       {"a common name besides alternative names", overTls,
        issue("operator", "subjectAltName=DNS:other"), kNotPermitted},
+      {"of more names than a refusal has room for", overTls, issue("many", manyNames),
+       kNotPermitted},
       {"nameless", overTcp, plain, kNotPermitted},
       {"the local user", local, {}, kOk},
   };
