@@ -80,7 +80,7 @@ bool carriesMount(const path& device) {
 bool isMounted(int image) {
   struct stat state {};
   return fstat(image, &state) == 0 &&
-         std::ranges::any_of(namesIn("/sys/block"), [&](const std::string& name) {
+         std::ranges::any_of(namesIn("/dev"), [&](const std::string& name) {
            const path device = path("/dev") / name;
            return name.starts_with("loop") && holds(device, state) && carriesMount(device);
          });
@@ -185,6 +185,9 @@ ResultCode DiskImages::format(const std::string& name) {
   const Opened image = open(name);
   if (image.code != ResultCode::done) {
     return image.code;
+  }
+  if (isMounted(image.file.get())) {
+    return ResultCode::inUse;
   }
   for (const path& folder : programFolders_) {
     const path program = folder / "mkfs.ext4";

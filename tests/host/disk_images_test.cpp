@@ -204,6 +204,7 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
   const auto byHand = [&](const std::string& command) { return std::system(command.c_str()); };
   ASSERT_EQ(byHand(fmt::format("mount -o loop {0}/images/disk.img {0}/hand", top.string())), 0);
   EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse) << "what others wrote would be lost";
+  EXPECT_EQ(images.format("disk.img"), ResultCode::inUse);
   ASSERT_EQ(byHand(fmt::format("umount {}/hand", top.string())), 0);
   EXPECT_EQ(images.mount("disk.img"), ResultCode::done);
   std::string text;
