@@ -56,11 +56,16 @@ bool steers(char32_t point) {
 }  // namespace
 
 std::string_view startOf(std::string_view text, size_t bytes) {
-  size_t length = std::min(text.size(), bytes);
-  while (length != 0 && length < text.size() && continuesCharacter(text[length])) {
+  if (text.size() <= bytes) {
+    return text;
+  }
+  constexpr size_t kMostBehindFirst = 3;  // bytes of a character
+  const size_t least = bytes - std::min(bytes, kMostBehindFirst);
+  size_t length = bytes;
+  while (length > least && continuesCharacter(text[length])) {
     --length;
   }
-  return text.substr(0, length);
+  return text.substr(0, continuesCharacter(text[length]) ? bytes : length);
 }
 
 void putText(std::span<uint8_t> field, std::string_view text) {

@@ -38,7 +38,7 @@ std::string bold(const std::string& text) { return styled("1", text); }
 std::string dim(const std::string& text) { return styled("2", text); }
 
 void printMachine(const MachineState& machine) {
-  fmt::print("{}\n", bold(fmt::format("This machine is {}", machine.hostName)));
+  fmt::print("{}\n", bold(fmt::format("This machine is {}", shown(machine.hostName))));
   fmt::print("  processors  {}\n", machine.processors);
   fmt::print("  load        {:.2f}  {:.2f}  {:.2f}  over 1, 5 and 15 minutes\n",
              machine.load[0] / 100.0, machine.load[1] / 100.0, machine.load[2] / 100.0);

@@ -11,7 +11,7 @@
 
 namespace kel::host {
 
-std::optional<std::string> readText(const std::filesystem::path& path) {
+std::optional<std::string> readText(const std::filesystem::path& path, size_t atMost) {
   std::ifstream file(path);
   if (!file) {
     return std::nullopt;
@@ -20,7 +20,7 @@ std::optional<std::string> readText(const std::filesystem::path& path) {
   // the files of a process that has ended meanwhile.
   std::string text;
   std::array<char, 4096> block{};
-  while (file) {
+  while (file && text.size() < atMost) {
     file.read(block.data(), block.size());
     text.append(block.data(), static_cast<size_t>(file.gcount()));
   }

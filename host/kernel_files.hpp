@@ -12,8 +12,9 @@
 
 namespace kel::host {
 
-// The text without white space at its end.
-std::optional<std::string> readText(const std::filesystem::path& path);
+// The text without white space at its end; reads on only while it has less than atMost bytes.
+std::optional<std::string> readText(const std::filesystem::path& path,
+                                    size_t atMost = std::string::npos);
 
 // The first number in a text, decimal, or hexadecimal behind 0x; and nothing else in its word.
 std::optional<uint64_t> firstNumber(std::string_view text);

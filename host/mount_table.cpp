@@ -4,6 +4,8 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <limits>
 #include <ranges>
 #include <sstream>
 
@@ -51,13 +53,17 @@ std::optional<Mount> parseMount(const std::string& line) {
   if (parts.end() - dash < 3) {
     return std::nullopt;
   }
-  return Mount{parseDeviceNumber(parts[kDevice]), unescaped(parts[kMountPoint]), dash[1],
+  return Mount{parseDeviceNumber(parts[kDevice]), unescaped(parts[kMountPoint]), unescaped(dash[1]),
                unescaped(dash[2])};
 }
 
 uint32_t usedPercent(const struct statvfs& state) {
-  const uint64_t used = state.f_blocks - std::min(state.f_bfree, state.f_blocks);
-  const uint64_t usable = used + state.f_bavail;
+  uint64_t used = state.f_blocks - std::min(state.f_bfree, state.f_blocks);
+  uint64_t usable = used + state.f_bavail;
+  constexpr uint64_t kMost = std::numeric_limits<uint64_t>::max() / 101;  // for the sum below
+  for (; usable > kMost; usable /= 2) {
+    used /= 2;
+  }
   return static_cast<uint32_t>(usable == 0 ? 0 : (used * 100 + usable - 1) / usable);
 }
 
@@ -90,6 +96,10 @@ std::optional<Mount> findMount(const std::vector<Mount>& mounts, const std::stri
 std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint) {
   struct statvfs state {};
   if (statvfs(mountPoint.c_str(), &state) != 0) {
+    return std::nullopt;
+  }
+  if (state.f_bsize == 0) {  // what the kernel tells of one that this user may not look at
+    errno = EACCES;
     return std::nullopt;
   }
   return FileSystemUse{state.f_blocks * state.f_frsize, state.f_bavail * state.f_frsize,

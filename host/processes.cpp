@@ -80,8 +80,10 @@ DescriptorKinds classify(const path& folder) {
   return kinds;
 }
 
+// A process may say that its command line is as long as all of memory.
 std::string commandLineOf(const path& folder) {
-  std::string text = readText(folder / "cmdline").value_or("");
+  constexpr size_t kEnough = 4096;
+  std::string text = readText(folder / "cmdline", kEnough).value_or("");
   text.erase(text.find_last_not_of('\0') + 1);
   std::ranges::replace(text, '\0', ' ');
   return text.empty() ? fmt::format("[{}]", readText(folder / "comm").value_or("")) : text;

@@ -32,7 +32,8 @@ TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
       {"ab\xF0\x9F\x92\xBE"
        "c",
        {'a', 'b', 0xF0, 0x9F, 0x92, 0xBE}},
-      {"\x80\x80\x80\x80\x80\x80\x80", {}},
+      {"\x80\x80\x80\x80\x80\x80\x80", {0x80, 0x80, 0x80, 0x80, 0x80, 0x80}},  // is no UTF-8
+      {"a\x80\x80\x80\x80\x80\x80\x80", {'a', 0x80, 0x80, 0x80, 0x80, 0x80}},
   };
   for (const Case& put : cases) {
     std::array<uint8_t, 6> field{};

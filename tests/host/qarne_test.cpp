@@ -212,6 +212,7 @@ TEST_F(Qarne, TellsWhatProcessesHaveOpen) {
   // The 22nd word, behind a name that looks like more words.
   machine_.put("proc/7/stat", "7 (a) b) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 250 20");
   machine_.addProcess(8, {"pipe:[1]"});
+  std::filesystem::create_symlink("/dev/zero", machine_.root / "proc/8/cmdline");  // has no end
   machine_.put("proc/8/limits", "Max open files            unlimited     unlimited     files");
   machine_.addProcess(9, std::vector<std::string>(300, "socket:[1]"));
   machine_.put("proc/9/limits", "Max open files            100     100     files");
