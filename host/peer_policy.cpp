@@ -10,7 +10,7 @@
 namespace kel::host {
 namespace {
 
-// Bytes of a peer's names: a refusal beyond what a caller takes of headers does not arrive.
+// Characters of a peer's names: a refusal beyond what a caller takes of headers does not arrive.
 constexpr int kMostShown = 300;
 
 }  // namespace
