@@ -198,53 +198,51 @@ typedef struct StorageBadBlockInfo {
 } StorageBadBlockInfo;
 
 static_assert(sizeof(void*) == 8, "the records are laid out for 64-bit platforms");
-static_assert(sizeof(AlarmInput) == 64 && offsetof(AlarmInput, text) == 8 &&
-                  offsetof(AlarmInput, bytes32) == 24 && offsetof(AlarmInput, value5) == 56,
-              "AlarmInput layout");
-static_assert(sizeof(AlarmOutput) == 8, "AlarmOutput layout");
-static_assert(sizeof(DiagSubRecord) == 12 && offsetof(DiagSubRecord, byte1) == 2 &&
-                  offsetof(DiagSubRecord, value32) == 8,
-              "DiagSubRecord layout");
-static_assert(sizeof(OverloadAlarmInput) == 116 && offsetof(OverloadAlarmInput, sub) == 16 &&
-                  offsetof(OverloadAlarmInput, bytes64) == 40 &&
-                  offsetof(OverloadAlarmInput, value8) == 104,
-              "OverloadAlarmInput layout");
-static_assert(sizeof(OverloadDiskAlarmInput) == 132 &&
-                  offsetof(OverloadDiskAlarmInput, sub) == 16 &&
-                  offsetof(OverloadDiskAlarmInput, bytes64) == 28 &&
-                  offsetof(OverloadDiskAlarmInput, bytes32) == 92 &&
-                  offsetof(OverloadDiskAlarmInput, value5) == 124,
-              "OverloadDiskAlarmInput layout");
-static_assert(sizeof(OvLoadDiskCtlInput) == 114 && offsetof(OvLoadDiskCtlInput, bytes50) == 64,
-              "OvLoadDiskCtlInput layout");
-static_assert(sizeof(OvLoadDiskCtlOutput) == 124 && offsetof(OvLoadDiskCtlOutput, value1) == 64 &&
-                  offsetof(OvLoadDiskCtlOutput, bytes50) == 72,
-              "OvLoadDiskCtlOutput layout");
-static_assert(sizeof(BrdPartEntry) == 232 && offsetof(BrdPartEntry, value1) == 136 &&
-                  offsetof(BrdPartEntry, bytes64) == 164,
-              "BrdPartEntry layout");
-static_assert(sizeof(FdProcInfoInput) == 8, "FdProcInfoInput layout");
-static_assert(sizeof(FdProcEntry) == 300 && offsetof(FdProcEntry, sub1) == 8 &&
-                  offsetof(FdProcEntry, bytes256) == 44,
-              "FdProcEntry layout");
-static_assert(sizeof(SysOvLoadDiskThreshold) == 56 &&
-                  offsetof(SysOvLoadDiskThreshold, value1) == 52,
-              "SysOvLoadDiskThreshold layout");
-static_assert(sizeof(OperResult) == 4, "OperResult layout");
-static_assert(sizeof(SysDiskUseInput) == 50, "SysDiskUseInput layout");
-static_assert(sizeof(SysDiskUseInfoResult) == 168 &&
-                  offsetof(SysDiskUseInfoResult, value1) == 104 &&
-                  offsetof(SysDiskUseInfoResult, bytes32) == 124 &&
-                  offsetof(SysDiskUseInfoResult, value4) == 156,
-              "SysDiskUseInfoResult layout");
-static_assert(sizeof(StorageEraseInfoInput) == 4, "StorageEraseInfoInput layout");
-static_assert(sizeof(StorageEraseEntry) == 16 && offsetof(StorageEraseEntry, value2) == 8,
-              "StorageEraseEntry layout");
-static_assert(sizeof(StorageBadBlockInfoInput) == 32, "StorageBadBlockInfoInput layout");
-static_assert(sizeof(StorageBadBlockEntry) == 40 && offsetof(StorageBadBlockEntry, value1) == 32,
-              "StorageBadBlockEntry layout");
-static_assert(sizeof(BrdPartInfo) == 16 && offsetof(BrdPartInfo, entries) == 8,
-              "layout of a reply with entries");
+static_assert(sizeof(AlarmInput) == 64, "layout");
+static_assert(offsetof(AlarmInput, text) == 8, "layout");
+static_assert(offsetof(AlarmInput, bytes32) == 24, "layout");
+static_assert(offsetof(AlarmInput, value5) == 56, "layout");
+static_assert(sizeof(AlarmOutput) == 8, "layout");
+static_assert(sizeof(DiagSubRecord) == 12, "layout");
+static_assert(offsetof(DiagSubRecord, byte1) == 2, "layout");
+static_assert(offsetof(DiagSubRecord, value32) == 8, "layout");
+static_assert(sizeof(OverloadAlarmInput) == 116, "layout");
+static_assert(offsetof(OverloadAlarmInput, sub) == 16, "layout");
+static_assert(offsetof(OverloadAlarmInput, bytes64) == 40, "layout");
+static_assert(offsetof(OverloadAlarmInput, value8) == 104, "layout");
+static_assert(sizeof(OverloadDiskAlarmInput) == 132, "layout");
+static_assert(offsetof(OverloadDiskAlarmInput, sub) == 16, "layout");
+static_assert(offsetof(OverloadDiskAlarmInput, bytes64) == 28, "layout");
+static_assert(offsetof(OverloadDiskAlarmInput, bytes32) == 92, "layout");
+static_assert(offsetof(OverloadDiskAlarmInput, value5) == 124, "layout");
+static_assert(sizeof(OvLoadDiskCtlInput) == 114, "layout");
+static_assert(offsetof(OvLoadDiskCtlInput, bytes50) == 64, "layout");
+static_assert(sizeof(OvLoadDiskCtlOutput) == 124, "layout");
+static_assert(offsetof(OvLoadDiskCtlOutput, value1) == 64, "layout");
+static_assert(offsetof(OvLoadDiskCtlOutput, bytes50) == 72, "layout");
+static_assert(sizeof(BrdPartEntry) == 232, "layout");
+static_assert(offsetof(BrdPartEntry, value1) == 136, "layout");
+static_assert(offsetof(BrdPartEntry, bytes64) == 164, "layout");
+static_assert(sizeof(FdProcInfoInput) == 8, "layout");
+static_assert(sizeof(FdProcEntry) == 300, "layout");
+static_assert(offsetof(FdProcEntry, sub1) == 8, "layout");
+static_assert(offsetof(FdProcEntry, bytes256) == 44, "layout");
+static_assert(sizeof(SysOvLoadDiskThreshold) == 56, "layout");
+static_assert(offsetof(SysOvLoadDiskThreshold, value1) == 52, "layout");
+static_assert(sizeof(OperResult) == 4, "layout");
+static_assert(sizeof(SysDiskUseInput) == 50, "layout");
+static_assert(sizeof(SysDiskUseInfoResult) == 168, "layout");
+static_assert(offsetof(SysDiskUseInfoResult, value1) == 104, "layout");
+static_assert(offsetof(SysDiskUseInfoResult, bytes32) == 124, "layout");
+static_assert(offsetof(SysDiskUseInfoResult, value4) == 156, "layout");
+static_assert(sizeof(StorageEraseInfoInput) == 4, "layout");
+static_assert(sizeof(StorageEraseEntry) == 16, "layout");
+static_assert(offsetof(StorageEraseEntry, value2) == 8, "layout");
+static_assert(sizeof(StorageBadBlockInfoInput) == 32, "layout");
+static_assert(sizeof(StorageBadBlockEntry) == 40, "layout");
+static_assert(offsetof(StorageBadBlockEntry, value1) == 32, "layout");
+static_assert(sizeof(BrdPartInfo) == 16, "layout");
+static_assert(offsetof(BrdPartInfo, entries) == 8, "layout");
 
 #ifdef __cplusplus
 }

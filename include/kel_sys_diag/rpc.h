@@ -130,23 +130,23 @@ typedef struct RpcServerAddr {
   const char* serviceName; /* set at load */
 } RpcServerAddr;
 
-static_assert(sizeof(PackTarget) == 16, "PackTarget layout");
-static_assert(sizeof(IdlCodecOps) == 48, "IdlCodecOps layout");
-static_assert(sizeof(IdlMethodRef) == 16, "IdlMethodRef layout");
-static_assert(sizeof(IdlAsyncInfo) == 24 && offsetof(IdlAsyncInfo, userArg1) == 8,
-              "IdlAsyncInfo layout");
-static_assert(sizeof(ServiceMethodBinding) == 24, "ServiceMethodBinding layout");
-static_assert(sizeof(IdlIntfEntry) == 88 && offsetof(IdlIntfEntry, wrapper) == 8 &&
-                  offsetof(IdlIntfEntry, inputMsgId) == 16 &&
-                  offsetof(IdlIntfEntry, methodName) == 24,
-              "IdlIntfEntry layout");
-static_assert(sizeof(IdlMsgDesc) == 16, "IdlMsgDesc layout");
-static_assert(sizeof(IdlModuleSpec) == 120 && offsetof(IdlModuleSpec, intfCount) == 32 &&
-                  offsetof(IdlModuleSpec, intfTable) == 40 &&
-                  offsetof(IdlModuleSpec, reserved) == 56,
-              "IdlModuleSpec layout");
-static_assert(sizeof(RpcServerAddr) == 104 && offsetof(RpcServerAddr, serviceName) == 96,
-              "RpcServerAddr layout");
+static_assert(sizeof(PackTarget) == 16, "layout");
+static_assert(sizeof(IdlCodecOps) == 48, "layout");
+static_assert(sizeof(IdlMethodRef) == 16, "layout");
+static_assert(sizeof(IdlAsyncInfo) == 24, "layout");
+static_assert(offsetof(IdlAsyncInfo, userArg1) == 8, "layout");
+static_assert(sizeof(ServiceMethodBinding) == 24, "layout");
+static_assert(sizeof(IdlIntfEntry) == 88, "layout");
+static_assert(offsetof(IdlIntfEntry, wrapper) == 8, "layout");
+static_assert(offsetof(IdlIntfEntry, inputMsgId) == 16, "layout");
+static_assert(offsetof(IdlIntfEntry, methodName) == 24, "layout");
+static_assert(sizeof(IdlMsgDesc) == 16, "layout");
+static_assert(sizeof(IdlModuleSpec) == 120, "layout");
+static_assert(offsetof(IdlModuleSpec, intfCount) == 32, "layout");
+static_assert(offsetof(IdlModuleSpec, intfTable) == 40, "layout");
+static_assert(offsetof(IdlModuleSpec, reserved) == 56, "layout");
+static_assert(sizeof(RpcServerAddr) == 104, "layout");
+static_assert(offsetof(RpcServerAddr, serviceName) == 96, "layout");
 
 /* The functions that the host's framework defines and the library calls. The library gives their
  * results to its own caller unchanged. */
