@@ -21,9 +21,9 @@ std::string plainName(std::string name) {
   return name;
 }
 
-std::string mountPointOf(const std::vector<Mount>& mounts, const path& folder,
+std::string mountPointOf(const std::vector<Mount>& mounts, std::string_view deviceNumber,
                          const std::string& devicePath) {
-  const auto number = parseDeviceNumber(readText(folder / "dev").value_or(""));
+  const auto number = parseDeviceNumber(deviceNumber);
   const auto found = std::ranges::find_if(mounts, [&](const Mount& mount) {
     return (number && mount.deviceNumber == number) || mount.source == devicePath;
   });
@@ -38,7 +38,7 @@ BlockDevice describeDevice(const path& folder, const std::vector<Mount>& mounts)
   device.name = plainName(folder.filename());
   device.path = "/dev/" + device.name;
   device.size = readNumber(folder / "size").value_or(0) * kSector;
-  device.mountPoint = mountPointOf(mounts, folder, device.path);
+  device.mountPoint = mountPointOf(mounts, readText(folder / "dev").value_or(""), device.path);
   return device;
 }
 
@@ -88,7 +88,8 @@ void addDisk(const path& folder, const std::vector<Mount>& mounts,
 }
 
 // "   8        1  524288 sda1", sizes in KiB, after a heading.
-void addUnseen(const path& root, std::vector<BlockDevice>& devices) {
+void addUnseen(const path& root, const std::vector<Mount>& mounts,
+               std::vector<BlockDevice>& devices) {
   constexpr size_t kParts = 4;
   std::istringstream lines(readText(root / "proc/partitions").value_or(""));
   for (std::string line; std::getline(lines, line);) {
@@ -103,6 +104,7 @@ void addUnseen(const path& root, std::vector<BlockDevice>& devices) {
     device.path = "/dev/" + device.name;
     device.kind = "block device";
     device.size = *kibibytes * 1024;
+    device.mountPoint = mountPointOf(mounts, parts[0] + ":" + parts[1], device.path);
     devices.push_back(std::move(device));
   }
 }
@@ -164,7 +166,7 @@ std::vector<BlockDevice> readBlockDevices(const path& root) {
   for (const std::string& name : namesIn(root / "sys/block")) {
     addDisk(root / "sys/block" / name, mounts, devices);
   }
-  addUnseen(root, devices);
+  addUnseen(root, mounts, devices);
   return devices;
 }
 

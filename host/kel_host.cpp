@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "host/client_library.hpp"
@@ -226,8 +227,9 @@ void tellStory(const HostOptions& options) {
 
 int run(int argc, char** argv) {
   HostOptions options;
+  std::error_code error;  // without /proc the system's folders are searched
   options.library =
-      std::filesystem::read_symlink("/proc/self/exe").replace_filename("libkel_sys_diag.so");
+      std::filesystem::read_symlink("/proc/self/exe", error).replace_filename("libkel_sys_diag.so");
   if (const auto code = parse(argc, argv, options)) {
     return *code;
   }

@@ -54,13 +54,6 @@ std::vector<FileSystem> readFileSystems() {
   return result;
 }
 
-// What is asked about its place tells of the mount that is on top there.
-bool isCovered(std::vector<Mount>::const_iterator mount, std::vector<Mount>::const_iterator end) {
-  return std::find_if(mount + 1, end, [&](const Mount& later) {
-           return later.mountPoint == mount->mountPoint;
-         }) != end;
-}
-
 }  // namespace
 
 std::vector<FileSystem> eachDeviceOnce(
@@ -68,12 +61,12 @@ std::vector<FileSystem> eachDeviceOnce(
     const std::function<std::optional<FileSystem>(const Mount&)>& measure) {
   std::vector<FileSystem> result;
   std::set<std::string> seen;
-  for (auto mount = mounts.begin(); mount != mounts.end(); ++mount) {
-    const std::string& name = mount->source.starts_with('/') ? mount->source : mount->mountPoint;
-    if (seen.contains(name) || isCovered(mount, mounts.end())) {
+  for (const Mount& mount : mounts) {
+    const std::string& name = mount.source.starts_with('/') ? mount.source : mount.mountPoint;
+    if (seen.contains(name) || !isSeen(mounts, mount)) {
       continue;
     }
-    if (const auto fileSystem = measure(*mount)) {
+    if (const auto fileSystem = measure(mount)) {
       result.push_back(*fileSystem);
       seen.insert(name);
     }

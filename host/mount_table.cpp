@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <ranges>
 #include <sstream>
 
 #include "host/kernel_files.hpp"
@@ -49,12 +48,18 @@ std::optional<Mount> parseMount(const std::string& line) {
   if (parts.size() <= kFirstOptional) {
     return std::nullopt;
   }
+  const auto id = firstNumber(parts[0]);
+  const auto parent = firstNumber(parts[1]);
   const auto dash = std::find(parts.begin() + kFirstOptional, parts.end(), "-");
-  if (parts.end() - dash < 3) {
+  if (!id || !parent || parts.end() - dash < 3) {
     return std::nullopt;
   }
-  return Mount{parseDeviceNumber(parts[kDevice]), unescaped(parts[kMountPoint]), unescaped(dash[1]),
-               unescaped(dash[2])};
+  return Mount{parseDeviceNumber(parts[kDevice]),
+               unescaped(parts[kMountPoint]),
+               unescaped(dash[1]),
+               unescaped(dash[2]),
+               *id,
+               *parent};
 }
 
 uint32_t usedPercent(const struct statvfs& state) {
@@ -67,7 +72,43 @@ uint32_t usedPercent(const struct statvfs& state) {
   return static_cast<uint32_t>(usable == 0 ? 0 : (used * 100 + usable - 1) / usable);
 }
 
+bool isBelow(const std::string& place, const std::string& other) {
+  return place.size() > other.size() && place.starts_with(other) &&
+         (other.ends_with('/') || place[other.size()] == '/');
+}
+
+bool isMountedOn(const Mount& one, const Mount& other) {
+  return one.parent == other.id && one.id != other.id && one.mountPoint == other.mountPoint;
+}
+
+// Of what is mounted in one mount, what comes first on the way to a place is what is met there.
+bool comesBefore(const Mount& one, const Mount& other) {
+  return one.parent == other.parent && one.id != other.id &&
+         isBelow(other.mountPoint, one.mountPoint);
+}
+
+// Null for the first of all, and where it cannot be seen from here.
+const Mount* parentOf(const std::vector<Mount>& mounts, const Mount& mount) {
+  const auto found = std::ranges::find(mounts, mount.parent, &Mount::id);
+  return found == mounts.end() || found->id == mount.id ? nullptr : &*found;
+}
+
 }  // namespace
+
+bool isSeen(const std::vector<Mount>& mounts, const Mount& mount) {
+  if (std::ranges::any_of(mounts, [&](const Mount& other) { return isMountedOn(other, mount); })) {
+    return false;
+  }
+  // No way up is longer than the table, even if that changed while it was read.
+  const Mount* at = &mount;
+  for (size_t step = 0; at != nullptr && step < mounts.size(); ++step) {
+    if (std::ranges::any_of(mounts, [&](const Mount& other) { return comesBefore(other, *at); })) {
+      return false;
+    }
+    at = parentOf(mounts, *at);
+  }
+  return true;
+}
 
 std::vector<Mount> parseMounts(const std::string& text) {
   std::vector<Mount> mounts;
@@ -85,9 +126,10 @@ std::vector<Mount> readMounts(const std::filesystem::path& root) {
 }
 
 std::optional<Mount> findMount(const std::vector<Mount>& mounts, const std::string& mountPoint) {
-  const auto backwards = mounts | std::views::reverse;
-  const auto found = std::ranges::find(backwards, mountPoint, &Mount::mountPoint);
-  if (found != backwards.end()) {
+  const auto found = std::ranges::find_if(mounts, [&](const Mount& mount) {
+    return mount.mountPoint == mountPoint && isSeen(mounts, mount);
+  });
+  if (found != mounts.end()) {
     return *found;
   }
   return mountPoint == "/" ? std::optional(Mount{std::nullopt, "/", "-", "-"}) : std::nullopt;

@@ -14,14 +14,19 @@ struct Mount {
   std::string mountPoint;
   std::string type;
   std::string source;  // a device's path, or whatever the file system calls its source
+  uint64_t id = 0;
+  uint64_t parent = 0;  // of the mount that it is mounted in
 };
 
-// In the order of mounting: the last of several at one place is the one to be seen there. root is
-// put before every path, as with all readers.
+// root is put before every path, as with all readers.
 std::vector<Mount> readMounts(const std::filesystem::path& root);
 
 // The text of a mountinfo file; lines that are none are left out.
 std::vector<Mount> parseMounts(const std::string& text);
+
+// Whether what is asked about its place tells of this mount, and not of another that is mounted on
+// it, or before it on the way there.
+bool isSeen(const std::vector<Mount>& mounts, const Mount& mount);
 
 // What is to be seen at a mount point; null when nothing is mounted there. / is always there, even
 // where the table does not list it.

@@ -74,12 +74,35 @@ TEST(MachineState, ParsesTheKernelsTexts) {
   EXPECT_THROW(parseMemory("MemTotal: 2048 kB\n"), std::runtime_error);
 }
 
+TEST(Mounts, AreSeenUnlessOthersLieOnThemOrOnTheWay) {
+  const std::vector<Mount> mounts = parseMounts(
+      "1 1 0:2 / / rw - rootfs rootfs rw\n"
+      "20 1 8:1 / / rw - ext4 /dev/seen rw\n"
+      "21 20 8:2 / /data rw - ext4 /dev/covered rw\n"
+      "22 21 8:3 / /data/disk rw - ext4 /dev/behind rw\n"
+      "23 22 8:4 / /data/disk/deep rw - ext4 /dev/behind rw\n"
+      "24 21 8:5 / /data rw - ext4 /dev/seen rw\n"
+      "25 24 8:6 / /data/disk rw - ext4 /dev/seen rw\n"
+      "26 20 8:7 / /database rw - ext4 /dev/seen rw\n"
+      "28 20 8:8 / /mnt rw - ext4 /dev/seen rw\n"
+      "27 20 8:9 / /mnt/disk rw - ext4 /dev/behind rw\n"
+      "40 41 8:10 / /ring rw - ext4 /dev/seen rw\n"
+      "41 40 8:11 / /ring/one rw - ext4 /dev/seen rw\n"
+      "x 20 8:12 / /left/out rw - ext4 /dev/no rw\n");
+  ASSERT_EQ(mounts.size(), 12U);
+  for (const Mount& mount : mounts) {
+    EXPECT_EQ(isSeen(mounts, mount), mount.source == "/dev/seen") << mount.id;
+  }
+  EXPECT_EQ(findMount(mounts, "/data/disk")->id, 25U);
+  EXPECT_FALSE(findMount(mounts, "/mnt/disk"));
+}
+
 TEST(MachineState, ListsADeviceWhereItCanFirstBeMeasured) {
   const std::vector<Mount> mounts = {
-      {{}, "/images", "ext4", "/dev/a"}, {{}, "/", "ext4", "/dev/a"},
-      {{}, "/again", "ext4", "/dev/a"},  {{}, "/run", "tmpfs", "none"},
-      {{}, "/tmp", "tmpfs", "none"},     {{}, "/b", "xfs", "/dev/covered"},
-      {{}, "/b", "xfs", "/dev/b"}};
+      {{}, "/images", "ext4", "/dev/a", 2, 1}, {{}, "/", "ext4", "/dev/a", 1, 0},
+      {{}, "/again", "ext4", "/dev/a", 3, 1},  {{}, "/run", "tmpfs", "none", 4, 1},
+      {{}, "/tmp", "tmpfs", "none", 5, 1},     {{}, "/b", "xfs", "/dev/covered", 6, 1},
+      {{}, "/b", "xfs", "/dev/b", 7, 6}};
   std::vector<std::string> measured;
   const auto listed = eachDeviceOnce(mounts, [&](const Mount& mount) -> std::optional<FileSystem> {
     measured.push_back(mount.mountPoint);

@@ -14,8 +14,8 @@ void MadeUpMachine::put(const std::string& path, const std::string& text) const 
 void MadeUpMachine::mount(const std::string& device, const std::string& mountPoint,
                           const std::string& source) {
   std::filesystem::create_directories(root / mountPoint.substr(1));
-  mounts_ +=
-      fmt::format("20 1 {} / {} rw,relatime shared:1 - ext4 {} rw\n", device, mountPoint, source);
+  mounts_ += fmt::format("{} 1 {} / {} rw,relatime shared:1 - ext4 {} rw\n", nextMount_++, device,
+                         mountPoint, source);
   put("proc/self/mountinfo", mounts_);
 }
 

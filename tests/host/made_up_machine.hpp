@@ -25,6 +25,7 @@ class MadeUpMachine {
 
  private:
   std::string mounts_;
+  uint32_t nextMount_ = 20;
 };
 
 }  // namespace kel::host::test

@@ -139,6 +139,7 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
     machine_.put(partition + "partition", std::to_string(number));
   }
   machine_.mount("8:2", "/srv/data", "/dev/disk/by-label/data");
+  machine_.mount("1:3", "/srv/fast", "/dev/root");
   machine_.put("sys/block/loop0/size", "0");
   machine_.put("sys/block/nvme0c0n1/size", "2048");  // one path of several to a disk
   machine_.put("sys/block/nvme0c0n1/hidden", "1");
@@ -164,7 +165,7 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   machine_.put("sys/block/md0/md/dev-cciss!c0/bad_blocks", "");
   machine_.put("proc/partitions",
                "major minor  #blocks  name\n\n   8        0       1024 sda\n   9        9 "
-               "      4 old\n   1        1          0 none");
+               "      4 old\n   1        3          8 ram3\n   1        1          0 none");
 
   const QarneClient client = serve({.root = machine_.root});
   EXPECT_EQ(tell(*client.call(kBrdPartInfoQuery, {}), kAllRows),
@@ -175,7 +176,8 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
             "A disk of?[2J the kind\n"
             "  /dev/sda10  partition        512.0 KiB  32.0 KiB  4.0 KiB  -           "
             "A disk of?[2J the kind\n"
-            "  /dev/old    block device       4.0 KiB       0 B      0 B  -           -\n");
+            "  /dev/old    block device       4.0 KiB       0 B      0 B  -           -\n"
+            "  /dev/ram3   block device       8.0 KiB       0 B      0 B  /srv/fast   -\n");
   EXPECT_EQ(tell(*client.call(kQueryStorageEraseInfo, {}), kAllRows),
             "  device  life used\n"
             "  179:0        20 %\n"
@@ -244,8 +246,8 @@ TEST_F(Qarne, ComparesUseWithThresholdsAndAlarmsOncePerPassing) {
   machine_.mount("1:1", "/data", "/dev/a");
   machine_.mount("1:2", "/with\r space", "/dev/b");
   machine_.put("proc/self/mountinfo",
-               "20 1 1:1 / /data rw - ext4 /dev/below rw\n20 1 1:2 / /with\r\\040space rw - ext4  "
-               "rw\n21 1 1:3 / /data rw - xfs /dev/above rw\nnonsense\n1 2 3 4 5 6 - x");
+               "20 1 1:1 / /data rw - ext4 /dev/below rw\n21 1 1:2 / /with\r\\040space rw - ext4  "
+               "rw\n22 20 1:3 / /data rw - xfs /dev/above rw\nnonsense\n1 2 3 4 5 6 - x");
   std::vector<Overload> overloads;
   const QarneClient client =
       serve({.root = machine_.root,
