@@ -50,8 +50,9 @@ int32_t QSV_OsalLogWrite(const KorvaLogDescriptor* descriptor, uint32_t level, u
                          const char* file, uint32_t line, const char* function, const char* format,
                          ...) __attribute__((format(printf, 7, 8)));
 
-/* Called with 12. A result of exactly 1 asks the codecs to use the two functions below, which then
- * serve only as a pair; anything else, or a missing function, leaves them with malloc and free. */
+/* Called with 12, under a lock: it must not call codecs. A result of exactly 1 asks the codecs to
+ * use the two functions below, which then serve only as a pair; anything else, or a missing
+ * function, leaves them with malloc and free. */
 uint32_t QSV_OsalMemUseFlagGet(uint32_t moduleNumber);
 void* QSV_OsalMemCacheAlloc(uint32_t size, uint32_t moduleNumber, const char* caller);
 int32_t QSV_OsalMemFree(void* block, uint32_t moduleNumber, const char* caller);

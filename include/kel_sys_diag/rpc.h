@@ -23,14 +23,14 @@ typedef struct PackTarget {
 } PackTarget;
 
 /* Decodes length received bytes, at any address, of the compact or the fixed layout or any other
- * that the format allows, into record, of which every byte is written, padding included.
+ * that the format allows, into record, of which every byte is written, padding included. What the
+ * record owned before is not given back: release it first.
  * Returns record as an integer, or 0 when the arguments or the bytes are refused; then nothing that
  * the unpacker allocated survives, and the record is not for use: it is untouched where the
  * arguments or, of a record without pointers, the message's header are refused, and else clear but
  * for fields that were read before. Arguments are refused if one is null, or if length is below 4,
  * or 2^31 and more: whoever sends the message has a say in that, so do not release a record after a
- * 0 unless it was clear, or owned what it holds, before. The bytes are not referred to after the
- * call. */
+ * 0 unless it was clear before. The bytes are not referred to after the call. */
 typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
 
 /* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a
