@@ -1,9 +1,13 @@
 # How targets are compiled and linked here.
 
+include(CheckCXXSymbolExists)
+
 set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
-# What the vectors take; and for ARM the branch protection that the libraries are linked to insist on.
-if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
-  set(KEL_ARCHITECTURE -march=armv8-a -mbranch-protection=standard)
+# What the vectors take, which every 64-bit ARM has; there, the branch protection that the libraries
+# are linked to insist on. The compiler is asked, since not every toolchain file names the processor.
+check_cxx_symbol_exists(__aarch64__ "" KEL_FOR_ARM)
+if(KEL_FOR_ARM)
+  set(KEL_ARCHITECTURE -mbranch-protection=standard)
 else()
   set(KEL_ARCHITECTURE -march=x86-64-v2)
 endif()
@@ -52,7 +56,7 @@ function(kel_add_library target)
     -nostdlib "LINKER:--version-script=${script}"
     LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
   target_link_libraries(${target} PRIVATE c)
-  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+  if(KEL_FOR_ARM)
     target_link_options(${target} PRIVATE LINKER:-z,force-bti LINKER:--fatal-warnings)
   endif()
 endfunction()
