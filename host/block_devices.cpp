@@ -25,7 +25,8 @@ std::string mountPointOf(const std::vector<Mount>& mounts, std::string_view devi
                          const std::string& devicePath) {
   const auto number = parseDeviceNumber(deviceNumber);
   const auto found = std::ranges::find_if(mounts, [&](const Mount& mount) {
-    return (number && mount.deviceNumber == number) || mount.source == devicePath;
+    const bool isOfDevice = (number && mount.deviceNumber == number) || mount.source == devicePath;
+    return isOfDevice && isSeen(mounts, mount);
   });
   return found == mounts.end() ? "" : found->mountPoint;
 }

@@ -155,7 +155,7 @@ std::optional<int> parse(int argc, char** argv, HostOptions& options) {
   app.add_option("--library", options.library, "the library to load")->capture_default_str();
   app.add_option("--target", options.master, "gRPC target of the master")->capture_default_str();
   addDeadlineOption(app, options.deadlineMs);
-  app.add_flag("--compact", options.compact, "send no request in its fixed layout");
+  app.add_flag("--compact", options.compact, "send nothing in its fixed layout");
   TlsFiles files;
   addCallOptions(app, files, options.calls);
   const CLI::App* const serve = addServeCommand(app, options);

@@ -37,7 +37,7 @@ bool isFinal(int32_t result) {
   switch (result) {
     case kUnreachable:
     case kNotSent:
-    case kTooLarge:  // an alarm never is, so the master has too much to do
+    case kTooLarge:  // or the master has too much to do, which cannot be told apart
       return false;
     default:
       return true;

@@ -138,6 +138,7 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
     machine_.put(partition + "start", "64");
     machine_.put(partition + "partition", std::to_string(number));
   }
+  machine_.mount("8:2", "/srv/data/hidden", "/dev/disk/by-label/data");
   machine_.mount("8:2", "/srv/data", "/dev/disk/by-label/data");
   machine_.mount("1:3", "/srv/fast", "/dev/root");
   machine_.put("sys/block/loop0/size", "0");
