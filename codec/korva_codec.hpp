@@ -2,9 +2,14 @@
 // each message its name, its record and its unit.
 #pragma once
 
+#include <kel_sys_diag/rpc.h>
+
+#include <cstring>
+
 #include "codec/korva_compact_packer.hpp"
 #include "codec/korva_fixed_layout.hpp"
 #include "codec/korva_inlined.hpp"
+#include "codec/korva_name.hpp"
 #include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
@@ -12,11 +17,18 @@
 
 namespace korva {
 
-// What is not the usual case of packing or unpacking, for all of a unit's messages alike. Record is
-// what an entry point calls its record, and may be void.
+// A message's entry points, as the slow paths below call them again. Record is what an entry point
+// calls its record: void in the slots of an IdlCodecOps.
+template <class Record>
+using PackEntry = uint32_t (*)(const PackTarget*, const Record*);
+template <class Record>
+using UnpackEntry = uintptr_t (*)(const void*, uint32_t, Record*);
 
-// Told what the log says of the pointers, which is known before a text is scanned: the record need
-// not outlive that.
+// The slow paths of packing and unpacking: refused arguments, hooks that are not yet set up, and
+// messages that our own packer has not written. All of a unit's messages share them.
+
+// Takes the pointers in the words of the log line: the caller has those before it scans the texts,
+// and need not keep the record's address until here.
 template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const char* buffer,
                                                  uint32_t capacity, const char* record) {
@@ -26,10 +38,8 @@ template <CodecRuntime& Runtime>
 }
 
 template <CodecRuntime& Runtime, class Record>
-[[gnu::cold, gnu::noinline]] uint32_t packOther(const char* function, const PackTarget* target,
-                                                const Record* record,
-                                                uint32_t (*entry)(const PackTarget*,
-                                                                  const Record*)) {
+[[gnu::cold, gnu::noinline]] uint32_t packSlowPath(const char* function, const PackTarget* target,
+                                                   const Record* record, PackEntry<Record> entry) {
   if (target->buffer == nullptr || record == nullptr || *target->capacity < kMinimumLength) {
     return rejectPack<Runtime>(function, nullness(target->buffer), *target->capacity,
                                nullness(record));
@@ -37,13 +47,12 @@ template <CodecRuntime& Runtime, class Record>
   return setUpAnd(Runtime, entry, target, record);
 }
 
-// Messages that our own packer has not written come here as well; any reads them.
+// anyLayout reads what any writer may have written.
 template <CodecRuntime& Runtime, class Record>
-[[gnu::cold, gnu::noinline]] uintptr_t unpackOther(const char* function, const void* bytes,
-                                                   uint32_t length, Record* record,
-                                                   uintptr_t (*entry)(const void*, uint32_t,
-                                                                      Record*),
-                                                   uintptr_t (*any)(const void*, uint32_t, void*)) {
+[[gnu::cold, gnu::noinline]] uintptr_t unpackSlowPath(const char* function, const void* bytes,
+                                                      uint32_t length, Record* record,
+                                                      UnpackEntry<Record> entry,
+                                                      IdlUnpackFn anyLayout) {
   const auto signedLength = static_cast<int32_t>(length);
   if (bytes == nullptr || signedLength < static_cast<int32_t>(kMinimumLength) ||
       record == nullptr) {
@@ -51,7 +60,7 @@ template <CodecRuntime& Runtime, class Record>
              signedLength, nullness(record));
     return 0;
   }
-  return isReady(Runtime.memReady) ? any(bytes, length, record)
+  return isReady(Runtime.memReady) ? anyLayout(bytes, length, record)
                                    : setUpAnd(Runtime, entry, bytes, length, record);
 }
 
@@ -65,58 +74,56 @@ class Codec {
  public:
   using Record = RecordType;
 
-  // Records come untyped, as the slots of an IdlCodecOps hand them over. Each routine is also given
-  // its own entry point, to begin again once the hooks are set up: whatever happens once or goes
-  // wrong is the last call of its path, so that nothing has to outlive a call and no register to be
-  // saved, which would cost as much as writing a field.
+  // Each routine is also given its own entry point, to begin again once the hooks are set up:
+  // whatever happens once or goes wrong is the last call of its path, so that nothing has to
+  // outlive a call and no register to be saved, which would cost as much as writing a field. Typed
+  // is void or Record.
   template <class Typed>
-  [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const void* untyped,
-                                              uint32_t (*entry)(const PackTarget*, const Typed*)) {
-    const auto* const record = static_cast<const Record*>(untyped);
+  [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const Typed* typed,
+                                              PackEntry<Typed> entry) {
     if (target == nullptr) {
-      return size(record);
+      return size(static_cast<const Record*>(typed));
     }
     if constexpr (kOwnsMemory<Record>) {
-      return packIntoApart(target, static_cast<const Typed*>(untyped), entry);
+      return packIntoApart(target, typed, entry);
     } else {
-      return packInto(target, static_cast<const Typed*>(untyped), entry);
+      return packInto(target, typed, entry);
     }
   }
 
   template <class Typed>
-  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, void* untyped,
-                                                 uintptr_t (*entry)(const void*, uint32_t,
-                                                                    Typed*)) {
-    const auto other = [&]() KORVA_INLINED {
-      return unpackOther<Runtime>(kUnpackName.text(), bytes, length, static_cast<Typed*>(untyped),
-                                  entry, unpackAny);
+  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, Typed* typed,
+                                                 UnpackEntry<Typed> entry) {
+    const auto slowPath = [&]() KORVA_INLINED {
+      return unpackSlowPath<Runtime>(kUnpackName.text(), bytes, length, typed, entry,
+                                     unpackAnyLayout);
     };
     const reading::Source source = sourceOf(bytes, length);
-    if (!canUnpack(source, untyped)) [[unlikely]] {
-      return other();
+    if (!canUnpack(source, typed)) [[unlikely]] {
+      return slowPath();
     }
     if constexpr (Sent == Layouts::compactAndFixed) {
       if (source.at<uint32_t>(0) == fixed::kTablePosition) {
-        return unpackFixed(bytes, length, static_cast<Typed*>(untyped), entry);
+        return unpackFixed(bytes, length, typed, entry);
       }
     }
-    auto& record = *static_cast<Record*>(untyped);
+    auto& record = *static_cast<Record*>(typed);
     if constexpr (kOwnsMemory<Record>) {
       clear(record);
-      if (!reading::hasOwnFront<Record>(source)) [[unlikely]] {
-        return other();
+      if (!reading::matchesOwnFront<Record>(source)) [[unlikely]] {
+        return slowPath();
       }
       if (!readOwnSlots(source, record)) [[unlikely]] {
         return giveUp(&record);
       }
     } else if (!readOwn(source, record)) [[unlikely]] {
-      return other();  // leaves the record as a failure has to
+      return slowPath();  // which also sees to what a failure leaves in the record
     }
-    return reinterpret_cast<uintptr_t>(untyped);
+    return reinterpret_cast<uintptr_t>(typed);
   }
 
   [[gnu::always_inline]] static void release(void* record) {
-    if constexpr (kOwnsMemory<Record>) {  // any other needs not even the set-up
+    if constexpr (kOwnsMemory<Record>) {  // for any other not even the hooks are set up
       if (!isReady(Runtime.memReady)) [[unlikely]] {
         return setUpAnd(Runtime, releaseOwned, static_cast<Record*>(record));
       }
@@ -140,14 +147,13 @@ class Codec {
  private:
   template <class Typed>
   [[gnu::always_inline]] static uint32_t packInto(const PackTarget* target, const Typed* typed,
-                                                  uint32_t (*entry)(const PackTarget*,
-                                                                    const Typed*)) {
+                                                  PackEntry<Typed> entry) {
     const auto* const record = static_cast<const Record*>(typed);
     uint8_t* const buffer = target->buffer;
     const uint32_t capacity = *target->capacity;
     if (buffer == nullptr || capacity < kMinimumLength || !isReady(Runtime.memReady) ||
         record == nullptr) [[unlikely]] {
-      return packOther<Runtime>(kPackName.text(), target, typed, entry);
+      return packSlowPath<Runtime>(kPackName.text(), target, typed, entry);
     }
     compact::Survey<Record> survey;
     if (!compactFits(*record, capacity, survey)) [[unlikely]] {
@@ -156,12 +162,11 @@ class Codec {
     return compactPack(buffer, *record, survey);
   }
 
-  // For records with texts or entries, which call other routines: so that the size pass need not
-  // save the registers that those would overwrite.
+  // For records with texts or entries, whose packing calls other routines. A function of its own,
+  // so that the size pass does not save registers for those calls.
   template <class Typed>
   [[gnu::noinline]] static uint32_t packIntoApart(const PackTarget* target, const Typed* typed,
-                                                  uint32_t (*entry)(const PackTarget*,
-                                                                    const Typed*)) {
+                                                  PackEntry<Typed> entry) {
     return packInto(target, typed, entry);
   }
 
@@ -170,25 +175,26 @@ class Codec {
                               record);
   }
 
-  // Reads what our own packer has written. Whatever it says no to is to be read in another way.
+  // Reads what our own packer has written. Returns false for anything else, which is left to
+  // unpackAnyLayout.
   [[gnu::always_inline]] static bool readOwn(const reading::Source& source, Record& record) {
     if constexpr (small::SmallTable<Record>) {
       return source.at<uint32_t>(0) == reading::kOwnTable<Record> &&
              reading::readSmall(source, reading::kOwnTable<Record>, record);
     } else {
-      return reading::hasOwnFront<Record>(source) && readOwnSlots(source, record);
+      return reading::matchesOwnFront<Record>(source) && readOwnSlots(source, record);
     }
   }
 
-  // What may be unpacked, and has its root table where the fixed layout has it. Apart, so that its
-  // registers are not the business of the compact form.
+  // Reads a message whose root table lies where the fixed layout has it. A function of its own, so
+  // that unpacking the compact form saves no registers for it.
   template <class Typed>
   [[gnu::noinline]] static uintptr_t unpackFixed(const void* bytes, uint32_t length, Typed* typed,
-                                                 uintptr_t (*entry)(const void*, uint32_t,
-                                                                    Typed*)) {
+                                                 UnpackEntry<Typed> entry) {
     const auto* const message = static_cast<const uint8_t*>(bytes);
     if (length < kFixedSize<Record> || !isFixed<Record>(message)) [[unlikely]] {
-      return unpackOther<Runtime>(kUnpackName.text(), bytes, length, typed, entry, unpackAny);
+      return unpackSlowPath<Runtime>(kUnpackName.text(), bytes, length, typed, entry,
+                                     unpackAnyLayout);
     }
     auto& record = *static_cast<Record*>(typed);
     reading::clearPadding(record);
@@ -207,7 +213,7 @@ class Codec {
   }
 
   [[gnu::always_inline]] static bool canUnpack(const reading::Source& source, const void* record) {
-    return source.bytes != nullptr && reading::holdsOwnFront<Record>(source) &&
+    return source.bytes != nullptr && reading::hasRoomForOwnFront<Record>(source) &&
            isReady(Runtime.memReady) && record != nullptr;
   }
 
@@ -215,12 +221,12 @@ class Codec {
     std::memset(static_cast<void*>(&record), 0, kRecordSize<Record>);
   }
 
-  // Apart, so that its registers are not the business of the usual case. A record that owns memory
-  // is cleared whatever happens, since the release must not meet a stale pointer; any other stays
-  // untouched if the header is refused, and holds what comes before the first bad slot, and zeros
-  // else, if that is refused.
-  [[gnu::cold, gnu::noinline]] static uintptr_t unpackAny(const void* bytes, uint32_t length,
-                                                          void* untyped) {
+  // Reads a message of any writer. A function of its own, so that the usual case saves no registers
+  // for it. A record that owns memory is cleared first, whatever its header, since the release
+  // routine must not meet a stale pointer; any other is untouched if the header is refused. If a
+  // slot is refused, the record holds what was read before it, and zeros else.
+  [[gnu::cold, gnu::noinline]] static uintptr_t unpackAnyLayout(const void* bytes, uint32_t length,
+                                                                void* untyped) {
     auto& record = *static_cast<Record*>(untyped);
     const reading::Source source = sourceOf(bytes, length);
     reading::TableView view{};

@@ -1,4 +1,5 @@
-// What of a compact table no value moves. For the compact packer and for reading what it wrote.
+// The part of a compact table that looks the same whatever its values: offset fields and arrays.
+// For the compact packer and for reading what it wrote.
 #pragma once
 
 #include "codec/korva_format.hpp"
@@ -8,18 +9,8 @@
 
 namespace korva::compact {
 
-// Whether no nested table comes before a slot.
-template <class Record, size_t Slot>
-consteval bool isFirstTable() {
-  bool first = true;
-  forEachSlot<Record>([&]<class Other, size_t Index>() {
-    first &= Index >= Slot || Other::kind != SlotKind::table;
-  });
-  return first;
-}
-
 // What lies between a plain table's scalars and its nested tables: offset fields and arrays. No
-// value changes their positions, but for the offset of a table behind another one, whose size
+// value changes their positions, but for the offset of a table that follows another one, whose size
 // varies; it is 0 here.
 template <PlainTable Record>
 inline constexpr auto kFieldsAndArrays = [] {
@@ -37,7 +28,7 @@ inline constexpr auto kFieldsAndArrays = [] {
       field += kOffsetFieldWidth;
     } else if constexpr (Slot::kind == SlotKind::table) {
       const uint32_t table = image.size() + kVtableLength<typename Slot::Type>;
-      image.put(field, isFirstTable<Record, Index>() ? table - field : 0);
+      image.put(field, countSlots<Record>(SlotKind::table, Index) == 0 ? table - field : 0);
       field += kOffsetFieldWidth;
     }
   });

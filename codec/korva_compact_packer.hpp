@@ -2,10 +2,9 @@
 // of line, one pass front to back without allocation. For the codecs of any message.
 #pragma once
 
-#include <kel_sys_diag/rpc.h>
-
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <limits>
 
 #include "codec/korva_compact_layout.hpp"
@@ -17,9 +16,10 @@
 #include "codec/korva_schema.hpp"
 
 namespace korva {
+namespace compact {
 
-// A string, scanned once for a pass. The pointer is a copy: for all the compiler knows, every byte
-// written may be the record's.
+// A string of the record, scanned once a pass. The pointer is copied because the compiler must
+// assume that any byte written to the buffer changes the record.
 struct Text {
   const char* characters;
   uint64_t length;
@@ -29,33 +29,21 @@ struct Text {
 template <class Record>
 using Texts = std::array<Text, countSlots<Record>(SlotKind::string)>;
 
-namespace compact {
-
 inline constexpr uint64_t kSizeLimit = std::numeric_limits<uint32_t>::max();
 
 // The part of a table's size that no value changes: vtable, displacement, and whatever is always
 // present.
 template <class Record>
-consteval uint32_t fixedSize() {
+consteval uint32_t constantSize() {
   uint32_t size = kVtableLength<Record> + kDisplacementWidth;
   forEachSlot<Record>([&]<class Slot, size_t>() {
     if constexpr (Slot::kind == SlotKind::byteArray) {
       size += kOffsetFieldWidth + kCountWidth + Slot::width;
     } else if constexpr (Slot::kind == SlotKind::table) {
-      size += kOffsetFieldWidth + fixedSize<typename Slot::Type>();
+      size += kOffsetFieldWidth + constantSize<typename Slot::Type>();
     }
   });
   return size;
-}
-
-// Which string of its table a slot is.
-template <class Record, size_t Slot>
-consteval size_t stringIndex() {
-  size_t index = 0;
-  forEachSlot<Record>([&]<class Other, size_t OtherIndex>() {
-    index += OtherIndex < Slot && Other::kind == SlotKind::string ? 1 : 0;
-  });
-  return index;
 }
 
 // How many elements a vector has; none without an array, whatever the record says.
@@ -64,23 +52,25 @@ template <class Slot, class Record>
   return Slot::get(record) == nullptr ? 0 : Slot::count(record);
 }
 
-// With every scalar present.
+// The size of a table with every scalar present, and without its strings and vectors.
 template <class Record>
 inline constexpr uint32_t kFullSize =
-    fixedSize<Record>() + scalars::allBytes<Record, scalars::Depth::withNested>();
+    constantSize<Record>() + scalars::allBytes<Record, scalars::Depth::withNested>();
 
-// With its entry.
+// The same of a vector's element, with its entry.
 template <class Element>
 inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Element>;
 
-// Fewer elements than this are measured even if their largest size would fit, in the shortest way:
-// where one vector holds the scalars of each, whether all are there is as hard to predict as their
-// values are, and a wrong guess costs more than measuring.
+// Fewer elements than this are measured without asking first whether their largest size would fit.
+// Where the capacity is just the message's size, that is whether all scalars are there, which is as
+// hard to predict as their values are; where one vector holds the scalars of each element, a wrong
+// guess costs more than measuring so few.
 template <class Element>
 inline constexpr uint32_t kFewElements =
     scalars::kWindows<Element, scalars::Depth::withNested>.count == 1 ? 4 : 1;
 
-// The absent bytes of so many times the elements that Counter adds at once, which are passed.
+// How many bytes of scalars are absent from the next times * Counter::kAtOnce elements. Moves
+// elements past them.
 template <class Counter, class Element>
 [[gnu::always_inline]] inline uint64_t absentBytes(const Element*& elements, uint32_t times) {
   uint64_t bytes = 0;
@@ -96,11 +86,11 @@ template <class Counter, class Element>
   return bytes;
 }
 
-// Some elements, with their entries. Where their count alone decides that they are too large, none
-// is looked at. Part of its callers, since a call would have them save registers.
+// The size of some elements, with their entries. If their count alone makes them too large, none is
+// looked at. Inlined, since a call would make its callers save registers.
 template <PlainTable Element>
 [[gnu::always_inline]] inline uint64_t elementsSize(const Element* elements, uint32_t count) {
-  const uint64_t least = uint64_t{count} * (kOffsetFieldWidth + fixedSize<Element>());
+  const uint64_t least = uint64_t{count} * (kOffsetFieldWidth + constantSize<Element>());
   if (least > kSizeLimit) {
     return least;
   }
@@ -128,14 +118,12 @@ template <PlainTable Element>
 template <class Record>
 [[gnu::always_inline]] inline uint64_t stringsSize(const Record& record, Texts<Record>& texts) {
   uint64_t size = 0;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::string) {
-      Text& text = texts[stringIndex<Record, Index>()];
-      text.characters = Slot::get(record);
-      if (text.characters != nullptr) {
-        text.length = std::strlen(text.characters);
-        size += kOffsetFieldWidth + kCountWidth + text.length + 1;
-      }
+  forEachSlotOf<Record, SlotKind::string>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    Text& text = texts[countSlots<Record>(SlotKind::string, Index)];
+    text.characters = Slot::get(record);
+    if (text.characters != nullptr) {
+      text.length = std::strlen(text.characters);
+      size += kOffsetFieldWidth + kCountWidth + text.length + 1;
     }
   });
   return size;
@@ -147,11 +135,9 @@ inline constexpr uint32_t kVectorFront = kOffsetFieldWidth + kCountWidth;
 template <class Record>
 [[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
   uint64_t size = 0;
-  forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::vector) {
-      if (const uint32_t count = elementCount<Slot>(record); count != 0) {
-        size = kVectorFront + elementsSize(Slot::get(record), count);
-      }
+  forEachSlotOf<Record, SlotKind::vector>([&]<class Slot, size_t>() KORVA_INLINED {
+    if (const uint32_t count = elementCount<Slot>(record); count != 0) {
+      size = kVectorFront + elementsSize(Slot::get(record), count);
     }
   });
   return size;
@@ -162,14 +148,12 @@ template <class Record>
 template <class Record>
 [[gnu::always_inline]] inline bool vectorFits(const Record& record, uint64_t room) {
   bool fits = true;
-  forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::vector) {
-      using Element = typename Slot::Element;
-      const uint32_t count = elementCount<Slot>(record);
-      const uint64_t most = kVectorFront + uint64_t{count} * kFullElementSize<Element>;
-      if (count != 0 && (count < kFewElements<Element> || most > room)) {
-        fits = kVectorFront + elementsSize(Slot::get(record), count) <= room;
-      }
+  forEachSlotOf<Record, SlotKind::vector>([&]<class Slot, size_t>() KORVA_INLINED {
+    using Element = typename Slot::Element;
+    const uint32_t count = elementCount<Slot>(record);
+    const uint64_t most = kVectorFront + uint64_t{count} * kFullElementSize<Element>;
+    if (count != 0 && (count < kFewElements<Element> || most > room)) {
+      fits = kVectorFront + elementsSize(Slot::get(record), count) <= room;
     }
   });
   return fits;
@@ -185,7 +169,7 @@ template <rows::SingleRowTable Record>
 void packFollowed(uint8_t* entry, size_t& distance, const Record& record);
 
 // A table being written. The order of its parts is the wire's: head, scalars, offset fields,
-// strings and byte arrays, vector header; its nested tables and elements follow behind it.
+// strings and byte arrays, vector header; its nested tables and elements follow it.
 template <class Record>
 class TableWriter {
   static_assert(countSlots<Record>(SlotKind::vector) <= 1,
@@ -201,14 +185,11 @@ class TableWriter {
         vtable_(cursor),
         table_(vtable_ + kVtableLength<Record>),
         at_(table_ + kDisplacementWidth) {
-    forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::vector) {
-        elementCount_ = elementCount<Slot>(record);
-      }
-    });
+    forEachSlotOf<Record, SlotKind::vector>(
+        [&]<class Slot, size_t>() KORVA_INLINED { elementCount_ = elementCount<Slot>(record); });
   }
 
-  // Returns where the table is and leaves the cursor behind everything that belongs to it, texts
+  // Returns where the table is and leaves the cursor after everything that belongs to it, texts
   // among it: only their characters are left to copy.
   [[gnu::always_inline]] uint8_t* write() {
     if constexpr (rows::ScalarTable<Record>) {
@@ -233,10 +214,10 @@ class TableWriter {
 
  private:
   // Bytes that always follow the scalars.
-  static constexpr uint32_t kFollowing = fixedSize<Record>() - rows::kHeadLength<Record>;
+  static constexpr uint32_t kFollowing = constantSize<Record>() - rows::kHeadLength<Record>;
 
-  // What lies before the scalars in their vector is the head, which is written over it, or else is
-  // not stored.
+  // The scalars end their vector, which is stored so that it ends where the table does. What it has
+  // before them is not stored, or falls on the head, which is stored afterwards.
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1);
     constexpr uint32_t kScalarBytes =
@@ -248,8 +229,9 @@ class TableWriter {
     storeHead<rows::kHeadLength<Record>>(state_.head);
   }
 
-  // Stored in whole vectors where enough follows in the table to overwrite what is too much; else
-  // the vtable is short, and the displacement overwrites what of its store is too much.
+  // The head is stored in whole vectors if at least a vector follows, which overwrites the excess.
+  // Otherwise the vtable is short: it is stored as eight bytes, and the displacement overwrites
+  // what is too much of them.
   [[gnu::always_inline]] void writeHead() {
     if constexpr (kFollowing < kVectorWidth) {
       static_assert(kVtableLength<Record> <= sizeof(uint64_t));
@@ -277,7 +259,7 @@ class TableWriter {
     return head;
   }
 
-  // As much of a head as Size says, which may be more than there is.
+  // Stores Size bytes of a head, which may be more than it has.
   template <uint32_t Size>
   [[gnu::always_inline]] void storeHead(ByteVector head) {
     if constexpr (sizeof(rows::HeadLane<Record>) == kSlotEntryWidth) {
@@ -289,8 +271,8 @@ class TableWriter {
     }
   }
 
-  // A window's scalars are moved together in one vector, which is stored whole: more than a vector
-  // follows in the table, and overwrites what is too much.
+  // Each window's vector is stored whole: at least a vector follows in the table, and overwrites
+  // the excess.
   [[gnu::always_inline]] void writeScalars() {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
@@ -299,7 +281,7 @@ class TableWriter {
     });
   }
 
-  // Moves behind a window's scalars. What is absent is subtracted as a number, and from where no
+  // Moves past a window's scalars. What is absent is subtracted as a number, and from where no
   // scalar at all would be: GCC would subtract it from a constant first, which takes a register and
   // an instruction more for each window.
   template <size_t Index>
@@ -309,15 +291,15 @@ class TableWriter {
     const uintptr_t begin =
         reinterpret_cast<uintptr_t>(at_ - kHead) - scalars::kBytesBefore<Record, kOwn, Index>;
     at_ = reinterpret_cast<uint8_t*>(begin - state_.windows[Index].absent) + kHead +
-          scalars::kBytesBehind<Record, kOwn, Index>;
+          scalars::kBytesThrough<Record, kOwn, Index>;
   }
 
   [[gnu::always_inline]] void writeFieldsAndArrays() {
     if constexpr (constexpr uint32_t kSize = kFieldsAndArrays<Record>.size(); kSize != 0) {
       image::write<kFieldsAndArrays<Record>>(at_, reinterpret_cast<const uint8_t*>(&record_));
-      uint8_t* const behind = at_ + kSize;
+      uint8_t* const end = at_ + kSize;
       reserveOffsetFields();
-      at_ = behind;
+      at_ = end;
     }
   }
 
@@ -343,7 +325,7 @@ class TableWriter {
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (Slot::kind == SlotKind::string) {
         if (isThere<Slot, Index>()) {
-          placeText<Index>(texts_[stringIndex<Record, Index>()]);
+          placeText<Index>(texts_[countSlots<Record>(SlotKind::string, Index)]);
         }
       } else if constexpr (Slot::kind == SlotKind::byteArray) {
         writeArray<Slot, Index>();
@@ -371,50 +353,42 @@ class TableWriter {
 
   // The elements' entries are filled in as the elements are written.
   [[gnu::always_inline]] void writeVectorHeader() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::vector) {
-        if (isThere<Slot, Index>()) {
-          pointHere<Index>();
-          store(at_, elementCount_);
-          entries_ = at_ + kCountWidth;
-          at_ = entries_ + size_t{elementCount_} * kOffsetFieldWidth;
-        }
+    forEachSlotOf<Record, SlotKind::vector>([&]<class Slot, size_t Index>() KORVA_INLINED {
+      if (isThere<Slot, Index>()) {
+        pointHere<Index>();
+        store(at_, elementCount_);
+        entries_ = at_ + kCountWidth;
+        at_ = entries_ + size_t{elementCount_} * kOffsetFieldWidth;
       }
     });
   }
 
   [[gnu::always_inline]] void writeTableLength() {
     if constexpr (!rows::kHeadHasLength<Record>) {
-      store(vtable_ + sizeof(uint16_t) * rows::kTableLengthLane,
-            static_cast<uint16_t>(at_ - table_));
+      store(vtable_ + kTableLengthAt, static_cast<uint16_t>(at_ - table_));
     }
   }
 
   [[gnu::always_inline]] void writeNestedTables() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::table) {
-        using Nested = typename Slot::Type;
-        static_assert(PlainTable<Nested>);
-        Texts<Nested> none;
-        TableWriter<Nested> writer(cursor_, Slot::get(record_), std::get<Index>(state_.bySlot),
-                                   none);
-        const uint8_t* const table = writer.write();
-        if constexpr (!PlainTable<Record> || !isFirstTable<Record, Index>()) {
-          point(offsetFields_[Index], table);
-        }
+    forEachSlotOf<Record, SlotKind::table>([&]<class Slot, size_t Index>() KORVA_INLINED {
+      using Nested = typename Slot::Type;
+      static_assert(PlainTable<Nested>);
+      Texts<Nested> none;
+      TableWriter<Nested> writer(cursor_, Slot::get(record_), std::get<Index>(state_.bySlot), none);
+      const uint8_t* const table = writer.write();
+      if constexpr (!PlainTable<Record> || countSlots<Record>(SlotKind::table, Index) != 0) {
+        point(offsetFields_[Index], table);
       }
     });
   }
 
   [[gnu::always_inline]] void writeElements() {
-    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::vector) {
-        if (isThere<Slot, Index>()) {
-          const auto* const elements = Slot::get(record_);
-          uint8_t* cursor = cursor_;
-          writeElements(cursor, elements, elements + elementCount_);
-          cursor_ = cursor;
-        }
+    forEachSlotOf<Record, SlotKind::vector>([&]<class Slot, size_t Index>() KORVA_INLINED {
+      if (isThere<Slot, Index>()) {
+        const auto* const elements = Slot::get(record_);
+        uint8_t* cursor = cursor_;
+        writeElements(cursor, elements, elements + elementCount_);
+        cursor_ = cursor;
       }
     });
   }
@@ -423,7 +397,7 @@ class TableWriter {
   [[gnu::always_inline]] void writeElements(uint8_t*& cursor, const Element* element,
                                             const Element* end) {
     uint8_t* entry = entries_;
-    // Small elements, several a round: they take hardly longer than the round itself.
+    // Unrolled for small elements, which take hardly longer than a round of the loop itself.
     if constexpr (rows::SingleRowTable<Element>) {
       size_t distance = static_cast<size_t>(cursor - entry) + kVtableLength<Element>;
 #pragma GCC unroll 4
@@ -446,7 +420,7 @@ class TableWriter {
   template <class Slot, size_t Index>
   [[nodiscard, gnu::always_inline]] bool isThere() const {
     if constexpr (Slot::kind == SlotKind::string) {
-      return texts_[stringIndex<Record, Index>()].characters != nullptr;
+      return texts_[countSlots<Record>(SlotKind::string, Index)].characters != nullptr;
     } else {
       return elementCount_ != 0;
     }
@@ -464,7 +438,7 @@ class TableWriter {
   uint8_t* const vtable_;
   uint8_t* const table_;
   uint8_t* at_;
-  uint32_t elementCount_ = 0;  // a copy, as are texts: what is written might be the record's
+  uint32_t elementCount_ = 0;  // a copy, as a text's pointer is, and for the same reason
   uint8_t* entries_ = nullptr;
   std::array<uint8_t*, Schema<Record>::count> offsetFields_{};
 };
@@ -475,18 +449,18 @@ template <PlainTable Record>
                                                const Record& record) {
   point(entry, cursor + kVtableLength<Record>);
   rows::TableState<Record> state;
-  rows::lookAtTable(record, state);
+  rows::surveyTable(record, state);
   Texts<Record> none;
   TableWriter<Record>(cursor, record, state, none).write();
 }
 
-// Writes an element at a distance from its vector's entry, and moves on to that of the next entry's
-// element, which overwrites what is stored too much.
+// Writes an element whose table is at a distance from its vector's entry, and moves the distance on
+// to the next entry's element, which overwrites what this one's vectors store in excess.
 template <rows::SingleRowTable Record>
 [[gnu::always_inline]] inline void packFollowed(uint8_t* entry, size_t& distance,
                                                 const Record& record) {
-  static_assert(kVectorWidth - kDisplacementWidth <= fixedSize<Record>(),
-                "the vector must not reach behind the next table's head");
+  static_assert(kVectorWidth - kDisplacementWidth <= constantSize<Record>(),
+                "the vector must not reach past the next table's head");
   store(entry, static_cast<uint32_t>(distance));
   const auto [vtable, table, absent] = rows::wholeTable(record);
   uint8_t* const at = entry + distance;
@@ -498,7 +472,7 @@ template <rows::SingleRowTable Record>
 // What a pack pass finds out before it writes.
 template <class Record>
 struct Survey {
-  rows::TableState<Record> scalars;
+  rows::TableState<Record> table;
   Texts<Record> texts;
 };
 
@@ -507,7 +481,7 @@ struct Survey {
 // The encoded size of a record, or 0 when it passes 32 bits.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
-  Texts<Record> texts;
+  compact::Texts<Record> texts;
   scalars::AbsentBytes<Record> absent;
   absent.add(&record);
   const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
@@ -515,14 +489,14 @@ template <class Record>
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 
-// Whether a capacity takes the whole message. All but a vector's size is what packing has to find
-// out anyway, and leaves in the survey.
+// Whether a capacity takes the whole message. Leaves in the survey what packing needs to know of
+// the record; only a vector is measured for this check alone.
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
-  rows::lookAtTable(record, survey.scalars);
-  const size_t least = kRootOffsetWidth + compact::kFullSize<Record> - survey.scalars.absentBytes();
+  rows::surveyTable(record, survey.table);
+  const size_t least = kRootOffsetWidth + compact::kFullSize<Record> - survey.table.absentBytes();
   if constexpr (!kOwnsMemory<Record>) {
     return least <= capacity;
   }
@@ -536,10 +510,10 @@ template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
                                                    compact::Survey<Record>& survey) {
   uint8_t* cursor = buffer + kRootOffsetWidth;
-  compact::TableWriter<Record> writer(cursor, record, survey.scalars, survey.texts);
+  compact::TableWriter<Record> writer(cursor, record, survey.table, survey.texts);
   store(buffer, static_cast<uint32_t>(writer.write() - buffer));
   const auto size = static_cast<uint32_t>(cursor - buffer);
-  for (const Text& text : survey.texts) {
+  for (const compact::Text& text : survey.texts) {
     if (text.characters != nullptr) {
       std::memcpy(text.target, text.characters, text.length);
     }

@@ -1,5 +1,5 @@
 // The fixed layout: every field present at a position that only the schema decides, the vtable
-// behind the table. For the codecs of messages without strings and vectors.
+// after the table. For the codecs of messages without strings and vectors.
 #pragma once
 
 #include "codec/korva_format.hpp"
@@ -16,7 +16,7 @@ inline constexpr uint32_t kSizeAlignment = 8;
 template <PlainTable Record>
 consteval uint32_t tableLength();
 
-// Bytes of a field within its table; arrays and nested tables lie right behind their offset fields.
+// Bytes of a field within its table; arrays and nested tables directly follow their offset fields.
 template <class Slot>
 consteval uint32_t fieldWidth() {
   if constexpr (Slot::kind == SlotKind::byteArray) {
@@ -53,8 +53,7 @@ template <class Table, class Layout>
 constexpr void addTable(Layout& layout, uint32_t table, uint32_t vtable, uint32_t offset) {
   layout.put(table, table - vtable);
   layout.put(vtable, static_cast<uint16_t>(kVtableLength<Table>));
-  layout.put(vtable + vtableEntry(0) - kSlotEntryWidth,
-             static_cast<uint16_t>(tableLength<Table>()));
+  layout.put(vtable + kTableLengthAt, static_cast<uint16_t>(tableLength<Table>()));
   uint32_t field = table + kDisplacementWidth;
   forEachMember<Table>([&]<class Slot, size_t Index>(uint32_t member) {
     layout.put(vtable + vtableEntry(Index), static_cast<uint16_t>(field - table));
@@ -94,15 +93,15 @@ inline constexpr auto kLayout = [] {
 template <PlainTable Record>
 inline constexpr uint32_t kFixedSize = fixed::kSize<Record>;
 
-// Writes a record into a buffer of kFixedSize bytes; the gap before the vtable and the tail behind
+// Writes a record into a buffer of kFixedSize bytes; the gap before the vtable and the tail after
 // it keep what they held.
 template <PlainTable Record>
 [[gnu::always_inline]] inline void fixedPack(uint8_t* buffer, const Record& record) {
   image::write<fixed::kLayout<Record>>(buffer, reinterpret_cast<const uint8_t*>(&record));
 }
 
-// Whether kFixedSize bytes are a record in its fixed layout, as our own packer writes it. The
-// general way reads such a message, too, and to the same end.
+// Whether kFixedSize bytes are a record in its fixed layout, as our own packer writes it. Reading
+// them slot by slot, as any other writer's, would give the same record.
 template <PlainTable Record>
 [[nodiscard, gnu::always_inline]] inline bool isFixed(const uint8_t* bytes) {
   return isZero(image::difference<fixed::kLayout<Record>>(bytes));

@@ -17,6 +17,7 @@ inline constexpr uint32_t kDisplacementWidth = 4;
 inline constexpr uint32_t kOffsetFieldWidth = 4;
 inline constexpr uint32_t kCountWidth = 4;
 inline constexpr uint32_t kVtableHeaderWidth = 4;  // vtableLength and tableLength
+inline constexpr uint32_t kTableLengthAt = 2;      // within a vtable
 inline constexpr uint32_t kSlotEntryWidth = 2;
 
 // The smallest buffer that can be looked at: its root offset.

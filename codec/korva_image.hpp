@@ -54,7 +54,7 @@ class Image {
     return {end - position, first};
   }
 
-  // Where the next piece begins, at position or behind it.
+  // Where the next piece begins, at position or after it.
   [[nodiscard]] constexpr uint32_t firstUsed(uint32_t position) const {
     while (position < Size && sources_[position] == kUnused) {
       ++position;
@@ -62,7 +62,7 @@ class Image {
     return position;
   }
 
-  // Whether a byte is the schema's own, and where the first such one is, at position or behind it.
+  // Whether a byte is the schema's own, and where the first such one is, at position or after it.
   [[nodiscard]] constexpr bool isConstant(uint32_t position) const {
     return sources_[position] == Piece::kSchema;
   }
@@ -73,8 +73,8 @@ class Image {
     return position;
   }
 
-  // How many bytes to store for some at position: one store's, if what follows overwrites the rest.
-  // Of a vector, that stores four bytes at least.
+  // How many bytes to store at position where so many are due: as many as a single store has, four
+  // at least, if what follows overwrites the excess.
   [[nodiscard]] constexpr uint32_t storedBytes(uint32_t position, uint32_t bytes) const {
     const uint32_t rounded = std::max(inOneStore(bytes), uint32_t{4});
     return firstUnused(position) >= position + rounded ? rounded : bytes;
@@ -103,7 +103,7 @@ template <uint32_t From>
 struct Loaded {
   ByteVector bytes;
 
-  // How many of its bytes lie at source and behind it.
+  // How many of its bytes lie at source and after it.
   static constexpr uint32_t count(uint32_t source) {
     return source >= From && source - From < kVectorWidth ? kVectorWidth - (source - From) : 0;
   }
@@ -111,8 +111,8 @@ struct Loaded {
 
 constexpr uint32_t vectorCount(uint32_t size) { return (size + kVectorWidth - 1) / kVectorWidth; }
 
-// Whether to take the first bytes of some from a vector that has so many of them: if that saves a
-// load.
+// Whether to take the first of size bytes from a vector that has so many of them available: if that
+// saves a load.
 constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
   return available != 0 && vectorCount(size - std::min(size, available)) < vectorCount(size);
 }
@@ -120,7 +120,7 @@ constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
 template <const auto& Of, uint32_t Position, uint32_t From>
 void writeFrom(uint8_t* buffer, const uint8_t* record, Loaded<From> loaded);
 
-// Writes what is left of a piece of the record, and all behind it.
+// Writes what is left of a piece of the record, and all that follows it.
 template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uint32_t From>
 [[gnu::always_inline]] inline void writePiece(uint8_t* buffer, const uint8_t* record,
                                               Loaded<From> loaded) {
@@ -143,7 +143,7 @@ template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uin
   }
 }
 
-// Apart from the image, of which the program keeps nothing else.
+// A variable of its own, since it is all of the image that the program needs at run time.
 template <const auto& Of>
 inline constexpr auto kConstants = Of.constants;
 

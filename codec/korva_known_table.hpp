@@ -21,7 +21,7 @@ using scalars::Depth;
 using scalars::Scalar;
 using scalars::Window;
 
-// Fewer are read sooner one by one.
+// Fewer scalars than this are read faster one by one.
 inline constexpr uint32_t kWorthwhile = 3;
 
 template <class Record>
@@ -54,7 +54,7 @@ consteval uint32_t vectorAt(uint32_t position) {
 
 // Where the vector begins that holds the entries of a window's scalars.
 template <class Record, uint32_t Index>
-inline constexpr uint32_t kEntries =
+inline constexpr uint32_t kEntriesAt =
     vectorAt<Record>(vtableEntry(kScalars<Record>.items[kWindows<Record>.items[Index].first].slot));
 
 // Where in that vector one byte of every scalar's entry lies.
@@ -64,7 +64,7 @@ inline constexpr auto kEntryBytes = [] {
   std::array<uint8_t, kWindow.count> positions{};
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     const uint32_t entry = vtableEntry(kScalars<Record>.items[kWindow.first + i].slot);
-    positions[i] = static_cast<uint8_t>(entry - kEntries<Record, Index>);
+    positions[i] = static_cast<uint8_t>(entry - kEntriesAt<Record, Index>);
   }
   return positions;
 }();
@@ -85,7 +85,7 @@ template <class Record, uint32_t Index>
       std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
   const auto entries =
-      std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntries<Record, Index>));
+      std::bit_cast<Vector<uint16_t>>(loadVector<kVectorWidth>(vtable + kEntriesAt<Record, Index>));
   const auto [offset, absent] =
       rows::findRow<Record, Index, kEntryBytes<Record, Index>, kSlotEntryWidth>(
           rows, std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
@@ -140,8 +140,8 @@ consteval bool startsWithItsScalars() {
 }
 
 // Fills in a table's scalars, and zeros in what else their vectors cover, if the table is laid out
-// as ours are. The vtable must be complete; the room is that from the table to the buffer's end, of
-// which position bytes lie before the table. Says whether it did.
+// as ours are. Says whether it did. The vtable must have all slots; the buffer has position bytes
+// before the table, and room for that many from the table on.
 template <KnownLayout Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalars(const uint8_t* vtable,
                                                           const uint8_t* table, uint64_t position,
@@ -154,6 +154,8 @@ template <KnownLayout Record>
     found[Index] = find<Record, Index>(rows, vtable);
     size -= found[Index].absent;
   });
+  // The vectors loaded below end with a window's scalars, and may begin before the table, or begin
+  // with them, and may reach a vector past the last one.
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
     return false;

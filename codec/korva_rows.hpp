@@ -3,7 +3,7 @@
 //
 // Every window of scalars has one row for each combination of its scalars being zero. A table's
 // head, which is its vtable and displacement, starts from all slots being there; what is absent
-// takes away from the positions of what lies behind it, and everything from its own.
+// takes away from the positions of what follows it, and everything from its own.
 //
 // A table of three scalars of four bytes, for example, of which the second is zero:
 //
@@ -54,7 +54,7 @@ using HeadLane = std::conditional_t<kHeadLength<Record> <= kVectorWidth, uint16_
 template <class Record>
 using Head = std::array<HeadLane<Record>, kVectorWidth / sizeof(HeadLane<Record>)>;
 
-inline constexpr uint32_t kTableLengthLane = 1;
+inline constexpr uint32_t kTableLengthLane = kTableLengthAt / kSlotEntryWidth;
 inline constexpr uint32_t kFirstSlotLane = kVtableHeaderWidth / kSlotEntryWidth;
 
 // What an absent slot takes away from its own entry.
@@ -73,11 +73,8 @@ inline constexpr uint32_t kInlineLength =
 template <class Record>
 inline constexpr uint32_t kArraysLength = [] {
   uint32_t length = 0;
-  forEachSlot<Record>([&]<class Slot, size_t>() {
-    if constexpr (Slot::kind == SlotKind::byteArray) {
-      length += kCountWidth + Slot::width;
-    }
-  });
+  forEachSlotOf<Record, SlotKind::byteArray>(
+      [&]<class Slot, size_t>() { length += kCountWidth + Slot::width; });
   return length;
 }();
 
@@ -113,11 +110,14 @@ alignas(kVectorWidth) inline constexpr Head<Record> kFullHead = [] {
   return head;
 }();
 
+// What is left of the full head; no difference is less than 0.
 template <class Record>
-constexpr void takeAway(Head<Record>& head, const Head<Record>& what) {
+constexpr Head<Record> fullHeadLess(const Head<Record>& what) {
+  Head<Record> head = kFullHead<Record>;
   for (size_t lane = 0; lane < head.size(); ++lane) {
     head[lane] = static_cast<HeadLane<Record>>(head[lane] - std::min(head[lane], what[lane]));
   }
+  return head;
 }
 
 // Where in a vector a row's scalars are moved: to its front, or so that they end where it ends.
@@ -176,12 +176,7 @@ constexpr Head<Record> absentOf(const Window& window, uint32_t row) {
 template <class Record>
 constexpr Head<Record> headOf(const Window& window, uint32_t row) {
   const Head<Record> less = absentOf<Record>(window, row);
-  if (window.first != 0) {
-    return less;
-  }
-  Head<Record> head = kFullHead<Record>;
-  takeAway<Record>(head, less);
-  return head;
+  return window.first == 0 ? fullHeadLess<Record>(less) : less;
 }
 
 // Where in the table of a record's rows a window's permutations and heads begin.
@@ -219,36 +214,35 @@ template <class Record>
   return workedOutOnce(kRows<Record>.data()->data());
 }
 
-// What a string or vector takes away, by whether it is there. In a table without scalars it brings
-// the full head along.
+// What a string or vector takes away from the head, or in a table without scalars, what it leaves
+// of the full one.
+template <class Record>
+consteval Head<Record> optionalHead(uint32_t slot, bool isThere) {
+  Head<Record> less{};
+  if (!isThere) {
+    less[kFirstSlotLane + slot] = kEverything<Record>;
+    less[kTableLengthLane] = kOffsetFieldWidth;
+    forEachSlot<Record>([&]<class Later, size_t Index>() {
+      if (Index > slot && Later::kind != SlotKind::scalar) {
+        less[kFirstSlotLane + Index] = kOffsetFieldWidth;
+      }
+    });
+  }
+  return kScalars<Record>.count == 0 ? fullHeadLess<Record>(less) : less;
+}
+
 template <class Record>
 struct alignas(kVectorWidth) OptionalRow {
-  Head<Record> head{};
-
-  consteval OptionalRow(uint32_t slot, bool isThere) {
-    Head<Record> less{};
-    if (!isThere) {
-      less[kFirstSlotLane + slot] = kEverything<Record>;
-      less[kTableLengthLane] = kOffsetFieldWidth;
-      forEachSlot<Record>([&]<class Behind, size_t Index>() {
-        if (Index > slot && Behind::kind != SlotKind::scalar) {
-          less[kFirstSlotLane + Index] = kOffsetFieldWidth;
-        }
-      });
-    }
-    head = kScalars<Record>.count == 0 ? kFullHead<Record> : less;
-    if (kScalars<Record>.count == 0) {
-      takeAway<Record>(head, less);
-    }
-  }
+  Head<Record> head;
 };
-
+// By whether the slot is there.
 template <class Record, uint32_t Slot>
-inline constexpr std::array<OptionalRow<Record>, 2> kOptionalRows{OptionalRow<Record>(Slot, false),
-                                                                  OptionalRow<Record>(Slot, true)};
+inline constexpr std::array<OptionalRow<Record>, 2> kOptionalRows{
+    {{optionalHead<Record>(Slot, false)}, {optionalHead<Record>(Slot, true)}}};
 
-// Where one byte of every scalar lies in a window. Where any byte of a scalar does, the first
-// scalar's last byte is taken, since those of narrow scalars behind it are its neighbours.
+// Where one byte of every scalar lies in a window. If any byte of a scalar tells whether it is
+// zero, the first scalar's last one is taken: it is next to those of narrow scalars that follow,
+// and adjacent bytes are gathered without a permutation.
 template <class Record, uint32_t Index>
 inline constexpr auto kOneByteEach = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
@@ -263,10 +257,11 @@ inline constexpr auto kOneByteEach = [] {
   return positions;
 }();
 
-// What to multiply a window's row number with for the bytes of its absent scalars, or 0 if no
-// product gives them: each scalar must be as wide as its bit weighs.
+// A window's row number times this is how many bytes its absent scalars take; 0 if no factor does
+// that. There is one if each scalar is twice as wide as the one before, as its bit in the number
+// weighs twice as much.
 template <class Record, uint32_t Index>
-inline constexpr size_t kBytesOfNumber = [] {
+inline constexpr size_t kAbsentBytesFactor = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
   const uint32_t bytes = kScalars<Record>.items[kWindow.first].width;
   for (uint32_t i = 1; i < kWindow.count; ++i) {
@@ -297,7 +292,7 @@ template <class Record, uint32_t Index>
   }
 }
 
-// A row: how far behind its window's first one it lies, and how many bytes of scalars are absent.
+// A row: how far after its window's first one it lies, and how many bytes of scalars are absent.
 struct FoundRow {
   size_t offset;
   size_t absent;
@@ -306,7 +301,7 @@ struct FoundRow {
 // The row of a window whose absent scalars have all ones in the lanes of Width bytes at Positions.
 template <class Record, uint32_t Index, auto Positions, uint32_t Width>
 [[gnu::always_inline]] inline FoundRow findRow(const uint8_t* rows, ByteVector lanes) {
-  if constexpr (constexpr size_t kBytes = kBytesOfNumber<Record, Index>; kBytes != 0) {
+  if constexpr (constexpr size_t kBytes = kAbsentBytesFactor<Record, Index>; kBytes != 0) {
     const size_t absent = workedOutOnce(numberOfLanes<Positions, Width, kBytes>(lanes));
     return {absent * (kVectorWidth / kBytes), absent};
   } else {
@@ -321,8 +316,8 @@ struct WindowState {
   size_t absent;
 };
 
-// A window of one scalar at its front needs no permutation: what follows overwrites it if it is
-// absent.
+// Such a window needs no permutation: the scalar lies in front already, and if it is absent, what
+// follows overwrites it.
 template <class Record, uint32_t Index>
 consteval bool startsWithItsOnlyScalar() {
   constexpr Window kWindow = kWindows<Record>.items[Index];
@@ -332,7 +327,7 @@ consteval bool startsWithItsOnlyScalar() {
 template <class Record>
 struct TableState;
 
-// Of a slot's own table, if it is one.
+// The state of the table that a slot nests; nothing for a slot of another kind.
 template <class Slot, SlotKind Kind = Slot::kind>
 struct NestedState {};
 template <class Slot>
@@ -356,10 +351,8 @@ struct TableState : NestedStates<typename Schema<Record>::List> {
     size_t bytes = 0;
     scalars::forEachWindow<Record, Depth::ownTable>(
         [&]<size_t Index>() KORVA_INLINED { bytes += windows[Index].absent; });
-    forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::table) {
-        bytes += std::get<Index>(this->bySlot).absentBytes();
-      }
+    forEachSlotOf<Record, SlotKind::table>([&]<class Slot, size_t Index>() KORVA_INLINED {
+      bytes += std::get<Index>(this->bySlot).absentBytes();
     });
     return bytes;
   }
@@ -372,16 +365,16 @@ template <class Record, uint32_t Index>
   constexpr uint32_t kWidth = scalars::kComparedWidth<Record, Depth::ownTable, Index>;
   const ByteVector zeros = scalars::zeros<Record, Depth::ownTable, Index>(content);
   FoundRow found = findRow<Record, Index, kOneByteEach<Record, Index>, kWidth>(rows, zeros);
-  if constexpr (kBytesOfNumber<Record, Index> == 0 && !kAreEquallyWide<Record, Index> &&
+  if constexpr (kAbsentBytesFactor<Record, Index> == 0 && !kAreEquallyWide<Record, Index> &&
                 kCountsBitsAtOnce) {
     found.absent = countOnes<scalars::kMask<Record, Depth::ownTable, Index>>(zeros);
   }
   return found;
 }
 
-// Room is as for a window.
+// Room is as for loadWindow: how much may be read at bytes.
 template <uint32_t Room, class Record>
-[[gnu::always_inline]] inline void lookAtScalars(const uint8_t* bytes, TableState<Record>& state) {
+[[gnu::always_inline]] inline void surveyScalars(const uint8_t* bytes, TableState<Record>& state) {
   const uint8_t* const rows = rowsOf<Record>();
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     const ByteVector content =
@@ -399,30 +392,28 @@ template <uint32_t Room, class Record>
 }
 
 template <uint32_t Room, class Record>
-[[gnu::always_inline]] inline void lookAtTable(const uint8_t* bytes, TableState<Record>& state) {
+[[gnu::always_inline]] inline void surveyTable(const uint8_t* bytes, TableState<Record>& state) {
   if constexpr (kScalars<Record>.count != 0) {
-    lookAtScalars<Room>(bytes, state);
+    surveyScalars<Room>(bytes, state);
   }
-  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::table) {
-      using Nested = typename Slot::Type;
-      constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
-      lookAtTable<Room - kOffset>(bytes + kOffset,
-                                  static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
-    }
+  forEachSlotOf<Record, SlotKind::table>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    using Nested = typename Slot::Type;
+    constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
+    surveyTable<Room - kOffset>(bytes + kOffset,
+                                static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
   });
 }
 
 template <class Record>
-[[gnu::always_inline]] inline void lookAtTable(const Record& record, TableState<Record>& state) {
-  lookAtTable<sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
+[[gnu::always_inline]] inline void surveyTable(const Record& record, TableState<Record>& state) {
+  surveyTable<sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
 }
 
 // Tables for which one vector holds a whole row: the vtable's entries as bytes, where the table has
-// its displacement, and the permutation of what lies behind it.
+// its displacement, and the permutation of what follows that.
 template <class Record>
 concept SingleRowTable =
-    ScalarTable<Record> && kWindows<Record>.count == 1 && kBytesOfNumber<Record, 0> != 0 &&
+    ScalarTable<Record> && kWindows<Record>.count == 1 && kAbsentBytesFactor<Record, 0> != 0 &&
     kVtableLength<Record> <= kDisplacementWidth * kSlotEntryWidth &&
     kInlineLength<Record> <= kVectorWidth;
 
@@ -441,7 +432,7 @@ alignas(kVectorWidth) inline constexpr auto kSingleRows = [] {
   return rows;
 }();
 
-// A table as it is stored: its vtable, and all behind that, each from the front of a vector.
+// A table as it is stored: its vtable, and all that follows it, each from the front of a vector.
 struct WholeTable {
   ByteVector vtable;
   ByteVector table;

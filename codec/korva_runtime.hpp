@@ -13,11 +13,12 @@ namespace korva {
 // What this module is called in every allocation and release.
 inline constexpr uint32_t kModuleNumber = 12;
 
+// The level of every log line, and the codes.
 inline constexpr uint32_t kLogLevel = 2;
 inline constexpr uint32_t kInvalid = EINVAL;
 inline constexpr uint32_t kNoMemory = ENOMEM;
 
-// The hooks of a process that offers no allocator of its own.
+// The allocator hooks of a process that offers none of its own: malloc and free.
 void* KorvaDefaultAlloc(uint32_t size, uint32_t moduleNumber, const char* caller);
 int32_t KorvaDefaultFree(void* block, uint32_t moduleNumber, const char* caller);
 
@@ -42,9 +43,8 @@ struct CodecRuntime {
 
 // Makes codecAlloc and codecFree final, once.
 [[gnu::cold]] void KorvaMemInit(CodecRuntime& runtime);
-[[gnu::cold]] void logInitOnce(CodecRuntime& runtime);
 
-// Does so on behalf of a routine that begins again then.
+// Does so for a routine that has found the hooks not set up, and calls that routine then.
 template <class Routine, class... Arguments>
 [[gnu::cold, gnu::noinline]] auto setUpAnd(CodecRuntime& runtime, Routine* routine,
                                            Arguments... arguments) {
@@ -52,15 +52,15 @@ template <class Routine, class... Arguments>
   return routine(arguments...);
 }
 
-// Makes logWrite final.
+// Makes logWrite final, once.
+[[gnu::cold]] void logInitOnce(CodecRuntime& runtime);
 [[gnu::always_inline]] inline void KorvaLogInit(CodecRuntime& runtime) {
   if (!isReady(runtime.logReady)) {
     logInitOnce(runtime);
   }
 }
 
-// Writes one line through the unit's log hook, if the process has one. A failure carries on in the
-// same way whether or not it could be logged.
+// Writes one line through the unit's log hook, if the process has one.
 template <class... Arguments>
 [[gnu::cold, gnu::noinline]] void korvaLog(CodecRuntime& runtime, uint32_t code,
                                            const char* function, const char* format,

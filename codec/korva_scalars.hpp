@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 
-#include "codec/korva_format.hpp"
 #include "codec/korva_inlined.hpp"
 #include "codec/korva_schema.hpp"
 #include "codec/korva_vector.hpp"
@@ -41,11 +41,8 @@ template <class Record, Depth Which>
 consteval size_t countScalars() {
   size_t count = countSlots<Record>(SlotKind::scalar);
   if constexpr (Which == Depth::withNested) {
-    forEachSlot<Record>([&]<class Slot, size_t>() {
-      if constexpr (Slot::kind == SlotKind::table) {
-        count += countScalars<typename Slot::Type, Which>();
-      }
-    });
+    forEachSlotOf<Record, SlotKind::table>(
+        [&]<class Slot, size_t>() { count += countScalars<typename Slot::Type, Which>(); });
   }
   return count;
 }
@@ -70,7 +67,7 @@ consteval auto listScalars() {
 template <class Record, Depth Which>
 inline constexpr auto kScalars = listScalars<Record, Which>();
 
-// The bytes of the first scalars, and of all.
+// How many bytes the first count scalars take, and how many all take.
 template <class Record, Depth Which>
 consteval uint32_t bytesOfFirst(uint32_t count) {
   uint32_t bytes = 0;
@@ -84,7 +81,7 @@ consteval uint32_t allBytes() {
   return bytesOfFirst<Record, Which>(kScalars<Record, Which>.count);
 }
 
-// How many scalars a window of a table may hold: its tables of rows have 2 to that power.
+// How many scalars a window of a table may hold: it has 2 to that power rows.
 inline constexpr uint32_t kMaximumScalars = 8;
 
 // Whether scalar can join the window that begins with first.
@@ -164,18 +161,18 @@ template <Bytes Mask>
   }(std::make_index_sequence<kVectorWidth>());
 }
 
-// The bytes of all scalars up to a window, and with it.
+// How many bytes the scalars before a window take, and how many with the window's own.
 template <class Record, Depth Which, uint32_t Index>
 inline constexpr uint32_t kBytesBefore =
     bytesOfFirst<Record, Which>(kWindows<Record, Which>.items[Index].first);
 template <class Record, Depth Which, uint32_t Index>
-inline constexpr uint32_t kBytesBehind = bytesOfFirst<Record, Which>(
+inline constexpr uint32_t kBytesThrough = bytesOfFirst<Record, Which>(
     kWindows<Record, Which>.items[Index].first + kWindows<Record, Which>.items[Index].count);
 
 // The bytes of a window's scalars.
 template <class Record, Depth Which, uint32_t Index>
 inline constexpr uint32_t kWindowBytes =
-    kBytesBehind<Record, Which, Index> - kBytesBefore<Record, Which, Index>;
+    kBytesThrough<Record, Which, Index> - kBytesBefore<Record, Which, Index>;
 
 // How wide a window's widest scalar is.
 template <class Record, Depth Which, uint32_t Index>
@@ -192,14 +189,14 @@ inline constexpr uint32_t kWidest = [] {
 template <class Record, Depth Which, uint32_t Index, uint32_t Width>
 inline constexpr bool kHaveLanesOfTheirOwn = [] {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
-  uint32_t behind = 0;  // the last lane
+  uint32_t nextFree = 0;  // the first lane that none has yet
   for (uint32_t i = 0; i < kWindow.count; ++i) {
     const Scalar& scalar = kScalars<Record, Which>.items[kWindow.first + i];
     const uint32_t lane = (scalar.offset - kWindow.offset) / Width;
-    if (lane < behind) {
+    if (lane < nextFree) {
       return false;
     }
-    behind = lane + 1;
+    nextFree = lane + 1;
   }
   return true;
 }();
@@ -265,8 +262,8 @@ class AbsentBytes {
  public:
   static constexpr uint32_t kAtOnce = 1;
 
-  // How many times may be added before the sum is taken. Each adds at most one to a lane of each
-  // window.
+  // How many times add may be called before the sum must be taken: each adds at most one to a lane
+  // of each window, and sum adds up the windows in lanes of a byte.
   static constexpr uint32_t kCapacity = 255 / std::max(uint32_t{1}, kWindows<Record, kAll>.count);
 
   [[gnu::always_inline]] void add(const Record* record) {
@@ -301,8 +298,9 @@ inline constexpr uint32_t kWidestOfAll = [] {
   return widest;
 }();
 
-// Records of which several are looked at together: they have one or two windows, of scalars so wide
-// that one byte for every four of theirs still tells whether they are zero.
+// Records of which AbsentBytesOfSeveral can look at several together: they have one or two windows,
+// and scalars whose widths are multiples of four, so that a byte for every four of theirs still
+// tells whether they are zero.
 template <class Record>
 concept Quarterable = [] {
   constexpr auto kAll = Depth::withNested;

@@ -12,11 +12,9 @@
 //       : korva::Slots<korva::vectorOf<&BrdPartInfo::entryCount, &BrdPartInfo::entries>> {};
 #pragma once
 
-#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -118,6 +116,16 @@ template <class Record, class Visit>
   }(std::make_index_sequence<Schema<Record>::count>());
 }
 
+// As forEachSlot, for the slots of one kind only.
+template <class Record, SlotKind Kind, class Visit>
+[[gnu::always_inline]] constexpr void forEachSlotOf(Visit&& visit) {
+  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    if constexpr (Slot::kind == Kind) {
+      visit.template operator()<Slot, Index>();
+    }
+  });
+}
+
 // As forEachSlot, until a visit returns false; says whether none did.
 template <class Record, class Visit>
 [[gnu::always_inline]] constexpr bool allOfSlots(Visit&& visit) {
@@ -126,10 +134,12 @@ template <class Record, class Visit>
   }(std::make_index_sequence<Schema<Record>::count>());
 }
 
+// How many slots of a kind there are, or how many of them come before slot end.
 template <class Record>
-consteval size_t countSlots(SlotKind kind) {
+consteval size_t countSlots(SlotKind kind, size_t end = Schema<Record>::count) {
   size_t count = 0;
-  forEachSlot<Record>([&]<class Slot, size_t>() { count += Slot::kind == kind ? 1 : 0; });
+  forEachSlot<Record>(
+      [&]<class Slot, size_t Index>() { count += Index < end && Slot::kind == kind ? 1 : 0; });
   return count;
 }
 
@@ -183,34 +193,5 @@ inline constexpr bool kOwnsMemory =
 // codecs need room for one table's strings only.
 template <class Record>
 concept PlainTable = !kOwnsMemory<Record>;
-
-// A name built at compile time, usable as a template argument.
-template <size_t Size>
-struct Name {
-  std::array<char, Size> characters{};  // the NUL included
-
-  consteval Name(const char (&text)[Size]) : Name(std::string_view(text, Size - 1)) {}
-  consteval explicit Name(std::string_view text) {
-    for (size_t i = 0; i < text.size(); ++i) {
-      characters[i] = text[i];
-    }
-  }
-  [[nodiscard]] constexpr std::string_view view() const { return {characters.data(), Size - 1}; }
-  [[nodiscard]] constexpr const char* text() const { return characters.data(); }
-};
-
-template <size_t Left, size_t Right>
-consteval auto operator+(const Name<Left>& left, const Name<Right>& right) {
-  Name<Left + Right - 1> joined(left.view());
-  for (size_t i = 0; i < right.view().size(); ++i) {
-    joined.characters[Left - 1 + i] = right.view()[i];
-  }
-  return joined;
-}
-
-template <size_t Left, size_t Right>
-consteval auto operator+(const Name<Left>& left, const char (&right)[Right]) {
-  return left + Name<Right>(right);
-}
 
 }  // namespace korva

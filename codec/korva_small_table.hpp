@@ -25,7 +25,8 @@ using rows::kWindows;
 // There is a row for each combination of scalars.
 inline constexpr uint32_t kMostScalars = 2;
 
-// A single array's position is the first thing that is compared anyway.
+// Tables that read takes. A lone array is not among them: the unpacker compares its position first
+// of all anyway, so that nothing would be gained.
 template <class Record>
 concept SmallTable =
     PlainTable<Record> && Schema<Record>::count >= 2 && kScalars<Record>.count <= kMostScalars &&
@@ -51,12 +52,12 @@ consteval auto headOf(uint32_t row) {
 }
 
 template <class Record>
-struct Head {
+struct HeadBytes {
   alignas(kVectorWidth) std::array<uint8_t, kHeadRoom<Record>> bytes;
 };
 template <SmallTable Record>
 inline constexpr auto kHeads = []<size_t... Row>(std::index_sequence<Row...>) {
-  return std::array<Head<Record>, sizeof...(Row)>{{{headOf<Record>(Row).constants}...}};
+  return std::array<HeadBytes<Record>, sizeof...(Row)>{{{headOf<Record>(Row).constants}...}};
 }(std::make_index_sequence<size_t{1} << kScalars<Record>.count>());
 
 template <SmallTable Record>
@@ -77,7 +78,7 @@ template <SmallTable Record>
   }
 }
 
-// Which of a table's scalars are there, and where. An absent one is read from what follows instead,
+// Which of a table's scalars are there, and where. For an absent one what follows is read instead,
 // and masked.
 template <class Record>
 struct Found {
@@ -91,14 +92,12 @@ template <SmallTable Record>
 [[gnu::always_inline]] inline Found<Record> find(const uint8_t* head) {
   Found<Record> found;
   size_t bit = 0;
-  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::scalar) {
-      const size_t isAbsent = load<uint16_t>(head + vtableEntry(Index)) == 0 ? 1 : 0;
-      found.row |= isAbsent << bit++;
-      found.positions[Index] = kDisplacementWidth + found.size;
-      found.masks[Index] = uint64_t{isAbsent} - 1;
-      found.size += Slot::width & found.masks[Index];
-    }
+  forEachSlotOf<Record, SlotKind::scalar>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    const size_t isAbsent = load<uint16_t>(head + vtableEntry(Index)) == 0 ? 1 : 0;
+    found.row |= isAbsent << bit++;
+    found.positions[Index] = kDisplacementWidth + found.size;
+    found.masks[Index] = uint64_t{isAbsent} - 1;
+    found.size += Slot::width & found.masks[Index];
   });
   return found;
 }
@@ -118,12 +117,10 @@ template <SmallTable Record>
       [[unlikely]] {
     return false;
   }
-  forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    if constexpr (Slot::kind == SlotKind::scalar) {
-      using Scalar = typename Slot::Type;
-      const auto value = load<Scalar>(table + found.positions[Index]);
-      Slot::get(record) = static_cast<Scalar>(value & found.masks[Index]);
-    }
+  forEachSlotOf<Record, SlotKind::scalar>([&]<class Slot, size_t Index>() KORVA_INLINED {
+    using Scalar = typename Slot::Type;
+    const auto value = load<Scalar>(table + found.positions[Index]);
+    Slot::get(record) = static_cast<Scalar>(value & found.masks[Index]);
   });
   image::read<kRest>(table + fields, reinterpret_cast<uint8_t*>(&record));
   return true;

@@ -5,7 +5,6 @@
 #include "codec/korva_format.hpp"
 #include "codec/korva_inlined.hpp"
 #include "codec/korva_known_table.hpp"
-#include "codec/korva_release.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
 #include "codec/korva_small_table.hpp"
@@ -52,7 +51,8 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
   if (position < kRootOffsetWidth || position > last) {
     return HeaderFault::tableOffset;
   }
-  view.vtable = view.table - source.at<uint32_t>(view.table);  // modulo 2^32: it may lie behind
+  // Modulo 2^32: the vtable may follow the table.
+  view.vtable = view.table - source.at<uint32_t>(view.table);
   if (view.vtable < kRootOffsetWidth || view.vtable > last) {
     return HeaderFault::vtableOffset;
   }
@@ -66,21 +66,21 @@ template <class Record>
 inline constexpr uint32_t kOwnTable = kRootOffsetWidth + kVtableLength<Record>;
 
 // Without scalars that could be left out, the entries of our own root table are known, its fields
-// stand side by side, and the first one points behind the last, where a count is.
+// stand side by side, and the first one points past the last, where a count is.
 template <class Record>
 inline constexpr bool kOwnFieldsAreKnown =
     Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == 0;
 template <class Record>
 inline constexpr uint32_t kFieldsSize = Schema<Record>::count * kOffsetFieldWidth;
 
-// How much of our own message is in the same place always, whatever the values.
+// How many bytes at the beginning of our own messages have fixed places, whatever the values.
 template <class Record>
 inline constexpr uint32_t kOwnFront =
     kOwnTable<Record> + kDisplacementWidth +
     (kOwnFieldsAreKnown<Record> ? kFieldsSize<Record> + kCountWidth : 0);
 
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool hasOwnFields(const Source& source) {
+[[nodiscard, gnu::always_inline]] inline bool matchesOwnFields(const Source& source) {
   return source.at<uint32_t>(kOwnTable<Record> + kDisplacementWidth) == kFieldsSize<Record> &&
          allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
            return source.at<uint16_t>(kRootOffsetWidth + vtableEntry(Index)) ==
@@ -88,9 +88,9 @@ template <class Record>
          });
 }
 
-// A length that is negative as its caller meant it is too short.
+// Signed, so that a length of 2^31 and more, which is refused, counts as too short.
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool holdsOwnFront(const Source& source) {
+[[nodiscard, gnu::always_inline]] inline bool hasRoomForOwnFront(const Source& source) {
   return static_cast<int32_t>(source.length) >= static_cast<int32_t>(kOwnFront<Record>);
 }
 
@@ -98,12 +98,12 @@ template <class Record>
 // nothing but the buffer tell, and what they have compared is as good as constant then; following
 // it instead costs a load for each position before the first field can be read.
 template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool hasOwnFront(const Source& source) {
+[[nodiscard, gnu::always_inline]] inline bool matchesOwnFront(const Source& source) {
   const bool begins = source.at<uint32_t>(0) == kOwnTable<Record> &&
                       source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
                       source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
   if constexpr (kOwnFieldsAreKnown<Record>) {
-    return begins && hasOwnFields<Record>(source);
+    return begins && matchesOwnFields<Record>(source);
   }
   return begins;
 }
@@ -127,10 +127,10 @@ template <class Record>
   return fault == HeaderFault::none;
 }
 
-// Finds what an offset field points at and makes sure of the bytes there: a count or a table's
-// displacement, and what is known to follow it. Wherever a field is refused, that is marked as
-// unlikely: GCC otherwise takes the last of many checks for hardly ever reached, and copies the
-// arrays behind them by slow string instructions.
+// Finds what an offset field points at and checks that the buffer holds the bytes there: a count or
+// a table's displacement, and what is known to follow it. In tables that may have arrays, refusals
+// are marked as unlikely: GCC otherwise takes the last of many checks for hardly ever reached, and
+// copies the arrays after them by slow string instructions.
 [[nodiscard, gnu::always_inline]] inline bool follow(const Source& source, uint64_t offsetField,
                                                      uint64_t& target,
                                                      uint32_t bytes = kCountWidth) {
@@ -161,12 +161,9 @@ template <class Record>
   return block;
 }
 
-// Whether to read a table's scalars all at once where that can be done, or all slots in their
-// order.
-template <class Record>
-inline constexpr bool kAtOnce = known::KnownLayout<Record>;
-
-template <class Record, bool AtOnce = kAtOnce<Record>>
+// AtOnce says whether to read a table's scalars all at once where they are laid out as our own
+// packer does it, or to read all slots in their order anyway.
+template <class Record, bool AtOnce = known::KnownLayout<Record>>
 [[nodiscard]] bool readTable(const Source& source, const TableView& view, Record& record);
 
 template <class Slot, class Record>
@@ -195,7 +192,7 @@ template <class Slot, class Record>
     return false;
   }
   const uint8_t* const characters = source.bytes + target + kCountWidth;
-  auto* const text = static_cast<char*>(allocate(source, count, 1));  // less than 2^31
+  auto* const text = static_cast<char*>(allocate(source, count, 1));  // below 2^31, as lengths are
   Slot::get(record) = text;
   if (text == nullptr) {
     return false;
@@ -217,7 +214,7 @@ template <class Slot, class Record>
   return readTable(source, view, Slot::get(record));
 }
 
-// Clears what lies between the members of a record and behind the last one, and in its nested ones.
+// Clears what lies between the members of a record and after the last one, and in its nested ones.
 template <PlainTable Record>
 [[gnu::always_inline]] inline void clearPadding(Record& record) {
   forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
@@ -245,7 +242,8 @@ template <class Record>
   return openTable(source, position, view) == HeaderFault::none && readTable(source, view, record);
 }
 
-// Reads a small table at once. Whatever it says no to is to be read in another way.
+// Reads a small table at once, if our own packer laid it out. Returns false for anything else,
+// which is to be read slot by slot.
 template <small::SmallTable Record>
 [[nodiscard, gnu::always_inline]] inline bool readSmall(const Source& source, uint64_t position,
                                                         Record& record) {
@@ -256,12 +254,15 @@ template <small::SmallTable Record>
   return true;
 }
 
-// Where the first element of a list may lie: not before its entry, which is behind the count, which
-// is not before the offset field, which is behind the root table's beginning. Our vtable is no
-// longer than that, and where it would reach into the root offset, that has zeros in its place.
+// The lowest position that a list's element can have: an element is not before its entry, which is
+// after the count, which is not before the offset field, which is at least one byte after the
+// root table's beginning. Our vtable is no longer than that, so that looking for it before an
+// element stays within the buffer. Nor is it found where it would overlap the root offset: the root
+// table is before the element then, so the offset's upper bytes are zero, and a vtable's length is
+// not.
 inline constexpr uint32_t kFirstElement = kRootOffsetWidth + 1 + kCountWidth;
 
-// What another writer has laid out.
+// Reads an element that another writer has laid out.
 template <small::SmallTable Element>
 [[nodiscard, gnu::cold, gnu::noinline]] bool readOtherElement(const Source& source,
                                                               uint64_t position, Element& element) {
@@ -355,16 +356,16 @@ template <class Slot, class Record>
   }
 }
 
-// Copies a vtable that does not reach all slots, and lets it end with absent ones.
+// Copies a vtable that is too short to have all slots, and adds the missing ones as absent.
 [[gnu::cold, gnu::noinline]] inline void completeVtable(const uint8_t* vtable, uint32_t length,
                                                         uint8_t* complete, uint32_t size) {
   std::memset(complete, 0, size);
   std::memcpy(complete, vtable, length - length % kSlotEntryWidth);
 }
 
-// Reads all of a table whose vtable reaches all slots: an absent field is 0, and so are every byte
+// Reads all of a table whose vtable has all slots: an absent field is 0, and so are every byte
 // of an absent array or nested record and all padding. A record that owns memory is clear already.
-template <class Record, bool AtOnce = kAtOnce<Record>>
+template <class Record, bool AtOnce = known::KnownLayout<Record>>
 [[nodiscard, gnu::always_inline]] inline bool readSlots(const Source& source, const uint8_t* vtable,
                                                         uint32_t table, Record& record) {
   [[maybe_unused]] bool hasScalars = false;

@@ -67,7 +67,7 @@ template <class Value>
   return value;
 }
 
-// Loads Size bytes, and nothing behind them; the rest is 0.
+// Loads Size bytes, and nothing after them; the rest is 0.
 template <uint32_t Size>
 [[gnu::always_inline]] inline ByteVector loadVector(const uint8_t* at) {
   static_assert(Size <= kVectorWidth);
@@ -129,7 +129,7 @@ template <class Lane, uint32_t Size>
   }
 }
 
-// Stores the first Size bytes of a vector, and nothing behind them.
+// Stores the first Size bytes of a vector, and nothing after them.
 template <uint32_t Size>
 [[gnu::always_inline]] inline void storeVectorFront(uint8_t* at, ByteVector vector) {
   static_assert(Size <= kVectorWidth);
@@ -143,7 +143,7 @@ template <uint32_t Size>
   }
 }
 
-// What lies behind a vector's first bytes, moved to its front.
+// What follows a vector's first bytes, moved to its front.
 template <uint32_t Bytes>
 [[gnu::always_inline]] inline ByteVector moveDown(ByteVector bytes) {
   static_assert(Bytes < kVectorWidth);
@@ -185,7 +185,8 @@ template <class Lane>
 }
 
 #if defined(__x86_64__)
-// The first bit of each lane; as wide as an offset, or GCC would shift it in two steps.
+// The top bits of all lanes as a number, the first lane's lowest. It is as wide as an offset, or
+// GCC would shift it in two steps.
 template <uint32_t Width>
 [[gnu::always_inline]] inline size_t signsOfLanes(ByteVector lanes) {
   if constexpr (Width == sizeof(uint64_t)) {
@@ -235,8 +236,8 @@ template <uint32_t Width>
 #endif
 }
 
-// Whether counting a number's bits takes one instruction, and how many of the bytes that Mask names
-// are all ones then; each must be all ones or 0.
+// kCountsBitsAtOnce: whether one instruction counts the bits of a number. Only then is there
+// countOnes: how many of the bytes that Mask names are all ones; each must be all ones or 0.
 #if defined(__aarch64__)
 inline constexpr bool kCountsBitsAtOnce = false;
 template <auto Mask>
@@ -256,7 +257,7 @@ template <auto Mask>
 }
 #endif
 
-// Whether Positions are those of lanes of a width, one behind the other.
+// Whether Positions are those of adjacent lanes of Width bytes.
 template <auto Positions, uint32_t Width>
 inline constexpr bool kAreNeighbours = [] {
   for (uint32_t i = 0; i < Positions.size(); ++i) {
@@ -268,8 +269,9 @@ inline constexpr bool kAreNeighbours = [] {
 }();
 
 // Factor times the number whose bit i says whether the lane of Width bytes at Positions[i] is all
-// ones; each of those must be all ones or 0. For lanes of two bytes, and for any that are no
-// neighbours, a power of two in the factor costs x86-64 nothing, but a constant to be loaded.
+// ones; each of those must be all ones or 0. On x86-64, lanes of two bytes and lanes that are not
+// adjacent are gathered by a permutation, whose indices are loaded; it shifts them as well, so that
+// a power of two in the factor costs nothing.
 template <auto Positions, uint32_t Width, size_t Factor>
 [[gnu::always_inline]] inline size_t numberOfLanes(ByteVector bytes) {
 #if defined(__aarch64__)

@@ -1,4 +1,5 @@
-// The nested record that client and served messages share. Schema for every room above.
+// The nested record that the overload alarms and FdProcInfoQuery's entries share. For the headers
+// of those messages.
 #pragma once
 
 #include <kel_sys_diag/records.h>

@@ -1,5 +1,5 @@
-// The requests of KelSendOverloadAlarm and KelSendMobileDiskOverloadAlarm, and the sub-record that
-// both carry. For every room above.
+// The requests of KelSendOverloadAlarm and KelSendMobileDiskOverloadAlarm; alarm_messages.hpp has
+// their reply. For every room above.
 #pragma once
 
 #include <kel_sys_diag/records.h>

@@ -1,8 +1,9 @@
-// The Kel_sys_diag package: what its messages are, and what their codecs are called by.
-// For schema/, service/ and peer/.
+// The Kel_sys_diag package: what describes a message, how its codec is named in log lines, and its
+// id. For schema/, service/ and peer/.
 #pragma once
 
 #include "codec/korva_codec.hpp"
+#include "codec/korva_name.hpp"
 
 namespace kel {
 

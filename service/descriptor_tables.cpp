@@ -1,5 +1,5 @@
-// KelSysdiagQarne's exported tables: constant data, writable because the framework's own records
-// are. kel_sys_diag/service.h documents them.
+// KelSysdiagQarne's tables. The library never changes them; they are writable since the framework
+// takes them by pointers that are not const. Exported; kel_sys_diag/service.h documents them.
 #include <kel_sys_diag/service.h>
 
 #include <iterator>
@@ -12,8 +12,9 @@
 #include "schema/fd_proc_info_messages.hpp"
 #include "schema/storage_messages.hpp"
 
-namespace kel {
 namespace {
+
+namespace message = kel::message;
 
 constexpr uint32_t kSentinelMarker = 0xFFFFFFFF;
 
@@ -26,7 +27,7 @@ struct MethodDescription {
 
 template <class Input, class Output>
 consteval MethodDescription describe(std::string_view name, IdlWrapperFn wrapper) {
-  return {name, wrapper, messageId<Input>(), messageId<Output>()};
+  return {name, wrapper, kel::messageId<Input>(), kel::messageId<Output>()};
 }
 
 constexpr MethodDescription kMethods[] = {
@@ -60,14 +61,9 @@ consteval IdlMsgDesc inputMessage(size_t method) { return {kMethods[method].inpu
 consteval IdlMsgDesc outputMessage(size_t method) { return {kMethods[method].outputId, {}}; }
 
 }  // namespace
-}  // namespace kel
-
-using kel::inputMessage;
-using kel::interfaceEntry;
-using kel::outputMessage;
 
 constinit IdlIntfEntry intf_tbl_KelSysdiagQarne[] = {
-    {kel::kSentinelMarker, 0, nullptr, 0, 0, {}},
+    {kSentinelMarker, 0, nullptr, 0, 0, {}},
     interfaceEntry(0),
     interfaceEntry(1),
     interfaceEntry(2),

@@ -10,10 +10,14 @@
  *   KelSysdiagMaster_<Method>_async  starts a call. The framework receives userArg1, userArg2 and
  *                                    invokeArg unchanged and completes the call in its own way.
  *
+ * input and what it points to stay the caller's, who may change or free them once the function has
+ * returned, the asynchronous one included. output is the caller's as well; clear it before the
+ * call, so that it may be released whatever the result (rpc.h says why).
+ *
  * The stubs check nothing and return the framework's result as it comes, so the meaning of
  * invokeArg, userArg1, userArg2 and of the result is the framework's, as is who releases an output
- * record (the releaseFn that SetIdl hands out does it). What of encoding and decoding is logged,
- * and how, says osal.h. */
+ * record (the releaseFn that SetIdl hands out does it). osal.h says what of encoding and decoding
+ * is logged, and how. */
 #ifndef KEL_SYS_DIAG_CLIENT_H
 #define KEL_SYS_DIAG_CLIENT_H
 

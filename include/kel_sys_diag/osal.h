@@ -27,9 +27,9 @@ typedef struct KorvaLogDescriptor {
  * when an allocation fails; a field that does not fit its message is refused without one, and a
  * size of 0 in the size pass as well: there the result alone tells. level is always 2; code is 22
  * (bad argument or malformed buffer) or 12 (failed allocation); file is ""; line carries no
- * meaning; function is the codec's name, of an unpacker whose record owns memory with "_non_root"
- * behind it once the arguments are checked; format and what follows are printf's. The result is
- * ignored. */
+ * meaning; function is the codec's name, to which an unpacker whose record owns memory appends
+ * "_non_root" once it has checked the arguments; format and what follows are printf's. The result
+ * is ignored. */
 typedef int32_t (*KorvaLogFn)(const KorvaLogDescriptor* descriptor, uint32_t level, uint32_t code,
                               const char* file, uint32_t line, const char* function,
                               const char* format, ...) __attribute__((format(printf, 7, 8)));

@@ -5,7 +5,13 @@
  * codec routine ever frees a record. Scalars are raw bits to the codecs: what a field means, and
  * whether it is signed, is for the two ends of a service to agree. Byte arrays travel whole, with
  * no terminator looked for or added. The sizes asserted below are part of the binary interface: the
- * library reports them to the RPC framework, and every host must be compiled to the same layout. */
+ * library reports them to the RPC framework, and every host must be compiled to the same layout.
+ *
+ * In a reply with entries, entries is an array of entryCount records, or null for none, whatever
+ * the count says. It belongs to the reply's record; the release routine hands it to the release
+ * hook (osal.h), so it must come from the allocator that pairs with that hook: from
+ * QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag is 1,
+ * otherwise from malloc. */
 #ifndef KEL_SYS_DIAG_RECORDS_H
 #define KEL_SYS_DIAG_RECORDS_H
 
@@ -93,11 +99,7 @@ typedef struct OvLoadDiskCtlOutput {
 } OvLoadDiskCtlOutput;
 
 /* Reply of KelBrdPartInfoQuery; its request, BrdPartInfoInput, has no fields and a record of size
- * 0. In this and every other reply with entries: entries is an array of entryCount records, or null
- * for none, whatever the count says. It belongs to the record; the release routine hands it to the
- * release hook (osal.h), so it must come from the allocator that pairs with that hook: from
- * QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag is 1, from
- * malloc else. */
+ * 0. */
 typedef struct BrdPartEntry {
   uint8_t bytes50a[50];
   uint8_t bytes50b[50];
@@ -243,6 +245,12 @@ static_assert(sizeof(StorageBadBlockEntry) == 40, "layout");
 static_assert(offsetof(StorageBadBlockEntry, value1) == 32, "layout");
 static_assert(sizeof(BrdPartInfo) == 16, "layout");
 static_assert(offsetof(BrdPartInfo, entries) == 8, "layout");
+static_assert(sizeof(FdProcInfoOutput) == 16, "layout");
+static_assert(offsetof(FdProcInfoOutput, entries) == 8, "layout");
+static_assert(sizeof(StorageEraseInfo) == 16, "layout");
+static_assert(offsetof(StorageEraseInfo, entries) == 8, "layout");
+static_assert(sizeof(StorageBadBlockInfo) == 16, "layout");
+static_assert(offsetof(StorageBadBlockInfo, entries) == 8, "layout");
 
 #ifdef __cplusplus
 }

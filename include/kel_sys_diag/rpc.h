@@ -24,13 +24,19 @@ typedef struct PackTarget {
 
 /* Decodes length received bytes, at any address, of the compact or the fixed layout or any other
  * that the format allows, into record, of which every byte is written, padding included. What the
- * record owned before is not given back: release it first.
- * Returns record as an integer, or 0 when the arguments or the bytes are refused; then nothing that
- * the unpacker allocated survives, and the record is not for use: it is untouched where the
- * arguments or, of a record without pointers, the message's header are refused, and else clear but
- * for fields that were read before. Arguments are refused if one is null, or if length is below 4,
- * or 2^31 and more: whoever sends the message has a say in that, so do not release a record after a
- * 0 unless it was clear before. The bytes are not referred to after the call. */
+ * record owned before is not given back: release it first. Returns record as an integer. The bytes
+ * are not referred to after the call.
+ *
+ * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more, the message is
+ * malformed, or an allocation fails. Nothing that the unpacker allocated survives then, and what
+ * the record holds is not for use:
+ *
+ *   arguments refused          it is as it was
+ *   message's header refused   it is as it was or, if it has pointers, all zero
+ *   anything deeper refused    fields that were read before, and zeros elsewhere; pointers are null
+ *
+ * Whoever sends the message decides its length, and so which of these it is: do not release a
+ * record after a 0 unless it was clear before. */
 typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
 
 /* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a

@@ -7,10 +7,10 @@
  *
  * The work is the host's: for each of the eight methods the host process must define two functions,
  * <Method> and <Method>_free, with C linkage and default visibility (in a program that loads the
- * library by dlopen, linked with -rdynamic). The library refers to them by
- * address only (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a
- * process that lacks one. Their signatures are agreed between host and framework and therefore not
- * declared here; a usual agreement is
+ * library by dlopen, linked with -rdynamic). The library refers to them by address only
+ * (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a process that lacks
+ * one. Their signatures are agreed between host and framework and therefore not declared here; a
+ * usual agreement is
  *
  *   int32_t KelMountDisk(const MountDiskInput* input, MountDiskResult* output);
  *   void KelMountDisk_free(MountDiskResult* output);
@@ -39,6 +39,8 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
+/* The service, its eight methods and their sixteen messages; rpc.h describes the entries, and entry
+ * 0, which each of the two tables has besides. */
 extern IdlModuleSpec __module_spec_KelSysdiagQarne;
 extern IdlIntfEntry intf_tbl_KelSysdiagQarne[9];
 extern IdlMsgDesc msgdesc_tbl_KelSysdiagQarne[17];
