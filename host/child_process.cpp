@@ -3,16 +3,15 @@
 
 #include <fcntl.h>
 #include <fmt/core.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "host/lines.hpp"
 
@@ -60,23 +59,20 @@ class Attributes {
   posix_spawnattr_t attributes_{};
 };
 
+// Asked again and again, since not every kernel, and in want of descriptors none, has one of a
+// process to wait for.
 bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
-  // Not by the C library's function, whose header cannot be used from C++ everywhere.
-  const int watch = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-  if (watch < 0) {
-    complain(fmt::format("cannot watch a program: {}", std::strerror(errno)));
-    return false;
-  }
+  constexpr std::chrono::milliseconds kPause(10);
   const auto end = std::chrono::steady_clock::now() + limit;
-  int ready = 0;
-  do {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    pollfd ended{watch, POLLIN, 0};
-    ready = left.count() > 0 ? poll(&ended, 1, static_cast<int>(left.count())) : 0;
-  } while (ready < 0 && errno == EINTR);
-  close(watch);
-  return ready > 0;
+  siginfo_t ended{};
+  while (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         ended.si_pid == 0) {
+    if (std::chrono::steady_clock::now() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
 }
 
 }  // namespace

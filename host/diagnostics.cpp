@@ -56,7 +56,7 @@ Diagnostics::UseReport Diagnostics::reportUse(const std::string& mountPoint) {
   }
   const DiskThresholds::Verdict verdict = thresholds_.compare(mountPoint, use->usedPercent);
   if (verdict.newlyPassed && settings_.onOverload) {
-    settings_.onOverload({*mount, *use, verdict.threshold});
+    settings_.onOverload({*mount, *use, verdict.threshold, verdict.number});
   }
   return {ResultCode::done, *mount, *use, verdict.threshold};
 }

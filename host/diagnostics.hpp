@@ -20,6 +20,7 @@ struct Overload {
   Mount mount;
   FileSystemUse use;
   uint32_t threshold;  // per cent
+  uint64_t number;     // a later one has a higher number, whichever thread tells of it first
 };
 
 class Diagnostics {

@@ -20,11 +20,11 @@ DiskThresholds::Verdict DiskThresholds::compare(const std::string& mountPoint,
   const std::scoped_lock lock(mutex_);
   const auto found = thresholds_.find(mountPoint);
   if (found == thresholds_.end()) {
-    return {0, false};
+    return {0, false, ++comparisons_};
   }
   Threshold& threshold = found->second;
   const bool before = std::exchange(threshold.passed, usedPercent >= threshold.percent);
-  return {threshold.percent, threshold.passed && !before};
+  return {threshold.percent, threshold.passed && !before, ++comparisons_};
 }
 
 }  // namespace kel::host

@@ -21,6 +21,7 @@ class DiskThresholds {
   struct Verdict {
     uint32_t threshold;  // per cent; 0: none is set
     bool newlyPassed;    // reached, and below it when last compared, or never compared before
+    uint64_t number;     // of the comparison: a later one has a higher number
   };
 
   // Compares what is used with the threshold.
@@ -33,6 +34,7 @@ class DiskThresholds {
   };
 
   std::mutex mutex_;
+  uint64_t comparisons_ = 0;
   std::map<std::string, Threshold> thresholds_;
 };
 

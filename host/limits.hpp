@@ -14,8 +14,8 @@ inline constexpr uint32_t kDefaultMessageBytes = 4U << 20U;
 struct ServerLimits {
   uint32_t messageBytes = kDefaultMessageBytes;
   // Calls at a time, those that wait for a thread included. Times messageBytes it bounds the memory
-  // of requests, with message_quota's share for connections, and again that of replies which their
-  // callers have yet to read.
+  // of requests, with message_quota's share for connections; and that of replies which their
+  // callers have yet to read, above which no calls are taken, so that those at work may double it.
   uint32_t calls = 64;
   // However long a deadline the caller has. Making a file system is the slowest thing that anybody
   // asks for.

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/field_text.hpp"
+#include "host/limits.hpp"
 #include "host/machine_records.hpp"
 #include "host/record_text.hpp"
 #include "host/rpc_framework.hpp"
@@ -37,7 +38,7 @@ bool isFinal(int32_t result) {
   switch (result) {
     case kUnreachable:
     case kNotSent:
-    case kTooLarge:  // or the master has too much to do, which cannot be told apart
+    case kTooLarge:  // an alarm never is, so the master has too much to do
       return false;
     default:
       return true;
@@ -48,7 +49,7 @@ bool isFinal(int32_t result) {
 
 OverloadAlarms::OverloadAlarms(const ClientLibrary& library, uint32_t deadlineMs, Narrator narrator)
     : library_(library),
-      deadlineMs_(deadlineMs),
+      deadline_(deadlineMs == 0 ? kDefaultDeadline : std::chrono::milliseconds(deadlineMs)),
       narrator_(std::move(narrator)),
       sender_([this](const std::stop_token& ending) { run(ending); }) {}
 
@@ -59,6 +60,11 @@ void OverloadAlarms::raise(const Overload& overload) {
   Alarm alarm = {overload.mount.mountPoint, alarmOf(overload), false};
   {
     const std::scoped_lock lock(mutex_);
+    uint64_t& newest = newest_[alarm.mountPoint];
+    if (overload.number < newest) {
+      return;
+    }
+    newest = overload.number;
     std::erase_if(waiting_,
                   [&](const Alarm& earlier) { return earlier.mountPoint == alarm.mountPoint; });
     waiting_.push_back(std::move(alarm));
@@ -67,12 +73,16 @@ void OverloadAlarms::raise(const Overload& overload) {
 }
 
 void OverloadAlarms::run(const std::stop_token& ending) {
+  std::optional<Clock::time_point> end;
   std::unique_lock lock(mutex_);
   while (changed_.wait(lock, ending, [this] { return !waiting_.empty(); })) {
     Alarm alarm = std::move(waiting_.front());
     waiting_.pop_front();
     lock.unlock();
-    const bool isOver = send(alarm, ending.stop_requested());
+    if (ending.stop_requested() && !end) {
+      end = Clock::now() + kShutdownGrace;
+    }
+    const bool isOver = send(alarm, end);
     lock.lock();
     if (!isOver) {
       putBack(std::move(alarm));
@@ -88,13 +98,25 @@ void OverloadAlarms::putBack(Alarm alarm) {
   }
 }
 
-bool OverloadAlarms::send(const Alarm& alarm, bool isLastTry) const {
+std::chrono::milliseconds OverloadAlarms::timeUntil(std::optional<Clock::time_point> end) const {
+  return end ? std::min(deadline_,
+                        std::chrono::duration_cast<std::chrono::milliseconds>(*end - Clock::now()))
+             : deadline_;
+}
+
+bool OverloadAlarms::send(const Alarm& alarm, std::optional<Clock::time_point> end) const {
   const auto& method = library_.sendDiskOverloadAlarm;
+  const std::chrono::milliseconds time = timeUntil(end);
+  if (time.count() <= 0) {
+    narrator_(
+        fmt::format("{} of {} could not be raised any more", method.name, shown(alarm.mountPoint)));
+    return true;
+  }
   IdlCodecOps ops{};
   method.setIdl(&ops);
   AlarmOutput answer{};
-  const int32_t result = method.call(&alarm.content, &answer, deadlineMs_);
-  const bool isOver = isLastTry || isFinal(result);
+  const int32_t result = method.call(&alarm.content, &answer, static_cast<uintptr_t>(time.count()));
+  const bool isOver = end || isFinal(result);
   if (result == kOk) {
     narrator_(fmt::format("{} was answered by the master: {}", method.name, tell(answer)));
     ops.releaseFn(&answer);

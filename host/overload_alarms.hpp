@@ -1,11 +1,14 @@
 // Tells the master of file systems whose use has reached its threshold. For the serving kel_host.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -26,10 +29,11 @@ class OverloadAlarms {
   // Raises KelSendMobileDiskOverloadAlarm, one alarm at a time, in their order; does not wait for
   // the answer. An alarm that the master did not take in, because it could not be reached in time
   // or had too much to do, is tried again until it does, or there is a later one of the same file
-  // system. The destructor tries what is left once.
+  // system. The destructor tries what is left once, for kShutdownGrace in all.
   void raise(const Overload& overload);
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct Alarm {
     std::string mountPoint;
     OverloadDiskAlarmInput content;
@@ -37,18 +41,20 @@ class OverloadAlarms {
   };
 
   void run(const std::stop_token& ending);
-  // Says whether it is not to be tried again.
-  [[nodiscard]] bool send(const Alarm& alarm, bool isLastTry) const;
+  // Says whether it is not to be tried again. The last tries have an end in common.
+  [[nodiscard]] bool send(const Alarm& alarm, std::optional<Clock::time_point> end) const;
+  [[nodiscard]] std::chrono::milliseconds timeUntil(std::optional<Clock::time_point> end) const;
   // With the lock held.
   void putBack(Alarm alarm);
 
   const ClientLibrary& library_;
-  const uint32_t deadlineMs_;
+  const std::chrono::milliseconds deadline_;
   const Narrator narrator_;
   std::mutex mutex_;
   std::condition_variable_any changed_;
   std::deque<Alarm> waiting_;
-  std::jthread sender_;  // ends before what it uses
+  std::map<std::string, uint64_t> newest_;  // the highest number of each mount point
+  std::jthread sender_;                     // ends before what it uses
 };
 
 }  // namespace kel::host

@@ -485,16 +485,16 @@ std::unique_ptr<Invoker> claim(void* handle) {
 // The library between this framework and the caller knows no exceptions.
 template <class Body>
 int32_t guarded(const Body& body) {
-  lastWords.keep({});
+  int32_t result = kNoMemory;
   try {
     return body();
   } catch (const Failure& failure) {
-    return failure.result;
+    result = failure.result;
   } catch (const std::bad_alloc&) {
-    return kNoMemory;
   } catch (const std::system_error&) {  // no thread is to be had
-    return kNoMemory;
   }
+  lastWords.keep({});  // of a call that has ended before this one failed to begin
+  return result;
 }
 
 std::string_view statusName(int32_t code) {
@@ -626,7 +626,7 @@ int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
   return guarded([&]() -> int32_t {
     const std::unique_ptr<Invoker> call = claim(invoker);
     if (output == nullptr) {
-      return kBadArgument;
+      throw Failure{kBadArgument};
     }
     const grpc::Slice request = encode(*ops, input);
     return Engine::instance().callAndWait(*call, pathOf(*method), request, output, *ops);
@@ -638,7 +638,7 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
   return guarded([&]() -> int32_t {
     const std::unique_ptr<Invoker> call = claim(invoker);
     if (info->userArg1 == 0) {
-      return kBadArgument;
+      throw Failure{kBadArgument};
     }
     const grpc::Slice request = encode(*ops, input);
     Engine::instance().start(std::make_unique<AsyncCall>(*ops, *info), *call, pathOf(*method),

@@ -6,6 +6,7 @@
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <exception>
@@ -54,6 +55,8 @@ Answer answerTo(const RequestHandler& handler, const std::string& path,
     return handler(path, {bytes.begin(), bytes.size()});
   } catch (const std::exception& error) {
     return {AnswerStatus::internal, error.what(), {}};
+  } catch (...) {
+    return {AnswerStatus::internal, "the handler failed", {}};
   }
 }
 
@@ -157,15 +160,25 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     }
   }
 
-  // Says whether there was a place left for the call to take.
-  bool enter() {
+  // Says why the server takes no more calls for now, or nothing: then the call has a place. That is
+  // all decided before it is carried out, since whoever is told that the server is full tries
+  // again.
+  std::string enter() {
     const std::scoped_lock lock(mutex_);
+    std::string full = whyFull();
     ++calls_;
+    places_ += full.empty() ? 1 : 0;
+    return full;
+  }
+
+  [[nodiscard]] std::string whyFull() const {
     if (places_ == options_.limits.calls) {
-      return false;
+      return fmt::format("the server is at work on {} calls, and takes no more at a time", places_);
     }
-    ++places_;
-    return true;
+    if (unreadBytes_ > mostUnread()) {
+      return fmt::format("callers have yet to read more than {} bytes of replies", mostUnread());
+    }
+    return {};
   }
 
   void giveBackPlace() {
@@ -173,19 +186,16 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     --places_;
   }
 
-  // Says whether there is room for so many bytes of a reply and its call.
-  bool keepUnread(size_t bytes) {
+  void keepUnread(size_t bytes) {
     const std::scoped_lock lock(mutex_);
-    if (unreadBytes_ + bytes > mostUnread()) {
-      return false;
-    }
     unreadBytes_ += bytes;
-    return true;
   }
 
-  // As much as the largest replies of all places.
+  // As much as the largest replies of all places. Those of the calls that are at work then may come
+  // on top of it.
   [[nodiscard]] uint64_t mostUnread() const {
-    return options_.limits.calls * (kCallBytes + options_.limits.messageBytes);
+    return std::max(kLeastUnread,
+                    options_.limits.calls * (kCallBytes + options_.limits.messageBytes));
   }
 
   void leave(size_t unreadBytes) {
@@ -201,6 +211,8 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   static constexpr size_t kWorkers = 15;
   // What a call costs beside its message, here and within gRPC: 18 KiB were seen.
   static constexpr size_t kCallBytes = 20U << 10U;
+  // Room for small replies that have been read, but of which gRPC has not told yet.
+  static constexpr uint64_t kLeastUnread = 16U << 20U;
   // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
   // There are two such threads at least, so one is left to refuse calls however long that handler
   // takes.
@@ -229,20 +241,16 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
   Call(Running& server, grpc::GenericCallbackServerContext& context)
       : server_(server), path_(context.method()), context_(&context) {
     handOver();
-    const ServerLimits& limits = server_.options_.limits;
-    holdsPlace_ = server_.enter();
+    const std::string full = server_.enter();
+    holdsPlace_ = full.empty();
     if (!holdsPlace_) {
-      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
-           fmt::format("the server is at work on {} calls, and takes no more at a time",
-                       limits.calls)});
+      end({grpc::StatusCode::RESOURCE_EXHAUSTED, full});
       return;
     }
-    if (server_.options_.policy) {
-      const std::string refusal = server_.options_.policy(path_, peerOf(context, server_.local_));
-      if (!refusal.empty()) {
-        end({grpc::StatusCode::PERMISSION_DENIED, refusal});
-        return;
-      }
+    if (const grpc::Status permission = askPolicy(context); !permission.ok()) {
+      giveBackPlace();
+      end(permission);
+      return;
     }
     server_.timeLimit_.begin(*this);
     handOver();
@@ -252,6 +260,7 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
   void OnReadDone(bool succeeded) override {
     handOver();
     if (!succeeded) {
+      giveBackPlace();
       end({grpc::StatusCode::INVALID_ARGUMENT, "the call came without a request"});
       return;
     }
@@ -286,6 +295,18 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
   ~Call() override {
     giveBackPlace();
     server_.leave(unreadBytes_);
+  }
+
+  // An exception that left the constructor would leave the place taken for good.
+  grpc::Status askPolicy(const grpc::GenericCallbackServerContext& context) const {
+    const PeerPolicy& policy = server_.options_.policy;
+    try {
+      const std::string refusal = policy ? policy(path_, peerOf(context, server_.local_)) : "";
+      return refusal.empty() ? grpc::Status::OK
+                             : grpc::Status(grpc::StatusCode::PERMISSION_DENIED, refusal);
+    } catch (...) {
+      return {grpc::StatusCode::INTERNAL, "the policy failed"};
+    }
   }
 
   // Before the caller learns of the end, since it may call again at once, whereas gRPC takes its
@@ -343,15 +364,8 @@ class RpcServer::Running::Call final : public grpc::ServerGenericBidiReactor,
   }
 
   void send(const std::vector<uint8_t>& reply) {
-    const size_t bytes = kCallBytes + reply.size();
-    if (!server_.keepUnread(bytes)) {
-      end({grpc::StatusCode::RESOURCE_EXHAUSTED,
-           fmt::format("callers have yet to read the replies that they have, of which this server "
-                       "keeps {} bytes at most",
-                       server_.mostUnread())});
-      return;
-    }
-    unreadBytes_ = bytes;
+    unreadBytes_ = kCallBytes + reply.size();
+    server_.keepUnread(unreadBytes_);
     if (!ended_.exchange(true)) {
       const grpc::Slice slice(reply.data(), reply.size());
       reply_ = grpc::ByteBuffer(&slice, 1);

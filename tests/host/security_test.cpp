@@ -412,9 +412,44 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
   EXPECT_TRUE(eventually([] { return call() == outcome(kOk); })) << "once they have returned";
 }
 
+// gRPC tells this side of a reply's end some time after its reader has it.
+TEST_F(Security, TakesEveryCallOfCallersThatKeepTheLimit) {
+  for (const uint32_t callers : {1U, 4U}) {
+    const RpcServer server(target,
+                           [](const std::string&, std::span<const uint8_t>) {
+                             return Answer{{}, {}, okReply()};
+                           },
+                           {.limits = {.messageBytes = 8192, .calls = callers}});
+    onThreads(callers, [&](uint32_t) {
+      for (int i = 0; i < 400; ++i) {
+        ASSERT_EQ(call(), outcome(kOk)) << i;
+      }
+    });
+  }
+}
+
+// What the policy or the handler throws costs no place.
+TEST_F(Security, SurvivesWhatIsThrown) {
+  std::atomic<bool> bad = true;
+  const RpcServer server(target,
+                         [&](const std::string&, std::span<const uint8_t>) {
+                           if (bad) throw 1;
+                           return Answer{{}, {}, okReply()};
+                         },
+                         {.limits = {.calls = 1}, .policy = [&](const std::string&, const Peer&) {
+                            if (handled_++ % 2 == 0 && bad) throw std::bad_alloc();
+                            return std::string();
+                          }});
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(call(), outcome(kGrpcStatus + 13));
+  }
+  bad = false;
+  EXPECT_EQ(call(), outcome(kOk));
+}
+
 TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
   constexpr uint32_t kCalls = 4;
-  constexpr int kPlaces = 4;  // for the largest replies
+  constexpr int kPlaces = 5;  // for the largest replies: one more than calls
   RpcServer server(target,
                    [&](const std::string&, std::span<const uint8_t>) {
                      Bytes reply =
