@@ -96,6 +96,7 @@ bool runProgram(std::vector<std::string> arguments, int descriptor,
   }
   if (!endsWithin(child, limit)) {
     kill(-child, SIGKILL);
+    kill(child, SIGKILL);  // under emulation it may have stopped before it had a group
     complain(fmt::format("{} did not end in its time and was killed", arguments[0]));
   }
   int status = 0;
