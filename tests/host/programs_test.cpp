@@ -232,6 +232,7 @@ TEST_F(Programs, SayWhatIsWrong) {
        {"--target", "ipv4:127.0.0.1:1,ipv4:127.0.0.1:2", "--insecure-plain-tcp"},
        "none that gRPC takes"},
       {"kel_query", {"--threshold", "0101"}, "--threshold: Value 101 not in range"},
+      {"kel_master", {"--max-message", "8191"}, "--max-message: Value 8191 not in range"},
       {"kel_query", {"--threshold", "0x10"}, "--threshold: \"0x10\" is no decimal number"},
       {"kel_query", {"--image", ""}, "--image: a request carries a name of 1 to 50 bytes"},
       {"kel_query", {"--mount-point", "/" + std::string(50, 'x')}, "a name of 1 to 50 bytes"},

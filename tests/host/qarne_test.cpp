@@ -281,7 +281,8 @@ TEST_F(Qarne, ComparesUseWithThresholdsAndAlarmsOncePerPassing) {
   EXPECT_EQ(overloads[0].threshold, used);
   EXPECT_EQ(set("/data", used), ResultCode::done);
   use("/data");
-  EXPECT_EQ(overloads.size(), 2U) << "set anew, it is passed anew";
+  ASSERT_EQ(overloads.size(), 2U) << "set anew, it is passed anew";
+  EXPECT_GT(overloads[1].number, overloads[0].number);
   EXPECT_EQ(set("/data", 0), ResultCode::done);
   EXPECT_EQ(use("/data")->value5, 0U);
   EXPECT_EQ(use("/with\r space")->value5, 0U);
