@@ -43,12 +43,10 @@ CLI::Option* decimal(CLI::Option* option) {
   return option->transform(CLI::Validator(strip, ""));
 }
 
-// gRPC counts bytes by an int. Every alarm and its reply, which has at most 4096 bytes of words,
-// have to pass: the host takes an alarm that does not for one that the master had no time for.
+// gRPC counts bytes by an int.
 void addMessageOption(CLI::App& app, uint32_t& bytes) {
-  constexpr int kLeast = 8192;
   decimal(app.add_option("--max-message", bytes, "bytes of a request or a reply at most"))
-      ->check(CLI::Range(kLeast, std::numeric_limits<int32_t>::max()))
+      ->check(CLI::Range(kLeastMessageBytes, uint32_t{std::numeric_limits<int32_t>::max()}))
       ->capture_default_str();
 }
 

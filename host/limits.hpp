@@ -11,6 +11,13 @@ namespace kel::host {
 // grows is a text.
 inline constexpr uint32_t kDefaultMessageBytes = 4U << 20U;
 
+// Of an alarm, as the master keeps it and answers with it.
+inline constexpr uint32_t kLongestWords = 4096;
+
+// Every alarm and its reply have to pass: the host takes one that does not for one that the master
+// had no time for.
+inline constexpr uint32_t kLeastMessageBytes = 2 * kLongestWords;
+
 struct ServerLimits {
   uint32_t messageBytes = kDefaultMessageBytes;
   // Calls at a time, those that wait for a thread included. Times messageBytes it bounds the memory

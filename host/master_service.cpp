@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/field_text.hpp"
+#include "host/limits.hpp"
 #include "host/record_text.hpp"
 
 namespace kel::host {

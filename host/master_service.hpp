@@ -23,10 +23,9 @@ struct KeptAlarm {
 
 class MasterService {
  public:
-  // The newest alarms are kept, this many, each with so many bytes of words at most: a caller could
+  // The newest alarms are kept, this many, each with kLongestWords bytes at most: a caller could
   // fill the memory otherwise, and the reply to a long text would be too long to be sent.
   static constexpr size_t kKeptAlarms = 1000;
-  static constexpr size_t kLongestWords = 4096;
 
   // Sees every alarm in its order, one at a time.
   using Observer = std::function<void(const KeptAlarm&)>;

@@ -81,12 +81,16 @@ DescriptorKinds classify(const path& folder) {
 }
 
 // A process may say that its command line is as long as all of memory.
-std::string commandLineOf(const path& folder) {
+std::optional<std::string> commandLineOf(const path& folder) {
   constexpr size_t kEnough = 4096;
   std::string text = readText(folder / "cmdline", kEnough).value_or("");
   text.erase(text.find_last_not_of('\0') + 1);
-  std::ranges::replace(text, '\0', ' ');
-  return text.empty() ? fmt::format("[{}]", readText(folder / "comm").value_or("")) : text;
+  if (!text.empty()) {
+    std::ranges::replace(text, '\0', ' ');
+    return text;
+  }
+  const auto name = readText(folder / "comm");
+  return name ? std::optional(fmt::format("[{}]", *name)) : std::nullopt;
 }
 
 // "Max open files            1024                 4096                 files"
@@ -154,10 +158,15 @@ std::vector<ProcessUse> countDescriptors(const path& root, uint32_t atLeast) {
   return found;
 }
 
-ProcessDetails examineProcess(const path& root, uint32_t process) {
+std::optional<ProcessDetails> examineProcess(const path& root, uint32_t process) {
   const path folder = folderOf(root, process);
-  return {commandLineOf(folder), startOf(root, folder), classify(folder / "fd"),
-          softLimitOf(folder)};
+  ProcessDetails details{{}, startOf(root, folder), classify(folder / "fd"), softLimitOf(folder)};
+  auto commandLine = commandLineOf(folder);  // last: the rest is whole if this is still there
+  if (!commandLine) {
+    return std::nullopt;
+  }
+  details.commandLine = *std::move(commandLine);
+  return details;
 }
 
 }  // namespace kel::host

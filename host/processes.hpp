@@ -37,7 +37,7 @@ struct ProcessDetails {
   std::optional<uint32_t> softLimit;  // of open descriptors; none: unlimited or unknown
 };
 
-// What can still be learnt about a process, which may have ended.
-ProcessDetails examineProcess(const std::filesystem::path& root, uint32_t process);
+// Nothing about a process that has ended.
+std::optional<ProcessDetails> examineProcess(const std::filesystem::path& root, uint32_t process);
 
 }  // namespace kel::host

@@ -76,11 +76,14 @@ std::vector<FdProcEntry> busiestProcesses(const Diagnostics& diagnostics, uint32
                                           uint32_t atMost) {
   timeval now{};
   gettimeofday(&now, nullptr);
-  std::vector<ProcessUse> uses = countDescriptors(diagnostics.root(), atLeast);
-  uses.resize(std::min<size_t>(uses.size(), atMost));
   std::vector<FdProcEntry> entries;
-  for (const ProcessUse& use : uses) {
-    entries.push_back(recordOf(use, examineProcess(diagnostics.root(), use.process), now));
+  for (const ProcessUse& use : countDescriptors(diagnostics.root(), atLeast)) {
+    if (entries.size() == atMost) {
+      break;
+    }
+    if (const auto details = examineProcess(diagnostics.root(), use.process)) {
+      entries.push_back(recordOf(use, *details, now));
+    }
   }
   return entries;
 }

@@ -102,7 +102,7 @@ TEST_F(Master, CutsWhatItRepeats) {
   std::string reply;
   EXPECT_EQ(outcome(sendAlarm(alarm, reply)), outcome(kOk));
   EXPECT_NE(reply.find(", notice: xxxx"), std::string::npos) << reply.substr(0, 200);
-  EXPECT_EQ(service_.keptAlarms().at(0).words.size(), MasterService::kLongestWords);
+  EXPECT_EQ(service_.keptAlarms().at(0).words.size(), kLongestWords);
 }
 
 TEST_F(Master, AnswersThresholdsByTheFirstRuleThatMatches) {
