@@ -75,8 +75,12 @@ bool decodeEntry(pb_istream_t* stream, const pb_field_t*, void** argument) {
 
 #define KEL_NOTHING(name, Name)
 
-#define KEL_FILL_SCALAR(name, Name) object.name = record.name;
-#define KEL_FILL_BYTES(name, Name) std::memcpy(object.name, record.name, sizeof record.name);
+#define KEL_FILL_SCALAR(name, Name) \
+  object.has_##name = true;         \
+  object.name = record.name;
+#define KEL_FILL_BYTES(name, Name) \
+  object.has_##name = true;        \
+  std::memcpy(object.name, record.name, sizeof record.name);
 #define KEL_FILL_TEXT(name, Name)        \
   object.name.funcs.encode = encodeText; \
   object.name.arg = const_cast<char*>(record.name);
