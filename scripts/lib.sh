@@ -7,7 +7,6 @@ readonly kel_packages=(
   binutils ca-certificates cmake g++-12 gcc-12 git make ninja-build python3
   python3-pyelftools
   e2fsprogs libcli11-dev libfmt-dev libgrpc++-dev libspdlog-dev libssl-dev nlohmann-json3-dev
-  pkg-config
 )
 readonly kel_test_packages=(
   clang-16 clang-format-16 clang-tidy-16 g++-12-aarch64-linux-gnu gcc-12-aarch64-linux-gnu gcovr
