@@ -7,21 +7,14 @@
 
 #include <vector>
 
+#include "tests/support/codec_ops.hpp"
+
 namespace kel::fuzz {
 namespace {
 
-using BrdPartInfoInput = void;  // a record of no bytes
+using test::opsOf;
 
-IdlCodecOps opsOf(void (*setIdl)(IdlCodecOps*)) {
-  IdlCodecOps ops;
-  setIdl(&ops);
-  return ops;
-}
-IdlCodecOps opsOf(IdlWrapperFn wrapper) {
-  IdlCodecOps ops;
-  wrapper(0, 0, &ops);
-  return ops;
-}
+using BrdPartInfoInput = void;  // a record of no bytes
 
 // The peer library's routines take typed records; the messages take them as the slots do.
 #define KEL_SENT(message, itsShape, ops)                                                        \

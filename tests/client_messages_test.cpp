@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/codec_ops.hpp"
 #include "support/message_checks.hpp"
 #include "support/sub_record.hpp"
 
@@ -15,21 +16,10 @@ namespace {
 
 using namespace kel::test;
 
-template <void (*SetIdl)(IdlCodecOps*)>
-const IdlCodecOps& opsOf() {
-  static const IdlCodecOps ops = [] {
-    IdlCodecOps filled;
-    SetIdl(&filled);
-    return filled;
-  }();
-  return ops;
-}
-const IdlCodecOps& alarmOps() { return opsOf<KelSysdiagMaster_KelSendAlarmSetIdl>(); }
-const IdlCodecOps& overloadOps() { return opsOf<KelSysdiagMaster_KelSendOverloadAlarmSetIdl>(); }
-const IdlCodecOps& diskOps() {
-  return opsOf<KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl>();
-}
-const IdlCodecOps& configOps() { return opsOf<KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl>(); }
+const IdlCodecOps alarmOps = opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
+const IdlCodecOps overloadOps = opsOf(KelSysdiagMaster_KelSendOverloadAlarmSetIdl);
+const IdlCodecOps diskOps = opsOf(KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl);
+const IdlCodecOps configOps = opsOf(KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl);
 
 Buffer fixedSub(const DiagSubRecord& sub) {
   return layout(u32(4, 0xFFFFFFF0), u16(sub.value16),
@@ -57,7 +47,7 @@ TEST(AlarmInput, Compact) {
               chars("x"), u8(0), u32(32), u8(9), fill(31, 0))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(alarmOps().packFn, c.record), c.expected);
+    EXPECT_EQ(packToSize(alarmOps.packFn, c.record), c.expected);
   }
 }
 
@@ -88,7 +78,7 @@ TEST(OverloadAlarmInput, Compact) {
               u32(20), u8(0xB3), u32(0x80))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(overloadOps().packFn, c.record), c.expected);
+    EXPECT_EQ(packToSize(overloadOps.packFn, c.record), c.expected);
   }
 }
 
@@ -109,7 +99,7 @@ TEST(OverloadDiskAlarmInput, Compact) {
                     fill(32, 0x20), compactSub(true))},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(diskOps().packFn, c.record), c.expected);
+    EXPECT_EQ(packToSize(diskOps.packFn, c.record), c.expected);
   }
 }
 
@@ -122,7 +112,7 @@ TEST(OvLoadDiskCtlInput, CompactHasOneShape) {
     const Buffer expected =
         layout(u32(14), u16(10, 142, 4, 8, 12), u32(10, 12, 44, 76, 32), fill(32, value), u32(32),
                fill(32, value), u32(50), fill(50, value));
-    EXPECT_EQ(packToSize(configOps().packFn, record), expected);
+    EXPECT_EQ(packToSize(configOps.packFn, record), expected);
   }
 }
 
@@ -131,7 +121,7 @@ TEST(FixedLayout, OverloadAlarmInput) {
   fillWith(record.bytes64, 0x40);
   const auto vtable =
       layout(u16(28, 156, 4, 8, 12, 16, 20, 60, 64, 68, 72, 144, 148, 152), fill(4, 0xEE));
-  expectFixed(overloadOps(), &record,
+  expectFixed(overloadOps, &record,
               layout(u32(4, 0xFFFFFF64, 1, 2, 3, 4), fixedSub(kFullSub), u32(5, 6, 7, 4, 64),
                      fill(64, 0x40), u32(8, 9, 10), vtable));
 }
@@ -140,7 +130,7 @@ TEST(FixedLayout, OverloadDiskAlarmInput) {
   OverloadDiskAlarmInput record{1, 2, 3, 4, kFullSub, {}, {}, 5, 6};
   fillWith(record.bytes64, 0x40);
   fillWith(record.bytes32, 0x20);
-  expectFixed(diskOps(), &record,
+  expectFixed(diskOps, &record,
               layout(u32(4, 0xFFFFFF4C, 1, 2, 3, 4), fixedSub(kFullSub), u32(4, 64), fill(64, 0x40),
                      u32(4, 32), fill(32, 0x20), u32(5, 6),
                      u16(22, 180, 4, 8, 12, 16, 20, 60, 132, 172, 176), fill(2, 0xEE)));
@@ -152,7 +142,7 @@ TEST(FixedLayout, OvLoadDiskCtlInput) {
   fillWith(record.bytes32b, 0xB0);
   fillWith(record.bytes50, 0x50);
   expectFixed(
-      configOps(), &record,
+      configOps, &record,
       layout(u32(4, 0xFFFFFF70, 4, 32), fill(32, 0xA0), u32(4, 32), fill(32, 0xB0), u32(4, 50),
              fill(50, 0x50), fill(2, 0xEE), u16(10, 142, 4, 44, 84), fill(2, 0xEE)));
 }
@@ -198,7 +188,7 @@ TEST(OvLoadDiskCtlOutput, ReadsByTheVtableAlone) {
     std::memset(&record, 0xDD, sizeof record);
     const uint8_t* const bytes = memory.copyLast(bend(reply, b));
     const bool accepted =
-        configOps().unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
+        configOps.unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
     std::string held = accepted ? "" : "!";
     if (record.bytes32a[31] != 0) held += 'a';
     if (record.bytes32b[0] != 0) held += 'b';
@@ -234,20 +224,20 @@ TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
     AlarmOutput record;
     const uint8_t* const bytes = memory.copyLast(bend(reply, b));
     const bool accepted =
-        alarmOps().unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
+        alarmOps.unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
     ASSERT_EQ(accepted, b.expected != nullptr) << b.what;
     if (accepted) {
       EXPECT_STREQ(record.text == nullptr ? "(null)" : record.text, b.expected) << b.what;
     } else {
       EXPECT_EQ(record.text, nullptr) << b.what;
     }
-    alarmOps().releaseFn(&record);
+    alarmOps.releaseFn(&record);
   }
 }
 
 TEST(AlarmOutput, EveryMethodReleasesItAndKeepsNulsWithin) {
   const Buffer reply = layout(u32(10), u16(6, 16, 4), u32(6, 4, 3), chars({"a\0b", 3}), u8(0));
-  for (const IdlCodecOps* ops : {&alarmOps(), &overloadOps(), &diskOps()}) {
+  for (const IdlCodecOps* ops : {&alarmOps, &overloadOps, &diskOps}) {
     AlarmOutput record;
     ASSERT_NE(ops->unpackFn(reply.data(), static_cast<uint32_t>(reply.size()), &record), 0U);
     EXPECT_EQ(std::memcmp(record.text, "a\0b", 4), 0);
@@ -260,17 +250,17 @@ TEST(AlarmOutput, EveryMethodReleasesItAndKeepsNulsWithin) {
 TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   const Buffer tableIsTheLastWord = layout(u32(8), u16(4, 4), u32(4));
   AlarmOutput record;
-  ASSERT_NE(alarmOps().unpackFn(tableIsTheLastWord.data(), 12, &record), 0U);
+  ASSERT_NE(alarmOps.unpackFn(tableIsTheLastWord.data(), 12, &record), 0U);
   EXPECT_EQ(record.text, nullptr);
 
   // Its offset field begins within the displacement, at field offset 3, and reads as 1,024.
   const Buffer overlapping =
       layout(u32(10), u16(6, 0, 3), u32(6, 4), fill(1037 - 18, 0), u32(1), chars("z"));
   ASSERT_NE(
-      alarmOps().unpackFn(overlapping.data(), static_cast<uint32_t>(overlapping.size()), &record),
+      alarmOps.unpackFn(overlapping.data(), static_cast<uint32_t>(overlapping.size()), &record),
       0U);
   EXPECT_STREQ(record.text, "z");
-  alarmOps().releaseFn(&record);
+  alarmOps.releaseFn(&record);
 }
 
 bool same(const OverloadAlarmInput& left, const OverloadAlarmInput& right) {
@@ -280,7 +270,7 @@ bool same(const OverloadAlarmInput& left, const OverloadAlarmInput& right) {
 // Only our own packer lets each have a place of its own, in the order of their slots.
 TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
   const OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
-  const Buffer bytes = packToSize(overloadOps().packFn, full);
+  const Buffer bytes = packToSize(overloadOps.packFn, full);
   const auto unpackWithNextEntryAt = [&](uint32_t entry) {
     Buffer bent = bytes;
     std::copy_n(bytes.begin() + entry + 2, 2, bent.begin() + entry);

@@ -10,24 +10,22 @@
 #include <cstring>
 #include <string>
 
+#include "support/codec_ops.hpp"
+
 namespace {
 
-IdlCodecOps alarmOps() {
-  IdlCodecOps ops;
-  KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
-  return ops;
-}
+const IdlCodecOps alarmOps = kel::test::opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
 
 TEST(Strings, OfAnyLengthArriveWhole) {
   for (const size_t length :
        {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{3 << 20}}) {
     const std::string text(length, 'k');
     const AlarmInput record{1, 0, text.c_str(), 0, 0, {7}, 5};
-    const uint32_t size = alarmOps().packFn(nullptr, &record);
+    const uint32_t size = alarmOps.packFn(nullptr, &record);
     ASSERT_EQ(size, 66 + 8 + 9 + length);
     std::string buffer(size, '\0');
     const PackTarget target{reinterpret_cast<uint8_t*>(buffer.data()), &size};
-    ASSERT_EQ(alarmOps().packFn(&target, &record), size);
+    ASSERT_EQ(alarmOps.packFn(&target, &record), size);
     uint16_t tableLength = 0;
     std::memcpy(&tableLength, buffer.data() + 6, sizeof tableLength);
     EXPECT_EQ(tableLength, (size - 22) % 65536);
@@ -72,12 +70,12 @@ TEST(Strings, PastThirtyTwoBitsHaveNoSize) {
     text[length] = 'k';
     return size;
   };
-  const auto sizePass = [&] { return alarmOps().packFn(nullptr, &record); };
+  const auto sizePass = [&] { return alarmOps.packFn(nullptr, &record); };
   uint8_t byte = 0xEE;
   const uint32_t capacity = UINT32_MAX;
   const auto packPass = [&] {
     const PackTarget target{&byte, &capacity};
-    return alarmOps().packFn(&target, &record);
+    return alarmOps.packFn(&target, &record);
   };
   constexpr size_t kLongest = 0xFFFFFFFF - (66 + 9);
   EXPECT_EQ(endAt(kLongest, sizePass), UINT32_MAX);

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "support/framework_double.hpp"
+#include "support/codec_ops.hpp"
 #include "support/message_checks.hpp"
 #include "support/sub_record.hpp"
 
@@ -67,23 +67,14 @@ namespace {
 
 using namespace kel::test;
 
-template <IdlWrapperFn Wrapper>
-const IdlCodecOps& opsOf() {
-  static const IdlCodecOps ops = [] {
-    IdlCodecOps filled;
-    Wrapper(0, 0, &filled);
-    return filled;
-  }();
-  return ops;
-}
-const auto& brdPartOps = opsOf<KelBrdPartInfoQuery_wrapper>;
-const auto& fdProcOps = opsOf<FdProcInfoQuery_wrapper>;
-const auto& thresholdOps = opsOf<KelSysOvLoadDiskThresholdSet_wrapper>;
-const auto& diskUseOps = opsOf<KelGetSysDiskUseInfo_wrapper>;
-const auto& resetOps = opsOf<KelResetDiskMakeFS_wrapper>;
-const auto& mountOps = opsOf<KelMountDisk_wrapper>;
-const auto& eraseOps = opsOf<KelQueryStorageEraseInfo_wrapper>;
-const auto& badBlockOps = opsOf<KelQueryStorageBadBlockInfo_wrapper>;
+const IdlCodecOps brdPartOps = opsOf(KelBrdPartInfoQuery_wrapper);
+const IdlCodecOps fdProcOps = opsOf(FdProcInfoQuery_wrapper);
+const IdlCodecOps thresholdOps = opsOf(KelSysOvLoadDiskThresholdSet_wrapper);
+const IdlCodecOps diskUseOps = opsOf(KelGetSysDiskUseInfo_wrapper);
+const IdlCodecOps resetOps = opsOf(KelResetDiskMakeFS_wrapper);
+const IdlCodecOps mountOps = opsOf(KelMountDisk_wrapper);
+const IdlCodecOps eraseOps = opsOf(KelQueryStorageEraseInfo_wrapper);
+const IdlCodecOps badBlockOps = opsOf(KelQueryStorageBadBlockInfo_wrapper);
 
 // Element arrays as a host makes them: from the allocator that the library's release gives back to.
 template <class Entry>
@@ -121,7 +112,7 @@ BrdPartEntry brdPart(uint64_t value1, uint64_t value2, uint64_t value3, uint32_t
 }
 
 TEST(BrdPartInfo, Compact) {
-  const auto pack = brdPartOps().packFn;
+  const auto pack = brdPartOps.packFn;
   const Buffer arrays = arrays50_50_32_64(0xA0, 0xB0, 0x20, 0x40);
   BrdPartEntry entries[] = {brdPart(0, 0x0102030405060708, 0, 9), brdPart(0, 0, 0, 0)};
   EXPECT_EQ(packToSize(pack, BrdPartInfo{1, entries}),
@@ -150,7 +141,7 @@ TEST(FdProcInfoOutput, Compact) {
       compactSub(false), u16(16, 284, 0, 4, 8, 12, 16, 20), u32(16, 7, 296, 316, 341, 4, 256),
       fill(256, 0xF0), compactSub(false), u16(20, 9, 0, 0, 0, 4, 0, 0, 0, 5), u32(20), u8(0xB3),
       u32(0x80), compactSub(true));
-  EXPECT_EQ(packToSize(fdProcOps().packFn, FdProcInfoOutput{3, entries}), expected);
+  EXPECT_EQ(packToSize(fdProcOps.packFn, FdProcInfoOutput{3, entries}), expected);
 }
 
 TEST(SysDiskUseInfoResult, CompactAndFixed) {
@@ -170,10 +161,10 @@ TEST(SysDiskUseInfoResult, CompactAndFixed) {
     fillWith(record.bytes50a, 0xA0);
     fillWith(record.bytes50b, 0xB0);
     fillWith(record.bytes32, 0x20);
-    EXPECT_EQ(packToSize(diskUseOps().packFn, record),
+    EXPECT_EQ(packToSize(diskUseOps.packFn, record),
               layout(u32(24), c.header, u32(12, 62, 112, 50), fill(50, 0xA0), u32(50),
                      fill(50, 0xB0), u32(32), fill(32, 0x20)));
-    expectFixed(diskUseOps(), &record,
+    expectFixed(diskUseOps, &record,
                 layout(u32(4, 0U - 188, 4, 50), fill(50, 0xA0), u32(4, 50), fill(50, 0xB0),
                        u64(c.value1, c.value2), u32(c.value3, 4, 32), fill(32, 0x20),
                        u32(c.value4, c.value5), u16(20, 188, 4, 62, 120, 128, 136, 140, 180, 184),
@@ -182,7 +173,7 @@ TEST(SysDiskUseInfoResult, CompactAndFixed) {
 }
 
 TEST(OperResultAndItsTwins, CompactAndFixed) {
-  for (const IdlCodecOps* ops : {&thresholdOps(), &resetOps(), &mountOps()}) {
+  for (const IdlCodecOps* ops : {&thresholdOps, &resetOps, &mountOps}) {
     for (const uint32_t result : {0U, 772U}) {
       const OperResult record{result};
       EXPECT_EQ(packToSize(ops->packFn, record),
@@ -195,17 +186,17 @@ TEST(OperResultAndItsTwins, CompactAndFixed) {
 TEST(StorageEraseInfo, Compact) {
   StorageEraseEntry entries[] = {{1, 0}, {0, 2}, {3, 4}, {0, 0}};
   EXPECT_EQ(
-      packToSize(eraseOps().packFn, StorageEraseInfo{2, entries}),
+      packToSize(eraseOps.packFn, StorageEraseInfo{2, entries}),
       layout(vectorHeader(16, 28), u16(8, 8, 4, 0), u32(8, 1), u16(8, 12, 0, 4), u32(8), u64(2)));
   EXPECT_EQ(
-      packToSize(eraseOps().packFn, StorageEraseInfo{2, entries + 2}),
+      packToSize(eraseOps.packFn, StorageEraseInfo{2, entries + 2}),
       layout(vectorHeader(16, 36), u16(8, 16, 4, 8), u32(8, 3), u64(4), u16(8, 4, 0, 0), u32(8)));
 }
 
 TEST(StorageBadBlockInfo, Compact) {
   StorageBadBlockEntry entries[] = {{{}, 0}, {{}, 5}};
   fillWith(entries[0].bytes32, 0xA0);
-  EXPECT_EQ(packToSize(badBlockOps().packFn, StorageBadBlockInfo{2, entries}),
+  EXPECT_EQ(packToSize(badBlockOps.packFn, StorageBadBlockInfo{2, entries}),
             layout(vectorHeader(16, 64), u16(8, 44, 4, 0), u32(8, 4, 32), fill(32, 0xA0),
                    u16(8, 52, 12, 4), u32(8), u64(5), u32(4, 32), fill(32, 0)));
 }
@@ -214,7 +205,7 @@ TEST(Replies, EmptyVectorsTakeFourteenBytes) {
   StorageEraseEntry entry{1, 2};
   for (const StorageEraseInfo& empty :
        {StorageEraseInfo{0, nullptr}, StorageEraseInfo{5, nullptr}, StorageEraseInfo{0, &entry}}) {
-    for (const IdlCodecOps* ops : {&brdPartOps(), &fdProcOps(), &eraseOps(), &badBlockOps()}) {
+    for (const IdlCodecOps* ops : {&brdPartOps, &fdProcOps, &eraseOps, &badBlockOps}) {
       EXPECT_EQ(packToSize(ops->packFn, empty), emptyReply());
     }
   }
@@ -226,7 +217,7 @@ TEST(Replies, PastThirtyTwoBitsHaveNoSize) {
   GuardedMemory memory(1);
   void* const unreadable = memory.last(0);
   const auto start = std::chrono::steady_clock::now();
-  for (const IdlCodecOps* ops : {&brdPartOps(), &fdProcOps(), &eraseOps(), &badBlockOps()}) {
+  for (const IdlCodecOps* ops : {&brdPartOps, &fdProcOps, &eraseOps, &badBlockOps}) {
     for (const uint32_t count : {UINT32_MAX, UINT32_MAX / 16 + 1}) {
       const StorageEraseInfo record{count, static_cast<StorageEraseEntry*>(unreadable)};
       EXPECT_EQ(ops->packFn(nullptr, &record), 0U);
@@ -257,9 +248,9 @@ TEST(Replies, EntriesDecideAtTheLimit) {
   close(file);
   auto* const entries = static_cast<BrdPartEntry*>(reserved);
   const BrdPartInfo record{kEntries, entries};
-  EXPECT_EQ(brdPartOps().packFn(nullptr, &record), 22 + kEntries * (4 + 252));
+  EXPECT_EQ(brdPartOps.packFn(nullptr, &record), 22 + kEntries * (4 + 252));
   for (size_t i = 0; i < kPiece / sizeof(BrdPartEntry); ++i) entries[i] = brdPart(1, 2, 3, 4);
-  EXPECT_EQ(brdPartOps().packFn(nullptr, &record), 0U);
+  EXPECT_EQ(brdPartOps.packFn(nullptr, &record), 0U);
   munmap(reserved, kBytes);
 }
 
@@ -270,11 +261,11 @@ TEST(Requests, ByteExamples) {
         layout(u32(12), u16(8, 66, isThere ? 8 : 0, 4), u32(8, 772, 4, 50), fill(50, 0x55));
     SysOvLoadDiskThreshold set;
     std::memset(&set, 0xDD, sizeof set);
-    ASSERT_NE(thresholdOps().unpackFn(threshold.data(), 78, &set), 0U);
+    ASSERT_NE(thresholdOps.unpackFn(threshold.data(), 78, &set), 0U);
     const auto* const bytes = reinterpret_cast<const uint8_t*>(&set);
     EXPECT_EQ(Buffer(bytes, bytes + sizeof set),
               layout(fill(50, isThere ? 0x55 : 0), u16(0), u32(772)));
-    EXPECT_EQ(thresholdOps().unpackFn(threshold.data(), 77, &set) != 0, !isThere);
+    EXPECT_EQ(thresholdOps.unpackFn(threshold.data(), 77, &set) != 0, !isThere);
   }
 }
 
@@ -291,8 +282,8 @@ TEST(Requests, Bent) {
   GuardedMemory memory(fd.size());
   for (const Bend& b : fdBends) {
     FdProcInfoInput record{9, 9};
-    const bool accepted = fdProcOps().unpackFn(memory.copyLast(bend(fd, b)),
-                                               static_cast<uint32_t>(fd.size()), &record) != 0;
+    const bool accepted = fdProcOps.unpackFn(memory.copyLast(bend(fd, b)),
+                                             static_cast<uint32_t>(fd.size()), &record) != 0;
     const std::string held = std::to_string(record.value1) + " " + std::to_string(record.value2);
     EXPECT_EQ((accepted ? "" : "!") + held, b.expected) << b.what;
   }
@@ -307,7 +298,7 @@ TEST(Requests, Bent) {
       {"an offset that wraps", 14, 4, 0U - 14, "!0 0"},
       {"2^32 - 1 bytes", 18, 4, UINT32_MAX, "!0 0"},
   };
-  for (const IdlCodecOps* ops : {&diskUseOps(), &resetOps(), &mountOps()}) {
+  for (const IdlCodecOps* ops : {&diskUseOps, &resetOps, &mountOps}) {
     for (const Bend& b : useBends) {
       SysDiskUseInput record;
       fillWith(record.bytes50, 0xDD);
@@ -330,11 +321,11 @@ TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
                     const void* any) { return Kel_sys_diag_BrdPartInfoInput_pack(target, any); },
                  *static_cast<const char*>(record));
   EXPECT_EQ(packed, layout(u32(8), u16(4, 4), u32(4)));
-  EXPECT_EQ(brdPartOps().unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
-  EXPECT_EQ(brdPartOps().unpackFn(emptyReply().data(), 14, record),
+  EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
+  EXPECT_EQ(brdPartOps.unpackFn(emptyReply().data(), 14, record),
             reinterpret_cast<uintptr_t>(record));
   logLines.clear();
-  EXPECT_EQ(brdPartOps().unpackFn(packed.data(), 12, nullptr), 0U);
+  EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, nullptr), 0U);
   EXPECT_EQ(logLines, std::vector<std::string>{"22 Kel_sys_diag_BrdPartInfoInput_unpack "
                                                "[KORVA]:Param invalid(nonNull, 12, null)"});
 }
@@ -354,11 +345,11 @@ void expectReleased(const IdlCodecOps& ops, const std::string& message) {
 }
 
 TEST(Release, GivesTheEntriesBackOnce) {
-  expectReleased<BrdPartInfo, BrdPartEntry>(brdPartOps(), "BrdPartInfo");
-  expectReleased<FdProcInfoOutput, FdProcEntry>(fdProcOps(), "FdProcInfoOutput");
-  expectReleased<StorageEraseInfo, StorageEraseEntry>(eraseOps(), "StorageEraseInfo");
-  expectReleased<StorageBadBlockInfo, StorageBadBlockEntry>(badBlockOps(), "StorageBadBlockInfo");
-  for (const IdlCodecOps* ops : {&thresholdOps(), &diskUseOps(), &resetOps(), &mountOps()}) {
+  expectReleased<BrdPartInfo, BrdPartEntry>(brdPartOps, "BrdPartInfo");
+  expectReleased<FdProcInfoOutput, FdProcEntry>(fdProcOps, "FdProcInfoOutput");
+  expectReleased<StorageEraseInfo, StorageEraseEntry>(eraseOps, "StorageEraseInfo");
+  expectReleased<StorageBadBlockInfo, StorageBadBlockEntry>(badBlockOps, "StorageBadBlockInfo");
+  for (const IdlCodecOps* ops : {&thresholdOps, &diskUseOps, &resetOps, &mountOps}) {
     ops->releaseFn(nullptr);
     ops->releaseFn(reinterpret_cast<void*>(uintptr_t{16}));  // not even looked at
   }
@@ -383,12 +374,11 @@ TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
 }
 
 TEST(EveryUnit, LogsByADescriptorOfItsOwn) {
-  IdlCodecOps alarmOps;
-  KelSysdiagMaster_KelSendAlarmSetIdl(&alarmOps);
+  const IdlCodecOps alarmOps = opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
   OperResult result;
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(alarmOps.unpackFn(nullptr, 0, nullptr), 0U);
-    EXPECT_EQ(thresholdOps().unpackFn(nullptr, 0, nullptr), 0U);
+    EXPECT_EQ(thresholdOps.unpackFn(nullptr, 0, nullptr), 0U);
     EXPECT_EQ(Kel_sys_diag_OperResult_unpack(nullptr, 0, &result), 0U);
   }
   EXPECT_EQ(logDescriptors.size(), 3U);
