@@ -1,8 +1,6 @@
 // The accounting OS layer.
 #include "fuzz/host_hooks.hpp"
 
-#include <kel_sys_diag/osal.h>
-
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -23,15 +21,18 @@ void* QSV_OsalMemCacheAlloc(uint32_t size, uint32_t, const char*) {
   return std::malloc(size);
 }
 
-int32_t QSV_OsalMemFree(void* block, uint32_t, const char*) {
+int32_t QSV_OsalMemFree(void* block, uint32_t, const char* caller) {
+  ++host.releases;
+  host.releaser = caller;
   if (block != nullptr) --host.blocks;
   std::free(block);
   return 0;
 }
 
-int32_t QSV_OsalLogWrite(const KorvaLogDescriptor*, uint32_t, uint32_t code, const char*, uint32_t,
-                         const char* function, const char* format, ...) {
+int32_t QSV_OsalLogWrite(const KorvaLogDescriptor* descriptor, uint32_t, uint32_t code, const char*,
+                         uint32_t, const char* function, const char* format, ...) {
   ++host.logLines;
+  host.logDescriptor = descriptor;
   host.logCode = code;
   host.logFunction = function;
   host.logFormat = format;

@@ -1,6 +1,5 @@
 // The served messages to the byte, through the entry points that ship: the library's own by way of
-// its wrappers, the peer library's by name. Expected buffers are written out from the layouts. The
-// process offers an OS layer, which both libraries find by name, and which keeps account.
+// its wrappers, the peer library's by name. Expected buffers are written out from the layouts.
 #include <gtest/gtest.h>
 #include <kel_sys_diag/client.h>
 #include <kel_sys_diag/osal.h>
@@ -10,62 +9,20 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <map>
 #include <set>
 #include <string>
-#include <vector>
+#include <utility>
 
+#include "fuzz/host_hooks.hpp"
 #include "support/codec_ops.hpp"
 #include "support/message_checks.hpp"
 #include "support/sub_record.hpp"
 
 namespace {
 
-// What the OS layer was asked for.
-std::map<void*, uint32_t> outstanding;
-std::vector<std::string> releases;
-std::vector<std::string> logLines;
-std::set<const KorvaLogDescriptor*> logDescriptors;
-int allocationsUntilFailure = -1;
-
-}  // namespace
-
-uint32_t QSV_OsalMemUseFlagGet(uint32_t moduleNumber) { return moduleNumber == 12 ? 1 : 0; }
-
-void* QSV_OsalMemCacheAlloc(uint32_t size, uint32_t, const char*) {
-  if (allocationsUntilFailure == 0) return nullptr;
-  if (allocationsUntilFailure > 0) --allocationsUntilFailure;
-  void* const block = std::malloc(size);
-  outstanding[block] = size;
-  return block;
-}
-
-int32_t QSV_OsalMemFree(void* block, uint32_t moduleNumber, const char* caller) {
-  EXPECT_EQ(outstanding.erase(block), 1U) << "freed what was not allocated";
-  releases.push_back(std::to_string(moduleNumber) + " " + caller);
-  std::free(block);
-  return 0;
-}
-
-int32_t QSV_OsalLogWrite(const KorvaLogDescriptor* descriptor, uint32_t, uint32_t code, const char*,
-                         uint32_t, const char* function, const char* format, ...) {
-  char text[160];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  logDescriptors.insert(descriptor);
-  logLines.push_back(std::to_string(code) + " " + function + " " + text);
-  return 0;
-}
-
-namespace {
-
 using namespace kel::test;
+using kel::fuzz::host;
 
 const IdlCodecOps brdPartOps = opsOf(KelBrdPartInfoQuery_wrapper);
 const IdlCodecOps fdProcOps = opsOf(FdProcInfoQuery_wrapper);
@@ -75,15 +32,6 @@ const IdlCodecOps resetOps = opsOf(KelResetDiskMakeFS_wrapper);
 const IdlCodecOps mountOps = opsOf(KelMountDisk_wrapper);
 const IdlCodecOps eraseOps = opsOf(KelQueryStorageEraseInfo_wrapper);
 const IdlCodecOps badBlockOps = opsOf(KelQueryStorageBadBlockInfo_wrapper);
-
-// Element arrays as a host makes them: from the allocator that the library's release gives back to.
-template <class Entry>
-Entry* makeEntries(uint32_t count) {
-  const auto size = static_cast<uint32_t>(count * sizeof(Entry));
-  auto* const entries = static_cast<Entry*>(QSV_OsalMemCacheAlloc(size, 12, "test"));
-  std::memset(static_cast<void*>(entries), 0, size);
-  return entries;
-}
 
 // The 14 bytes of a reply that carries nothing.
 const Buffer& emptyReply() {
@@ -324,31 +272,31 @@ TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
   EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
   EXPECT_EQ(brdPartOps.unpackFn(emptyReply().data(), 14, record),
             reinterpret_cast<uintptr_t>(record));
-  logLines.clear();
+  host.startCase();
   EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, nullptr), 0U);
-  EXPECT_EQ(logLines, std::vector<std::string>{"22 Kel_sys_diag_BrdPartInfoInput_unpack "
-                                               "[KORVA]:Param invalid(nonNull, 12, null)"});
-}
-
-template <class Reply, class Entry>
-void expectReleased(const IdlCodecOps& ops, const std::string& message) {
-  Reply record{3, makeEntries<Entry>(3)};
-  releases.clear();
-  ops.releaseFn(&record);
-  EXPECT_EQ(releases, std::vector<std::string>{"12 Kel_sys_diag_" + message + "_free_unpacked"});
-  EXPECT_EQ(record.entries, nullptr);
-  EXPECT_EQ(record.entryCount, 3U);
-  ops.releaseFn(&record);
-  ops.releaseFn(nullptr);
-  EXPECT_EQ(releases.size(), 1U);
-  EXPECT_TRUE(outstanding.empty());
+  EXPECT_EQ(host.logLines, 1U);
 }
 
 TEST(Release, GivesTheEntriesBackOnce) {
-  expectReleased<BrdPartInfo, BrdPartEntry>(brdPartOps, "BrdPartInfo");
-  expectReleased<FdProcInfoOutput, FdProcEntry>(fdProcOps, "FdProcInfoOutput");
-  expectReleased<StorageEraseInfo, StorageEraseEntry>(eraseOps, "StorageEraseInfo");
-  expectReleased<StorageBadBlockInfo, StorageBadBlockEntry>(badBlockOps, "StorageBadBlockInfo");
+  const std::pair<const IdlCodecOps*, std::string> cases[] = {
+      {&brdPartOps, "BrdPartInfo"},
+      {&fdProcOps, "FdProcInfoOutput"},
+      {&eraseOps, "StorageEraseInfo"},
+      {&badBlockOps, "StorageBadBlockInfo"}};
+  for (const auto& [ops, message] : cases) {
+    SCOPED_TRACE(message);
+    host.startCase();
+    // As a host makes entries, of whichever kind: from the allocator that they go back to.
+    StorageEraseInfo record{3, static_cast<StorageEraseEntry*>(QSV_OsalMemCacheAlloc(8, 12, ""))};
+    ops->releaseFn(&record);
+    EXPECT_EQ("Kel_sys_diag_" + message + "_free_unpacked", host.releaser);
+    EXPECT_EQ(record.entries, nullptr);
+    EXPECT_EQ(record.entryCount, 3U);
+    ops->releaseFn(&record);
+    ops->releaseFn(nullptr);
+    EXPECT_EQ(host.releases, 1U);
+    EXPECT_EQ(host.blocks, 0);
+  }
   for (const IdlCodecOps* ops : {&thresholdOps, &diskUseOps, &resetOps, &mountOps}) {
     ops->releaseFn(nullptr);
     ops->releaseFn(reinterpret_cast<void*>(uintptr_t{16}));  // not even looked at
@@ -363,25 +311,30 @@ TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
   FdProcInfoOutput record;
   for (const uint32_t count : {kMost, kMost + 1}) {
     std::memcpy(&bytes[18], &count, sizeof count);
-    allocationsUntilFailure = 0;
-    logLines.clear();
+    host.startCase();
+    host.refuseAllocations = true;
     EXPECT_EQ(Kel_sys_diag_FdProcInfoOutput_unpack(bytes.data(),
                                                    static_cast<uint32_t>(bytes.size()), &record),
               0U);
-    allocationsUntilFailure = -1;
-    EXPECT_EQ(logLines.size(), count == kMost ? 1U : 0U);  // only one was asked for
+    host.refuseAllocations = false;
+    EXPECT_EQ(host.requests, count == kMost ? 1U : 0U) << count;
   }
 }
 
 TEST(EveryUnit, LogsByADescriptorOfItsOwn) {
   const IdlCodecOps alarmOps = opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
   OperResult result;
+  std::set<const KorvaLogDescriptor*> descriptors;
+  const auto refused = [&](uintptr_t decoded) {
+    EXPECT_EQ(decoded, 0U);
+    descriptors.insert(host.logDescriptor);
+  };
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(alarmOps.unpackFn(nullptr, 0, nullptr), 0U);
-    EXPECT_EQ(thresholdOps.unpackFn(nullptr, 0, nullptr), 0U);
-    EXPECT_EQ(Kel_sys_diag_OperResult_unpack(nullptr, 0, &result), 0U);
+    refused(alarmOps.unpackFn(nullptr, 0, nullptr));
+    refused(thresholdOps.unpackFn(nullptr, 0, nullptr));
+    refused(Kel_sys_diag_OperResult_unpack(nullptr, 0, &result));
   }
-  EXPECT_EQ(logDescriptors.size(), 3U);
+  EXPECT_EQ(descriptors.size(), 3U);
 }
 
 }  // namespace
