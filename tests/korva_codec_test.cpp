@@ -10,7 +10,6 @@
 
 #include "codec/korva_codec.hpp"
 #include "support/bytes.hpp"
-#include "support/codec_with_entries.hpp"
 #include "support/guarded_memory.hpp"
 #include "support/message_checks.hpp"
 #include "support/records.hpp"
@@ -107,12 +106,26 @@ int32_t countingFree(void* block, uint32_t, const char*) {
 constinit korva::CodecRuntime testRuntime{
     .memReady = 1, .codecAlloc = countingAlloc, .codecFree = countingFree};
 
+// A codec with the entry points that a message's unit gives it.
+template <class Codec>
+struct WithEntries : Codec {
+  static uint32_t pack(const PackTarget* target, const void* record) {
+    return Codec::pack(target, record, pack);
+  }
+  static uintptr_t unpack(const void* bytes, uint32_t length, void* record) {
+    return Codec::unpack(bytes, length, record, unpack);
+  }
+  static int32_t packFixed(uint8_t* buffer, const void* record) {
+    return Codec::packFixed(buffer, record, packFixed);
+  }
+};
+
 template <korva::Name Name, class Record>
 using TestCodec =
-    kel::test::WithEntries<korva::Codec<Name, Record,
-                                        korva::PlainTable<Record> ? korva::Layouts::compactAndFixed
-                                                                  : korva::Layouts::compact,
-                                        testRuntime>>;
+    WithEntries<korva::Codec<Name, Record,
+                             korva::PlainTable<Record> ? korva::Layouts::compactAndFixed
+                                                       : korva::Layouts::compact,
+                             testRuntime>>;
 using BranchCodec = TestCodec<"Branch", Branch>;
 using BranchListCodec = TestCodec<"BranchList", BranchList>;
 using EverythingCodec = TestCodec<"Everything", Everything>;
