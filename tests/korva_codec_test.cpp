@@ -213,17 +213,6 @@ TEST(RoundTrip, NestedTables) { expectRoundTrips<BranchCodec>(1000, 0); }
 TEST(RoundTrip, VectorOfTablesWithNestedTables) { expectRoundTrips<BranchListCodec>(1000, 9); }
 TEST(RoundTrip, LessThanAVector) { expectRoundTrips<TestCodec<"Small", Small>>(100, 0); }
 
-// Leaf: 4 + 2 + 1 + 8, its vtable 10; Branch: 4 + 1 + (4 + 25) + (8 + 5) + (4 + 25) + 4 = 80, so
-// its vtable of 14 bytes lies at 84 and the size is 98, rounded up.
-TEST(FixedLayout, LeavesWhatIsRoundedUpAlone) {
-  ASSERT_EQ(BranchCodec::fixedSize(), 104U);
-  Buffer fixed(104, 0xEE);
-  const Branch record{};
-  ASSERT_EQ(BranchCodec::packFixed(fixed.data(), &record), 0);
-  EXPECT_NE(fixed[97], 0xEE);
-  EXPECT_EQ(std::count(fixed.begin() + 98, fixed.end(), 0xEE), 6);
-}
-
 // Each place where the message can be bent, and what comes of it.
 TEST(Unpack, BentVectors) {
   struct Bend {
