@@ -20,7 +20,8 @@ namespace kel::host::test {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kSoon(2);  // bounded time, on a busy machine
+// Bounded time, on a busy machine: before a call ends of itself.
+constexpr std::chrono::milliseconds kSoon = kDefaultDeadline - std::chrono::seconds(1);
 
 using Bytes = std::vector<uint8_t>;
 

@@ -119,7 +119,7 @@ TEST(MachineState, IsPlausibleHere) {
   const MachineState machine = readMachineState();
   EXPECT_FALSE(machine.hostName.empty());
   EXPECT_GT(machine.processors, 0U);
-  EXPECT_GT(machine.memory.totalMiB, machine.memory.availableMiB);
+  EXPECT_GT(machine.memory.totalMiB, 0U);
   for (const FileSystem& disk : machine.fileSystems) {
     EXPECT_LE(disk.usedPercent, 100U) << disk.mountPoint;
     EXPECT_LE(disk.freeMiB, disk.sizeMiB) << disk.mountPoint;

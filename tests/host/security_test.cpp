@@ -382,6 +382,7 @@ TEST_F(Security, KeepsLittleOfMessagesFarBeyondTheLimit) {
 TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
   constexpr uint32_t kMostCalls = 20;
   std::atomic<bool> slow = true;
+  std::atomic<uint32_t> taken = 0;
   RpcServer server(target,
                    [&](const std::string&, std::span<const uint8_t>) {
                      ++handled_;
@@ -390,16 +391,19 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
                      }
                      return Answer{AnswerStatus::ok, {}, okReply()};
                    },
-                   {.limits = {.calls = kMostCalls, .longestCall = std::chrono::seconds(5)}});
+                   {.limits = {.calls = kMostCalls, .longestCall = std::chrono::seconds(5)},
+                    .policy = [&](const std::string&, const Peer&) {
+                      ++taken;
+                      return std::string();
+                    }});
   Completions completions;
   const AlarmInput alarm = sampleAlarm();
   const Clock::time_point began = Clock::now();
   for (uint32_t i = 0; i < kMostCalls; ++i) {
     EXPECT_EQ(completions.start(&alarm, 20'000), kOk);
   }
-  constexpr int kWorkers = 16;
-  EXPECT_TRUE(eventually([&] { return handled_ == kWorkers; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for those that have to wait
+  constexpr int kThreads = 16;
+  EXPECT_TRUE(eventually([&] { return handled_ == kThreads && taken == kMostCalls; }));
   expectStatus(RawCall(target).end(), grpc::StatusCode::RESOURCE_EXHAUSTED,
                "the server is at work on 20 calls, and takes no more at a time");
   EXPECT_EQ(call(), outcome(kTooLarge));
@@ -467,8 +471,7 @@ TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
     unread.emplace_back(target, 1, unwilling);
     ASSERT_TRUE(eventually([&] { return handled_ == i; }));
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for what needs no reader
-  EXPECT_EQ(call(), outcome(kTooLarge)) << "there is room for so many";
+  EXPECT_TRUE(eventually([] { return call() == outcome(kTooLarge); })) << "room for so many";
   EXPECT_TRUE(eventually([&] { return call() == outcome(kOk); })) << "they keep their places";
 }
 
