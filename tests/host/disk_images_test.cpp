@@ -183,7 +183,7 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
     EXPECT_TRUE(isMounted(mountPoint));
     const std::string options = mountOptions(mountPoint);
     for (const char* harmless : {"nosuid", "nodev", "noexec", "errors=remount-ro"}) {
-      EXPECT_NE(options.find(harmless), std::string::npos) << options;
+      EXPECT_PRED_FORMAT2(testing::IsSubstring, harmless, options);
     }
     std::ofstream(mountPoint / "hello") << "kept";
     EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse);

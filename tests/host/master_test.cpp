@@ -66,12 +66,12 @@ TEST_F(Master, UnderstandsBothFormsAlikeAndKeepsWhatItUnderstood) {
   for (const bool compact : {false, true}) {
     SCOPED_TRACE(compact ? "compact" : "fixed");
     setCompactAlways(compact);
-    EXPECT_NE(callForText(KelSysdiagMaster_KelSendAlarm, alarm).find("understood: " + tell(alarm)),
-              std::string::npos);
-    EXPECT_NE(callForText(KelSysdiagMaster_KelSendOverloadAlarm, load).find(tell(load)),
-              std::string::npos);
-    EXPECT_NE(callForText(KelSysdiagMaster_KelSendMobileDiskOverloadAlarm, disk).find(tell(disk)),
-              std::string::npos);
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "understood: " + tell(alarm),
+                        callForText(KelSysdiagMaster_KelSendAlarm, alarm));
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, tell(load),
+                        callForText(KelSysdiagMaster_KelSendOverloadAlarm, load));
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, tell(disk),
+                        callForText(KelSysdiagMaster_KelSendMobileDiskOverloadAlarm, disk));
   }
   const std::vector<KeptAlarm> kept = service_.keptAlarms();
   ASSERT_EQ(kept.size(), 6U);
@@ -209,8 +209,9 @@ TEST(DiskRules, NameTheFaultOfABadConfiguration) {
        "rule \"?[2J\""},
   };
   for (const auto& [json, complaint] : cases) {
-    const std::string said = complaintOf([&] { DiskRules::fromJson(json); });
-    EXPECT_NE(said.find(complaint), std::string::npos) << json << "\n" << said;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, complaint,
+                        complaintOf([&] { DiskRules::fromJson(json); }))
+        << json;
   }
 }
 

@@ -111,7 +111,7 @@ TEST_F(Qarne, SeesThisMachine) {
   EXPECT_GE(found->sub3.value16, 100U);
   EXPECT_GE(found->value2, found->sub3.value16 + found->sub3.byte1);
   EXPECT_GE(found->sub3.byte1, 2U) << "a server, a client and their connection";
-  EXPECT_NE(textOf(found->bytes256).find("qarne_test"), std::string::npos);
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "qarne_test", textOf(found->bytes256));
   EXPECT_EQ(found->sub1.value16, found->sub2.value16) << "started this year, as it was counted";
   EXPECT_TRUE(std::ranges::all_of(entries, [](const auto& entry) { return entry.value2 >= 100; }));
 }
@@ -373,7 +373,7 @@ TEST_F(Qarne, MatchesEveryReplyToItsRequestUnderLoadInBothForms) {
     const QarneClient client = serve({.root = machine_.root}, form);
     for (uint32_t i = 0; i < kCallers && form == Form::fixedWherePossible; ++i) {
       alone[i] = answersTo(client, i);
-      EXPECT_EQ(alone[i].find("  no "), std::string::npos) << alone[i];
+      EXPECT_PRED_FORMAT2(testing::IsNotSubstring, "  no ", alone[i]);
       EXPECT_EQ(std::ranges::count(alone, alone[i]), 1) << "of " << i;
     }
     onThreads(kCallers, [&](uint32_t caller) {

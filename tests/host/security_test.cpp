@@ -93,7 +93,7 @@ class Security : public HostFixture {
   static void expectStatus(const grpc::Status& status, grpc::StatusCode code,
                            const std::string& words) {
     EXPECT_EQ(status.error_code(), code) << status.error_message();
-    EXPECT_NE(status.error_message().find(words), std::string::npos) << status.error_message();
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, words, status.error_message());
   }
 
   std::atomic<int> handled_ = 0;
@@ -223,8 +223,8 @@ TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
       {late, ".pem has expired"},
   };
   for (const auto& [files, expected] : cases) {
-    const std::string complaint = complaintOf([&] { (void)readTlsFiles(files); });
-    EXPECT_NE(complaint.find(expected), std::string::npos) << complaint << "\nis not\n" << expected;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, expected,
+                        complaintOf([&] { (void)readTlsFiles(files); }));
   }
 }
 
@@ -253,14 +253,12 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
       {"unix:" + (folder / "datagrams").string(), {}, "wrong type for socket"},
   };
   for (const Case& ill : cases) {
-    const std::string complaint =
-        complaintOf([&] { RpcServer(ill.target, handler(), {.security = ill.security}); });
-    EXPECT_NE(complaint.find(ill.complaint), std::string::npos) << complaint << "\nis not\n"
-                                                                << ill.complaint;
+    const auto serve = [&] { RpcServer(ill.target, handler(), {.security = ill.security}); };
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, ill.complaint, complaintOf(serve)) << ill.target;
   }
   EXPECT_TRUE(std::filesystem::exists(folder / "datagrams")) << "taken from who serves there";
-  EXPECT_NE(complaintOf([&] { configureCalls({.security = both}); }).find("exclude each other"),
-            std::string::npos);
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "exclude each other",
+                      complaintOf([&] { configureCalls({.security = both}); }));
 }
 
 TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {

@@ -70,9 +70,7 @@ TEST(ModuleTable, AcceptsTheLibrarysAndRefusesEveryDamage) {
   for (const Case& damaged : cases) {
     Tables tables;
     damaged.damage(tables);
-    const std::string verdict = tables.verdict();
-    EXPECT_NE(verdict.find(damaged.complaint), std::string::npos)
-        << "expected " << damaged.complaint << ", got " << verdict;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, damaged.complaint, tables.verdict());
   }
 }
 
