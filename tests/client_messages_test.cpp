@@ -51,11 +51,11 @@ TEST(AlarmInput, Compact) {
   }
 }
 
-TEST(AlarmOutput, CompactFromThePeerAndBack) {
+const Buffer kOkReply = layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
+
+TEST(AlarmOutput, CompactFromThePeer) {
   char text[] = "ok";
-  const AlarmOutput record{text};
-  const Buffer expected = layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
-  EXPECT_EQ(packToSize(Kel_sys_diag_AlarmOutput_pack, record), expected);
+  EXPECT_EQ(packToSize(Kel_sys_diag_AlarmOutput_pack, AlarmOutput{text}), kOkReply);
 }
 
 TEST(OverloadAlarmInput, Compact) {
@@ -202,7 +202,6 @@ TEST(OvLoadDiskCtlOutput, ReadsByTheVtableAlone) {
 }
 
 TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
-  const Buffer reply = layout(u32(10), u16(6, 15, 4), u32(6, 4, 2), chars("ok"), u8(0));
   const Bend bends[] = {
       {"a vtable at the table itself", 10, 4, 0, "(null)"},
       {"a vtable without slots", 4, 2, 4, "(null)"},
@@ -219,12 +218,12 @@ TEST(AlarmOutput, ReadsNothingItHasNotChecked) {
       {"a length whose end wraps to 0", 18, 4, 0U - 22, nullptr},
       {"a length of 2^32 - 1, whose block would have no size", 18, 4, 0xFFFFFFFF, nullptr},
   };
-  GuardedMemory memory(reply.size());
+  const auto length = static_cast<uint32_t>(kOkReply.size());
+  GuardedMemory memory(length);
   for (const Bend& b : bends) {
     AlarmOutput record;
-    const uint8_t* const bytes = memory.copyLast(bend(reply, b));
-    const bool accepted =
-        alarmOps.unpackFn(bytes, static_cast<uint32_t>(reply.size()), &record) != 0;
+    const uint8_t* const bytes = memory.copyLast(bend(kOkReply, b));
+    const bool accepted = alarmOps.unpackFn(bytes, length, &record) != 0;
     ASSERT_EQ(accepted, b.expected != nullptr) << b.what;
     if (accepted) {
       EXPECT_STREQ(record.text == nullptr ? "(null)" : record.text, b.expected) << b.what;
@@ -263,10 +262,6 @@ TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   alarmOps.releaseFn(&record);
 }
 
-bool same(const OverloadAlarmInput& left, const OverloadAlarmInput& right) {
-  return std::memcmp(&left, &right, sizeof left) == 0;  // it has no padding
-}
-
 // Only our own packer lets each have a place of its own, in the order of their slots.
 TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
   const OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
@@ -280,17 +275,17 @@ TEST(OverloadAlarmInput, FieldsAreFoundWhereverTheyAre) {
               0U);
     return record;
   };
-  constexpr uint32_t kRootEntries = 8;
-  constexpr uint32_t kSubEntries = 188 - 36 + 4;
+  constexpr uint32_t kRootEntries = 4 + 4;  // behind the root offset and two lengths
+  const auto subEntries = static_cast<uint32_t>(bytes.size()) - (20 + 16) + 4;  // it comes last
   OverloadAlarmInput expected = full;
   expected.value1 = expected.value2;
-  EXPECT_TRUE(same(expected, unpackWithNextEntryAt(kRootEntries)));
+  EXPECT_EQ(bytesOf(expected), bytesOf(unpackWithNextEntryAt(kRootEntries)));
   expected = full;
   expected.value9 = expected.value10;
-  EXPECT_TRUE(same(expected, unpackWithNextEntryAt(kRootEntries + 2 * 10)));
+  EXPECT_EQ(bytesOf(expected), bytesOf(unpackWithNextEntryAt(kRootEntries + 2 * 10)));
   expected = full;
   expected.sub.byte1 = expected.sub.byte2;
-  EXPECT_TRUE(same(expected, unpackWithNextEntryAt(kSubEntries + 2)));
+  EXPECT_EQ(bytesOf(expected), bytesOf(unpackWithNextEntryAt(subEntries + 2)));
 }
 
 // Its scalars are looked for in front of its end, and here that is in front of the message.
@@ -301,7 +296,7 @@ TEST(OverloadAlarmInput, NestedTableMayLieAtTheBeginning) {
   EXPECT_NE(Kel_sys_diag_OverloadAlarmInput_unpack(memory.copyFirst(bytes),
                                                    static_cast<uint32_t>(bytes.size()), &record),
             0U);
-  EXPECT_TRUE(same(OverloadAlarmInput{}, record));
+  EXPECT_EQ(bytesOf(OverloadAlarmInput{}), bytesOf(record));
 }
 
 }  // namespace

@@ -163,8 +163,9 @@ void expectCapacityKept(GuardedMemory& memory, const Record& record) {
     std::memset(buffer, 0xEE, capacity);
     const PackTarget target{buffer, &capacity};
     const uint32_t written = capacity < size ? 0 : size;
-    EXPECT_EQ(Codec::pack(&target, &record), written);
-    ASSERT_EQ(std::count(buffer + written, buffer + capacity, 0xEE), capacity - written);
+    EXPECT_EQ(Codec::pack(&target, &record), written) << "into " << capacity;
+    ASSERT_EQ(std::count(buffer + written, buffer + capacity, 0xEE), capacity - written)
+        << "into " << capacity;
   }
 }
 
@@ -174,7 +175,7 @@ template <class Codec>
 void expectRoundTrips(int rounds, uint32_t maximumEntries) {
   using Record = typename Codec::Record;
   Random random(20261122);
-  RecordMaker maker(random, 40, maximumEntries);
+  RecordMaker maker(random, maximumEntries);
   GuardedMemory memory(1 << 16);
   GuardedMemory recordMemory(sizeof(Record));
   auto& record = *new (recordMemory.last(sizeof(Record))) Record;
@@ -195,10 +196,8 @@ void expectRoundTrips(int rounds, uint32_t maximumEntries) {
         ASSERT_EQ(Codec::unpack(bytes, length, &unpacked), reinterpret_cast<uintptr_t>(&unpacked));
         ASSERT_TRUE(sameRecord(record, unpacked)) << "round " << round;
         if constexpr (korva::PlainTable<Record>) {
-          const auto* const begin = reinterpret_cast<const uint8_t*>(&unpacked);
-          const Buffer held(begin, begin + sizeof unpacked);
-          if (firstUnpacked.empty()) firstUnpacked = held;
-          ASSERT_EQ(held, firstUnpacked);
+          if (firstUnpacked.empty()) firstUnpacked = bytesOf(unpacked);
+          ASSERT_EQ(bytesOf(unpacked), firstUnpacked);
         }
         Codec::release(&unpacked);
         ASSERT_TRUE(outstanding.empty());

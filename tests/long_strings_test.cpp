@@ -1,5 +1,5 @@
-// Strings at the format's limits, through the entry points that ship: a file mapped many times over
-// makes a string of more than 4 GiB out of a few MiB.
+// Strings at the format's limits, through the entry points that ship: a file of 64 MiB, mapped many
+// times over, makes a string of more than 4 GiB.
 #include <gtest/gtest.h>
 #include <kel_sys_diag/client.h>
 #include <kel_sys_diag/peer.h>

@@ -33,10 +33,7 @@ const IdlCodecOps eraseOps = opsOf(KelQueryStorageEraseInfo_wrapper);
 const IdlCodecOps badBlockOps = opsOf(KelQueryStorageBadBlockInfo_wrapper);
 
 // The 14 bytes of a reply that carries nothing.
-const Buffer& emptyReply() {
-  static const Buffer bytes = layout(u32(10), u16(6, 4, 0), u32(6));
-  return bytes;
-}
+const Buffer kEmptyReply = layout(u32(10), u16(6, 4, 0), u32(6));
 
 // Root table and vector of a reply, up to its first element.
 Buffer vectorHeader(auto... entries) {
@@ -124,7 +121,7 @@ TEST(OperResultAndItsTwins, CompactAndFixed) {
     for (const uint32_t result : {0U, 772U}) {
       const OperResult record{result};
       EXPECT_EQ(packToSize(ops->packFn, record),
-                result == 0 ? emptyReply() : layout(u32(10), u16(6, 8, 4), u32(6, 772)));
+                result == 0 ? kEmptyReply : layout(u32(10), u16(6, 8, 4), u32(6, 772)));
       expectFixed(*ops, &record, layout(u32(4, 0U - 8, result), u16(6, 8, 4), fill(6, 0xEE)));
     }
   }
@@ -153,7 +150,7 @@ TEST(Replies, EmptyVectorsTakeFourteenBytes) {
   for (const StorageEraseInfo& empty :
        {StorageEraseInfo{0, nullptr}, StorageEraseInfo{5, nullptr}, StorageEraseInfo{0, &entry}}) {
     for (const IdlCodecOps* ops : {&brdPartOps, &fdProcOps, &eraseOps, &badBlockOps}) {
-      EXPECT_EQ(packToSize(ops->packFn, empty), emptyReply());
+      EXPECT_EQ(packToSize(ops->packFn, empty), kEmptyReply);
     }
   }
 }
@@ -207,9 +204,7 @@ TEST(Requests, ByteExamples) {
     SysOvLoadDiskThreshold set;
     std::memset(&set, 0xDD, sizeof set);
     ASSERT_NE(thresholdOps.unpackFn(threshold.data(), 78, &set), 0U);
-    const auto* const bytes = reinterpret_cast<const uint8_t*>(&set);
-    EXPECT_EQ(Buffer(bytes, bytes + sizeof set),
-              layout(fill(50, isThere ? 0x55 : 0), u16(0), u32(772)));
+    EXPECT_EQ(bytesOf(set), layout(fill(50, isThere ? 0x55 : 0), u16(0), u32(772)));
     EXPECT_EQ(thresholdOps.unpackFn(threshold.data(), 77, &set) != 0, !isThere);
   }
 }
@@ -267,7 +262,7 @@ TEST(BrdPartInfoInput, HasARecordOfNoBytes) {
                  *static_cast<const char*>(record));
   EXPECT_EQ(packed, layout(u32(8), u16(4, 4), u32(4)));
   EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, record), reinterpret_cast<uintptr_t>(record));
-  EXPECT_EQ(brdPartOps.unpackFn(emptyReply().data(), 14, record),
+  EXPECT_EQ(brdPartOps.unpackFn(kEmptyReply.data(), 14, record),
             reinterpret_cast<uintptr_t>(record));
   host.startCase();
   EXPECT_EQ(brdPartOps.unpackFn(packed.data(), 12, nullptr), 0U);

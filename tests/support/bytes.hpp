@@ -30,6 +30,13 @@ inline Buffer fill(size_t count, uint8_t value) {
 }
 inline Buffer chars(std::string_view text) { return {text.begin(), text.end()}; }
 
+// A record as memory has it, padding among it.
+template <class Record>
+Buffer bytesOf(const Record& record) {
+  const auto* const begin = reinterpret_cast<const uint8_t*>(&record);
+  return {begin, begin + sizeof record};
+}
+
 // One part behind another.
 template <class... Parts>
 Buffer layout(const Parts&... parts) {
