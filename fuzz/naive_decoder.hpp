@@ -12,7 +12,8 @@
 
 namespace kel::fuzz {
 
-// Longer messages are not decoded; keeps what vectors of overlapping elements cost within reason.
+// The longest message that it has room for; keeps what vectors of overlapping elements cost within
+// reason.
 inline constexpr size_t kLongestMessage = 4096;
 
 // What a word of a message says about the message's structure.

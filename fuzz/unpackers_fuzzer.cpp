@@ -14,7 +14,7 @@
 namespace kel::fuzz {
 namespace {
 
-// No message packs to more than what the longest one can decode to.
+// What the longest message can decode to packs to no more: an element takes less than 512 bytes.
 constexpr size_t kLargestPacked = kLongestMessage / 4 * 512;
 
 constexpr uint8_t kUntouched = 0xDD;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/field_text.hpp"
+#include "host/kernel_files.hpp"
 #include "host/machine_records.hpp"
 #include "host/machine_state.hpp"
 #include "host/record_text.hpp"
@@ -59,6 +60,13 @@ TEST(FieldText, CannotSteerATerminal) {
   };
   for (const auto& [received, expected] : cases) {
     EXPECT_EQ(shown(received), expected);
+  }
+}
+
+TEST(KernelFiles, AreNotThereWhenTheyCannotBeRead) {
+  EXPECT_EQ(readText("/proc/sys/kernel/ostype"), "Linux");
+  for (const char* path : {"/none", "/", "/proc/self/mem"}) {
+    EXPECT_EQ(readText(path), std::nullopt) << path;
   }
 }
 

@@ -11,7 +11,6 @@
 
 #include "host/diagnostics.hpp"
 #include "host/field_text.hpp"
-#include "host/kernel_files.hpp"
 #include "host/os_allocator.hpp"
 #include "host/qarne_client.hpp"
 #include "host/qarne_methods.hpp"
@@ -77,13 +76,6 @@ class Qarne : public HostFixture {
   std::unique_ptr<ServedService> service_;
   std::unique_ptr<RpcServer> server_;
 };
-
-TEST(KernelFiles, AreNotThereWhenTheyCannotBeRead) {
-  EXPECT_EQ(readText("/proc/sys/kernel/ostype"), "Linux");
-  for (const char* path : {"/none", "/", "/proc/self/mem"}) {
-    EXPECT_EQ(readText(path), std::nullopt) << path;
-  }
-}
 
 TEST_F(Qarne, FailsWhileNobodyAnswers) {
   const QarneClient client = serve({});
