@@ -64,25 +64,33 @@ bool isFileOfItsOwn(int descriptor) {
   return fstat(descriptor, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1;
 }
 
-bool holds(const path& loopDevice, const struct stat& image) {
-  const FileDescriptor device(::open(loopDevice.c_str(), O_RDONLY | O_CLOEXEC));
-  loop_info64 info{};
-  return device.isOpen() && ioctl(device.get(), LOOP_GET_STATUS64, &info) == 0 &&
-         info.lo_device == image.st_dev && info.lo_inode == image.st_ino;
+// By the device itself, or, where this user may not open it, by the path that everybody may read.
+bool holds(const std::string& loopDevice, const struct stat& image) {
+  const FileDescriptor device(::open((path("/dev") / loopDevice).c_str(), O_RDONLY | O_CLOEXEC));
+  if (device.isOpen()) {
+    loop_info64 info{};
+    return ioctl(device.get(), LOOP_GET_STATUS64, &info) == 0 && info.lo_device == image.st_dev &&
+           info.lo_inode == image.st_ino;
+  }
+  const auto file = readText(path("/sys/block") / loopDevice / "loop/backing_file");
+  struct stat state {};
+  return file && stat(file->c_str(), &state) == 0 && state.st_dev == image.st_dev &&
+         state.st_ino == image.st_ino;
 }
 
-bool carriesMount(const path& device) {
-  const FileDescriptor alone(::open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
-  return !alone.isOpen() && errno == EBUSY;
+// So does, for all that is known, one that this user may not open; not one that is just given up.
+bool carriesMount(const std::string& device) {
+  const FileDescriptor alone(
+      ::open((path("/dev") / device).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+  return !alone.isOpen() && errno != ENXIO;
 }
 
 // Whether an image is mounted by somebody who takes no lock on it, as mount(8) does not.
 bool isMounted(int image) {
   struct stat state {};
   return fstat(image, &state) == 0 &&
-         std::ranges::any_of(namesIn("/dev"), [&](const std::string& name) {
-           const path device = path("/dev") / name;
-           return name.starts_with("loop") && holds(device, state) && carriesMount(device);
+         std::ranges::any_of(namesIn("/sys/block"), [&](const std::string& name) {
+           return name.starts_with("loop") && holds(name, state) && carriesMount(name);
          });
 }
 

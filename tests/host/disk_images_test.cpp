@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 
 #include "host/child_process.hpp"
@@ -62,6 +63,28 @@ class Images : public HostFixture {
     while (std::getline(mounts, line) && line.find(mountPoint.string()) == std::string::npos) {
     }
     return line;
+  }
+
+  // What comes of it in a child without root's rights, whoever runs this.
+  ResultCode withoutRights(const std::function<ResultCode()>& use) const {
+    constexpr uid_t kNobody = 65534;
+    constexpr int kStillRoot = 100;
+    const pid_t child = fork();
+    if (child == 0) {
+      if (geteuid() == 0) {
+        std::filesystem::permissions(top, std::filesystem::perms::all);
+        std::filesystem::permissions(folder / "disk.img", std::filesystem::perms::all);
+        if (setresgid(kNobody, kNobody, kNobody) != 0 ||
+            setresuid(kNobody, kNobody, kNobody) != 0) {
+          _exit(kStillRoot);
+        }
+      }
+      _exit(static_cast<int>(use()));
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    return ResultCode{static_cast<uint32_t>(WEXITSTATUS(status))};
   }
 
   const path top = HostFixture::folder;
@@ -200,6 +223,8 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
   ASSERT_EQ(byHand(fmt::format("mount -o loop {0}/images/disk.img {0}/hand", top.string())), 0);
   EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse) << "what others wrote would be lost";
   EXPECT_EQ(images.format("disk.img"), ResultCode::inUse);
+  EXPECT_EQ(withoutRights([&] { return DiskImages(folder).format("disk.img"); }), ResultCode::inUse)
+      << "for a user who may not open the loop device";
   ASSERT_EQ(byHand(fmt::format("umount {}/hand", top.string())), 0);
   EXPECT_EQ(images.mount("disk.img"), ResultCode::done);
   std::string text;
@@ -207,25 +232,8 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
   EXPECT_EQ(text, "kept");
 }
 
-// In a child without root's rights, whoever runs this.
 TEST_F(Images, SayThatTheRightIsMissing) {
-  constexpr uid_t kNobody = 65534;
-  const pid_t child = fork();
-  if (child == 0) {
-    if (geteuid() == 0) {
-      std::filesystem::permissions(top, std::filesystem::perms::all);
-      std::filesystem::permissions(folder / "disk.img", std::filesystem::perms::all);
-      if (setresgid(kNobody, kNobody, kNobody) != 0 || setresuid(kNobody, kNobody, kNobody) != 0) {
-        _exit(100);
-      }
-    }
-    const ResultCode code = DiskImages(folder).mount("disk.img");
-    _exit(static_cast<int>(code));
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  const auto code = ResultCode{static_cast<uint32_t>(WEXITSTATUS(status))};
+  const ResultCode code = withoutRights([&] { return DiskImages(folder).mount("disk.img"); });
   if (code == ResultCode::loopMissing) {
     GTEST_SKIP() << "no loop device to have no right to";
   }
