@@ -29,6 +29,7 @@ using std::filesystem::path;
 
 constexpr std::chrono::seconds kFormatLimit(60);
 constexpr char kFileSystem[] = "ext4";
+constexpr char kFormatter[] = "mkfs.ext4";
 
 path openPath(int descriptor) { return path("/proc/self/fd") / std::to_string(descriptor); }
 
@@ -95,10 +96,16 @@ bool isMounted(int image) {
 }
 
 struct LoopDevice {
-  ResultCode code = ResultCode::loopMissing;
+  ResultCode code;
   FileDescriptor device;
   std::string path;
 };
+
+LoopDevice noLoopDevice(int error) {
+  const bool missing = error == ENOENT || error == ENODEV || error == ENXIO;
+  return {
+      missing ? ResultCode::loopMissing : report("cannot attach", "a loop device", error), {}, {}};
+}
 
 // A free device may be another's by the time that it is opened.
 constexpr int kAttempts = 16;
@@ -106,8 +113,7 @@ constexpr int kAttempts = 16;
 LoopDevice attach(int image) {
   const FileDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
   if (!control.isOpen()) {
-    const bool forbidden = errno == EACCES || errno == EPERM;
-    return {forbidden ? ResultCode::rightMissing : ResultCode::loopMissing, {}, {}};
+    return noLoopDevice(errno);
   }
   loop_config config{};
   config.fd = static_cast<uint32_t>(image);
@@ -116,20 +122,19 @@ LoopDevice attach(int image) {
   for (int i = 0; i < kAttempts && error == EBUSY; ++i) {
     const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
     if (number < 0) {
-      return {errno == EPERM ? ResultCode::rightMissing : ResultCode::loopMissing, {}, {}};
+      return noLoopDevice(errno);
     }
     std::string devicePath = fmt::format("/dev/loop{}", number);
     FileDescriptor device(::open(devicePath.c_str(), O_RDWR | O_CLOEXEC));
     if (!device.isOpen()) {
-      const ResultCode code = codeOf(errno);
-      return {code == ResultCode::notFound ? ResultCode::loopMissing : code, {}, {}};
+      return noLoopDevice(errno);
     }
     if (ioctl(device.get(), LOOP_CONFIGURE, &config) == 0) {
       return {ResultCode::done, std::move(device), std::move(devicePath)};
     }
     error = errno;
   }
-  return {report("cannot attach", "a loop device", error), {}, {}};
+  return noLoopDevice(error);
 }
 
 }  // namespace
@@ -197,19 +202,19 @@ ResultCode DiskImages::format(const std::string& name) {
   if (isMounted(image.file.get())) {
     return ResultCode::inUse;
   }
-  for (const path& folder : programFolders_) {
-    const path program = folder / "mkfs.ext4";
-    if (access(program.c_str(), X_OK) == 0) {
-      // Forced, since whatever the image holds is to go.
-      const bool made =
-          runProgram({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit);
-      if (!made) {
-        complain(fmt::format("{} failed for the image {}", program.string(), shown(name)));
-      }
-      return made ? ResultCode::done : ResultCode::failed;
-    }
+  const auto folder = std::ranges::find_if(programFolders_, [](const path& candidate) {
+    return access((candidate / kFormatter).c_str(), X_OK) == 0;
+  });
+  if (folder == programFolders_.end()) {
+    return ResultCode::programMissing;
   }
-  return ResultCode::programMissing;
+  // Forced, since whatever the image holds is to go.
+  const path program = *folder / kFormatter;
+  if (!runProgram({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit)) {
+    complain(fmt::format("{} failed for the image {}", program.string(), shown(name)));
+    return ResultCode::failed;
+  }
+  return ResultCode::done;
 }
 
 ResultCode DiskImages::makeMountPoint(const std::string& name, path& mountPoint) {
