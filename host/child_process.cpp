@@ -77,8 +77,7 @@ bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
 
 }  // namespace
 
-bool runProgram(std::vector<std::string> arguments, int descriptor,
-                std::chrono::milliseconds limit) {
+bool runChild(std::vector<std::string> arguments, int descriptor, std::chrono::milliseconds limit) {
   std::vector<char*> pointers;
   for (std::string& argument : arguments) {
     pointers.push_back(argument.data());

@@ -210,7 +210,7 @@ ResultCode DiskImages::format(const std::string& name) {
   }
   // Forced, since whatever the image holds is to go.
   const path program = *folder / kFormatter;
-  if (!runProgram({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit)) {
+  if (!runChild({program, "-q", "-F", openPath(kInherited)}, image.file.get(), kFormatLimit)) {
     complain(fmt::format("{} failed for the image {}", program.string(), shown(name)));
     return ResultCode::failed;
   }

@@ -175,11 +175,11 @@ TEST_F(Images, AreInUseForOneCallerAtATime) {
 
 TEST(ChildProcess, IsKilledWithItsChildrenWhenItsTimeIsUp) {
   const auto began = std::chrono::steady_clock::now();
-  EXPECT_FALSE(runProgram({"/bin/sh", "-c", "sleep 600 & wait"}, STDERR_FILENO,
-                          std::chrono::milliseconds(200)));
+  EXPECT_FALSE(runChild({"/bin/sh", "-c", "sleep 600 & wait"}, STDERR_FILENO,
+                        std::chrono::milliseconds(200)));
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
-  EXPECT_FALSE(runProgram({"/nonexistent"}, STDERR_FILENO, std::chrono::seconds(20)));
-  EXPECT_TRUE(runProgram({"/bin/sh", "-c", "exit 0"}, STDERR_FILENO, std::chrono::seconds(20)));
+  EXPECT_FALSE(runChild({"/nonexistent"}, STDERR_FILENO, std::chrono::seconds(20)));
+  EXPECT_TRUE(runChild({"/bin/sh", "-c", "exit 0"}, STDERR_FILENO, std::chrono::seconds(20)));
 }
 
 TEST_F(Images, AreReallyFormattedAndMounted) {
