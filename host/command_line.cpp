@@ -172,23 +172,26 @@ std::optional<int> parse(int argc, char** argv, QueryOptions& options) {
   const CLI::Validator name(checkName, "");
   app.add_option("--target", options.target, "gRPC target of the host")->capture_default_str();
   addDeadlineOption(app, options.deadlineMs);
-  decimal(app.add_option("--rows", options.rows, "rows of a table that are shown"))
-      ->capture_default_str();
-  app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
-      ->check(name)
-      ->capture_default_str();
-  CLI::Option* const threshold = decimal(
-      app.add_option("--threshold", options.threshold, "per cent, to be SET there; 0 removes it"));
-  threshold->check(CLI::Range(0, 100));
-  CLI::Option* const image = app.add_option("--image", options.image,
-                                            "a disk image of the host to be FORMATTED and mounted")
-                                 ->check(name);
+  const auto notForOverload = {
+      decimal(app.add_option("--rows", options.rows, "rows of a table that are shown"))
+          ->capture_default_str(),
+      app.add_option("--mount-point", options.mountPoint, "whose use to ask for and limit")
+          ->check(name)
+          ->capture_default_str(),
+      decimal(app.add_option("--threshold", options.threshold,
+                             "per cent, to be SET there; 0 removes it"))
+          ->check(CLI::Range(0, 100)),
+      app.add_option("--image", options.image,
+                     "a disk image of the host to be FORMATTED and mounted")
+          ->check(name),
+  };
   TlsFiles files;
   addCallOptions(app, files, options.calls);
   CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
-  overload->excludes(threshold);
-  overload->excludes(image);
+  for (CLI::Option* const option : notForOverload) {
+    overload->excludes(option);
+  }
   const std::optional<int> code = parse(app, argc, argv, files, options.calls.security);
   options.overload = overload->parsed();
   return code;

@@ -238,6 +238,7 @@ TEST_F(Programs, SayWhatIsWrong) {
       {"kel_query", {"--mount-point", "/" + std::string(50, 'x')}, "a name of 1 to 50 bytes"},
       {"kel_query", {"--nonsense"}, "--nonsense"},
       {"kel_query", {"overload", "--threshold", "5"}, "overload excludes --threshold"},
+      {"kel_query", {"overload", "--mount-point", "/"}, "overload excludes --mount-point"},
       {"kel_host", {"serve", "--operator", ""}, "--operator: nobody has an empty name"},
       {"kel_master",
        {"--insecure-plain-tcp", "--listen", "127.0.0.1:99999", "--config", folder / "rules.json"},
