@@ -381,6 +381,9 @@ class Engine {
   };
 
   std::shared_ptr<grpc::Channel> open(const std::string& target) {
+    if (target.empty()) {
+      throw Failure{kNoTarget};
+    }
     std::shared_ptr<grpc::Channel> channel = factory_.open(target);
     if (channel == nullptr) {
       throw Failure{kNotProtected};
@@ -470,14 +473,11 @@ std::string pathOf(const IdlMethodRef& method) {
   return fmt::format("/{}/{}", method.serviceName, method.methodName);
 }
 
-// The handle of a call that follows, or the reason why there can be none.
+// The handle of a call that follows.
 std::unique_ptr<Invoker> claim(void* handle) {
   std::unique_ptr<Invoker> invoker(static_cast<Invoker*>(handle));
   if (invoker == nullptr) {
     throw Failure{kNoInvoker};
-  }
-  if (invoker->target.empty()) {
-    throw Failure{kNoTarget};
   }
   return invoker;
 }
@@ -528,7 +528,7 @@ std::string describe(int32_t result) {
     case kNoInvoker:
       return "no call could be prepared, for want of memory or of a server address record";
     case kNoTarget:
-      return "the server address record holds no target, or none that gRPC takes";
+      return "there is no target, or none that gRPC takes";
     case kBadArgument:
       return "the call lacks an output record or a completion function";
     case kRequestNotPacked:

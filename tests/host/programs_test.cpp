@@ -228,6 +228,7 @@ TEST_F(Programs, SayWhatIsWrong) {
        {"serve", "--listen", qarne_, "--target", "127.0.0.1:1"},
        "--insecure-plain-tcp"},
       {"kel_query", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
+      {"kel_query", {"--target", ""}, "there is no target"},
       {"kel_query",
        {"--target", "ipv4:127.0.0.1:1,ipv4:127.0.0.1:2", "--insecure-plain-tcp"},
        "none that gRPC takes"},
