@@ -74,13 +74,13 @@ void addDisk(const path& folder, const std::vector<Mount>& mounts,
   if (disk.size == 0) {
     return;  // an unused loop device, an empty drive
   }
-  if (readNumber(folder / "hidden").value_or(0) != 0) {
+  if (isSet(folder / "hidden")) {
     return;  // nothing in /dev is of that name
   }
   devices.push_back(disk);
   const size_t first = devices.size();
   for (const std::string& name : namesIn(folder)) {
-    if (std::filesystem::exists(folder / name / "partition")) {
+    if (readNumber(folder / name / "partition")) {
       devices.push_back(describePartition(folder / name, disk, mounts));
     }
   }
