@@ -43,6 +43,12 @@ std::optional<uint64_t> firstNumber(std::string_view text) {
   return parsed.ec == std::errc() && parsed.ptr == end ? std::optional(number) : std::nullopt;
 }
 
+std::optional<uint64_t> numberBehind(std::string_view heading, std::string_view text) {
+  const size_t at = text.find(heading);
+  return at == std::string_view::npos ? std::nullopt
+                                      : firstNumber(text.substr(at + heading.size()));
+}
+
 std::optional<uint64_t> readNumber(const std::filesystem::path& path) {
   const auto text = readText(path);
   return text ? firstNumber(*text) : std::nullopt;

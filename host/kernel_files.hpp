@@ -19,6 +19,9 @@ std::optional<std::string> readText(const std::filesystem::path& path,
 // The first number in a text, decimal, or hexadecimal behind 0x; and nothing else in its word.
 std::optional<uint64_t> firstNumber(std::string_view text);
 
+// The number behind a heading, as in "MemTotal: 2048 kB".
+std::optional<uint64_t> numberBehind(std::string_view heading, std::string_view text);
+
 std::optional<uint64_t> readNumber(const std::filesystem::path& path);
 
 std::vector<std::string> words(std::string_view text);

@@ -5,25 +5,25 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#include "host/kernel_files.hpp"
 
 namespace kel::host {
 namespace {
 
 constexpr uint64_t kMiB = 1024UL * 1024UL;
 
-std::string readFile(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) {
+std::string demandText(const std::string& path) {
+  auto text = readText(path);
+  if (!text) {
     throw std::runtime_error(fmt::format("cannot read {}", path));
   }
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  return *std::move(text);
 }
 
 std::string readHostName() {
@@ -88,26 +88,12 @@ LoadAverages parseLoadAverages(const std::string& text) {
 }
 
 Memory parseMemory(const std::string& text) {
-  std::istringstream lines(text);
-  std::optional<uint64_t> total;
-  std::optional<uint64_t> available;
-  std::string line;
-  while (std::getline(lines, line)) {
-    std::istringstream words(line);
-    std::string name;
-    uint64_t kibibytes = 0;
-    if (words >> name >> kibibytes) {
-      if (name == "MemTotal:") {
-        total = kibibytes / 1024;
-      } else if (name == "MemAvailable:") {
-        available = kibibytes / 1024;
-      }
-    }
-  }
+  const auto total = numberBehind("MemTotal:", text);  // in KiB
+  const auto available = numberBehind("MemAvailable:", text);
   if (!total || !available) {
     throw std::runtime_error("/proc/meminfo lacks MemTotal or MemAvailable");
   }
-  return {*total, *available};
+  return {*total / 1024, *available / 1024};
 }
 
 MachineState readMachineState() {
@@ -115,8 +101,8 @@ MachineState readMachineState() {
   state.hostName = readHostName();
   gettimeofday(&state.time, nullptr);
   state.processors = static_cast<uint32_t>(get_nprocs());
-  state.load = parseLoadAverages(readFile("/proc/loadavg"));
-  state.memory = parseMemory(readFile("/proc/meminfo"));
+  state.load = parseLoadAverages(demandText("/proc/loadavg"));
+  state.memory = parseMemory(demandText("/proc/meminfo"));
   state.fileSystems = readFileSystems();
   return state;
 }

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <string_view>
 #include <system_error>
 
 #include "host/kernel_files.hpp"
@@ -95,21 +94,10 @@ std::optional<std::string> commandLineOf(const path& folder) {
 
 // "Max open files            1024                 4096                 files"
 std::optional<uint32_t> softLimitOf(const path& folder) {
-  constexpr std::string_view kHeading = "Max open files";
-  const std::string text = readText(folder / "limits").value_or("");
-  const size_t at = text.find(kHeading);
-  const auto limit =
-      at == std::string::npos ? std::nullopt : firstNumber(text.substr(at + kHeading.size()));
+  const auto limit = numberBehind("Max open files", readText(folder / "limits").value_or(""));
   return limit ? std::optional(static_cast<uint32_t>(
                      std::min<uint64_t>(*limit, std::numeric_limits<uint32_t>::max())))
                : std::nullopt;
-}
-
-std::optional<uint64_t> bootTime(const path& root) {
-  constexpr std::string_view kHeading = "\nbtime ";
-  const std::string text = readText(root / "proc/stat").value_or("");
-  const size_t at = text.find(kHeading);
-  return at == std::string::npos ? std::nullopt : firstNumber(text.substr(at + kHeading.size()));
 }
 
 // The start is the 22nd word, in ticks since the machine started; the second, a name in
@@ -125,15 +113,14 @@ std::optional<uint64_t> startTicks(const path& folder) {
   return behind.size() > kWordsBehindName ? firstNumber(behind[kWordsBehindName]) : std::nullopt;
 }
 
-timeval startOf(const path& root, const path& folder) {
-  const auto boot = bootTime(root);
+timeval startOf(const path& folder, std::optional<uint64_t> bootTime) {
   const auto ticks = startTicks(folder);
-  if (!boot || !ticks) {
+  if (!bootTime || !ticks) {
     return {};
   }
   constexpr uint64_t kMicroseconds = 1'000'000;
   const auto perSecond = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
-  return {static_cast<time_t>(*boot + *ticks / perSecond),
+  return {static_cast<time_t>(*bootTime + *ticks / perSecond),
           static_cast<suseconds_t>(*ticks % perSecond * kMicroseconds / perSecond)};
 }
 
@@ -158,9 +145,15 @@ std::vector<ProcessUse> countDescriptors(const path& root, uint32_t atLeast) {
   return found;
 }
 
-std::optional<ProcessDetails> examineProcess(const path& root, uint32_t process) {
+std::optional<uint64_t> readBootTime(const path& root) {
+  return numberBehind("\nbtime ", readText(root / "proc/stat").value_or(""));
+}
+
+std::optional<ProcessDetails> examineProcess(const path& root, uint32_t process,
+                                             std::optional<uint64_t> bootTime) {
   const path folder = folderOf(root, process);
-  ProcessDetails details{{}, startOf(root, folder), classify(folder / "fd"), softLimitOf(folder)};
+  ProcessDetails details{
+      {}, startOf(folder, bootTime), classify(folder / "fd"), softLimitOf(folder)};
   auto commandLine = commandLineOf(folder);  // last: the rest is whole if this is still there
   if (!commandLine) {
     return std::nullopt;

@@ -37,7 +37,11 @@ struct ProcessDetails {
   std::optional<uint32_t> softLimit;  // of open descriptors; none: unlimited or unknown
 };
 
+// In Unix seconds. Slow to read, since it comes with the counts of every interrupt.
+std::optional<uint64_t> readBootTime(const std::filesystem::path& root);
+
 // Nothing about a process that has ended.
-std::optional<ProcessDetails> examineProcess(const std::filesystem::path& root, uint32_t process);
+std::optional<ProcessDetails> examineProcess(const std::filesystem::path& root, uint32_t process,
+                                             std::optional<uint64_t> bootTime);
 
 }  // namespace kel::host

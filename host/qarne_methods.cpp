@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -76,12 +77,13 @@ std::vector<FdProcEntry> busiestProcesses(const Diagnostics& diagnostics, uint32
                                           uint32_t atMost) {
   timeval now{};
   gettimeofday(&now, nullptr);
+  const auto bootTime = readBootTime(diagnostics.root());
   std::vector<FdProcEntry> entries;
   for (const ProcessUse& use : countDescriptors(diagnostics.root(), atLeast)) {
     if (entries.size() == atMost) {
       break;
     }
-    if (const auto details = examineProcess(diagnostics.root(), use.process)) {
+    if (const auto details = examineProcess(diagnostics.root(), use.process, bootTime)) {
       entries.push_back(recordOf(use, *details, now));
     }
   }
