@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -195,7 +194,7 @@ void report(const HostOptions& options, const ClientLibrary& library) {
   caller.call(library.sendOverloadAlarm, load);
   const OvLoadDiskCtlOutput thresholds = caller.call(library.getDiskThresholds, question);
   checkEcho(question, thresholds);
-  const OverloadDiskAlarmInput diskState = diskAlarm(machine, disk, thresholds);
+  const OverloadDiskAlarmInput diskState = diskAlarm(machine.time, disk, thresholds);
   caller.call(library.sendDiskOverloadAlarm, diskState);
 
   fmt::print("\n{}\n", bold("The same calls, all at once"));

@@ -70,14 +70,14 @@ OvLoadDiskCtlInput thresholdQuestion(const MachineState& machine, const FileSyst
   return question;
 }
 
-OverloadDiskAlarmInput diskAlarm(const MachineState& machine, const FileSystem& disk,
+OverloadDiskAlarmInput diskAlarm(const timeval& time, const FileSystem& disk,
                                  const OvLoadDiskCtlOutput& thresholds) {
   OverloadDiskAlarmInput alarm{};
   alarm.value1 = kDiskAlarm;
   alarm.value2 = severity(disk.usedPercent, thresholds.value1, thresholds.value2);
   alarm.value3 = disk.usedPercent;
   alarm.value4 = alarm.value2 == kCritical ? thresholds.value2 : thresholds.value1;
-  alarm.sub = calendarTime(machine.time);
+  alarm.sub = calendarTime(time);
   putText(alarm.bytes64, disk.mountPoint);
   putText(alarm.bytes32, disk.device);
   alarm.value5 = narrowed(disk.sizeMiB);

@@ -14,8 +14,8 @@ OverloadAlarmInput loadAlarm(const MachineState& machine);
 
 OvLoadDiskCtlInput thresholdQuestion(const MachineState& machine, const FileSystem& disk);
 
-// With the thresholds that the master gave for this disk.
-OverloadDiskAlarmInput diskAlarm(const MachineState& machine, const FileSystem& disk,
+// With the thresholds that the master gave for this disk, and the time when it was measured.
+OverloadDiskAlarmInput diskAlarm(const timeval& time, const FileSystem& disk,
                                  const OvLoadDiskCtlOutput& thresholds);
 
 }  // namespace kel::host

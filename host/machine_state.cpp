@@ -16,8 +16,6 @@
 namespace kel::host {
 namespace {
 
-constexpr uint64_t kMiB = 1024UL * 1024UL;
-
 std::string demandText(const std::string& path) {
   auto text = readText(path);
   if (!text) {
@@ -37,11 +35,8 @@ std::string readHostName() {
 // Null for images too, which are full for good, and which nobody can overload.
 std::optional<FileSystem> measure(const Mount& mount) {
   const auto use = measureUse(mount.mountPoint);
-  if (!use || use->size == 0 || use->readOnly) {
-    return std::nullopt;
-  }
-  return FileSystem{mount.mountPoint, mount.source, use->size / kMiB, use->freeForUsers / kMiB,
-                    use->usedPercent};
+  return use && use->size != 0 && !use->readOnly ? std::optional(fileSystemOf(mount, *use))
+                                                 : std::nullopt;
 }
 
 std::vector<FileSystem> readFileSystems() {
@@ -55,6 +50,12 @@ std::vector<FileSystem> readFileSystems() {
 }
 
 }  // namespace
+
+FileSystem fileSystemOf(const Mount& mount, const FileSystemUse& use) {
+  constexpr uint64_t kMiB = 1024UL * 1024UL;
+  return {mount.mountPoint, mount.source, use.size / kMiB, use.freeForUsers / kMiB,
+          use.usedPercent};
+}
 
 std::vector<FileSystem> eachDeviceOnce(
     const std::vector<Mount>& mounts,

@@ -43,6 +43,8 @@ struct MachineState {
 // the root stands for all.
 MachineState readMachineState();
 
+FileSystem fileSystemOf(const Mount& mount, const FileSystemUse& use);
+
 // Containers mount one device in many places, of which the first that can be measured is as good as
 // any. File systems without a device of their own (tmpfs, overlay) only share its name.
 std::vector<FileSystem> eachDeviceOnce(

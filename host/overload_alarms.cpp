@@ -18,19 +18,16 @@
 namespace kel::host {
 namespace {
 
-constexpr uint64_t kMiB = 1024UL * 1024UL;
 constexpr std::chrono::seconds kPause(2);  // until a master may be there again
 
 // The alarm of a disk with only a warning threshold.
 OverloadDiskAlarmInput alarmOf(const Overload& overload) {
-  MachineState machine{};
-  gettimeofday(&machine.time, nullptr);
-  const FileSystem disk{overload.mount.mountPoint, overload.mount.source, overload.use.size / kMiB,
-                        overload.use.freeForUsers / kMiB, overload.use.usedPercent};
+  timeval now{};
+  gettimeofday(&now, nullptr);
   OvLoadDiskCtlOutput thresholds{};
   thresholds.value1 = overload.threshold;
   thresholds.value2 = std::numeric_limits<uint32_t>::max();
-  return diskAlarm(machine, disk, thresholds);
+  return diskAlarm(now, fileSystemOf(overload.mount, overload.use), thresholds);
 }
 
 // Whether the master has the alarm, or may have it, or will never take it.

@@ -163,7 +163,7 @@ TEST(MachineRecords, CarryTheStateAndItsSeverity) {
   for (const Case& disk :
        {Case{79, kNotice, 80}, Case{80, kWarning, 80}, Case{90, kCritical, 90}}) {
     const FileSystem state{"/", "d", uint64_t{1} << 40U, 0, disk.used};
-    const OverloadDiskAlarmInput alarm = diskAlarm(machine, state, thresholds);
+    const OverloadDiskAlarmInput alarm = diskAlarm(machine.time, state, thresholds);
     EXPECT_EQ(alarm.value2, disk.severity);
     EXPECT_EQ(alarm.value4, disk.threshold);
     EXPECT_EQ(alarm.value5, UINT32_MAX);  // more than the field can say
