@@ -3,27 +3,23 @@
 #include "host/rpc_framework.hpp"
 
 #include <fmt/core.h>
-#include <grpc/byte_buffer.h>
-#include <grpc/byte_buffer_reader.h>
-#include <grpc/grpc.h>
 #include <grpc/slice.h>
-#include <grpc/support/alloc.h>
-#include <grpcpp/generic/generic_stub.h>
-#include <grpcpp/grpcpp.h>
+#include <grpcpp/channel.h>
+#include <grpcpp/completion_queue.h>
+#include <grpcpp/support/slice.h>
 #include <kel_sys_diag/rpc.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <semaphore>
-#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -32,8 +28,8 @@
 
 #include "host/channels.hpp"
 #include "host/encoding.hpp"
+#include "host/exchange.hpp"
 #include "host/field_text.hpp"
-#include "host/hand_over.hpp"
 
 namespace kel::host {
 namespace {
@@ -64,199 +60,9 @@ struct Failure {
   RpcResult result;
 };
 
-// One request and its reply. Operations that need not wait for each other do not; they end in any
-// order, on any thread, even two at the same time.
-//
-// gRPC's C interface, because the C++ classes for a single reply would wait for the deadline if
-// there were another one, and those for streams give every operation an end of its own.
-class Exchange {
- public:
-  Exchange() {
-    grpc_metadata_array_init(&head_);
-    grpc_metadata_array_init(&trailer_);
-  }
-  ~Exchange() {
-    grpc_byte_buffer_destroy(request_);
-    grpc_byte_buffer_destroy(reply_);
-    grpc_byte_buffer_destroy(surplus_);
-    grpc_slice_unref(detail_);
-    grpc_metadata_array_destroy(&trailer_);
-    grpc_metadata_array_destroy(&head_);
-  }
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
-
-  void prepare(const std::shared_ptr<grpc::Channel>& channel, grpc::CompletionQueue& queue,
-               const std::string& path, const grpc::Slice& request,
-               std::chrono::milliseconds deadline) {
-    channel_ = channel;
-    context_.set_deadline(gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
-                                       gpr_time_from_millis(deadline.count(), GPR_TIMESPAN)));
-    stream_ = grpc::GenericStub(channel).PrepareCall(&context_, path, &queue);
-    grpc_slice bytes = request.c_slice();
-    request_ = grpc_raw_byte_buffer_create(&bytes, 1);
-    grpc_slice_unref(bytes);
-  }
-
-  // Once it has been prepared. From then on this is those who take the ends.
-  void send() noexcept {
-    std::array<grpc_op, 2> reply{};
-    reply[0].op = GRPC_OP_RECV_INITIAL_METADATA;
-    reply[0].data.recv_initial_metadata.recv_initial_metadata = &head_;
-    reply[1] = receiving(reply_);
-    begin(replied_, reply);
-
-    std::array<grpc_op, 3> message{};
-    message[0].op = GRPC_OP_SEND_INITIAL_METADATA;
-    message[1].op = GRPC_OP_SEND_MESSAGE;
-    message[1].data.send_message.send_message = request_;
-    message[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    begin(written_, message);
-  }
-
-  static Exchange& of(const grpc_event& end) { return *static_cast<Operation*>(end.tag)->exchange; }
-
-  // Takes the end of one operation. Says whether there is none left, and so nobody else here.
-  bool advance(const grpc_event& end) {
-    if (end.tag == &written_) {
-      sent_ = end.success != 0;
-    } else if (end.tag == &replied_) {
-      awaitEnd();
-    } else if (end.tag == &readOn_ && surplus_ != nullptr) {
-      context_.TryCancel();
-    }
-    handOver();
-    return --left_ == 0;
-  }
-
-  // Once advance has returned true.
-  int32_t decodeInto(void* output, const IdlCodecOps& ops) {
-    lastWords.keep(status() == GRPC_STATUS_OK ? "" : said().get());
-    if (surplus_ != nullptr) {
-      return kTooManyReplies;
-    }
-    if (status() != GRPC_STATUS_OK) {
-      return failure();
-    }
-    if (reply_ == nullptr || grpc_byte_buffer_length(reply_) == 0) {
-      return kReplyEmpty;
-    }
-    const grpc::Slice bytes = received();
-    return ops.unpackFn(bytes.begin(), static_cast<uint32_t>(bytes.size()), output) != 0
-               ? kOk
-               : kReplyNotDecoded;
-  }
-
- private:
-  // Its address is what the queue gives back.
-  struct Operation {
-    Exchange* exchange;
-  };
-
-  static grpc_op receiving(grpc_byte_buffer*& message) {
-    grpc_op op{};
-    op.op = GRPC_OP_RECV_MESSAGE;
-    op.data.recv_message.recv_message = &message;
-    return op;
-  }
-
-  void begin(Operation& operation, std::span<const grpc_op> ops) {
-    handOver();
-    if (grpc_call_start_batch(context_.c_call(), ops.data(), ops.size(), &operation, nullptr) !=
-        GRPC_CALL_OK) {
-      std::abort();  // these operations are always in order
-    }
-  }
-
-  void awaitEnd() {
-    left_ += reply_ == nullptr ? 1 : 2;
-    // The end does not come before another reply has been read, if there is one.
-    if (reply_ != nullptr) {
-      const grpc_op more = receiving(surplus_);
-      begin(readOn_, {&more, 1});
-    }
-    grpc_op status{};
-    status.op = GRPC_OP_RECV_STATUS_ON_CLIENT;
-    status.data.recv_status_on_client.trailing_metadata = &trailer_;
-    status.data.recv_status_on_client.status = &status_;
-    status.data.recv_status_on_client.status_details = &detail_;
-    begin(ended_, {&status, 1});
-  }
-
-  // Shares the received block; only a reply in pieces has to be joined.
-  [[nodiscard]] grpc::Slice received() const {
-    const grpc_slice_buffer& pieces = reply_->data.raw.slice_buffer;
-    if (pieces.count == 1) {
-      return {pieces.slices[0], grpc::Slice::ADD_REF};
-    }
-    grpc_byte_buffer_reader reader;
-    grpc_byte_buffer_reader_init(&reader, reply_);
-    grpc::Slice joined(grpc_byte_buffer_reader_readall(&reader), grpc::Slice::STEAL_REF);
-    grpc_byte_buffer_reader_destroy(&reader);
-    return joined;
-  }
-
-  // Copied by gRPC: it may be another thread's text, handed over where a race detector cannot see.
-  [[nodiscard]] std::unique_ptr<char, void (*)(void*)> said() const {
-    return {grpc_slice_to_c_string(detail_), gpr_free};
-  }
-
-  [[nodiscard]] int32_t failure() const {
-    switch (status()) {
-      case GRPC_STATUS_UNAVAILABLE:
-        return sent_ ? kConnectionLost : kUnreachable;
-      case GRPC_STATUS_CANCELLED:  // by a server that stops
-        return kConnectionLost;
-      case GRPC_STATUS_DEADLINE_EXCEEDED:
-        return sent_ ? kDeadlinePassed : kNotSent;
-      case GRPC_STATUS_INVALID_ARGUMENT:
-        return kRequestRejected;
-      case GRPC_STATUS_UNIMPLEMENTED:
-        return kMethodUnknown;
-      case GRPC_STATUS_RESOURCE_EXHAUSTED:
-        return kTooLarge;
-      case GRPC_STATUS_PERMISSION_DENIED:
-        return kNotPermitted;
-      default:
-        return kGrpcStatus + (isKnown(status()) ? status() : GRPC_STATUS_UNKNOWN);
-    }
-  }
-
-  // A number, since gRPC hands on whatever the server has sent.
-  [[nodiscard]] int32_t status() const {
-    int32_t number = 0;
-    std::memcpy(&number, &status_, sizeof number);
-    return number;
-  }
-  static bool isKnown(int32_t status) {
-    return status >= GRPC_STATUS_OK && status <= GRPC_STATUS_UNAUTHENTICATED;
-  }
-
-  // To be given up after the context, and so not by gRPC's code, into which a race detector cannot
-  // see.
-  std::shared_ptr<grpc::Channel> channel_;
-  grpc::ClientContext context_;
-  std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
-  Operation ended_{this};
-  Operation replied_{this};
-  Operation written_{this};
-  Operation readOn_{this};
-  std::atomic<int> left_ = 2;  // operations whose ends have not been taken
-  bool sent_ = false;
-  grpc_byte_buffer* request_ = nullptr;
-  grpc_metadata_array head_;
-  grpc_byte_buffer* reply_ = nullptr;
-  grpc_byte_buffer* surplus_ = nullptr;
-  grpc_metadata_array trailer_;
-  grpc_status_code status_ = GRPC_STATUS_UNKNOWN;
-  grpc_slice detail_ = grpc_empty_slice();
-};
-
-grpc_event next(grpc::CompletionQueue& queue) {
-  const grpc_event end =
-      grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
-  handOver();
-  return end;
+int32_t conclude(Exchange& call, void* output, const IdlCodecOps& ops) {
+  lastWords.keep(call.said().get());
+  return call.decodeInto(output, ops);
 }
 
 // For callers that wait in company: the thread that takes the ends of their operations is awake
@@ -288,7 +94,7 @@ struct AsyncCall : Exchange {
         output(new std::byte[info.outputSize]()) {}
 
   void complete() {
-    const int32_t result = decodeInto(output.get(), ops);
+    const int32_t result = conclude(*this, output.get(), ops);
     if (result != kOk) {
       completion(result, nullptr, context);
       return;
@@ -333,15 +139,14 @@ class Engine {
         grpc::CompletionQueue own;
         call.prepare(channel, own, path, request, invoker.deadline);
         call.send();
-        while (!call.advance(next(own))) {
-        }
+        Exchange::nextEnded(own);
       } else {
         call.prepare(channel, waitedFor_, path, request, invoker.deadline);
         call.send();
         call.over.acquire();
       }
     }
-    return call.decodeInto(output, ops);
+    return conclude(call, output, ops);
   }
 
   void waitForCompletions() {
@@ -412,23 +217,16 @@ class Engine {
 
   void run() {
     for (;;) {
-      const grpc_event end = next(queue_);
-      auto& call = static_cast<AsyncCall&>(Exchange::of(end));
-      if (call.advance(end)) {
-        call.complete();
-        delete &call;
-        forget();
-      }
+      auto& call = static_cast<AsyncCall&>(Exchange::nextEnded(queue_));
+      call.complete();
+      delete &call;
+      forget();
     }
   }
 
   void wakeCallers() {
     for (;;) {
-      const grpc_event end = next(waitedFor_);
-      auto& call = static_cast<SyncCall&>(Exchange::of(end));
-      if (call.advance(end)) {
-        call.over.release();
-      }
+      static_cast<SyncCall&>(Exchange::nextEnded(waitedFor_)).over.release();
     }
   }
 
