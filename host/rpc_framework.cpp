@@ -2,6 +2,7 @@
 // for a synchronous call, the framework's for an asynchronous one.
 #include "host/rpc_framework.hpp"
 
+#include <absl/status/status.h>
 #include <fmt/core.h>
 #include <grpc/slice.h>
 #include <grpcpp/channel.h>
@@ -295,28 +296,6 @@ int32_t guarded(const Body& body) {
   return result;
 }
 
-std::string_view statusName(int32_t code) {
-  static constexpr std::array<std::string_view, 17> kNames = {"OK",
-                                                              "CANCELLED",
-                                                              "UNKNOWN",
-                                                              "INVALID_ARGUMENT",
-                                                              "DEADLINE_EXCEEDED",
-                                                              "NOT_FOUND",
-                                                              "ALREADY_EXISTS",
-                                                              "PERMISSION_DENIED",
-                                                              "RESOURCE_EXHAUSTED",
-                                                              "FAILED_PRECONDITION",
-                                                              "ABORTED",
-                                                              "OUT_OF_RANGE",
-                                                              "UNIMPLEMENTED",
-                                                              "INTERNAL",
-                                                              "UNAVAILABLE",
-                                                              "DATA_LOSS",
-                                                              "UNAUTHENTICATED"};
-  const auto index = static_cast<size_t>(code);
-  return index < kNames.size() ? kNames[index] : "of a kind not known here";
-}
-
 }  // namespace
 
 std::string describe(int32_t result) {
@@ -363,7 +342,9 @@ std::string describe(int32_t result) {
   }
   if (result >= kGrpcStatus) {
     const int32_t code = result - kGrpcStatus;
-    return fmt::format("the call failed with gRPC status {} ({})", code, statusName(code));
+    const std::string name = absl::StatusCodeToString(static_cast<absl::StatusCode>(code));
+    return fmt::format("the call failed with gRPC status {} ({})", code,
+                       name.empty() ? "of a kind not known here" : name);
   }
   return fmt::format("the call failed with the unknown result {}", result);
 }
