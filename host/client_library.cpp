@@ -5,6 +5,9 @@
 #include <fmt/core.h>
 
 #include <stdexcept>
+#include <string>
+
+#include "host/rpc_framework.hpp"
 
 namespace kel::host {
 namespace {
@@ -27,9 +30,7 @@ void findMethod(void* library, const char* name, Method& method) {
   find(library, symbol + "_async", method.callAsync);
 }
 
-}  // namespace
-
-ClientLibrary loadClientLibrary(const std::string& path) {
+ClientLibrary load(const std::string& path) {
   void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     throw std::runtime_error(fmt::format("cannot load the library: {}", dlerror()));
@@ -40,6 +41,17 @@ ClientLibrary loadClientLibrary(const std::string& path) {
   findMethod(handle, "KelSendOverloadAlarm", library.sendOverloadAlarm);
   findMethod(handle, "KelSendMobileDiskOverloadAlarm", library.sendDiskOverloadAlarm);
   findMethod(handle, "KelGetDiskOvLoadCfgInfo", library.getDiskThresholds);
+  return library;
+}
+
+}  // namespace
+
+ClientLibrary prepareCalls(const HostOptions& options) {
+  const ClientLibrary library = load(options.library);
+  setTarget(*library.address, options.master);
+  configureCalls(options.calls);
+  checkTarget(options.master);
+  setCompactAlways(options.compact);
   return library;
 }
 

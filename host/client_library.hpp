@@ -1,9 +1,9 @@
-// libkel_sys_diag.so, loaded while the process runs. For kel_host.
+// libkel_sys_diag.so, loaded while the process runs, and its calls to the master. For kel_host.
 #pragma once
 
 #include <kel_sys_diag/client.h>
 
-#include <string>
+#include "host/command_line.hpp"
 
 namespace kel::host {
 
@@ -26,7 +26,8 @@ struct ClientLibrary {
   ClientMethod<OvLoadDiskCtlInput, OvLoadDiskCtlOutput> getDiskThresholds;
 };
 
-// Loads the library for the rest of the process's life. Throws std::runtime_error with a sentence.
-ClientLibrary loadClientLibrary(const std::string& path);
+// Loads the library for the rest of the process's life, and has its calls go as the options say.
+// Throws std::runtime_error with a sentence.
+ClientLibrary prepareCalls(const HostOptions& options);
 
 }  // namespace kel::host

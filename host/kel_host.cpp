@@ -215,12 +215,7 @@ void checkMemory() {
 }
 
 void tellStory(const HostOptions& options) {
-  const ClientLibrary library = loadClientLibrary(options.library);
-  setTarget(*library.address, options.master);
-  configureCalls(options.calls);
-  checkTarget(options.master);
-  setCompactAlways(options.compact);
-  report(options, library);
+  report(options, prepareCalls(options));
   checkMemory();
 }
 

@@ -12,7 +12,6 @@
 #include "host/os_allocator.hpp"
 #include "host/overload_alarms.hpp"
 #include "host/qarne_methods.hpp"
-#include "host/rpc_framework.hpp"
 #include "host/rpc_server.hpp"
 #include "host/service_framework.hpp"
 #include "host/stop_signals.hpp"
@@ -39,11 +38,7 @@ ServerOptions serverOptions(const HostOptions& options) {
 }
 
 void serveUntilStopped(const HostOptions& options, const StopSignals& stop) {
-  const ClientLibrary library = loadClientLibrary(options.library);
-  setTarget(*library.address, options.master);
-  configureCalls(options.calls);
-  checkTarget(options.master);
-  setCompactAlways(options.compact);
+  const ClientLibrary library = prepareCalls(options);
   const ServedService service(loadModule(options.library, kService), kService,
                               options.compact ? ServedService::ReplyForm::compact
                                               : ServedService::ReplyForm::fixedWherePossible);
