@@ -23,6 +23,8 @@
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 #include "host/credentials.hpp"
 #include "host/lines.hpp"
@@ -47,12 +49,12 @@ FileDescriptor openSocket(int family, const std::string& target) {
   return result;
 }
 
-std::string socketPath(const std::string& target) {
-  std::string path = target.substr(target.find(':') + 1);
-  if (path.starts_with("//")) {
-    path.erase(0, 2);
+std::string withoutScheme(const std::string& target) {
+  std::string rest = target.substr(target.find(':') + 1);
+  if (rest.starts_with("//")) {
+    rest.erase(0, 2);
   }
-  return path;
+  return rest;
 }
 
 std::filesystem::path folderOf(const std::string& path) {
@@ -122,12 +124,37 @@ void removeDeadSocket(const sockaddr_un& address, const std::string& target) {
   unlink(path);
 }
 
+struct HostAndPort {
+  std::string host;
+  std::string port;
+};
+
+HostAndPort hostAndPortOf(const std::string& target) {
+  const bool hasScheme = target.starts_with("ipv4:") || target.starts_with("ipv6:");
+  std::string host = hasScheme ? withoutScheme(target) : target;
+  const size_t colon = host.rfind(':');
+  if (colon == std::string::npos || colon == 0) {
+    fail(target, "it is neither unix:PATH nor ADDRESS:PORT");
+  }
+  std::string port = host.substr(colon + 1);
+  uint16_t number = 0;
+  const auto parsed = std::from_chars(port.data(), port.data() + port.size(), number);
+  if (parsed.ec != std::errc() || parsed.ptr != port.data() + port.size()) {
+    fail(target, fmt::format("\"{}\" is no port", port));
+  }
+  host.resize(colon);
+  if (host.starts_with('[') && host.ends_with(']')) {
+    host = host.substr(1, host.size() - 2);
+  }
+  return {std::move(host), std::move(port)};
+}
+
 struct FreeAddresses {
   void operator()(addrinfo* list) const { freeaddrinfo(list); }
 };
 
-std::unique_ptr<addrinfo, FreeAddresses> resolve(const std::string& host, const std::string& port,
-                                                 const std::string& target) {
+std::unique_ptr<addrinfo, FreeAddresses> resolve(const std::string& target) {
+  const auto [host, port] = hostAndPortOf(target);
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
@@ -168,7 +195,7 @@ Listener::Listener(const std::string& target)
   if (!wakeUp_.isOpen()) {
     failWithErrno(target);
   }
-  isUnixSocket(target) ? listenOnUnixSocket(socketPath(target)) : listenOnTcp(target);
+  isUnixSocket(target) ? listenOnUnixSocket(withoutScheme(target)) : listenOnTcp();
 }
 
 Listener::~Listener() { stop(); }
@@ -203,26 +230,8 @@ void Listener::listenOnUnixSocket(const std::string& path) {
   inode_ = status.st_ino;
 }
 
-void Listener::listenOnTcp(const std::string& address) {
-  std::string host = address;
-  if (host.starts_with("ipv4:") || host.starts_with("ipv6:")) {
-    host = socketPath(address);
-  }
-  const size_t colon = host.rfind(':');
-  if (colon == std::string::npos || colon == 0) {
-    fail(target_, "it is neither unix:PATH nor ADDRESS:PORT");
-  }
-  const std::string port = host.substr(colon + 1);
-  uint16_t number = 0;
-  const auto parsed = std::from_chars(port.data(), port.data() + port.size(), number);
-  if (parsed.ec != std::errc() || parsed.ptr != port.data() + port.size()) {
-    fail(target_, fmt::format("\"{}\" is no port", port));
-  }
-  host.resize(colon);
-  if (host.starts_with('[') && host.ends_with(']')) {
-    host = host.substr(1, host.size() - 2);
-  }
-  const auto resolved = resolve(host, port, target_);
+void Listener::listenOnTcp() {
+  const auto resolved = resolve(target_);
   socket_ = openSocket(resolved->ai_family, target_);
   const int on = 1;
   // A peer that reads nothing keeps what is to be written, and a connection does not close before
@@ -236,7 +245,7 @@ void Listener::listenOnTcp(const std::string& address) {
       listen(socket_.get(), SOMAXCONN) != 0) {
     failWithErrno(target_);
   }
-  target_ = fmt::format("{}:{}", address.substr(0, address.rfind(':')), portOf(socket_.get()));
+  target_ = fmt::format("{}:{}", target_.substr(0, target_.rfind(':')), portOf(socket_.get()));
 }
 
 void Listener::start(std::function<void(int)> take) {

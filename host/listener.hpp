@@ -36,7 +36,7 @@ class Listener {
 
  private:
   void listenOnUnixSocket(const std::string& path);
-  void listenOnTcp(const std::string& address);
+  void listenOnTcp();
   void run(const std::function<void(int)>& take);
   // Returns whether there are descriptors left.
   [[nodiscard]] bool acceptOne(const std::function<void(int)>& take);
