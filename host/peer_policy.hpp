@@ -2,7 +2,6 @@
 // that serve methods which are not for everybody.
 #pragma once
 
-#include <array>
 #include <functional>
 #include <span>
 #include <string>
@@ -25,12 +24,5 @@ using PeerPolicy = std::function<std::string(const std::string& path, const Peer
 
 // Opens paths only to local peers and to those that bear one of names, and everything else to all.
 PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> paths);
-
-// The methods of KelSysdiagQarne that change the system that they are called on.
-inline constexpr std::array<std::string_view, 3> kChangingMethods = {
-    "/KelSysdiagQarne/KelSysOvLoadDiskThresholdSet",
-    "/KelSysdiagQarne/KelResetDiskMakeFS",
-    "/KelSysdiagQarne/KelMountDisk",
-};
 
 }  // namespace kel::host

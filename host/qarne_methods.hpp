@@ -4,7 +4,9 @@
 
 #include <kel_sys_diag/records.h>
 
+#include <array>
 #include <cstdint>
+#include <string_view>
 
 namespace kel::host {
 
@@ -12,6 +14,13 @@ class Diagnostics;
 
 // Who answers from now on; null: nobody, and every call fails. The object must outlive the calls.
 void setDiagnostics(Diagnostics* diagnostics);
+
+// The paths of those methods that change the machine, and so are not for everybody.
+inline constexpr std::array<std::string_view, 3> kChangingMethods = {
+    "/KelSysdiagQarne/KelSysOvLoadDiskThresholdSet",
+    "/KelSysdiagQarne/KelResetDiskMakeFS",
+    "/KelSysdiagQarne/KelMountDisk",
+};
 
 // FdProcInfoQuery lists so many processes when it is not told how many, and never more than so
 // many, which keeps the reply below gRPC's usual limit of 4 MiB.
