@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <optional>
 #include <sstream>
+#include <string_view>
+#include <system_error>
 
 #include "host/kernel_files.hpp"
 #include "host/mount_table.hpp"

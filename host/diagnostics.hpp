@@ -1,5 +1,6 @@
-// What the served methods do, without the records: questions about the machine, thresholds, disk
-// images. For qarne_methods and kel_host; thread-safe.
+// What the served methods do, without the records: the use of file systems, thresholds, disk
+// images. The rest they read from the machine by themselves. For qarne_methods and kel_host;
+// thread-safe.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // Text in the records' byte arrays, and text that is safe to show.
-// For both programs; docs/fields.md says which fields hold text.
+// For all programs; docs/fields.md says which fields hold text.
 #pragma once
 
 #include <cstdint>

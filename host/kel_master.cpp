@@ -1,6 +1,8 @@
 // kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM, SIGINT or SIGHUP.
 #include <fmt/core.h>
 
+#include <span>
+#include <string>
 #include <utility>
 
 #include "host/command_line.hpp"

@@ -4,7 +4,6 @@
 #include <fmt/core.h>
 
 #include <algorithm>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>

@@ -1,4 +1,5 @@
-// What is mounted where, and how full it is. For the served methods' readers.
+// What is mounted where, and how full it is. For the readers of the machine's state and for
+// diagnostics.
 #pragma once
 
 #include <cstdint>
@@ -39,7 +40,7 @@ struct FileSystemUse {
   bool readOnly;
 };
 
-// Null when this user may not look, or nothing is there any more.
+// Null when this user may not look, or nothing is there any more; errno tells.
 std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint);
 
 }  // namespace kel::host

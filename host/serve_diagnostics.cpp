@@ -3,7 +3,9 @@
 
 #include <fmt/core.h>
 
+#include <span>
 #include <stdexcept>
+#include <string>
 
 #include "host/client_library.hpp"
 #include "host/diagnostics.hpp"

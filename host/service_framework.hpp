@@ -13,6 +13,7 @@
 #include <kel_sys_diag/rpc.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <span>
 #include <string>

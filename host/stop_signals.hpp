@@ -7,8 +7,8 @@
 namespace kel::host {
 
 // Blocks the signals for this thread and those that it starts from now on, so that only wait sees
-// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored. How its
-// children ended is told, whatever whoever started it made of SIGCHLD.
+// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored. Not so
+// SIGCHLD, even if the program was started so: how a child ended would not be told then.
 class StopSignals {
  public:
   StopSignals() {
