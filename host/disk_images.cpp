@@ -14,8 +14,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
 #include "host/child_process.hpp"
 #include "host/field_text.hpp"
@@ -89,10 +91,15 @@ bool carriesMount(const std::string& device) {
 // Whether an image is mounted by somebody who takes no lock on it, as mount(8) does not.
 bool isMounted(int image) {
   struct stat state {};
-  return fstat(image, &state) == 0 &&
-         std::ranges::any_of(namesIn("/sys/block"), [&](const std::string& name) {
-           return name.starts_with("loop") && holds(name, state) && carriesMount(name);
-         });
+  if (fstat(image, &state) != 0) {
+    return false;
+  }
+  // A container may lack either list, or have it without some of its devices.
+  std::vector<std::string> names = namesIn("/sys/block");
+  std::ranges::copy(namesIn("/dev"), std::back_inserter(names));
+  return std::ranges::any_of(names, [&](const std::string& name) {
+    return name.starts_with("loop") && holds(name, state) && carriesMount(name);
+  });
 }
 
 struct LoopDevice {
