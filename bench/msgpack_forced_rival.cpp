@@ -1,6 +1,7 @@
 // How far msgpack-c's packer can be forced: every integer at its full width, against the format's
-// rule that it takes the least room, all of it inlined, straight into the caller's buffer. Not what
-// its documentation shows, but the nearest to a plain copy that it can do. For the codec benchmark.
+// rule that it takes the least room, all of it inlined, straight into the caller's buffer. Its
+// documentation has the parts but advises none of this; it is the nearest to a plain copy that the
+// packer can do. For the codec benchmark.
 #include <stdexcept>
 
 #include "bench/candidate.hpp"
