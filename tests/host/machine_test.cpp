@@ -101,7 +101,7 @@ TEST(Mounts, AreSeenUnlessOthersLieOnThemOrOnTheWay) {
   for (const Mount& mount : mounts) {
     EXPECT_EQ(isSeen(mounts, mount), mount.source == "/dev/seen") << mount.id;
   }
-  EXPECT_EQ(findMount(mounts, "/data/disk")->id, 25U);
+  EXPECT_EQ(findMount(mounts, "/data/disk").value_or(Mount{}).id, 25U);
   EXPECT_FALSE(findMount(mounts, "/mnt/disk"));
 }
 
