@@ -77,14 +77,14 @@ bool isBelow(const std::string& place, const std::string& other) {
          (other.ends_with('/') || place[other.size()] == '/');
 }
 
-bool isMountedOn(const Mount& one, const Mount& other) {
-  return one.parent == other.id && one.id != other.id && one.mountPoint == other.mountPoint;
+bool isMountedOn(const Mount& upper, const Mount& lower) {
+  return upper.parent == lower.id && upper.id != lower.id && upper.mountPoint == lower.mountPoint;
 }
 
 // Of what is mounted in one mount, what comes first on the way to a place is what is met there.
-bool comesBefore(const Mount& one, const Mount& other) {
-  return one.parent == other.parent && one.id != other.id &&
-         isBelow(other.mountPoint, one.mountPoint);
+bool comesBefore(const Mount& first, const Mount& second) {
+  return first.parent == second.parent && first.id != second.id &&
+         isBelow(second.mountPoint, first.mountPoint);
 }
 
 // Null for the first of all, and where it cannot be seen from here.
