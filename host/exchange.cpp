@@ -110,8 +110,7 @@ int32_t Exchange::decodeInto(void* output, const IdlCodecOps& ops) {
 }
 
 std::unique_ptr<char, void (*)(void*)> Exchange::said() const {
-  return {grpc_slice_to_c_string(status() == GRPC_STATUS_OK ? grpc_empty_slice() : detail_),
-          gpr_free};
+  return {status() == GRPC_STATUS_OK ? nullptr : grpc_slice_to_c_string(detail_), gpr_free};
 }
 
 void Exchange::begin(Operation& operation, std::span<const grpc_op> ops) {

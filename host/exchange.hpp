@@ -48,8 +48,8 @@ class Exchange {
   // Returns the result of the call. With kOk, output holds the reply.
   int32_t decodeInto(void* output, const IdlCodecOps& ops);
 
-  // What gRPC or the server said, if it failed. Copied by gRPC: it may be another thread's text,
-  // handed over where a race detector cannot see.
+  // What gRPC or the server said if it failed, or null. Copied by gRPC: it may be another thread's
+  // text, handed over where a race detector cannot see.
   [[nodiscard]] std::unique_ptr<char, void (*)(void*)> said() const;
 
  private:

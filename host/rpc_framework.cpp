@@ -62,7 +62,8 @@ struct Failure {
 };
 
 int32_t conclude(Exchange& call, void* output, const IdlCodecOps& ops) {
-  lastWords.keep(call.said().get());
+  const auto said = call.said();
+  lastWords.keep(said ? said.get() : "");
   return call.decodeInto(output, ops);
 }
 
