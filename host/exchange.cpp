@@ -68,16 +68,30 @@ void Exchange::send() noexcept {
   begin(written_, message);
 }
 
+Exchange* Exchange::sendAndTakeEnd(grpc::CompletionQueue& queue) noexcept {
+  grpc_completion_queue_thread_local_cache_init(queue.cq());
+  send();
+  grpc_event end{GRPC_OP_COMPLETE, 0, nullptr};
+  const int isThere =
+      grpc_completion_queue_thread_local_cache_flush(queue.cq(), &end.tag, &end.success);
+  return isThere != 0 ? takeEndOf(end) : nullptr;
+}
+
 Exchange& Exchange::nextEnded(grpc::CompletionQueue& queue) {
   for (;;) {
     const grpc_event end =
         grpc_completion_queue_next(queue.cq(), gpr_inf_future(GPR_CLOCK_MONOTONIC), nullptr);
-    handOver();
-    Exchange& exchange = *static_cast<Operation*>(end.tag)->exchange;
-    if (exchange.takeEnd(end)) {
-      return exchange;
+    if (Exchange* const ended = takeEndOf(end)) {
+      return *ended;
     }
   }
+}
+
+// Returns the exchange if none of its operations is left.
+Exchange* Exchange::takeEndOf(const grpc_event& end) {
+  handOver();
+  Exchange& exchange = *static_cast<Operation*>(end.tag)->exchange;
+  return exchange.takeEnd(end) ? &exchange : nullptr;
 }
 
 // Of one operation. Says whether there is none left, and so nobody else here.

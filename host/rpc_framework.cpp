@@ -144,7 +144,9 @@ class Engine {
         Exchange::nextEnded(own);
       } else {
         call.prepare(channel, waitedFor_, path, request, invoker.deadline);
-        call.send();
+        if (Exchange* const ended = call.sendAndTakeEnd(waitedFor_)) {
+          wake(*ended);
+        }
         call.over.acquire();
       }
     }
@@ -228,9 +230,11 @@ class Engine {
 
   void wakeCallers() {
     for (;;) {
-      static_cast<SyncCall&>(Exchange::nextEnded(waitedFor_)).over.release();
+      wake(Exchange::nextEnded(waitedFor_));
     }
   }
+
+  static void wake(Exchange& ended) { static_cast<SyncCall&>(ended).over.release(); }
 
   void forget() {
     const std::scoped_lock lock(mutex_);
