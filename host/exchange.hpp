@@ -42,7 +42,7 @@ class Exchange {
   // The same, and takes the first end that this thread comes upon meanwhile, often that of sending
   // itself, so that nobody has to be woken for it. Returns the exchange on the queue that has ended
   // thereby, which is then the caller's alone, or null.
-  Exchange* sendAndTakeEnd(grpc::CompletionQueue& queue) noexcept;
+  [[nodiscard]] Exchange* sendAndTakeEnd(grpc::CompletionQueue& queue) noexcept;
 
   // Waits until an exchange on the queue has ended, which is then the caller's alone. Several
   // threads may wait on one queue.
@@ -64,7 +64,7 @@ class Exchange {
   };
 
   void begin(Operation& operation, std::span<const grpc_op> ops);
-  static Exchange* takeEndOf(const grpc_event& end);
+  [[nodiscard]] static Exchange* takeEndOf(const grpc_event& end);
   [[nodiscard]] bool takeEnd(const grpc_event& end);
   void awaitStatus();
   [[nodiscard]] grpc::Slice received() const;
