@@ -128,9 +128,9 @@ std::unique_ptr<char, void (*)(void*)> Exchange::said() const {
 }
 
 void Exchange::begin(Operation& operation, std::span<const grpc_op> ops) {
+  grpc_call* const call = context_.c_call();  // nothing here is read once it is handed over
   handOver();
-  if (grpc_call_start_batch(context_.c_call(), ops.data(), ops.size(), &operation, nullptr) !=
-      GRPC_CALL_OK) {
+  if (grpc_call_start_batch(call, ops.data(), ops.size(), &operation, nullptr) != GRPC_CALL_OK) {
     std::abort();  // these operations are always in order
   }
 }
