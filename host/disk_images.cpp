@@ -68,6 +68,7 @@ bool isFileOfItsOwn(int descriptor) {
 }
 
 // By the device itself, or, where this user may not open it, by the path that everybody may read.
+// One whose image cannot be seen, for want of a descriptor, may have this one.
 bool holds(const std::string& loopDevice, const struct stat& image) {
   const FileDescriptor device(::open((path("/dev") / loopDevice).c_str(), O_RDONLY | O_CLOEXEC));
   if (device.isOpen()) {
@@ -75,9 +76,13 @@ bool holds(const std::string& loopDevice, const struct stat& image) {
     return ioctl(device.get(), LOOP_GET_STATUS64, &info) == 0 && info.lo_device == image.st_dev &&
            info.lo_inode == image.st_ino;
   }
-  const auto file = readText(path("/sys/block") / loopDevice / "loop/backing_file");
+  const path backingFile = path("/sys/block") / loopDevice / "loop/backing_file";
+  const auto file = readText(backingFile);
+  if (!file) {
+    return access(backingFile.c_str(), F_OK) == 0;
+  }
   struct stat state {};
-  return file && stat(file->c_str(), &state) == 0 && state.st_dev == image.st_dev &&
+  return stat(file->c_str(), &state) == 0 && state.st_dev == image.st_dev &&
          state.st_ino == image.st_ino;
 }
 
@@ -97,6 +102,9 @@ bool isMounted(int image) {
   // A container may lack either list, or have it without some of its devices.
   std::vector<std::string> names = namesIn("/sys/block");
   std::ranges::copy(namesIn("/dev"), std::back_inserter(names));
+  if (names.empty()) {
+    return true;  // for all that is known, where no descriptor is free to look
+  }
   return std::ranges::any_of(names, [&](const std::string& name) {
     return name.starts_with("loop") && holds(name, state) && carriesMount(name);
   });
