@@ -84,11 +84,12 @@ bool useImage(const QarneClient& client, const QueryOptions& options) {
     return true;
   }
   heading(kResetDiskMakeFS, shown(options.image));
-  const bool formatted =
-      showChange(*ask(client, kResetDiskMakeFS, named<ResetDiskCondition>(options.image)));
+  if (!showChange(*ask(client, kResetDiskMakeFS, named<ResetDiskCondition>(options.image)))) {
+    fmt::print("\n{} was not asked: the image has not been formatted\n", kMountDisk.name);
+    return false;
+  }
   heading(kMountDisk, shown(options.image));
-  const bool mounted = showChange(*ask(client, kMountDisk, named<MountDiskInput>(options.image)));
-  return formatted && mounted;
+  return showChange(*ask(client, kMountDisk, named<MountDiskInput>(options.image)));
 }
 
 bool changeThreshold(const QarneClient& client, const QueryOptions& options) {
