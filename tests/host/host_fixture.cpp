@@ -110,13 +110,13 @@ HostFixture::HostFixture() {
   folder = name;
   target = "unix:" + (folder / "socket").string();
   aimAt(target);
-}
-
-HostFixture::~HostFixture() {
+  // Here and not at a test's end: with its server just gone gRPC may be connecting anew, and never
+  // frees a connection whose channel is given up meanwhile.
   setCompactAlways(false);
   configureCalls({});
-  std::filesystem::remove_all(folder);
 }
+
+HostFixture::~HostFixture() { std::filesystem::remove_all(folder); }
 
 void HostFixture::aimAt(const std::string& where) {
   auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;
