@@ -6,7 +6,11 @@
  * without any that it does not find. So a host that offers one must define it with default
  * visibility, in the executable (linked with -rdynamic) or in a library of global scope, before its
  * first codec call. The choice then holds until the process ends. All must be thread-safe; none is
- * called with a lock of the library held, but for the flag function. */
+ * called with a lock of the library held, but for the flag function.
+ *
+ * Names are looked up under a lock of the library, and looking up waits for the loader's, which
+ * dlopen holds while it runs constructors. So no such constructor may make a codec call while
+ * another thread may be making the unit's first one: both would wait for good. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 
