@@ -252,7 +252,7 @@ class TableWriter {
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
-        const ByteVector what = loadAligned(rows::kOptionalRows<Record, Index>[row].head.data());
+        const ByteVector what = loadAligned(rows::kOptionalHeads<Record, Index>[row].data());
         head = kHasScalars ? subtractDownToZero<rows::HeadLane<Record>>(head, what) : what;
       }
     });
@@ -363,6 +363,7 @@ class TableWriter {
     });
   }
 
+  // Modulo 2^16, which texts and entries may pass: nothing is found by this length.
   [[gnu::always_inline]] void writeTableLength() {
     if constexpr (!rows::kHeadHasLength<Record>) {
       store(vtable_ + kTableLengthAt, static_cast<uint16_t>(at_ - table_));

@@ -231,14 +231,10 @@ consteval Head<Record> optionalHead(uint32_t slot, bool isThere) {
   return kScalars<Record>.count == 0 ? fullHeadLess<Record>(less) : less;
 }
 
-template <class Record>
-struct alignas(kVectorWidth) OptionalRow {
-  Head<Record> head;
-};
 // By whether the slot is there.
 template <class Record, uint32_t Slot>
-inline constexpr std::array<OptionalRow<Record>, 2> kOptionalRows{
-    {{optionalHead<Record>(Slot, false)}, {optionalHead<Record>(Slot, true)}}};
+alignas(kVectorWidth) inline constexpr std::array<Head<Record>, 2> kOptionalHeads{
+    optionalHead<Record>(Slot, false), optionalHead<Record>(Slot, true)};
 
 // Where one byte of every scalar lies in a window. If any byte of a scalar tells whether it is
 // zero, the first scalar's last one is taken: it is next to those of narrow scalars that follow,

@@ -134,7 +134,7 @@ template <class Record, Depth Which, uint32_t Index, uint32_t Room = sizeof(Reco
 [[gnu::always_inline]] inline ByteVector loadWindow(const uint8_t* bytes) {
   constexpr Window kWindow = kWindows<Record, Which>.items[Index];
   constexpr bool kWhole = kWindow.offset + kVectorWidth <= Room;
-  return loadVector < kWhole ? kVectorWidth : kWindow.size > (bytes + kWindow.offset);
+  return loadVector<(kWhole ? kVectorWidth : kWindow.size)>(bytes + kWindow.offset);
 }
 
 using Bytes = std::array<uint8_t, kVectorWidth>;

@@ -64,7 +64,6 @@ struct MemberSlot;
 
 template <class R, class T, T R::*Member>
 struct MemberSlot<Member> {
-  using Record = R;
   using Type = T;
   static constexpr SlotKind kind = kindOf<T>();
   static constexpr uint32_t width = sizeof(T);

@@ -25,8 +25,8 @@ using rows::kWindows;
 // There is a row for each combination of scalars.
 inline constexpr uint32_t kMostScalars = 2;
 
-// Tables that read takes. A lone array is not among them: the unpacker compares its position first
-// of all anyway, so that nothing would be gained.
+// Tables that read(), below, takes. A lone array is not among them: the unpacker compares its
+// position first of all anyway, so that nothing would be gained.
 template <class Record>
 concept SmallTable =
     PlainTable<Record> && Schema<Record>::count >= 2 && kScalars<Record>.count <= kMostScalars &&

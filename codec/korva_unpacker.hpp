@@ -202,16 +202,21 @@ template <class Slot, class Record>
   return true;
 }
 
+template <class Record>
+[[nodiscard, gnu::always_inline]] inline bool readTableAt(const Source& source, uint64_t position,
+                                                          Record& record) {
+  TableView view{};
+  return openTable(source, position, view) == HeaderFault::none && readTable(source, view, record);
+}
+
 template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readNestedTable(const Source& source, uint64_t field,
                                                               Record& record) {
   uint64_t target = 0;
-  TableView view{};
-  if (!follow(source, field, target) || openTable(source, target, view) != HeaderFault::none)
-      [[unlikely]] {
+  if (!follow(source, field, target)) [[unlikely]] {
     return false;
   }
-  return readTable(source, view, Slot::get(record));
+  return readTableAt(source, target, Slot::get(record));
 }
 
 // Clears what lies between the members of a record and after the last one, and in its nested ones.
@@ -233,13 +238,6 @@ template <PlainTable Record>
       std::memset(reinterpret_cast<uint8_t*>(&record) + kEnd, 0, kNext - kEnd);
     }
   });
-}
-
-template <class Record>
-[[nodiscard, gnu::always_inline]] inline bool readTableAt(const Source& source, uint64_t position,
-                                                          Record& record) {
-  TableView view{};
-  return openTable(source, position, view) == HeaderFault::none && readTable(source, view, record);
 }
 
 // Reads a small table at once, if our own packer laid it out. Returns false for anything else,
