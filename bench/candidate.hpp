@@ -43,8 +43,8 @@ struct Candidate {
   void (*dropObject)(const void* object) = nullptr;
 };
 
-// Whether it shares its record and its schema with another message, and so has the same code under
-// another name. Measured once is enough.
+// Whether it shares its record and its schema with an earlier message, and so has the same code
+// under another name. Measured once is enough.
 bool isTwin(const Message& message);
 
 // What our encoding takes before it does anything: the two calls that a framework makes, to a

@@ -48,9 +48,8 @@ uint32_t callTwice(const Message&, const Item& item, uint8_t* out) {
 }
 
 bool isTwin(const Message& message) {
-  constexpr std::string_view kTwins[] = {"ResetDiskCondition", "ResetDiskResult", "MountDiskInput",
-                                         "MountDiskResult"};
-  return std::ranges::find(kTwins, message.name) != std::end(kTwins);
+  const auto first = std::ranges::find(fuzz::allMessages(), message.shape, &Message::shape);
+  return first->name != message.name;
 }
 
 // A host has nothing to release where no record points at memory.
