@@ -3,8 +3,9 @@
 include(CheckCXXSymbolExists)
 
 set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
-# What the vectors take, which every 64-bit ARM has; there, the branch protection that the libraries
-# are linked to insist on. The compiler is asked, since not every toolchain file names the processor.
+# x86-64-v2 has the instructions that codec/korva_vector.hpp takes, and every 64-bit ARM has its own.
+# ARM's code has the branch protection that the linker insists on, below. The compiler is asked which
+# it is, since not every toolchain file names the processor.
 check_cxx_symbol_exists(__aarch64__ "" KEL_FOR_ARM)
 if(KEL_FOR_ARM)
   set(KEL_ARCHITECTURE -mbranch-protection=standard)
@@ -12,16 +13,16 @@ else()
   set(KEL_ARCHITECTURE -march=x86-64-v2)
 endif()
 
-# Everything of ours: strict warnings, which are errors (cmake --compile-no-warning-as-error lets
-# another compiler have its own), and includes by path from the top folder.
+# Everything of ours: strict warnings, which are errors in the presets (another compiler, or the same
+# one at another level, has others), and includes by path from the top folder.
 function(kel_target target)
   target_compile_options(${target} PRIVATE ${KEL_WARNINGS} ${KEL_ARCHITECTURE})
-  set_target_properties(${target} PROPERTIES COMPILE_WARNING_AS_ERROR ON)
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${target} PRIVATE kel_headers)
 endfunction()
 
-# Objects of the product. No exceptions, no RTTI, no guards: nothing of the C++ run time is needed.
+# Objects of the product. No exceptions, no RTTI, no guards, and none of the standard library's own
+# assertions, which some distributions and compilers turn on: nothing of the C++ run time is needed.
 # Compiled file by file and optimised alike in every preset but the one that measures coverage, so
 # that the tests run the very code that ships; all else is optimised little, since building it takes
 # longer than running it.
@@ -31,6 +32,7 @@ function(kel_add_objects target)
   add_library(${target} OBJECT ${ARGN})
   kel_target(${target})
   target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                         -U_GLIBCXX_ASSERTIONS -D_GLIBCXX_NO_ASSERTIONS
                          -falign-loops=64 $<$<NOT:$<CONFIG:Debug>>:-O3>)
   set_target_properties(${target} PROPERTIES UNITY_BUILD OFF)
   # Without the static analyser, which takes longer than all other checks; scripts/lint has it.
@@ -55,7 +57,8 @@ function(kel_add_library target)
   target_link_options(${target} PRIVATE
     -nostdlib "LINKER:--version-script=${script}"
     LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
-  target_link_libraries(${target} PRIVATE c)
+  # Before glibc 2.34, dlsym is in a library of its own.
+  target_link_libraries(${target} PRIVATE c ${CMAKE_DL_LIBS})
   if(KEL_FOR_ARM)
     target_link_options(${target} PRIVATE LINKER:-z,force-bti LINKER:--fatal-warnings)
   endif()
