@@ -64,7 +64,8 @@ std::vector<FileSystem> eachDeviceOnce(
   std::set<std::string> seen;
   for (const Mount& mount : mounts) {
     const std::string& name = mount.source.starts_with('/') ? mount.source : mount.mountPoint;
-    if (seen.contains(name) || !isSeen(mounts, mount)) {
+    const bool mountsWhenAsked = mount.type == "autofs";
+    if (mountsWhenAsked || seen.contains(name) || !isSeen(mounts, mount)) {
       continue;
     }
     if (const auto fileSystem = measure(mount)) {

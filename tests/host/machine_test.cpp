@@ -110,7 +110,7 @@ TEST(MachineState, ListsADeviceWhereItCanFirstBeMeasured) {
       {{}, "/images", "ext4", "/dev/a", 2, 1}, {{}, "/", "ext4", "/dev/a", 1, 0},
       {{}, "/again", "ext4", "/dev/a", 3, 1},  {{}, "/run", "tmpfs", "none", 4, 1},
       {{}, "/tmp", "tmpfs", "none", 5, 1},     {{}, "/b", "xfs", "/dev/covered", 6, 1},
-      {{}, "/b", "xfs", "/dev/b", 7, 6}};
+      {{}, "/b", "xfs", "/dev/b", 7, 6},       {{}, "/far", "autofs", "/etc/auto.far", 8, 1}};
   std::vector<std::string> measured;
   const auto listed = eachDeviceOnce(mounts, [&](const Mount& mount) -> std::optional<FileSystem> {
     measured.push_back(mount.mountPoint);
