@@ -72,6 +72,12 @@ uint32_t usedPercent(const struct statvfs& state) {
   return static_cast<uint32_t>(usable == 0 ? 0 : (used * 100 + usable - 1) / usable);
 }
 
+uint64_t bytesIn(uint64_t blocks, uint64_t blockSize) {
+  uint64_t bytes = 0;
+  return __builtin_mul_overflow(blocks, blockSize, &bytes) ? std::numeric_limits<uint64_t>::max()
+                                                           : bytes;
+}
+
 bool isBelow(const std::string& place, const std::string& other) {
   return place.size() > other.size() && place.starts_with(other) &&
          (other.ends_with('/') || place[other.size()] == '/');
@@ -144,8 +150,9 @@ std::optional<FileSystemUse> measureUse(const std::filesystem::path& mountPoint)
     errno = EACCES;
     return std::nullopt;
   }
-  return FileSystemUse{state.f_blocks * state.f_frsize, state.f_bavail * state.f_frsize,
-                       usedPercent(state), (state.f_flag & ST_RDONLY) != 0};
+  return FileSystemUse{bytesIn(state.f_blocks, state.f_frsize),
+                       bytesIn(state.f_bavail, state.f_frsize), usedPercent(state),
+                       (state.f_flag & ST_RDONLY) != 0};
 }
 
 }  // namespace kel::host
