@@ -42,6 +42,11 @@ BlockDevice describeDevice(const path& folder, const std::vector<Mount>& mounts)
   device.path = "/dev/" + device.name;
   device.size = readNumber(folder / "size").value_or(0) * kSector;
   device.mountPoint = mountPointOf(mounts, readText(folder / "dev").value_or(""), device.path);
+  // btrfs has a device number of its own, and calls a mapped device by the name of its mapping.
+  const auto mapping = readText(folder / "dm/name");
+  if (mapping && device.mountPoint.empty()) {
+    device.mountPoint = mountPointOf(mounts, "", "/dev/mapper/" + *mapping);
+  }
   return device;
 }
 

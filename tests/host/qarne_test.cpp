@@ -133,6 +133,10 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   machine_.mount("8:2", "/srv/data/hidden", "/dev/disk/by-label/data");
   machine_.mount("8:2", "/srv/data", "/dev/disk/by-label/data");
   machine_.mount("1:3", "/srv/fast", "/dev/root");
+  machine_.put("sys/block/dm-0/dev", "254:0");
+  machine_.put("sys/block/dm-0/size", "8");
+  machine_.put("sys/block/dm-0/dm/name", "disks-home");
+  machine_.mount("0:33", "/home", "/dev/mapper/disks-home");  // as btrfs has it
   machine_.put("sys/block/loop0/size", "0");
   machine_.put("sys/block/nvme0c0n1/size", "2048");  // one path of several to a disk
   machine_.put("sys/block/nvme0c0n1/hidden", "1");
@@ -163,6 +167,7 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   const QarneClient client = serve({.root = machine_.root});
   EXPECT_EQ(tell(*client.call(kBrdPartInfoQuery, {}), kAllRows),
             "  device      kind                  size     start    block  mounted at  model\n"
+            "  /dev/dm-0   disk               4.0 KiB       0 B      0 B  /home       -\n"
             "  /dev/sda    disk, removable    1.0 MiB       0 B  4.0 KiB  -           "
             "A disk of?[2J the kind\n"
             "  /dev/sda2   partition        512.0 KiB  32.0 KiB  4.0 KiB  /srv/data   "
