@@ -233,7 +233,8 @@ ResultCode DiskImages::format(const std::string& name) {
 }
 
 ResultCode DiskImages::makeMountPoint(const std::string& name, path& mountPoint) {
-  if (mountFolder_.empty()) {
+  // While nothing is mounted in it, whoever clears old files away may remove it.
+  if (mountFolder_.empty() || access(mountFolder_.c_str(), F_OK) != 0) {
     std::string pattern = folder_.string() + ".mounted.XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
       return report("no folder for mount points beside", folder_, errno);

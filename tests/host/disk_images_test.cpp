@@ -226,6 +226,7 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
   EXPECT_EQ(withoutRights([&] { return DiskImages(folder).format("disk.img"); }), ResultCode::inUse)
       << "for a user who may not open the loop device";
   ASSERT_EQ(byHand(fmt::format("umount {}/hand", top.string())), 0);
+  std::filesystem::remove_all(mountFolder());  // as whoever clears old files away
   EXPECT_EQ(images.mount("disk.img"), ResultCode::done);
   std::string text;
   std::ifstream(mountFolder() / "disk.img" / "hello") >> text;
