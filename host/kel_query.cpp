@@ -2,11 +2,14 @@
 // what it is told to; or tells the story of an overload. Ends with 0 only if every call was
 // answered and every change made.
 #include <fmt/core.h>
+#include <signal.h>
 
 #include <algorithm>
+#include <array>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "host/command_line.hpp"
 #include "host/field_text.hpp"
@@ -139,24 +142,60 @@ std::string fullest(const QarneClient& client) {
   return result;
 }
 
+// Whoever interrupts the program while this exists does not end it.
+class Uninterrupted {
+ public:
+  Uninterrupted() {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    for (auto& [signal, before] : signals_) {
+      sigaction(signal, &ignore, &before);
+    }
+  }
+  ~Uninterrupted() {
+    for (const auto& [signal, before] : signals_) {
+      sigaction(signal, &before, nullptr);
+    }
+  }
+  Uninterrupted(const Uninterrupted&) = delete;
+  Uninterrupted& operator=(const Uninterrupted&) = delete;
+
+ private:
+  std::array<std::pair<int, struct sigaction>, 3> signals_{
+      {{SIGINT, {}}, {SIGTERM, {}}, {SIGHUP, {}}}};
+};
+
+struct Overload {
+  Reply<OperResult> set;
+  Reply<SysDiskUseInfoResult> report;
+  Reply<OperResult> restored;
+};
+
+// Has a report made while a threshold is set, and then the threshold from before, whatever comes of
+// the report. Prints nothing, since whoever reads may have left.
+Overload provokeOverload(const QarneClient& client, const std::string& mountPoint,
+                         uint32_t threshold, uint32_t before) {
+  const Uninterrupted uninterrupted;
+  auto set = setThreshold(client, mountPoint, threshold);
+  auto report = [&] {
+    try {
+      return ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
+    } catch (...) {
+      setThreshold(client, mountPoint, before);
+      throw;
+    }
+  }();
+  return {std::move(set), std::move(report), setThreshold(client, mountPoint, before)};
+}
+
 // The host compares what it reports with the threshold that was set, and tells its master.
 void tellOverload(const QarneClient& client) {
   fmt::print("How full are this host's disks?\n");
   const std::string mountPoint = fullest(client);
-  const auto use = named<SysDiskUseInput>(mountPoint);
-  const auto before = ask(client, kGetSysDiskUseInfo, use);
+  const auto before = ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
   const uint32_t threshold = std::max(before->value3, 1U);
-  // Nothing is printed before the threshold is what it was: whoever reads may have left.
-  const auto set = setThreshold(client, mountPoint, threshold);
-  const auto report = [&] {
-    try {
-      return ask(client, kGetSysDiskUseInfo, use);
-    } catch (...) {
-      setThreshold(client, mountPoint, before->value5);
-      throw;
-    }
-  }();
-  const auto restored = setThreshold(client, mountPoint, before->value5);
+  const auto [set, report, restored] =
+      provokeOverload(client, mountPoint, threshold, before->value5);
   fmt::print("\n{} is the fullest. A threshold of {} % is what it cannot keep:\n{}",
              shown(mountPoint), threshold, tell(*set));
   fmt::print("\nSo the next report has the host raise an alarm at its master:\n{}", tell(*report));
