@@ -99,12 +99,18 @@ FileDescriptor lockFolder(const std::filesystem::path& folder, const std::string
   fail(target, "another process keeps the folder locked");
 }
 
+constexpr auto kOfAnotherUser =
+    "another user's socket is there: have that user remove it, or listen elsewhere";
+
 // Only a refusal tells that nobody listens; a socket of another kind or user may well be served.
 void demandThatNobodyServes(const sockaddr_un& address, const std::string& target) {
   const FileDescriptor probe = openSocket(AF_UNIX, target);
   if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
       errno == EAGAIN) {  // somebody listens, and has much to do
     fail(target, "another process serves there");
+  }
+  if (errno == EACCES) {
+    fail(target, kOfAnotherUser);
   }
   if (errno != ECONNREFUSED && errno != ENOENT) {
     failWithErrno(target);
@@ -121,7 +127,9 @@ void removeDeadSocket(const sockaddr_un& address, const std::string& target) {
     fail(target, "there is a file of that name that is no socket");
   }
   demandThatNobodyServes(address, target);
-  unlink(path);
+  if (unlink(path) != 0 && errno != ENOENT) {
+    fail(target, kOfAnotherUser);  // in a folder where only an owner may
+  }
 }
 
 struct HostAndPort {
@@ -206,11 +214,11 @@ void Listener::listenOnUnixSocket(const std::string& path) {
   if (path.empty() || path.size() >= sizeof(address.sun_path)) {
     fail(target_, fmt::format("a socket's path has 1 to {} bytes", sizeof(address.sun_path) - 1));
   }
-  if (path.find_first_of("%?#") != std::string::npos ||
+  if (path.find_first_of("%?#,") != std::string::npos || path.starts_with("//") ||
       (target_.starts_with("unix://") && !path.starts_with('/'))) {
     fail(target_,
-         "gRPC's callers would look for another socket: no %, ? or # may be in its path, "
-         "which begins with a / behind unix://");
+         "gRPC's callers would look for another socket: no %, ?, # or comma may be in its path, "
+         "which begins with a / behind unix://, and never with two");
   }
   std::memcpy(address.sun_path, path.data(), path.size());
   warnOfUnsafeFolder(folderOf(path));
