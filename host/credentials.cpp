@@ -29,25 +29,53 @@ std::string lastTlsError() {
   return text.data();
 }
 
-// The first one in a PEM text; null if there is none. Nobody is asked for a pass-phrase.
-template <class Object>
-std::unique_ptr<Object, void (*)(Object*)> firstIn(const std::string& pem,
-                                                   Object* (*readOne)(BIO*, Object**,
-                                                                      pem_password_cb*, void*),
-                                                   void (*release)(Object*)) {
-  constexpr auto kNoPassPhrase = [](char*, int, int, void*) { return -1; };
-  const std::unique_ptr<BIO, decltype(&BIO_free)> text(
-      BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
-  return {readOne(text.get(), nullptr, kNoPassPhrase, nullptr), release};
+// What a PEM text holds, one object after the other.
+class PemReader {
+ public:
+  // Keeps no copy of the text.
+  explicit PemReader(const std::string& pem)
+      : rest_(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free) {}
+
+  // Null at the end of the text. Nobody is asked for a pass-phrase.
+  template <class Object>
+  std::unique_ptr<Object, void (*)(Object*)> next(Object* (*readOne)(BIO*, Object**,
+                                                                     pem_password_cb*, void*),
+                                                  void (*release)(Object*)) {
+    constexpr auto kNoPassPhrase = [](char*, int, int, void*) { return -1; };
+    return {readOne(rest_.get(), nullptr, kNoPassPhrase, nullptr), release};
+  }
+  auto nextCertificate() { return next(PEM_read_bio_X509, X509_free); }
+
+ private:
+  std::unique_ptr<BIO, decltype(&BIO_free)> rest_;
+};
+
+// Null if nothing keeps it from being used.
+const char* whyNotNow(const X509& certificate) {
+  if (X509_cmp_current_time(X509_get0_notAfter(&certificate)) < 0) {
+    return "has expired";
+  }
+  return X509_cmp_current_time(X509_get0_notBefore(&certificate)) > 0 ? "is not valid yet"
+                                                                      : nullptr;
 }
 
 void demandThatItIsValidNow(const X509& certificate, const std::string& file) {
-  if (X509_cmp_current_time(X509_get0_notAfter(&certificate)) < 0) {
-    throw std::runtime_error(fmt::format("the certificate in {} has expired", file));
+  if (const char* const fault = whyNotNow(certificate)) {
+    throw std::runtime_error(fmt::format("the certificate in {} {}", file, fault));
   }
-  if (X509_cmp_current_time(X509_get0_notBefore(&certificate)) > 0) {
-    throw std::runtime_error(fmt::format("the certificate in {} is not valid yet", file));
+}
+
+// While one certificate of an authority takes over from another, both are in its file.
+void demandThatOneIsValidNow(const X509& first, PemReader& others, const std::string& file) {
+  if (whyNotNow(first) == nullptr) {
+    return;
   }
+  while (const auto other = others.nextCertificate()) {
+    if (whyNotNow(*other) == nullptr) {
+      return;
+    }
+  }
+  demandThatItIsValidNow(first, file);
 }
 
 // gRPC takes whatever the files hold, and only complains at every connection that then fails.
@@ -59,14 +87,15 @@ void check(const TlsFiles& files, const TlsIdentity& pems) {
   };
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_method()),
                                                                   SSL_CTX_free);
-  const auto authority = firstIn(pems.authority, PEM_read_bio_X509, X509_free);
+  PemReader authorities(pems.authority);
+  const auto authority = authorities.nextCertificate();
   demand(authority != nullptr, files.authority, "the authority's certificate");
-  demandThatItIsValidNow(*authority, files.authority);
-  const auto certificate = firstIn(pems.certificate, PEM_read_bio_X509, X509_free);
+  demandThatOneIsValidNow(*authority, authorities, files.authority);
+  const auto certificate = PemReader(pems.certificate).nextCertificate();
   demand(certificate && SSL_CTX_use_certificate(context.get(), certificate.get()) == 1,
          files.certificate, "a certificate");
   demandThatItIsValidNow(*certificate, files.certificate);
-  const auto key = firstIn(pems.key, PEM_read_bio_PrivateKey, EVP_PKEY_free);
+  const auto key = PemReader(pems.key).next(PEM_read_bio_PrivateKey, EVP_PKEY_free);
   demand(key && SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1, files.key,
          fmt::format("the key of {}, without a pass-phrase", files.certificate));
 }

@@ -16,6 +16,7 @@
 
 #include "host/file_descriptor.hpp"
 #include "host/rpc_server.hpp"
+#include "host/whole_file.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/test_authority.hpp"
 
@@ -221,11 +222,15 @@ TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
       {{good.authority, good.certificate, other.key}, "as the key of"},
       {{"none.pem", good.certificate, good.key}, "cannot read none.pem: No such file"},
       {late, ".pem has expired"},
+      {{late.certificate, good.certificate, good.key}, ".pem has expired"},
   };
   for (const auto& [files, expected] : cases) {
     EXPECT_PRED_FORMAT2(testing::IsSubstring, expected,
                         complaintOf([&] { (void)readTlsFiles(files); }));
   }
+  const std::string both = folder / "both.pem";
+  std::ofstream(both) << readWholeFile(late.certificate) << readWholeFile(good.authority);
+  EXPECT_NO_THROW((void)readTlsFiles({both, good.certificate, good.key})) << "one takes over";
 }
 
 TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
@@ -248,7 +253,9 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
       {"unix:" + std::string(108, 'x'), {}, "1 to 107 bytes"},
       {"unix:", {}, "1 to 107 bytes"},
       {"unix:" + (folder / "a%20b").string(), {}, "another socket: no %"},
+      {"unix:" + (folder / "a,b").string(), {}, "or comma"},
       {"unix://relative", {}, "begins with a / behind unix://"},
+      {"unix:///" + (folder / "a").string(), {}, "never with two"},
       {"unix:" + (folder / "file").string(), {}, "is no socket"},
       {"unix:" + (folder / "datagrams").string(), {}, "wrong type for socket"},
   };
@@ -259,6 +266,25 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
   EXPECT_TRUE(std::filesystem::exists(folder / "datagrams")) << "taken from who serves there";
   EXPECT_PRED_FORMAT2(testing::IsSubstring, "exclude each other",
                       complaintOf([&] { configureCalls({.security = both}); }));
+}
+
+TEST_F(Security, CannotReplaceADeadSocketOfAnotherUser) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "takes root, to be two users";
+  }
+  using std::filesystem::perms;
+  std::filesystem::permissions(folder, perms::all | perms::sticky_bit);
+  const std::filesystem::path path = folder / "dead";
+  (void)bindDatagrams(path);
+  for (const perms mode : {perms::owner_read | perms::owner_write, perms::all}) {
+    std::filesystem::permissions(path, mode);
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(seteuid(kNobody), 0);
+    const std::string complaint =
+        complaintOf([&] { RpcServer("unix:" + path.string(), handler()); });
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "another user's socket is there", complaint);
+  }
 }
 
 TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
