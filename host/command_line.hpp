@@ -65,7 +65,8 @@ struct QueryOptions {
 [[nodiscard]] std::optional<int> parse(int argc, char** argv, QueryOptions& options);
 
 // Returns what run does. What it throws, and output that cannot be written, becomes a sentence on
-// stderr, behind the program's name and all that was printed before, and an exit code of 1.
+// stderr, behind the program's name and all that was printed before, and an exit code of 1. Only
+// printLine, and so a server, goes on without what it could not write.
 int runProgram(const char* name, int argc, char** argv, int (*run)(int argc, char** argv));
 
 }  // namespace kel::host

@@ -30,7 +30,8 @@ class OverloadAlarms {
   // Raises KelSendMobileDiskOverloadAlarm, one alarm at a time, in their order; does not wait for
   // the answer. An alarm that the master did not take in, because it could not be reached in time
   // or had too much to do, is tried again until it does, or there is a later one of the same file
-  // system. The destructor tries what is left once, for kShutdownGrace in all.
+  // system. The destructor waits for a call that is under way, and tries what is left once, for
+  // kShutdownGrace in all.
   void raise(const Overload& overload);
 
  private:
