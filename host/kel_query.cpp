@@ -172,20 +172,18 @@ struct Overload {
 };
 
 // Has a report made while a threshold is set, and then the threshold from before, whatever comes of
-// the report. Prints nothing, since whoever reads may have left.
+// that. Prints nothing, since whoever reads may have left.
 Overload provokeOverload(const QarneClient& client, const std::string& mountPoint,
                          uint32_t threshold, uint32_t before) {
   const Uninterrupted uninterrupted;
-  auto set = setThreshold(client, mountPoint, threshold);
-  auto report = [&] {
-    try {
-      return ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
-    } catch (...) {
-      setThreshold(client, mountPoint, before);
-      throw;
-    }
-  }();
-  return {std::move(set), std::move(report), setThreshold(client, mountPoint, before)};
+  try {
+    auto set = setThreshold(client, mountPoint, threshold);
+    auto report = ask(client, kGetSysDiskUseInfo, named<SysDiskUseInput>(mountPoint));
+    return {std::move(set), std::move(report), setThreshold(client, mountPoint, before)};
+  } catch (...) {
+    setThreshold(client, mountPoint, before);
+    throw;
+  }
 }
 
 // The host compares what it reports with the threshold that was set, and tells its master.
