@@ -9,8 +9,9 @@
  * called with a lock of the library held, but for the flag function.
  *
  * Names are looked up under a lock of the library, and looking up waits for the loader's, which
- * dlopen holds while it runs constructors. So no such constructor may make a codec call while
- * another thread may be making the unit's first one: both would wait for good. */
+ * dlopen holds while it runs constructors, and dlclose while it runs destructors. So none of these
+ * may make a codec call while another thread may be making the unit's first one: both would wait
+ * for good. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 

@@ -2,12 +2,16 @@
 // wrappers, to the host's methods on live and made-up machines, and back.
 #include <fmt/core.h>
 #include <kel_sys_diag/service.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <barrier>
 #include <cstdlib>
 #include <fstream>
+#include <future>
+#include <stdexcept>
 
 #include "host/diagnostics.hpp"
 #include "host/field_text.hpp"
@@ -19,6 +23,7 @@
 #include "host/service_framework.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/made_up_machine.hpp"
+#include "tests/host/running_program.hpp"
 
 namespace kel::host::test {
 namespace {
@@ -64,18 +69,45 @@ class Qarne : public HostFixture {
         std::make_unique<ServedService>(__module_spec_KelSysdiagQarne, "KelSysdiagQarne", form);
     server_ = std::make_unique<RpcServer>(
         target, [this](const std::string& path, std::span<const uint8_t> request) {
-          return service_->handle(path, request);
+          Answer answer = service_->handle(path, request);
+          served_(path);
+          return answer;
         });
     return QarneClient(target, 60'000);
   }
 
   MadeUpMachine machine_;
+  std::function<void(const std::string& path)> served_ = [](const std::string&) {};  // unanswered
 
  private:
   std::unique_ptr<Diagnostics> diagnostics_;
   std::unique_ptr<ServedService> service_;
   std::unique_ptr<RpcServer> server_;
 };
+
+TEST_F(Qarne, IsLeftWithoutTheThresholdOfAQueryThatWasCutShort) {
+  machine_.mount("8:1", "/", "/dev/sda1");
+  for (const bool interrupted : {true, false}) {
+    const QarneClient client = serve({.root = machine_.root});
+    std::promise<pid_t> started;
+    std::atomic<int> thresholds = 0;
+    served_ = [&](const std::string& path) {
+      if (!path.ends_with("KelSysOvLoadDiskThresholdSet") || ++thresholds > 1) {
+        return;
+      }
+      if (!interrupted) {
+        throw std::runtime_error("set, but nobody is told");
+      }
+      kill(started.get_future().get(), SIGINT);
+    };
+    RunningProgram query(built("kel_query") + Arguments{"--target", target, "overload"},
+                         folder / "query");
+    started.set_value(query.id());
+    query.end();
+    EXPECT_EQ(thresholds, 2) << query.output();
+    EXPECT_EQ(client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>("/"))->value5, 0U);
+  }
+}
 
 TEST_F(Qarne, FailsWhileNobodyAnswers) {
   const QarneClient client = serve({});
