@@ -31,7 +31,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Passed to RPC_GetRpcInvoke by every call. Writable: the host puts the endpoint there before its
- * first call, in the form that its framework expects. */
+ * first call, in the form that its framework expects. Zero again if the library is unloaded and
+ * loaded anew. */
 extern RpcServerAddr g_stServerAddr_KelSysdiagMaster;
 
 void KelSysdiagMaster_KelSendAlarmSetIdl(IdlCodecOps* ops);

@@ -5,13 +5,18 @@
  * symbol scope, at most once per unit (client messages, served messages, peer library), and works
  * without any that it does not find. So a host that offers one must define it with default
  * visibility, in the executable (linked with -rdynamic) or in a library of global scope, before its
- * first codec call. The choice then holds until the process ends. All must be thread-safe; none is
- * called with a lock of the library held, but for the flag function.
+ * first codec call. Since nothing refers to it, a linker takes it from a static library only if
+ * told to (-Wl,-u,QSV_OsalLogWrite and so on). The choice holds until the library is unloaded;
+ * loaded again, it chooses anew, so release every record before.
+ *
+ * All must be thread-safe, and no exception or jump may leave them. None is called with a lock of
+ * the library held, but for the flag function. The strings that they are given last as long as the
+ * library is loaded.
  *
  * Names are looked up under a lock of the library, and looking up waits for the loader's, which
  * dlopen holds while it runs constructors, and dlclose while it runs destructors. So none of these
  * may make a codec call while another thread may be making the unit's first one: both would wait
- * for good. */
+ * for good. A child that is forked during that call waits so in its own first one. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 

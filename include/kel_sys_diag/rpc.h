@@ -4,7 +4,9 @@
  * The library moves no bytes itself. For every call it hands the framework the method's name and an
  * IdlCodecOps, and the framework measures, encodes, sends, receives, decodes and releases through
  * those six slots. Every slot function may run on any thread, concurrently with any other, as long
- * as each call works on its own record and buffer. */
+ * as each call works on its own record and buffer, which must not overlap, and the library stays
+ * loaded. Messages may lie at any address, records only where their types may. No exception or jump
+ * may leave a function of the framework. */
 #ifndef KEL_SYS_DIAG_RPC_H
 #define KEL_SYS_DIAG_RPC_H
 

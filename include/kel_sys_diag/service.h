@@ -18,7 +18,7 @@
  * where a result of 0 stands for an output that is to be sent. The records:
  *
  *   method                         input record (bytes)            output record (bytes)
- *   KelBrdPartInfoQuery            BrdPartInfoInput (0)            BrdPartInfo (16)
+ *   KelBrdPartInfoQuery            none, any address but null (0)  BrdPartInfo (16)
  *   FdProcInfoQuery                FdProcInfoInput (8)             FdProcInfoOutput (16)
  *   KelSysOvLoadDiskThresholdSet   SysOvLoadDiskThreshold (56)     OperResult (4)
  *   KelGetSysDiskUseInfo           SysDiskUseInput (50)            SysDiskUseInfoResult (168)
