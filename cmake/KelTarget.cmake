@@ -2,6 +2,12 @@
 
 include(CheckCXXSymbolExists)
 
+# Older compilers lack some of the C++20 that the schemas take, and say so in pages of templates.
+if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
+    OR (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 15))
+  message(FATAL_ERROR "The libraries need GCC 12, Clang 15, or a later one.")
+endif()
+
 set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
 # x86-64-v2 has the instructions that codec/korva_vector.hpp takes, and every 64-bit ARM has its own.
 # ARM's code has the branch protection that the linker insists on, below. The compiler is asked which
@@ -57,8 +63,9 @@ function(kel_add_library target)
   target_link_options(${target} PRIVATE
     -nostdlib "LINKER:--version-script=${script}"
     LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
-  # Before glibc 2.34, dlsym is in a library of its own.
-  target_link_libraries(${target} PRIVATE c ${CMAKE_DL_LIBS})
+  # Before glibc 2.34, dlsym is in a library of its own. What the host defines stays undefined, even
+  # where a toolchain's flags forbid that; they come before the libraries, and the last word counts.
+  target_link_libraries(${target} PRIVATE c ${CMAKE_DL_LIBS} -Wl,--unresolved-symbols=ignore-all)
   if(KEL_FOR_ARM)
     target_link_options(${target} PRIVATE LINKER:-z,force-bti LINKER:--fatal-warnings)
   endif()
