@@ -32,6 +32,16 @@ void chooseAllocator(CodecRuntime& runtime) {
   }
 }
 
+template <class SetUp>
+void once(pthread_mutex_t& mutex, uint32_t& ready, const SetUp& setUp) {
+  pthread_mutex_lock(&mutex);
+  if (ready == 0) {
+    setUp();
+    __atomic_store_n(&ready, 1, __ATOMIC_RELEASE);
+  }
+  pthread_mutex_unlock(&mutex);
+}
+
 }  // namespace
 
 void* KorvaDefaultAlloc(uint32_t size, uint32_t /*moduleNumber*/, const char* /*caller*/) {
@@ -44,21 +54,12 @@ int32_t KorvaDefaultFree(void* block, uint32_t /*moduleNumber*/, const char* /*c
 }
 
 void KorvaMemInit(CodecRuntime& runtime) {
-  pthread_mutex_lock(&runtime.memMutex);
-  if (runtime.memReady == 0) {
-    chooseAllocator(runtime);
-    __atomic_store_n(&runtime.memReady, 1, __ATOMIC_RELEASE);
-  }
-  pthread_mutex_unlock(&runtime.memMutex);
+  once(runtime.memMutex, runtime.memReady, [&] { chooseAllocator(runtime); });
 }
 
-void logInitOnce(CodecRuntime& runtime) {
-  pthread_mutex_lock(&runtime.logMutex);
-  if (runtime.logReady == 0) {
-    runtime.logWrite = lookUp<decltype(QSV_OsalLogWrite)>("QSV_OsalLogWrite");
-    __atomic_store_n(&runtime.logReady, 1, __ATOMIC_RELEASE);
-  }
-  pthread_mutex_unlock(&runtime.logMutex);
+void KorvaLogInit(CodecRuntime& runtime) {
+  once(runtime.logMutex, runtime.logReady,
+       [&] { runtime.logWrite = lookUp<decltype(QSV_OsalLogWrite)>("QSV_OsalLogWrite"); });
 }
 
 }  // namespace korva

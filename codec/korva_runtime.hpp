@@ -53,19 +53,16 @@ template <class Routine, class... Arguments>
 }
 
 // Makes logWrite final, once.
-[[gnu::cold]] void logInitOnce(CodecRuntime& runtime);
-[[gnu::always_inline]] inline void KorvaLogInit(CodecRuntime& runtime) {
-  if (!isReady(runtime.logReady)) {
-    logInitOnce(runtime);
-  }
-}
+[[gnu::cold]] void KorvaLogInit(CodecRuntime& runtime);
 
 // Writes one line through the unit's log hook, if the process has one.
 template <class... Arguments>
 [[gnu::cold, gnu::noinline]] void korvaLog(CodecRuntime& runtime, uint32_t code,
                                            const char* function, const char* format,
                                            Arguments... arguments) {
-  KorvaLogInit(runtime);
+  if (!isReady(runtime.logReady)) {
+    KorvaLogInit(runtime);
+  }
   if (runtime.logWrite != nullptr) {
     runtime.logWrite(&runtime.logDescriptor, kLogLevel, code, "", 0, function, format,
                      arguments...);
