@@ -131,9 +131,8 @@ class Codec {
     }
   }
 
-  template <class Entry>
   [[gnu::always_inline]] static int32_t packFixed(uint8_t* buffer, const void* record,
-                                                  Entry* entry) {
+                                                  IdlFixedPackFn entry) {
     static_assert(Sent == Layouts::compactAndFixed);
     if (!isReady(Runtime.memReady)) [[unlikely]] {
       return setUpAnd(Runtime, entry, buffer, record);

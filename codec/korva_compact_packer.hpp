@@ -163,10 +163,23 @@ template <class Record>
   store(offsetField, static_cast<uint32_t>(target - offsetField));
 }
 
+// Writes an element whose table is at a distance from its vector's entry, and moves the distance on
+// to the next entry's element, which overwrites what this one's vectors store in excess.
+template <rows::SingleRowTable Record>
+[[gnu::always_inline]] inline void packFollowed(uint8_t* entry, size_t& distance,
+                                                const Record& record) {
+  static_assert(kVectorWidth - kDisplacementWidth <= constantSize<Record>(),
+                "the vector must not reach past the next table's head");
+  store(entry, static_cast<uint32_t>(distance));
+  const auto [vtable, table, absent] = rows::wholeTable(record);
+  uint8_t* const at = entry + distance;
+  storeVectorFront<kVtableLength<Record>>(at - kVtableLength<Record>, vtable);
+  storeVector(at, table);
+  distance = workedOutOnce(distance + (kFullSize<Record> - kOffsetFieldWidth) - absent);
+}
+
 template <PlainTable Record>
 void packElement(uint8_t* entry, uint8_t*& cursor, const Record& record);
-template <rows::SingleRowTable Record>
-void packFollowed(uint8_t* entry, size_t& distance, const Record& record);
 
 // A table being written. The order of its parts is the wire's: head, scalars, offset fields,
 // strings and byte arrays, vector header; its nested tables and elements follow it.
@@ -305,12 +318,12 @@ class TableWriter {
 
   [[gnu::always_inline]] void reserveOffsetFields() {
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-      if constexpr (Slot::kind == SlotKind::byteArray || Slot::kind == SlotKind::table) {
-        reserveOffsetField<Index>();
-      } else if constexpr (Slot::kind != SlotKind::scalar) {
+      if constexpr (rows::isOptional(Slot::kind)) {
         if (isThere<Slot, Index>()) {
           reserveOffsetField<Index>();
         }
+      } else if constexpr (Slot::kind != SlotKind::scalar) {
+        reserveOffsetField<Index>();
       }
     });
   }
@@ -453,21 +466,6 @@ template <PlainTable Record>
   rows::surveyTable(record, state);
   Texts<Record> none;
   TableWriter<Record>(cursor, record, state, none).write();
-}
-
-// Writes an element whose table is at a distance from its vector's entry, and moves the distance on
-// to the next entry's element, which overwrites what this one's vectors store in excess.
-template <rows::SingleRowTable Record>
-[[gnu::always_inline]] inline void packFollowed(uint8_t* entry, size_t& distance,
-                                                const Record& record) {
-  static_assert(kVectorWidth - kDisplacementWidth <= constantSize<Record>(),
-                "the vector must not reach past the next table's head");
-  store(entry, static_cast<uint32_t>(distance));
-  const auto [vtable, table, absent] = rows::wholeTable(record);
-  uint8_t* const at = entry + distance;
-  storeVectorFront<kVtableLength<Record>>(at - kVtableLength<Record>, vtable);
-  storeVector(at, table);
-  distance = workedOutOnce(distance + (kFullSize<Record> - kOffsetFieldWidth) - absent);
 }
 
 // What a pack pass finds out before it writes.

@@ -76,7 +76,8 @@ class Image {
   // How many bytes to store at position where so many are due: as many as a single store has, four
   // at least, if what follows overwrites the excess.
   [[nodiscard]] constexpr uint32_t storedBytes(uint32_t position, uint32_t bytes) const {
-    const uint32_t rounded = std::max(inOneStore(bytes), uint32_t{4});
+    const uint32_t rounded =
+        bytes < kVectorWidth ? std::max(std::bit_ceil(bytes), uint32_t{4}) : bytes;
     return firstUnused(position) >= position + rounded ? rounded : bytes;
   }
 
@@ -114,7 +115,7 @@ constexpr uint32_t vectorCount(uint32_t size) { return (size + kVectorWidth - 1)
 // Whether to take the first of size bytes from a vector that has so many of them available: if that
 // saves a load.
 constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
-  return available != 0 && vectorCount(size - std::min(size, available)) < vectorCount(size);
+  return vectorCount(size - std::min(size, available)) < vectorCount(size);
 }
 
 template <const auto& Of, uint32_t Position, uint32_t From>

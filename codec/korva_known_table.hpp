@@ -24,23 +24,22 @@ using scalars::Window;
 // Fewer scalars than this are read faster one by one.
 inline constexpr uint32_t kWorthwhile = 3;
 
+// Tables that readScalars(), below, takes.
 template <class Record>
-concept KnownLayout = PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
-                      kVtableLength<Record> >= kVectorWidth;
+concept ReadAtOnce = PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
+                     kVtableLength<Record> >= kVectorWidth;
 
 // The permutation for each row that moves a window's scalars back to where they belong, with zeros
 // for those that are absent.
 template <class Record, uint32_t Index>
 alignas(kVectorWidth) inline constexpr auto kSpreads = [] {
-  constexpr auto* const kMoves =
-      rows::kRows<Record>.data() + rows::kMovesAt<Record, Index> / sizeof(Bytes);
-  std::array<Bytes, rows::rowCount(kWindows<Record>.items[Index])> spreads{};
-  for (size_t row = 0; row < spreads.size(); ++row) {
-    spreads[row].fill(kTakesZero);
-    for (uint32_t lane = 0; lane < kVectorWidth; ++lane) {
-      if (const uint8_t from = kMoves[row][lane]; from != kTakesZero) {
-        spreads[row][from] = static_cast<uint8_t>(lane);
-      }
+  constexpr size_t kMoves = rows::kMovesAt<Record, Index>;
+  std::array<uint8_t, rows::kHeadsAt<Record, Index> - kMoves> spreads{};
+  spreads.fill(kTakesZero);
+  for (size_t at = 0; at < spreads.size(); ++at) {
+    const size_t lane = at % kVectorWidth;
+    if (const uint8_t from = rows::kRows<Record>[kMoves + at]; from != kTakesZero) {
+      spreads[at - lane + from] = static_cast<uint8_t>(lane);
     }
   }
   return spreads;
@@ -70,17 +69,16 @@ inline constexpr auto kEntryBytes = [] {
 }();
 
 // What reading a window goes by: its row's head and the permutation back.
-template <class Record>
 struct Found {
   const uint8_t* head;
   const uint8_t* spread;
   size_t absent;  // bytes
 };
 template <class Record>
-using AllFound = std::array<Found<Record>, kWindows<Record>.count>;
+using AllFound = std::array<Found, kWindows<Record>.count>;
 
 template <class Record, uint32_t Index>
-[[gnu::always_inline]] inline Found<Record> find(const uint8_t* rows, const uint8_t* vtable) {
+[[gnu::always_inline]] inline Found find(const uint8_t* rows, const uint8_t* vtable) {
   static_assert(
       std::ranges::all_of(kEntryBytes<Record, Index>, [](uint8_t at) { return at < kVectorWidth; }),
       "a window's slots must be near enough for their entries to fit one vector");
@@ -89,12 +87,12 @@ template <class Record, uint32_t Index>
   const auto [offset, absent] =
       rows::findRow<Record, Index, kEntryBytes<Record, Index>, kSlotEntryWidth>(
           rows, std::bit_cast<ByteVector>(entries == Vector<uint16_t>{}));
-  return {rows + rows::kHeadsAt<Record, Index> + offset,
-          kSpreads<Record, Index>.data()->data() + offset, absent};
+  return {rows + rows::kHeadsAt<Record, Index> + offset, kSpreads<Record, Index>.data() + offset,
+          absent};
 }
 
 // All ones where a part of the head holds slots' entries.
-template <class Record, uint32_t Position>
+template <uint32_t Position>
 alignas(kVectorWidth) inline constexpr Bytes kEntryLanes = [] {
   Bytes lanes{};
   for (uint32_t i = 0; i < kVectorWidth; ++i) {
@@ -108,7 +106,7 @@ template <class Record, uint32_t Position>
 [[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable, ByteVector head) {
   static_assert(sizeof(rows::HeadLane<Record>) == sizeof(uint8_t));
   return (widen<Position / kSlotEntryWidth>(head) ^ loadVector<kVectorWidth>(vtable + Position)) &
-         loadAligned(kEntryLanes<Record, Position>.data());
+         loadAligned(kEntryLanes<Position>.data());
 }
 
 // Whether a vtable's entries are what our packer writes in these rows.
@@ -140,9 +138,9 @@ consteval bool startsWithItsScalars() {
 }
 
 // Fills in a table's scalars, and zeros in what else their vectors cover, if the table is laid out
-// as ours are. Says whether it did. The vtable must have all slots; the buffer has position bytes
-// before the table, and room for that many from the table on.
-template <KnownLayout Record>
+// as ours are. Says whether it did. The vtable must have all slots; position bytes of the buffer
+// lie before the table, and room bytes from its beginning on.
+template <ReadAtOnce Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalars(const uint8_t* vtable,
                                                           const uint8_t* table, uint64_t position,
                                                           uint64_t room, Record& record) {

@@ -193,25 +193,27 @@ inline constexpr size_t kHeadsAt =
     kMovesAt<Record, Index> + size_t{rowCount(kWindows<Record>.items[Index])} * kVectorWidth;
 
 // All rows of a record: for each window first the permutations, then the heads. One address and a
-// row's offset lead to both, and to those of every window.
+// row's offset lead to both, and to those of every window, so it is one array of bytes.
 template <class Record>
 alignas(kVectorWidth) inline constexpr auto kRows = [] {
-  std::array<Bytes, kMovesAt<Record, kWindows<Record>.count> / kVectorWidth> rows{};
-  size_t at = 0;
+  std::array<uint8_t, kMovesAt<Record, kWindows<Record>.count>> rows{};
+  auto at = rows.begin();
+  const auto add = [&at](const Bytes& bytes) { at = std::ranges::copy(bytes, at).out; };
   for (uint32_t i = 0; i < kWindows<Record>.count; ++i) {
     const Window& window = kWindows<Record>.items[i];
-    for (uint32_t row = 0; row < rowCount(window); ++row, ++at) {
-      rows[at] = moveOf<Record>(window, row, kPlace<Record>);
-      rows[at + rowCount(window)] = std::bit_cast<Bytes>(headOf<Record>(window, row));
+    for (uint32_t row = 0; row < rowCount(window); ++row) {
+      add(moveOf<Record>(window, row, kPlace<Record>));
     }
-    at += rowCount(window);
+    for (uint32_t row = 0; row < rowCount(window); ++row) {
+      add(std::bit_cast<Bytes>(headOf<Record>(window, row)));
+    }
   }
   return rows;
 }();
 
 template <class Record>
 [[gnu::always_inline]] inline const uint8_t* rowsOf() {
-  return workedOutOnce(kRows<Record>.data()->data());
+  return workedOutOnce(kRows<Record>.data());
 }
 
 // What a string or vector takes away from the head, or in a table without scalars, what it leaves
@@ -393,10 +395,8 @@ template <uint32_t Room, class Record>
     surveyScalars<Room>(bytes, state);
   }
   forEachSlotOf<Record, SlotKind::table>([&]<class Slot, size_t Index>() KORVA_INLINED {
-    using Nested = typename Slot::Type;
     constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
-    surveyTable<Room - kOffset>(bytes + kOffset,
-                                static_cast<TableState<Nested>&>(std::get<Index>(state.bySlot)));
+    surveyTable<Room - kOffset>(bytes + kOffset, std::get<Index>(state.bySlot));
   });
 }
 
@@ -416,12 +416,12 @@ concept SingleRowTable =
 template <SingleRowTable Record>
 alignas(kVectorWidth) inline constexpr auto kSingleRows = [] {
   constexpr Window kWindow = kWindows<Record>.items[0];
-  std::array<Bytes, rowCount(kWindow)> rows{};
-  for (uint32_t row = 0; row < rows.size(); ++row) {
+  std::array<uint8_t, size_t{rowCount(kWindow)} * kVectorWidth> rows{};
+  for (uint32_t row = 0; row < rowCount(kWindow); ++row) {
     const Head<Record> head = headOf<Record>(kWindow, row);
     const Bytes move = moveOf<Record>(kWindow, row, Place::front);
     for (uint32_t i = 0; i < kVectorWidth; ++i) {
-      rows[row][i] =
+      rows[row * kVectorWidth + i] =
           i < kDisplacementWidth ? static_cast<uint8_t>(head[i]) : move[i - kDisplacementWidth];
     }
   }
@@ -439,7 +439,7 @@ template <SingleRowTable Record>
 [[gnu::always_inline]] inline WholeTable wholeTable(const Record& record) {
   constexpr Bytes kDisplacementBytes{0xFF, 0xFF, 0xFF, 0xFF};
   constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-  const uint8_t* const rows = workedOutOnce(kSingleRows<Record>.data()->data());
+  const uint8_t* const rows = workedOutOnce(kSingleRows<Record>.data());
   const ByteVector content = loadedOnce(
       scalars::loadWindow<Record, Depth::ownTable, 0>(reinterpret_cast<const uint8_t*>(&record)));
   const auto [offset, absent] = rowFor<Record, 0>(rows, content);

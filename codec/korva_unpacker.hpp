@@ -163,7 +163,7 @@ template <class Record>
 
 // AtOnce says whether to read a table's scalars all at once where they are laid out as our own
 // packer does it, or to read all slots in their order anyway.
-template <class Record, bool AtOnce = known::KnownLayout<Record>>
+template <class Record, bool AtOnce = known::ReadAtOnce<Record>>
 [[nodiscard]] bool readTable(const Source& source, const TableView& view, Record& record);
 
 template <class Slot, class Record>
@@ -363,26 +363,21 @@ template <class Slot, class Record>
 
 // Reads all of a table whose vtable has all slots: an absent field is 0, and so are every byte
 // of an absent array or nested record and all padding. A record that owns memory is clear already.
-template <class Record, bool AtOnce = known::KnownLayout<Record>>
+template <class Record, bool AtOnce = known::ReadAtOnce<Record>>
 [[nodiscard, gnu::always_inline]] inline bool readSlots(const Source& source, const uint8_t* vtable,
                                                         uint32_t table, Record& record) {
-  [[maybe_unused]] bool hasScalars = false;
+  bool scalarsAreRead = false;
   if constexpr (PlainTable<Record>) {
     clearPadding(record);
   }
   if constexpr (AtOnce) {
-    hasScalars =
+    scalarsAreRead =
         known::readScalars(vtable, source.bytes + table, table, source.length - table, record);
   }
   return allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
-      if constexpr (AtOnce) {
-        if (hasScalars) {
-          return true;
-        }
-      }
-      return readScalar<Slot>(source, table, entry, record);
+      return scalarsAreRead || readScalar<Slot>(source, table, entry, record);
     } else {
       return readReference<Slot>(source, table, entry, record);
     }

@@ -25,12 +25,6 @@ template <class Lane>
 using Vector [[gnu::vector_size(kVectorWidth)]] = Lane;
 using ByteVector = Vector<uint8_t>;
 
-// How many bytes to copy in place of size, if what follows is overwritten anyway: one store's width
-// rather than two stores'.
-constexpr uint32_t inOneStore(uint32_t size) {
-  return size < kVectorWidth ? std::bit_ceil(size) : size;
-}
-
 // Takes each byte from the position that its index names, or 0.
 inline constexpr uint8_t kTakesZero = 0x80;
 [[gnu::always_inline]] inline ByteVector permute(ByteVector bytes, ByteVector indices) {
