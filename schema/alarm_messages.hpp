@@ -1,5 +1,5 @@
 // KelSendAlarm's request, and the reply of all three alarm methods.
-// For every room above.
+// For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>

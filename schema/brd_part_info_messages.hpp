@@ -1,5 +1,5 @@
 // KelBrdPartInfoQuery's request, which has no fields, and its reply.
-// For every room above.
+// For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>

@@ -1,4 +1,4 @@
-// KelGetDiskOvLoadCfgInfo's request and reply. For every room above.
+// KelGetDiskOvLoadCfgInfo's request and reply. For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>

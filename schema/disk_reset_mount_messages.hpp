@@ -1,6 +1,6 @@
 // The requests and replies of KelResetDiskMakeFS and KelMountDisk: four messages in two shapes that
 // other messages have already.
-// For every room above.
+// For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>

@@ -1,5 +1,5 @@
 // FdProcInfoQuery's request and reply.
-// For every room above.
+// For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>

@@ -1,5 +1,5 @@
 // The requests and replies of KelQueryStorageEraseInfo and KelQueryStorageBadBlockInfo.
-// For every room above.
+// For the units and service/.
 #pragma once
 
 #include <kel_sys_diag/records.h>
