@@ -61,14 +61,28 @@ class Decoder {
       return refuse(isRoot, "[KORVA]:Vtable Len(%u) is out of range(0 - %u)", vtableLength,
                     length - vtable);
     }
+    uint64_t taken = 4;
     for (size_t slot = 0; slot < shape.fields.size(); ++slot) {
       if (vtableLength < 6 + 2 * slot) break;
       const uint64_t entryAt = vtable + 4 + 2 * slot;
       note(Role::entry, 2, entryAt, at);
       const uint64_t entry = word(entryAt, 2);
-      if (entry != 0 && !field(shape.fields[slot], at + entry, record)) return false;
+      if (entry == 0) continue;
+      const Field& its = shape.fields[slot];
+      if (!field(its, at + entry, record)) return false;
+      taken += ownBytes(its, at + entry);
     }
+    verdict_.tablesAreTight &= word(vtable + 2, 2) == (taken & 0xFFFF);
     return true;
+  }
+
+  // What a field adds to its table's length, tables of its own left out.
+  [[nodiscard]] uint64_t ownBytes(const Field& field, uint64_t at) const {
+    if (field.kind == Kind::scalar) return field.width;
+    if (field.kind == Kind::table) return 4;
+    const uint64_t count = word(at + word(at, 4), 4);
+    if (field.kind == Kind::vector) return 4 + 4 + 4 * count;
+    return 4 + 4 + count + (field.kind == Kind::string ? 1 : 0);
   }
 
   bool field(const Field& field, uint64_t at, uint8_t* record) {

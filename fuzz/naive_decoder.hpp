@@ -40,6 +40,7 @@ struct Verdict {
   uint32_t faultNumbers[2] = {0, 0};
   uint64_t allocation = 0;  // bytes of the one block that decoding has to ask for, if it does
   bool allocates = false;
+  bool tablesAreTight = true;  // each as long as its fields take, as a packer's are
 };
 
 // Decodes into record, which then points into memory that the next call reuses. With words, also
