@@ -1,6 +1,6 @@
 # What the scripts share; to be sourced. Sets the working folder to the top of the repository.
 
-cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+CDPATH='' cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 # Debian's packages, and nothing else: what building, testing and the demonstration need.
 readonly kel_packages=(
