@@ -1,6 +1,8 @@
 // Breaks a time down by the local calendar.
 #include "host/calendar_time.hpp"
 
+#include <fmt/core.h>
+
 #include <ctime>
 
 namespace kel::host {
@@ -17,6 +19,11 @@ DiagSubRecord calendarTime(const timeval& time) {
           byte(parts.tm_sec),
           byte(parts.tm_wday),
           static_cast<uint32_t>(time.tv_usec)};
+}
+
+std::string calendarText(const DiagSubRecord& at) {
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", at.value16, at.byte1, at.byte2,
+                     at.byte3, at.byte4, at.byte5);
 }
 
 }  // namespace kel::host

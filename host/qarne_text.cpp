@@ -10,6 +10,7 @@
 #include <span>
 #include <string_view>
 
+#include "host/calendar_time.hpp"
 #include "host/field_text.hpp"
 #include "host/result_code.hpp"
 #include "host/text_table.hpp"
@@ -35,11 +36,7 @@ std::string sizeOf(uint64_t bytes) {
 
 std::string orDash(const std::string& text) { return text.empty() ? "-" : text; }
 
-std::string momentOf(const DiagSubRecord& at) {
-  return at.value16 == 0 ? "-"
-                         : fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", at.value16, at.byte1,
-                                       at.byte2, at.byte3, at.byte4, at.byte5);
-}
+std::string momentOf(const DiagSubRecord& at) { return at.value16 == 0 ? "-" : calendarText(at); }
 
 std::string softLimitOf(const DiagSubRecord& kinds) {
   return kinds.value32 == std::numeric_limits<uint32_t>::max()

@@ -6,6 +6,7 @@
 
 #include <ctime>
 
+#include "host/calendar_time.hpp"
 #include "host/field_text.hpp"
 
 namespace kel::host {
@@ -31,8 +32,7 @@ std::string heading(uint32_t number, uint32_t severity) {
 double hundredths(uint32_t value) { return value / 100.0; }
 
 std::string time(const DiagSubRecord& at) {
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:06}", at.value16, at.byte1, at.byte2,
-                     at.byte3, at.byte4, at.byte5, at.value32);
+  return fmt::format("{}.{:06}", calendarText(at), at.value32);
 }
 
 }  // namespace

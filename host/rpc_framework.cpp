@@ -70,6 +70,7 @@ int32_t conclude(Exchange& call, void* output, const IdlCodecOps& ops) {
 // For callers that wait in company: the thread that takes the ends of their operations is awake
 // already, and wakes each only for the last one.
 struct SyncCall : Exchange {
+  // May be destroyed while release() is still at work: what it wakes by then is an address.
   std::binary_semaphore over{0};
 };
 

@@ -402,8 +402,11 @@ grpc::ServerGenericBidiReactor* RpcServer::Running::CreateReactor(
 }
 
 RpcServer::RpcServer(const std::string& target, RequestHandler handler,
-                     const ServerOptions& options)
-    : running_(std::make_unique<Running>(target, std::move(handler), options)) {}
+                     const ServerOptions& options) try
+    : running_(std::make_unique<Running>(target, std::move(handler), options)) {
+} catch (const std::system_error& error) {
+  throw std::runtime_error(fmt::format("cannot start a thread: {}", error.code().message()));
+}
 
 RpcServer::~RpcServer() { stop(std::chrono::milliseconds(0)); }
 

@@ -58,7 +58,7 @@ class RpcServer {
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
 
-  // Where it serves, with the port that was chosen for port 0.
+  // Where it serves, with the port that was chosen for port 0. Not after stop.
   [[nodiscard]] const std::string& target() const;
 
   // Takes no more calls, cancels those that are still running after the grace time, and removes the

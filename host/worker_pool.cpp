@@ -1,9 +1,6 @@
 // Hands jobs to threads.
 #include "host/worker_pool.hpp"
 
-#include <stdexcept>
-#include <string>
-#include <system_error>
 #include <utility>
 
 namespace kel::host {
@@ -13,9 +10,9 @@ WorkerPool::WorkerPool(size_t threads) {
     for (size_t i = 0; i < threads; ++i) {
       threads_.emplace_back([this] { work(); });
     }
-  } catch (const std::system_error& error) {
+  } catch (...) {
     end();
-    throw std::runtime_error("cannot start a thread: " + error.code().message());
+    throw;
   }
 }
 

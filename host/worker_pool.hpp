@@ -13,7 +13,7 @@ namespace kel::host {
 
 class WorkerPool {
  public:
-  // Throws std::runtime_error with a sentence if there are no more threads to be had.
+  // Throws std::system_error if there are no more threads to be had.
   explicit WorkerPool(size_t threads);
   // Waits until everything is done.
   ~WorkerPool();
