@@ -63,11 +63,11 @@ inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Eleme
 
 // Fewer elements than this are measured without asking first whether their largest size would fit.
 // Where the capacity is just the message's size, that is whether all scalars are there, which is as
-// hard to predict as their values are; where one vector holds the scalars of each element, a wrong
-// guess costs more than measuring so few.
+// hard to predict as their values are. A wrong guess costs more than measuring one element, and
+// more than measuring three where one vector holds the scalars of each.
 template <class Element>
 inline constexpr uint32_t kFewElements =
-    scalars::kWindows<Element, scalars::Depth::withNested>.count == 1 ? 4 : 1;
+    scalars::kWindows<Element, scalars::Depth::withNested>.count == 1 ? 4 : 2;
 
 // How many bytes of scalars are absent from the next times * Counter::kAtOnce elements. Moves
 // elements past them.
