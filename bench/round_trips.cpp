@@ -123,7 +123,7 @@ class Echo {
 
   void callByQueue() {
     Exchange exchange(slice_);
-    grpc::CompletionQueue queue;
+    thread_local grpc::CompletionQueue queue;
     const auto call = stub_->PrepareUnaryCall(&exchange.context, kPath, exchange.request, &queue);
     call->StartCall();
     call->Finish(&exchange.reply, &exchange.status, this);

@@ -139,10 +139,9 @@ class Engine {
     {
       const Presence among(waiting_);
       if (among.first) {
-        grpc::CompletionQueue own;
-        call.prepare(channel, own, path, request, invoker.deadline);
+        call.prepare(channel, firstWaitsFor_, path, request, invoker.deadline);
         call.send();
-        Exchange::nextEnded(own);
+        Exchange::nextEnded(firstWaitsFor_);
       } else {
         call.prepare(channel, waitedFor_, path, request, invoker.deadline);
         if (Exchange* const ended = call.sendAndTakeEnd(waitedFor_)) {
@@ -245,6 +244,7 @@ class Engine {
   }
 
   grpc::CompletionQueue queue_;
+  grpc::CompletionQueue firstWaitsFor_;  // no caller's but that of the first of waiting_
   grpc::CompletionQueue waitedFor_;
   std::atomic<int> waiting_ = 0;  // synchronous calls
   std::mutex mutex_;
