@@ -73,6 +73,7 @@ class Images : public HostFixture {
     if (child == 0) {
       if (geteuid() == 0) {
         std::filesystem::permissions(top, std::filesystem::perms::all);
+        std::filesystem::permissions(folder, std::filesystem::perms::all);
         std::filesystem::permissions(folder / "disk.img", std::filesystem::perms::all);
         if (setresgid(kNobody, kNobody, kNobody) != 0 ||
             setresuid(kNobody, kNobody, kNobody) != 0) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -137,6 +138,7 @@ TEST(MachineState, IsPlausibleHere) {
 }
 
 TEST(MachineRecords, CarryTheStateAndItsSeverity) {
+  setenv("TZ", "UTC", 1);
   MachineState machine{};
   machine.hostName = "h";
   machine.time = {1'700'000'000, 123'456};
@@ -145,8 +147,11 @@ TEST(MachineRecords, CarryTheStateAndItsSeverity) {
   machine.memory = {1000, 99};
   EXPECT_EQ(memoryAlarm(machine).value3, 90U);
   EXPECT_EQ(memoryAlarm(machine).value2, kWarning);
-  EXPECT_EQ(loadAlarm(machine).value2, kWarning);
-  EXPECT_EQ(loadAlarm(machine).sub.value32, 123'456U);
+  EXPECT_EQ(tell(loadAlarm(machine)),
+            "alarm 1002, warning: load 2.00, threshold 2.00; 1/5/15 minutes 2.00 1.50 0.50 on 2 "
+            "processors, 99 MiB of 1000 MiB memory available; host h, 2023-11-14 22:13:20.123456");
+  EXPECT_EQ(loadAlarm(machine).sub.byte6, 2U) << "a Tuesday";
+  EXPECT_EQ(tell(thresholdQuestion(machine, {"/", "d", 1, 1, 1})), "thresholds for / (d); host h");
   machine.load[0] = 199;
   machine.memory = {1000, 2000};  // some containers say so
   EXPECT_EQ(memoryAlarm(machine).value3, 0U);

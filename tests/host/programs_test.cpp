@@ -10,6 +10,7 @@
 #include "host/rpc_server.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/running_program.hpp"
+#include "tests/host/scripted_server.hpp"
 #include "tests/host/test_authority.hpp"
 
 namespace kel::host::test {
@@ -207,6 +208,8 @@ TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
 TEST_F(Programs, SayWhatIsWrong) {
   const RunningProgram master = startMaster({"--listen", "unix:" + (folder / "taken").string()});
   std::ofstream(folder / "bad.json") << "{";
+  const std::string silent = folder / "silent";
+  const ScriptedServer server(silent, {.greeting = ""});
   struct Case {
     const char* program;
     Arguments arguments;
@@ -230,6 +233,9 @@ TEST_F(Programs, SayWhatIsWrong) {
        "--insecure-plain-tcp"},
       {"kel_query", {"--target", "127.0.0.1:1"}, "--insecure-plain-tcp"},
       {"kel_query", {"--target", ""}, "there is no target"},
+      {"kel_query",
+       {"--target", "unix:" + silent, "--deadline", "10"},
+       "the deadline passed before"},
       {"kel_query",
        {"--target", "ipv4:127.0.0.1:1,ipv4:127.0.0.1:2", "--insecure-plain-tcp"},
        "none that gRPC takes"},

@@ -86,29 +86,30 @@ class Qarne : public HostFixture {
   std::unique_ptr<RpcServer> server_;
 };
 
-TEST_F(Qarne, IsLeftWithoutTheThresholdOfAQueryThatWasCutShort) {
+TEST_F(Qarne, KeepsItsThresholdFromAQueryThatIsCutShort) {
   machine_.mount("8:1", "/", "/dev/sda1");
   std::promise<pid_t> started;
   auto first = started.get_future();
   std::atomic<int> thresholds = 0;
   served_ = [&](const std::string& path) {
     const int number = path.ends_with("KelSysOvLoadDiskThresholdSet") ? ++thresholds : 0;
-    if (number == 1) {
+    if (number == 2) {
       kill(first.get(), SIGINT);
-    } else if (number == 3) {
+    } else if (number == 4) {
       throw std::runtime_error("set, but nobody is told");
     }
   };
   const QarneClient client = serve({.root = machine_.root});
-  for (const int expected : {2, 4}) {
+  client.call(kSysOvLoadDiskThresholdSet, threshold("/", 99));
+  for (const int expected : {3, 5}) {
     RunningProgram query(built("kel_query") + Arguments{"--target", target, "overload"},
                          folder / "query");
-    if (expected == 2) {
+    if (expected == 3) {
       started.set_value(query.id());
     }
     query.end();
     EXPECT_EQ(thresholds, expected) << query.output();
-    EXPECT_EQ(client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>("/"))->value5, 0U);
+    EXPECT_EQ(client.call(kGetSysDiskUseInfo, named<SysDiskUseInput>("/"))->value5, 99U);
   }
 }
 
@@ -171,6 +172,8 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   machine_.put("sys/block/dm-0/dev", "254:0");
   machine_.put("sys/block/dm-0/size", "8");
   machine_.put("sys/block/dm-0/dm/name", "disks-home");
+  machine_.put("sys/block/dm-0/ro", "1");
+  machine_.put("sys/block/dm-0/device/name", "card");         // where eMMC has its model
   machine_.mount("0:33", "/home", "/dev/mapper/disks-home");  // as btrfs has it
   machine_.put("sys/block/loop0/size", "0");
   machine_.put("sys/block/nvme0c0n1/size", "2048");  // one path of several to a disk
@@ -202,7 +205,7 @@ TEST_F(Qarne, TellsDisksWearAndBadBlocksAsTheKernelHasThem) {
   const QarneClient client = serve({.root = machine_.root});
   EXPECT_EQ(tell(*client.call(kBrdPartInfoQuery, {}), kAllRows),
             "  device      kind                  size     start    block  mounted at  model\n"
-            "  /dev/dm-0   disk               4.0 KiB       0 B      0 B  /home       -\n"
+            "  /dev/dm-0   disk, read-only    4.0 KiB       0 B      0 B  /home       card\n"
             "  /dev/sda    disk, removable    1.0 MiB       0 B  4.0 KiB  -           "
             "A disk of?[2J the kind\n"
             "  /dev/sda2   partition        512.0 KiB  32.0 KiB  4.0 KiB  /srv/data   "

@@ -66,7 +66,12 @@ bool hasSomethingToTake(int descriptor) {
 
 const std::string kHttpGreeting = frame(kSettings, 0, 0, "");
 
-FileDescriptor connectTo(const std::string& path) { return openSocket(path, connect); }
+FileDescriptor connectTo(const std::string& path, const std::function<void()>& first) {
+  return openSocket(path, [&](int caller, const sockaddr* address, socklen_t length) {
+    first();
+    return connect(caller, address, length);
+  });
+}
 
 ScriptedServer::ScriptedServer(const std::string& path, Script script)
     : script_(std::move(script)), path_(path), listener_(openSocket(path, bind)) {

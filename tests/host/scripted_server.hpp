@@ -12,8 +12,9 @@
 
 namespace kel::host::test {
 
-// A Unix socket that is connected.
-FileDescriptor connectTo(const std::string& path);
+// A Unix socket that is connected, after something else has been done once it is open.
+FileDescriptor connectTo(
+    const std::string& path, const std::function<void()>& first = [] {});
 
 // What makes a caller send its requests.
 extern const std::string kHttpGreeting;

@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -39,11 +41,12 @@ class RawCall {
  public:
   // The request has left when this returns.
   explicit RawCall(const std::string& target, size_t bytes = 1,
-                   const grpc::ChannelArguments& arguments = {},
+                   grpc::ChannelArguments arguments = {},
                    const std::shared_ptr<grpc::ChannelCredentials>& credentials =
-                       grpc::InsecureChannelCredentials())
-      : call_(grpc::GenericStub(grpc::CreateCustomChannel(target, credentials, arguments))
-                  .PrepareCall(&context_, kAlarmPath, &queue_)) {
+                       grpc::InsecureChannelCredentials()) {
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);  // whatever the environment says
+    call_ = grpc::GenericStub(grpc::CreateCustomChannel(target, credentials, arguments))
+                .PrepareCall(&context_, kAlarmPath, &queue_);
     call_->StartCall(nullptr);
     next();
     call_->WriteLast(messageOf(bytes), grpc::WriteOptions(), nullptr);
@@ -104,6 +107,7 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
   const TestAuthority ours(folder, "ours");
   const TestAuthority others(folder, "others");
   const TlsFiles serverFiles = ours.issue("server", "subjectAltName=IP:127.0.0.1");
+  setenv("http_proxy", "http://127.0.0.1:1", 1);  // which nobody is to go by
   const TlsFiles good = ours.issue("good");
   const TlsFiles late = ours.issue("late", "", -1);
   TlsFiles stranger = others.issue("stranger");
@@ -285,6 +289,14 @@ TEST_F(Security, CannotReplaceADeadSocketOfAnotherUser) {
     ASSERT_EQ(seteuid(0), 0);
     EXPECT_PRED_FORMAT2(testing::IsSubstring, "another user's socket is there", complaint);
   }
+}
+
+TEST_F(Security, LeavesItsSuccessorsSocket) {
+  std::optional<RpcServer> first(std::in_place, target, handler());
+  std::filesystem::remove(folder / "socket");
+  const RpcServer second(target, handler());
+  first.reset();
+  expectCall(kOk);
 }
 
 TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
