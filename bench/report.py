@@ -314,7 +314,8 @@ def main():
 
     for name, part in parts.items():
         print(f"\n{name}\n\n{part}")
-    print(f"\nin isolation, {in_isolation.summary()}\n{verdicts.summary()}")
+    print(f"\nmedians over {len(list(folder.glob('codec-*.json')))} processes")
+    print(f"in isolation, {in_isolation.summary()}\n{verdicts.summary()}")
     for missed in verdicts.missed:
         print(f"  missed: {missed}")
     if arguments.docs:
