@@ -2,7 +2,10 @@
 #include "host/overload_alarms.hpp"
 
 #include <atomic>
+#include <mutex>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "tests/host/host_fixture.hpp"
 
