@@ -168,19 +168,16 @@ DiskImages::DiskImages(const path& folder, std::vector<path> programFolders)
 }
 
 DiskImages::~DiskImages() {
-  for (const auto& [mountPoint, image] : mounted_) {
-    if (umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW) != 0) {
-      umount2(mountPoint.c_str(), UMOUNT_NOFOLLOW | MNT_DETACH);  // somebody is still in there
+  for (const auto& [name, image] : mounted_) {
+    if (umount2(mountPoint(name).c_str(), UMOUNT_NOFOLLOW) != 0) {
+      umount2(mountPoint(name).c_str(), UMOUNT_NOFOLLOW | MNT_DETACH);  // somebody is in there
     }
   }
   // Only folders that are empty go away, so that nothing is lost if one is still mounted.
-  if (!mountFolder_.empty()) {
-    std::error_code ignored;
-    for (const std::string& name : namesIn(mountFolder_)) {
-      std::filesystem::remove(mountFolder_ / name, ignored);
-    }
-    std::filesystem::remove(mountFolder_, ignored);
+  for (const std::string& name : namesIn(openPath(mountFolder_.get()))) {
+    unlinkat(mountFolder_.get(), name.c_str(), AT_REMOVEDIR);
   }
+  rmdir(mountFolderName_.c_str());
 }
 
 // Without any rights on the file at first: opening a device, say, might already act on it.
@@ -232,20 +229,43 @@ ResultCode DiskImages::format(const std::string& name) {
   return ResultCode::done;
 }
 
-ResultCode DiskImages::makeMountPoint(const std::string& name, path& mountPoint) {
-  // While nothing is mounted in it, whoever clears old files away may remove it.
-  if (mountFolder_.empty() || access(mountFolder_.c_str(), F_OK) != 0) {
-    std::string pattern = folder_.string() + ".mounted.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-      return report("no folder for mount points beside", folder_, errno);
-    }
-    mountFolder_ = pattern;
+ResultCode DiskImages::makeMountFolder() {
+  std::string name = folder_.string() + ".mounted.XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    return report("no folder for mount points beside", folder_, errno);
   }
-  mountPoint = mountFolder_ / name;
-  if (mkdir(mountPoint.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-    return report("no mount point", mountPoint, errno);
+  FileDescriptor made(::open(name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!made.isOpen()) {
+    return report("cannot open the folder", name, errno);
   }
+  constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+  struct stat state {};
+  if (fstat(made.get(), &state) != 0 || state.st_uid != geteuid() ||
+      (state.st_mode & kOthers) != 0) {
+    return report("somebody has replaced the folder", name, EACCES);
+  }
+  mountFolder_ = std::move(made);
+  mountFolderName_ = std::move(name);
   return ResultCode::done;
+}
+
+ResultCode DiskImages::makeMountPoint(const std::string& name) {
+  const auto make = [&] {
+    return mkdirat(mountFolder_.get(), name.c_str(), S_IRWXU) == 0 || errno == EEXIST ? 0 : errno;
+  };
+  int error = make();
+  // While nothing is mounted in the folder, whoever clears old files away may remove it.
+  if (error == EBADF || error == ENOENT) {
+    if (const ResultCode code = makeMountFolder(); code != ResultCode::done) {
+      return code;
+    }
+    error = make();
+  }
+  return error == 0 ? ResultCode::done : report("no mount point for", name, error);
+}
+
+path DiskImages::mountPoint(const std::string& name) const {
+  return openPath(mountFolder_.get()) / name;
 }
 
 // Whoever made an image may have put anything into it, so nothing in it is run or is a device, and
@@ -256,11 +276,10 @@ ResultCode DiskImages::mount(const std::string& name) {
     return image.code;
   }
   const std::scoped_lock lock(mutex_);
-  path mountPoint;
-  if (const ResultCode code = makeMountPoint(name, mountPoint); code != ResultCode::done) {
+  if (const ResultCode code = makeMountPoint(name); code != ResultCode::done) {
     return code;
   }
-  if (mounted_.contains(mountPoint)) {
+  if (mounted_.contains(name)) {
     return ResultCode::inUse;  // by an image that had this name
   }
   if (isMounted(image.file.get())) {
@@ -270,11 +289,11 @@ ResultCode DiskImages::mount(const std::string& name) {
   if (loop.code != ResultCode::done) {
     return loop.code;
   }
-  if (::mount(loop.path.c_str(), mountPoint.c_str(), kFileSystem, MS_NOSUID | MS_NODEV | MS_NOEXEC,
-              "errors=remount-ro") != 0) {
+  if (::mount(loop.path.c_str(), mountPoint(name).c_str(), kFileSystem,
+              MS_NOSUID | MS_NODEV | MS_NOEXEC, "errors=remount-ro") != 0) {
     return report("cannot mount", name, errno);
   }
-  mounted_.emplace(std::move(mountPoint), std::move(image.file));
+  mounted_.emplace(name, std::move(image.file));
   return ResultCode::done;
 }
 

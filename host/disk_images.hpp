@@ -2,7 +2,7 @@
 //
 // A name has to be plain and that of a regular file with no second name. The file is opened first
 // and examined then, and what follows works on the open file, so that no name can be swapped
-// meanwhile. While an image is being formatted or is mounted, it is locked: it is in use for every
+// meanwhile. So it is with the folder of the mount points, which may lie where others may write. While an image is being formatted or is mounted, it is locked: it is in use for every
 // other call, also of another host on the same folder.
 #pragma once
 
@@ -42,14 +42,17 @@ class DiskImages {
   };
 
   [[nodiscard]] Opened open(const std::string& name) const;
-  ResultCode makeMountPoint(const std::string& name, std::filesystem::path& mountPoint);
+  ResultCode makeMountFolder();
+  ResultCode makeMountPoint(const std::string& name);
+  [[nodiscard]] std::filesystem::path mountPoint(const std::string& name) const;
 
   const FileDescriptor directory_;
   std::filesystem::path folder_;  // without links or dots
   const std::vector<std::filesystem::path> programFolders_;
-  std::mutex mutex_;                                         // for what follows
-  std::filesystem::path mountFolder_;                        // empty until the first mount
-  std::map<std::filesystem::path, FileDescriptor> mounted_;  // the locked images by mount point
+  std::mutex mutex_;                               // for what follows
+  FileDescriptor mountFolder_;                     // closed until the first mount
+  std::string mountFolderName_;                    // its path when it was made
+  std::map<std::string, FileDescriptor> mounted_;  // the locked images by name
 };
 
 }  // namespace kel::host

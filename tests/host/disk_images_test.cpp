@@ -213,8 +213,18 @@ TEST_F(Images, AreReallyFormattedAndMounted) {
     addImage(folder / "disk.img");
     EXPECT_EQ(images.mount("disk.img"), ResultCode::inUse);
     std::filesystem::rename(folder / "old.img", folder / "disk.img");
+    // Whoever may write to the folder around it puts something else in the place of the mounts'.
+    std::filesystem::create_directories(top / "others" / "blank.img");
+    const path mounts = mountFolder();
+    std::filesystem::rename(mounts, top / "moved");
+    std::filesystem::create_symlink("others", mounts);
+    EXPECT_EQ(images.format("blank.img"), ResultCode::done);
+    EXPECT_EQ(images.mount("blank.img"), ResultCode::done);
+    EXPECT_TRUE(std::filesystem::exists(top / "moved" / "blank.img" / "lost+found"));
   }
-  EXPECT_TRUE(mountFolder().empty()) << "left behind at the end";
+  EXPECT_TRUE(std::filesystem::exists(top / "others" / "blank.img")) << "another's folder";
+  EXPECT_TRUE(std::filesystem::is_empty(top / "moved")) << "left behind at the end";
+  std::filesystem::remove(mountFolder());
   for (const Mount& mount : readMounts("/")) {
     EXPECT_FALSE(mount.mountPoint.starts_with(top.string())) << mount.mountPoint;
   }
