@@ -7,8 +7,9 @@
 namespace kel::host {
 
 // Blocks the signals for this thread and those that it starts from now on, so that only wait sees
-// them. Whoever reads a server's output and leaves does not end it: SIGPIPE is ignored. Not so
-// SIGCHLD, even if the program was started so: how a child ended would not be told then.
+// them. A server goes on without what it cannot write: SIGPIPE, of a reader that left, and SIGXFSZ,
+// of a limit on a file's size, are ignored. Not so SIGCHLD, even if the program was started so: how
+// a child ended would not be told then.
 class StopSignals {
  public:
   StopSignals() {
@@ -22,6 +23,7 @@ class StopSignals {
     }
     pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     signal(SIGCHLD, SIG_DFL);
   }
 

@@ -114,15 +114,16 @@ TEST_F(Programs, ServeAndShowThisMachine) {
   expectEnd(runQuery({}), 1, {"KelBrdPartInfoQuery: the server cannot be reached"});
 }
 
-// Nobody takes its complaints, or wants to know how its children end.
+// Nothing more may be written to the file of its complaints, and nobody wants to know how its
+// children end.
 TEST_F(Programs, ServeWhoeverStartedThem) {
   std::filesystem::create_directory(folder / "images");
   addImage(folder / "images" / "disk.img");
-  RunningProgram host(
-      {"sh", "-c",
-       fmt::format("trap '' CHLD; exec {} serve --listen {} --images {} 2>/dev/full",
-                   fmt::join(built("kel_host"), " "), qarne_, (folder / "images").string())},
-      folder / "host", "listens on");
+  RunningProgram host({"sh", "-c",
+                       fmt::format("trap '' CHLD; truncate -s 64M {0}/full; ulimit -f 131072; "
+                                   "exec {1} serve --listen {2} --images {0}/images 2>>{0}/full",
+                                   folder.string(), fmt::join(built("kel_host"), " "), qarne_)},
+                      folder / "host", "listens on");
   expectEnd(runQuery({"--image", "none.img"}), 2, {"no such mount point, image"});
   const End made = runQuery({"--image", "disk.img"});
   EXPECT_TRUE(made.says("KelResetDiskMakeFS: disk.img\n  done")) << made.output;
