@@ -62,22 +62,36 @@ std::filesystem::path folderOf(const std::string& path) {
   return folder.empty() ? "." : folder;
 }
 
-void warnOfUnsafeFolder(const std::filesystem::path& folder) {
+// What to do about a folder in which others may replace what is there; nothing where they may not.
+std::string remedyFor(const std::filesystem::path& folder) {
   struct stat status {};
   constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
   if (stat(folder.c_str(), &status) != 0) {
-    return;
+    return {};
   }
   if (status.st_uid != 0 && status.st_uid != geteuid()) {
-    complain(fmt::format(
-        "warning: others may replace the socket in {}, and answer in its place: the folder is "
-        "another user's, so use one of your own",
-        folder.string()));
-  } else if ((status.st_mode & kOthersWrite) != 0 && (status.st_mode & S_ISVTX) == 0) {
-    complain(fmt::format(
-        "warning: others may replace the socket in {}, and answer in its place: take the "
-        "right to write from them (chmod go-w {}) or use a folder of its own",
-        folder.string(), folder.string()));
+    return "the folder is another user's, so use one of your own";
+  }
+  if ((status.st_mode & kOthersWrite) != 0 && (status.st_mode & S_ISVTX) == 0) {
+    return fmt::format(
+        "take the right to write from them (chmod go-w {}) or use a folder of its own",
+        folder.string());
+  }
+  return {};
+}
+
+// Whoever may replace a folder around the socket's replaces the socket with it. A folder that is
+// not there is told of when it is opened.
+void warnOfUnsafeFolder(const std::filesystem::path& innermost) {
+  std::error_code error;
+  std::filesystem::path folder = std::filesystem::canonical(innermost, error);
+  for (; folder.has_relative_path(); folder = folder.parent_path()) {
+    if (const std::string remedy = remedyFor(folder); !remedy.empty()) {
+      complain(
+          fmt::format("warning: others may replace the socket in {}, and answer in its place: {}",
+                      folder.string(), remedy));
+      return;
+    }
   }
 }
 

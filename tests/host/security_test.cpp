@@ -300,26 +300,30 @@ TEST_F(Security, LeavesItsSuccessorsSocket) {
 }
 
 TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
+  std::filesystem::create_directory(folder / "inner");
   umask(0);
   constexpr uid_t kSomebody = 65534;
   struct Case {
     mode_t folder;
     bool warns;
     uid_t owner = geteuid();
+    const char* inner = "";
   };
-  for (const Case& place :
-       {Case{0700, false}, Case{01777, false}, Case{0777, true}, Case{01777, true, kSomebody}}) {
+  for (const Case& place : {Case{0700, false}, Case{01777, false}, Case{0777, true},
+                            Case{0777, true, geteuid(), "inner"}, Case{01777, true, kSomebody}}) {
     chmod(folder.c_str(), place.folder);
     if (chown(folder.c_str(), place.owner, static_cast<gid_t>(-1)) != 0) {
       GTEST_SKIP() << "only root can give a folder away";
     }
     testing::internal::CaptureStderr();
-    const RpcServer server(target, handler());
+    const std::filesystem::path socket = folder / place.inner / "socket";
+    const RpcServer server("unix:" + socket.string(), handler());
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(said.find("warning: others may replace the socket") != std::string::npos, place.warns)
-        << said;
+    const std::string warning = "warning: others may replace the socket in " +
+                                std::filesystem::canonical(folder).string() + ",";
+    EXPECT_EQ(said.find(warning) != std::string::npos, place.warns) << said;
     struct stat status {};
-    ASSERT_EQ(stat((folder / "socket").c_str(), &status), 0);
+    ASSERT_EQ(stat(socket.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
   }
 }
