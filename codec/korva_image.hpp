@@ -118,6 +118,13 @@ constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
   return vectorCount(size - std::min(size, available)) < vectorCount(size);
 }
 
+// How many of size bytes to copy as whole pairs of vectors, each of which ARM loads and stores by
+// one instruction if it is part of one copy; at most as many as Clang copies without a call.
+constexpr uint32_t bytesOfPairs(uint32_t size) {
+  constexpr uint32_t kPair = 2 * kVectorWidth;
+  return std::min(size, 4 * kPair) / kPair * kPair;
+}
+
 template <const auto& Of, uint32_t Position, uint32_t From>
 void writeFrom(uint8_t* buffer, const uint8_t* record, Loaded<From> loaded);
 
@@ -134,6 +141,10 @@ template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uin
   } else if constexpr (isWorthTaking(kAvailable, Size)) {
     storeVectorFront<kStored>(buffer + Position, moveDown<Source - From>(loaded.bytes));
     writePiece<Of, Position + kBytes, Source + kBytes, Size - kBytes>(buffer, record, loaded);
+  } else if constexpr (constexpr uint32_t kTogether = bytesOfPairs(Size); kTogether != 0) {
+    std::memcpy(buffer + Position, record + Source, kTogether);
+    writePiece<Of, Position + kTogether, Source + kTogether, Size - kTogether>(buffer, record,
+                                                                               loaded);
   } else if constexpr (Source + kVectorWidth <= Of.recordSize) {
     const Loaded<Source> now{loadVector<kVectorWidth>(record + Source)};
     storeVectorFront<kStored>(buffer + Position, now.bytes);

@@ -270,15 +270,16 @@ template <auto Positions, uint32_t Width, size_t Factor>
 [[gnu::always_inline]] inline size_t numberOfLanes(ByteVector bytes) {
 #if defined(__aarch64__)
   static_assert(Positions.size() <= 8);
+  constexpr size_t kWeighed = Factor << Positions.size() <= 256 ? Factor : 1;
   alignas(kVectorWidth) static constexpr auto kWeights = [] {
     std::array<uint8_t, kVectorWidth> weights{};
     for (uint32_t i = 0; i < Positions.size(); ++i) {
-      weights.at(Positions[i]) = static_cast<uint8_t>(1U << i);
+      weights.at(Positions[i]) = static_cast<uint8_t>(kWeighed << i);
     }
     return weights;
   }();
   const ByteVector weighted = bytes & loadAligned(kWeights.data());
-  return vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted)) * Factor;
+  return vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted)) * (Factor / kWeighed);
 #else
   if constexpr (Width != sizeof(uint16_t) && kAreNeighbours<Positions, Width>) {
     constexpr size_t kAll = (size_t{1} << Positions.size()) - 1;
