@@ -303,8 +303,8 @@ class TableWriter {
     constexpr uint32_t kHead = rows::kHeadLength<Record>;
     const uintptr_t begin =
         reinterpret_cast<uintptr_t>(at_ - kHead) - scalars::kBytesBefore<Record, kOwn, Index>;
-    at_ = reinterpret_cast<uint8_t*>(begin - state_.windows[Index].absent) + kHead +
-          scalars::kBytesThrough<Record, kOwn, Index>;
+    at_ = reinterpret_cast<uint8_t*>(begin - state_.windows[Index].absent + kHead +
+                                     scalars::kBytesThrough<Record, kOwn, Index>);
   }
 
   [[gnu::always_inline]] void writeFieldsAndArrays() {
