@@ -25,7 +25,8 @@ template <class Record>
 using UnpackEntry = uintptr_t (*)(const void*, uint32_t, Record*);
 
 // The slow paths of packing and unpacking: refused arguments, hooks that are not yet set up, and
-// messages that our own packer has not written. All of a unit's messages share them.
+// messages that our own packer has not written. All of a unit's messages whose entry points are
+// typed alike share them.
 
 // Takes the pointers in the words of the log line: the caller has those before it scans the texts,
 // and need not keep the record's address until here.
@@ -161,8 +162,8 @@ class Codec {
     return compactPack(buffer, *record, survey);
   }
 
-  // For records with texts or entries, whose packing calls other routines. A function of its own,
-  // so that the size pass does not save registers for those calls.
+  // For records with texts or entries, whose packing calls other routines or needs more registers
+  // than are free. A function of its own, so that the size pass does not save registers for that.
   template <class Typed>
   [[gnu::noinline]] static uint32_t packIntoApart(const PackTarget* target, const Typed* typed,
                                                   PackEntry<Typed> entry) {

@@ -266,7 +266,12 @@ class TableWriter {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
         const ByteVector what = loadAligned(rows::kOptionalHeads<Record, Index>[row].data());
-        head = kHasScalars ? subtractDownToZero<rows::HeadLane<Record>>(head, what) : what;
+        if constexpr (kHasScalars) {
+          static_assert(sizeof(rows::HeadLane<Record>) == 1);
+          head = subtractDownToZero(head, what);
+        } else {
+          head = what;
+        }
       }
     });
     return head;

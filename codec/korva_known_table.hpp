@@ -115,7 +115,7 @@ template <class Record>
   ByteVector head{};
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     const ByteVector part = loadAligned(found[Index].head);
-    head = Index == 0 ? part : subtractDownToZero<rows::HeadLane<Record>>(head, part);
+    head = Index == 0 ? part : subtractDownToZero(head, part);
   });
   ByteVector different{};
   [&]<size_t... Part>(std::index_sequence<Part...>) KORVA_INLINED {

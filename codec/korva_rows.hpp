@@ -385,7 +385,12 @@ template <uint32_t Room, class Record>
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
         absent};
     const ByteVector head = loadAligned(rows + kHeadsAt<Record, Index> + offset);
-    state.head = Index == 0 ? head : subtractDownToZero<HeadLane<Record>>(state.head, head);
+    if constexpr (Index == 0) {
+      state.head = head;
+    } else {
+      static_assert(sizeof(HeadLane<Record>) == 1, "it is subtracted byte by byte");
+      state.head = subtractDownToZero(state.head, head);
+    }
   });
 }
 

@@ -65,8 +65,9 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
 template <class Record>
 inline constexpr uint32_t kOwnTable = kRootOffsetWidth + kVtableLength<Record>;
 
-// Without scalars that could be left out, the entries of our own root table are known, its fields
-// stand side by side, and the first one points past the last, where a count is.
+// Without scalars that could be left out, the entries of our own root table are known if no text or
+// vector is left out either: its fields stand side by side, and the first one points past the last,
+// where a count is.
 template <class Record>
 inline constexpr bool kOwnFieldsAreKnown =
     Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == 0;

@@ -156,25 +156,14 @@ template <uint32_t First>
   }(std::make_index_sequence<kVectorWidth>());
 }
 
-// Subtracts in lanes of one or two bytes; what would be less than 0 is 0.
-template <class Lane>
+// Subtracts bytes; what would be less than 0 is 0.
 [[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
 #if defined(__aarch64__)
-  if constexpr (sizeof(Lane) == 1) {
-    return reinterpret_cast<ByteVector>(
-        vqsubq_u8(reinterpret_cast<uint8x16_t>(from), reinterpret_cast<uint8x16_t>(what)));
-  } else {
-    return reinterpret_cast<ByteVector>(
-        vqsubq_u16(reinterpret_cast<uint16x8_t>(from), reinterpret_cast<uint16x8_t>(what)));
-  }
+  return reinterpret_cast<ByteVector>(
+      vqsubq_u8(reinterpret_cast<uint8x16_t>(from), reinterpret_cast<uint8x16_t>(what)));
 #else
-  if constexpr (sizeof(Lane) == 1) {
-    return reinterpret_cast<ByteVector>(
-        _mm_subs_epu8(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
-  } else {
-    return reinterpret_cast<ByteVector>(
-        _mm_subs_epu16(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
-  }
+  return reinterpret_cast<ByteVector>(
+      _mm_subs_epu8(reinterpret_cast<__m128i>(from), reinterpret_cast<__m128i>(what)));
 #endif
 }
 
