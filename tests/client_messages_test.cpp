@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "support/codec_ops.hpp"
 #include "support/message_checks.hpp"
@@ -28,11 +29,7 @@ Buffer fixedSub(const DiagSubRecord& sub) {
 }
 
 TEST(AlarmInput, Compact) {
-  struct Case {
-    AlarmInput record;
-    Buffer expected;
-  };
-  const Case cases[] = {
+  const std::pair<AlarmInput, Buffer> cases[] = {
       {{}, layout(u32(22), u16(18, 44, 0, 0, 0, 0, 0, 4, 0), u32(18, 4, 32), fill(32, 0))},
       {{0, 0, "ab", 0, 0, {}, 0},
        layout(u32(22), u16(18, 55, 0, 0, 4, 0, 0, 8, 0), u32(18, 8, 11, 2), chars("ab"), u8(0),
@@ -46,8 +43,8 @@ TEST(AlarmInput, Compact) {
        layout(u32(22), u16(18, 74, 4, 8, 24, 12, 16, 28, 20), u32(18, 1, 2, 3, 4, 5, 8, 10, 1),
               chars("x"), u8(0), u32(32), u8(9), fill(31, 0))},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(alarmOps.packFn, c.record), c.expected);
+  for (const auto& [record, expected] : cases) {
+    EXPECT_EQ(packToSize(alarmOps.packFn, record), expected);
   }
 }
 
@@ -61,11 +58,7 @@ TEST(AlarmOutput, CompactFromThePeer) {
 TEST(OverloadAlarmInput, Compact) {
   OverloadAlarmInput full{1, 2, 3, 4, kFullSub, 5, 6, 7, {}, 8, 9, 10};
   fillWith(full.bytes64, 0x40);
-  struct Case {
-    OverloadAlarmInput record;
-    Buffer expected;
-  };
-  const Case cases[] = {
+  const std::pair<OverloadAlarmInput, Buffer> cases[] = {
       {{},
        layout(u32(32), u16(28, 80, 0, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0), u32(28, 96, 4, 64),
               fill(64, 0), compactSub(false))},
@@ -77,8 +70,8 @@ TEST(OverloadAlarmInput, Compact) {
               u32(28, 0xFFFFFFFF, 1, 96, 4, 64), fill(64, 0), u16(20, 9, 0, 0, 0, 4, 0, 0, 0, 5),
               u32(20), u8(0xB3), u32(0x80))},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(overloadOps.packFn, c.record), c.expected);
+  for (const auto& [record, expected] : cases) {
+    EXPECT_EQ(packToSize(overloadOps.packFn, record), expected);
   }
 }
 
@@ -86,11 +79,7 @@ TEST(OverloadDiskAlarmInput, Compact) {
   OverloadDiskAlarmInput full{1, 2, 3, 4, kFullSub, {}, {}, 5, 6};
   fillWith(full.bytes64, 0x40);
   fillWith(full.bytes32, 0x20);
-  struct Case {
-    OverloadDiskAlarmInput record;
-    Buffer expected;
-  };
-  const Case cases[] = {
+  const std::pair<OverloadDiskAlarmInput, Buffer> cases[] = {
       {{},
        layout(u32(26), u16(22, 120, 0, 0, 0, 0, 4, 8, 12, 0, 0), u32(22, 136, 8, 72, 64),
               fill(64, 0), u32(32), fill(32, 0), compactSub(false))},
@@ -98,8 +87,8 @@ TEST(OverloadDiskAlarmInput, Compact) {
                     u32(22, 1, 2, 3, 4, 5, 6, 136, 8, 72, 64), fill(64, 0x40), u32(32),
                     fill(32, 0x20), compactSub(true))},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(packToSize(diskOps.packFn, c.record), c.expected);
+  for (const auto& [record, expected] : cases) {
+    EXPECT_EQ(packToSize(diskOps.packFn, record), expected);
   }
 }
 

@@ -105,11 +105,7 @@ TEST_F(Images, AreOnlyPlainFilesOfTheFolder) {
 
   DiskImages images(folder, {fakePrograms("echo formatted >" + (top / "formatted").string())});
   const std::string absolute = top / "outside.img";
-  struct Case {
-    std::string name;
-    ResultCode code;
-  };
-  std::vector<Case> cases = {
+  std::vector<std::pair<std::string, ResultCode>> cases = {
       {"", ResultCode::badArgument},
       {".", ResultCode::outsideFolder},
       {"..", ResultCode::outsideFolder},
@@ -130,11 +126,11 @@ TEST_F(Images, AreOnlyPlainFilesOfTheFolder) {
       {std::string(50, 'n'), ResultCode::notFound},
   };
   if (withDevice) {
-    cases.push_back({"null", ResultCode::outsideFolder});
+    cases.emplace_back("null", ResultCode::outsideFolder);
   }
-  for (const Case& asked : cases) {
-    EXPECT_EQ(images.format(asked.name), asked.code) << asked.name;
-    EXPECT_EQ(images.mount(asked.name), asked.code) << asked.name;
+  for (const auto& [name, code] : cases) {
+    EXPECT_EQ(images.format(name), code) << name;
+    EXPECT_EQ(images.mount(name), code) << name;
   }
   EXPECT_FALSE(std::filesystem::exists(top / "formatted")) << "mkfs ran all the same";
   EXPECT_TRUE(mountFolder().empty());

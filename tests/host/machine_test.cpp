@@ -19,11 +19,7 @@ namespace kel::host::test {
 namespace {
 
 TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
-  struct Case {
-    const char* text;
-    std::array<uint8_t, 6> field;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, std::array<uint8_t, 6>> cases[] = {
       {"", {}},
       {"abc", {'a', 'b', 'c'}},
       {"abcdef", {'a', 'b', 'c', 'd', 'e', 'f'}},
@@ -37,11 +33,11 @@ TEST(FieldText, IsPaddedAndCutBetweenCharacters) {
       {"\x80\x80\x80\x80\x80\x80\x80", {0x80, 0x80, 0x80, 0x80, 0x80, 0x80}},  // is no UTF-8
       {"a\x80\x80\x80\x80\x80\x80\x80", {'a', 0x80, 0x80, 0x80, 0x80, 0x80}},
   };
-  for (const Case& put : cases) {
+  for (const auto& [text, expected] : cases) {
     std::array<uint8_t, 6> field{};
     field.fill(0xEE);
-    putText(field, put.text);
-    EXPECT_EQ(field, put.field) << put.text;
+    putText(field, text);
+    EXPECT_EQ(field, expected) << text;
   }
 }
 

@@ -32,11 +32,7 @@ struct Tables {
 
 TEST(ModuleTable, AcceptsTheLibrarysAndRefusesEveryDamage) {
   EXPECT_EQ(Tables{}.verdict(), "no complaint");
-  struct Case {
-    const char* complaint;
-    std::function<void(Tables&)> damage;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, std::function<void(Tables&)>> cases[] = {
       {"they are those of KelSysdiagQarn", [](Tables& t) { t.module.name[14] = '\0'; }},
       {"the service has no end", [](Tables& t) { std::memset(t.module.name, 'x', 32); }},
       {"the service is not padded", [](Tables& t) { t.module.name[31] = 'x'; }},
@@ -67,10 +63,10 @@ TEST(ModuleTable, AcceptsTheLibrarysAndRefusesEveryDamage) {
       {"KelMountDisk occurs twice",
        [](Tables& t) { std::memcpy(t.methods[7].methodName, t.methods[6].methodName, 64); }},
   };
-  for (const Case& damaged : cases) {
+  for (const auto& [complaint, damage] : cases) {
     Tables tables;
-    damaged.damage(tables);
-    EXPECT_PRED_FORMAT2(testing::IsSubstring, damaged.complaint, tables.verdict());
+    damage(tables);
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, complaint, tables.verdict());
   }
 }
 
