@@ -13,7 +13,6 @@
 #include <kel_sys_diag/rpc.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <span>
 #include <string>
@@ -35,7 +34,7 @@ class ServedService {
 
  private:
   const ReplyForm form_;
-  std::map<std::string, IdlWrapperFn, std::less<>> wrappers_;  // by path
+  std::map<std::string, IdlWrapperFn> wrappers_;  // by path
 };
 
 }  // namespace kel::host
