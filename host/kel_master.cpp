@@ -1,8 +1,7 @@
 // kel_master: serves KelSysdiagMaster and prints every alarm, until SIGTERM, SIGINT or SIGHUP.
 #include <fmt/core.h>
 
-#include <span>
-#include <string>
+#include <functional>
 #include <utility>
 
 #include "host/command_line.hpp"
@@ -20,12 +19,8 @@ void serve(const MasterOptions& options, DiskRules rules) {
   MasterService service(std::move(rules), [](const KeptAlarm& alarm) {
     printLine(fmt::format("{:>6}  {}  {}", alarm.sequence, alarm.method, alarm.words));
   });
-  RpcServer server(
-      options.listen,
-      [&service](const std::string& path, std::span<const uint8_t> request) {
-        return service.handle(path, request);
-      },
-      options.server);
+  RpcServer server(options.listen, std::bind_front(&MasterService::handle, &service),
+                   options.server);
   printLine(fmt::format("KelSysdiagMaster listens on {}", server.target()));
   stop.wait();
   server.stop(kShutdownGrace);

@@ -3,9 +3,8 @@
 
 #include <fmt/core.h>
 
-#include <span>
+#include <functional>
 #include <stdexcept>
-#include <string>
 
 #include "host/client_library.hpp"
 #include "host/diagnostics.hpp"
@@ -49,12 +48,8 @@ void serveUntilStopped(const HostOptions& options, const StopSignals& stop) {
       {.imageFolder = options.imageFolder,
        .onOverload = [&](const Overload& overload) { alarms.raise(overload); }});
   const Answering answering(diagnostics);
-  RpcServer server(
-      options.listen,
-      [&](const std::string& path, std::span<const uint8_t> request) {
-        return service.handle(path, request);
-      },
-      serverOptions(options));
+  RpcServer server(options.listen, std::bind_front(&ServedService::handle, &service),
+                   serverOptions(options));
   printLine(fmt::format("{} listens on {}", kService, server.target()));
   printLine(options.imageFolder.empty()
                 ? "no folder of disk images: nothing will be formatted or mounted"
