@@ -25,6 +25,7 @@
 
 #include "host/rpc_framework.hpp"
 #include "host/rpc_server.hpp"
+#include "tests/support/codec_ops.hpp"
 
 namespace kel::bench {
 namespace {
@@ -54,8 +55,7 @@ host::Answer takeAlarm(const std::string& /*path*/, std::span<const uint8_t> req
                                      &input) == 0) {
     return {host::AnswerStatus::badRequest, "the request does not decode", {}};
   }
-  char text[] = "the fortieth character ends this text ok";
-  const AlarmOutput output{text};
+  const AlarmOutput output{const_cast<char*>(kText)};  // only read
   const uint32_t size = Kel_sys_diag_AlarmOutput_pack(nullptr, &output);
   host::Answer answer{host::AnswerStatus::ok, {}, std::vector<uint8_t>(size)};
   const PackTarget target{answer.reply.data(), &size};
@@ -65,11 +65,7 @@ host::Answer takeAlarm(const std::string& /*path*/, std::span<const uint8_t> req
 }
 
 void callOurs() {
-  static const IdlCodecOps ops = [] {
-    IdlCodecOps filled;
-    KelSysdiagMaster_KelSendAlarmSetIdl(&filled);
-    return filled;
-  }();
+  static const IdlCodecOps ops = test::opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
   const AlarmInput input = alarm();
   AlarmOutput output{};
   if (KelSysdiagMaster_KelSendAlarm(&input, &output, 0) != host::kOk) {
@@ -112,8 +108,7 @@ class Echo {
     stub_ = std::make_unique<grpc::GenericStub>(
         grpc::CreateChannel(target, grpc::InsecureChannelCredentials()));
     const AlarmInput input = alarm();
-    IdlCodecOps ops;
-    KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
+    const IdlCodecOps ops = test::opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
     std::vector<uint8_t> bytes(ops.packFn(nullptr, &input));
     const auto size = static_cast<uint32_t>(bytes.size());
     const PackTarget packTarget{bytes.data(), &size};
@@ -251,9 +246,8 @@ class Folder {
 int main() {
   using namespace kel::bench;
   const Folder folder;
-  const std::string target = folder.target("ours");
-  kel::host::RpcServer server(target, takeAlarm);
-  std::memcpy(g_stServerAddr_KelSysdiagMaster.endpoint, target.c_str(), target.size() + 1);
+  const kel::host::RpcServer server(folder.target("ours"), takeAlarm);
+  kel::host::setTarget(g_stServerAddr_KelSysdiagMaster, server.target());
   Echo echo(folder.target("echo"));
   nlohmann::json results;
   for (const size_t callers : {1, 64}) {
