@@ -48,13 +48,6 @@ uint32_t copyTextToTheHeap(const Message&, const Item& item, uint8_t*) {
   return 1;
 }
 
-bool holds(const Message& message, fuzz::Kind kind) {
-  for (const fuzz::Field& field : message.shape->fields) {
-    if (field.kind == kind) return true;
-  }
-  return false;
-}
-
 // One row of the tables: a contest over one message in one shape.
 class Row {
  public:
@@ -66,8 +59,9 @@ class Row {
         out_(roomForAny(pool_)) {
     enter("ours", ours_, operationOf(ours_.candidate()));
     enter("memcpy", ours_, copyBytes);
-    if (!holds(message, fuzz::Kind::vector)) enter("memcpy of the record", ours_, copyRecord);
-    if (holds(message, fuzz::Kind::string)) enter("malloc, copy, free", ours_, copyTextToTheHeap);
+    const fuzz::Shape& shape = *message.shape;
+    if (!shape.owns(fuzz::Kind::vector)) enter("memcpy of the record", ours_, copyRecord);
+    if (shape.owns(fuzz::Kind::string)) enter("malloc, copy, free", ours_, copyTextToTheHeap);
     if (!decodes(direction)) enter("two empty calls", ours_, callTwice);
     if (entries != kMillion) enterRivals();
     if (filling == Filling::random) enterOursAllSet(entries);
@@ -140,7 +134,7 @@ void add(const Message& message, Direction direction, Filling filling, uint32_t 
 }
 
 void addSizes(const Message& message, Direction direction, Filling filling) {
-  if (!holds(message, fuzz::Kind::vector)) return add(message, direction, filling, 0);
+  if (!message.shape->owns(fuzz::Kind::vector)) return add(message, direction, filling, 0);
   for (const uint32_t entries : {1, 100, 10'000}) add(message, direction, filling, entries);
 }
 

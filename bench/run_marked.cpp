@@ -28,7 +28,7 @@ void run(const char* direction, const Message& message, Filling filling, Operati
 }
 
 void runAll(const Message& message, Filling filling) {
-  const bool isList = message.shape->ownsMemory() && message.shape->recordSize == 16;
+  const bool isList = message.shape->owns(fuzz::Kind::vector);
   const RecordPool pool(*message.shape, filling, kEntries, isList ? 1 : kRecords);
   const Candidate candidate = ours(message);
   for (size_t i = 0; i < pool.size(); ++i) {

@@ -34,6 +34,7 @@ struct Shape {
     return found == fields.end() ? nullptr : &*found;
   }
   [[nodiscard]] bool ownsMemory() const { return owner() != nullptr; }
+  [[nodiscard]] bool owns(Kind kind) const { return ownsMemory() && owner()->kind == kind; }
 };
 
 // By message; twins share a shape.
