@@ -9,6 +9,8 @@
 #include "host/record_text.hpp"
 #include "host/rpc_server.hpp"
 #include "tests/host/host_fixture.hpp"
+#include "tests/support/codec_ops.hpp"
+#include "tests/support/message_checks.hpp"
 
 namespace kel::host::test {
 namespace {
@@ -38,12 +40,10 @@ class Master : public HostFixture {
 template <class Input>
 std::string callForText(int32_t (*call)(const Input*, AlarmOutput*, uintptr_t),
                         const Input& input) {
-  IdlCodecOps ops{};
-  KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
   AlarmOutput output{};
   EXPECT_EQ(outcome(call(&input, &output, 0)), outcome(kOk));
   std::string text = tell(output);
-  ops.releaseFn(&output);
+  kel::test::opsOf(KelSysdiagMaster_KelSendAlarmSetIdl).releaseFn(&output);
   return text;
 }
 
@@ -153,14 +153,8 @@ TEST_F(Master, RefusesWhatItDoesNotKnowOrCannotDecode) {
 
 // Without a transport in between, whose locks would only hide that one is missing.
 TEST_F(Master, KeepsTheNewestAlarmsOfManyThreads) {
-  IdlCodecOps ops{};
-  KelSysdiagMaster_KelSendAlarmSetIdl(&ops);
-  const AlarmInput alarm = sampleAlarm();
-  std::vector<uint8_t> request(ops.packFn(nullptr, &alarm));
-  const auto size = static_cast<uint32_t>(request.size());
-  const PackTarget packTarget{request.data(), &size};
-  ASSERT_EQ(ops.packFn(&packTarget, &alarm), size);
-
+  const auto request = kel::test::packToSize(
+      kel::test::opsOf(KelSysdiagMaster_KelSendAlarmSetIdl).packFn, sampleAlarm());
   constexpr uint32_t kThreads = 4;
   constexpr uint32_t kEach = MasterService::kKeptAlarms / kThreads + 10;
   constexpr uint64_t kAll = uint64_t{kThreads} * kEach;
