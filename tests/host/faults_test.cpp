@@ -370,10 +370,6 @@ ssize_t receiveOne(const FileDescriptor& connection) {
   return recv(connection.get(), &byte, 1, 0);
 }
 
-Answer answerOk(const std::string&, std::span<const uint8_t>) {
-  return {AnswerStatus::ok, {}, okReply()};
-}
-
 // A connection that there is no descriptor for waits until there is one, and costs nothing.
 TEST_F(Faults, NoDescriptorForAConnection) {
   const RpcServer server(target, answerOk);

@@ -14,6 +14,10 @@ Bytes okReply() {
           0,    0x04, 0, 0, 0,    0x02, 0,    0, 0,    'o', 'k',  0};
 }
 
+Answer answerOk(const std::string& /*path*/, std::span<const uint8_t> /*request*/) {
+  return {AnswerStatus::ok, {}, okReply()};
+}
+
 AlarmInput sampleAlarm(uint32_t number) {
   AlarmInput alarm{};
   alarm.value1 = number;

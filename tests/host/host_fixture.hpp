@@ -11,10 +11,12 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "host/rpc_framework.hpp"
+#include "host/rpc_server.hpp"
 
 namespace kel::host::test {
 
@@ -27,6 +29,9 @@ using Bytes = std::vector<uint8_t>;
 
 // An AlarmOutput with the text "ok", as the wire has it.
 Bytes okReply();
+
+// A RequestHandler that answers so.
+Answer answerOk(const std::string& path, std::span<const uint8_t> request);
 
 AlarmInput sampleAlarm(uint32_t number = 7);
 

@@ -15,12 +15,6 @@
 namespace kel::host::test {
 namespace {
 
-RequestHandler okHandler() {
-  return [](const std::string&, std::span<const uint8_t>) {
-    return Answer{AnswerStatus::ok, {}, okReply()};
-  };
-}
-
 class RpcFramework : public HostFixture {
  protected:
   ~RpcFramework() override {
@@ -89,7 +83,7 @@ TEST_F(RpcFramework, GivesEveryFailureItsResultAndRecovers) {
       }
       EXPECT_EQ(callBothWays(faulty.deadlineMs), outcome(faulty.expected));
     }
-    const RpcServer next("unix:" + socket, okHandler());
+    const RpcServer next("unix:" + socket, answerOk);
     // The first may join an attempt to connect to whoever was there.
     if (call() != outcome(kOk)) {
       EXPECT_EQ(call(), outcome(kOk));
@@ -131,7 +125,7 @@ TEST_F(RpcFramework, ExplainsAFailureInTheServersWords) {
 }
 
 TEST_F(RpcFramework, RefusesWhatItCannotCarryWithoutACompletion) {
-  const RpcServer server(target, okHandler());
+  const RpcServer server(target, answerOk);
   const AlarmInput alarm = sampleAlarm();
   AlarmOutput output{};
   Completions completions;
@@ -182,7 +176,7 @@ TEST_F(RpcFramework, SendsTheFixedLayoutUnlessToldOtherwise) {
 
 // A completion may call again, even synchronously.
 TEST_F(RpcFramework, CallsFromCompletions) {
-  const RpcServer server(target, okHandler());
+  const RpcServer server(target, answerOk);
   const Completion again = [](int32_t, void*, uintptr_t context) {
     std::string reply;
     Completions::onAlarmOutput(sendAlarm(sampleAlarm(), reply), nullptr, context);

@@ -459,11 +459,7 @@ TEST_F(Security, RefusesCallsBeyondTheLimitAtOnceAndEndsLongOnes) {
 // gRPC tells this side of a reply's end some time after its reader has it.
 TEST_F(Security, TakesEveryCallOfCallersThatKeepTheLimit) {
   for (const uint32_t callers : {1U, 8U}) {
-    const RpcServer server(target,
-                           [](const std::string&, std::span<const uint8_t>) {
-                             return Answer{{}, {}, okReply()};
-                           },
-                           {.limits = {.messageBytes = 300, .calls = callers}});
+    const RpcServer server(target, answerOk, {.limits = {.messageBytes = 300, .calls = callers}});
     onThreads(callers, [&](uint32_t) {
       for (int i = 0; i < 400; ++i) {
         ASSERT_EQ(call(), outcome(kOk)) << i;
