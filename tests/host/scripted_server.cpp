@@ -1,7 +1,6 @@
 #include "tests/host/scripted_server.hpp"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <array>
@@ -45,17 +44,6 @@ std::string answerTo(size_t stream, const Script& script) {
                         trailer + bigEndian(status.size(), 1) + status);
 }
 
-// By bind or connect.
-template <class Use>
-FileDescriptor openSocket(const std::string& path, const Use& use) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  FileDescriptor result(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(use(result.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-  return result;
-}
-
 bool hasSomethingToTake(int descriptor) {
   constexpr int kPatienceMs = 2;
   pollfd awaited{descriptor, POLLIN, 0};
@@ -65,6 +53,15 @@ bool hasSomethingToTake(int descriptor) {
 }  // namespace
 
 const std::string kHttpGreeting = frame(kSettings, 0, 0, "");
+
+FileDescriptor openSocket(const std::string& path, const UseOfAddress& use, int type) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  FileDescriptor result(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(use(result.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  return result;
+}
 
 FileDescriptor connectTo(const std::string& path, const std::function<void()>& first) {
   return openSocket(path, [&](int caller, const sockaddr* address, socklen_t length) {

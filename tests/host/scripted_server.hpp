@@ -1,8 +1,11 @@
 // A server that speaks HTTP/2 by rote, right or wrong.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,7 +15,11 @@
 
 namespace kel::host::test {
 
-// A Unix socket that is connected, after something else has been done once it is open.
+// A Unix socket that bind, or whatever else takes an address, has been called with.
+using UseOfAddress = std::function<int(int descriptor, const sockaddr* address, socklen_t length)>;
+FileDescriptor openSocket(const std::string& path, const UseOfAddress& use, int type = SOCK_STREAM);
+
+// One that is connected, after something else has been done once it is open.
 FileDescriptor connectTo(
     const std::string& path, const std::function<void()>& first = [] {});
 

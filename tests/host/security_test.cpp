@@ -2,9 +2,7 @@
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,10 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/file_descriptor.hpp"
 #include "host/rpc_server.hpp"
 #include "host/whole_file.hpp"
-#include "tests/host/host_fixture.hpp"
+#include "tests/host/scripted_server.hpp"
 #include "tests/host/test_authority.hpp"
 
 namespace kel::host::test {
@@ -205,15 +202,6 @@ TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
                "/KelSysdiagMaster/KelSendAlarm is not open to peers without a name");
 }
 
-FileDescriptor bindDatagrams(const std::string& path) {
-  FileDescriptor result(socket(AF_UNIX, SOCK_DGRAM, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  EXPECT_EQ(bind(result.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  return result;
-}
-
 TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
   const TestAuthority ours(folder, "ours");
   const TlsFiles good = ours.issue("good");
@@ -241,7 +229,7 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
   const TestAuthority ours(folder, "ours");
   const TransportSecurity both{readTlsFiles(ours.issue("good")), true};
   std::ofstream(folder / "file") << "not a socket";
-  const FileDescriptor datagrams = bindDatagrams(folder / "datagrams");
+  const FileDescriptor datagrams = openSocket(folder / "datagrams", bind, SOCK_DGRAM);
   struct Case {
     std::string target;
     TransportSecurity security;
@@ -279,7 +267,7 @@ TEST_F(Security, CannotReplaceADeadSocketOfAnotherUser) {
   using std::filesystem::perms;
   std::filesystem::permissions(folder, perms::all | perms::sticky_bit);
   const std::filesystem::path path = folder / "dead";
-  (void)bindDatagrams(path);
+  (void)openSocket(path, bind);
   for (const perms mode : {perms::owner_read | perms::owner_write, perms::all}) {
     std::filesystem::permissions(path, mode);
     constexpr uid_t kNobody = 65534;
