@@ -3,11 +3,9 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <fstream>
 
 #include "host/qarne_client.hpp"
-#include "host/rpc_server.hpp"
 #include "tests/host/host_fixture.hpp"
 #include "tests/host/running_program.hpp"
 #include "tests/host/scripted_server.hpp"
@@ -134,31 +132,6 @@ TEST_F(Programs, ServeWhoeverStartedThem) {
   const int code = unread.end();
   expectEnd({code, unread.output()}, 1, {"No space left on device"});
   expectEnd(stop(host, SIGHUP), 0, {" 0 are outstanding"});
-}
-
-// What a busy master does not take is told to it later.
-TEST_F(Programs, RaiseAnAlarmAgainWhenTheMasterWasBusy) {
-  std::atomic<int> handled = 0;
-  std::atomic<bool> busy = true;
-  const RpcServer master(target,
-                         [&](const std::string&, std::span<const uint8_t>) {
-                           ++handled;
-                           busy.wait(true);
-                           return Answer{AnswerStatus::ok, {}, okReply()};
-                         },
-                         {.limits = {.calls = 1}});
-  const AlarmInput alarm = sampleAlarm();
-  Completions completions;
-  EXPECT_EQ(completions.start(&alarm, 60'000), kOk);
-  EXPECT_TRUE(eventually([&] { return handled == 1; }));
-  RunningProgram host = startServing({"--listen", qarne_});
-  expectEnd(runQuery({"overload"}), 0);
-  EXPECT_TRUE(host.says("could not be raised yet: ")) << host.output();
-  busy = false;
-  busy.notify_all();
-  EXPECT_TRUE(host.says("was answered by the master")) << host.output();
-  EXPECT_EQ(handled, 2);
-  EXPECT_EQ(completions.wait(1).size(), 1U);
 }
 
 TEST_F(Programs, TellOfAnOverloadFromTheThresholdToTheMaster) {
