@@ -196,19 +196,6 @@ TEST(Replies, EntriesDecideAtTheLimit) {
   munmap(reserved, kBytes);
 }
 
-// Requests as other writers lay them out, by the library's own unpackers.
-TEST(Requests, ByteExamples) {
-  for (const bool isThere : {true, false}) {
-    const Buffer threshold =
-        layout(u32(12), u16(8, 66, isThere ? 8 : 0, 4), u32(8, 772, 4, 50), fill(50, 0x55));
-    SysOvLoadDiskThreshold set;
-    std::memset(&set, 0xDD, sizeof set);
-    ASSERT_NE(thresholdOps.unpackFn(threshold.data(), 78, &set), 0U);
-    EXPECT_EQ(bytesOf(set), layout(fill(50, isThere ? 0x55 : 0), u16(0), u32(772)));
-    EXPECT_EQ(thresholdOps.unpackFn(threshold.data(), 77, &set) != 0, !isThere);
-  }
-}
-
 // A value put into a request, and what its record then holds, behind a "!" if it is refused.
 TEST(Requests, Bent) {
   const Buffer fd = layout(u32(12), u16(8, 12, 4, 8), u32(8, 1, 2));
