@@ -86,13 +86,9 @@ class Library:
         return next(s for s in self.elf.iter_segments() if s["p_type"] == kind)
 
     def aarch64_features(self):
-        properties = [p for n in self.notes if n["n_type"] == "NT_GNU_PROPERTY_TYPE_0"
-                      for p in n["n_desc"]]
-        for p in properties:
-            if p.pr_type in (AARCH64_FEATURE_1_AND, "GNU_PROPERTY_AARCH64_FEATURE_1_AND"):
-                data = p.pr_data
-                return data if isinstance(data, int) else int.from_bytes(bytes(data), "little")
-        return 0
+        return next((int.from_bytes(p.pr_data, "little") for n in self.notes
+                     if n["n_type"] == "NT_GNU_PROPERTY_TYPE_0" for p in n["n_desc"]
+                     if p.pr_type == AARCH64_FEATURE_1_AND), 0)
 
 
 class SharedLibrary:
