@@ -9,9 +9,9 @@
 #include <string>
 #include <utility>
 
-#include "support/codec_ops.hpp"
-#include "support/message_checks.hpp"
-#include "support/sub_record.hpp"
+#include "tests/support/codec_ops.hpp"
+#include "tests/support/message_checks.hpp"
+#include "tests/support/sub_record.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/framework_double.hpp"
+#include "tests/support/framework_double.hpp"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include "fuzz/messages.hpp"
 #include "fuzz/naive_decoder.hpp"
 #include "fuzz/records.hpp"
-#include "support/bytes.hpp"
-#include "support/guarded_memory.hpp"
+#include "tests/support/bytes.hpp"
+#include "tests/support/guarded_memory.hpp"
 
 namespace kel::test {
 namespace {

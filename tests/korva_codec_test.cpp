@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "codec/korva_codec.hpp"
-#include "support/bytes.hpp"
-#include "support/guarded_memory.hpp"
-#include "support/message_checks.hpp"
+#include "tests/support/bytes.hpp"
+#include "tests/support/guarded_memory.hpp"
+#include "tests/support/message_checks.hpp"
 
 namespace {
 

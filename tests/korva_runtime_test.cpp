@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "schema/client_routines.hpp"
-#include "support/bytes.hpp"
+#include "tests/support/bytes.hpp"
 
 extern "C" void* __real_malloc(size_t size);
 extern "C" void __real_free(void* block);

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "support/codec_ops.hpp"
+#include "tests/support/codec_ops.hpp"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <utility>
 
 #include "fuzz/host_hooks.hpp"
-#include "support/codec_ops.hpp"
-#include "support/message_checks.hpp"
-#include "support/sub_record.hpp"
+#include "tests/support/codec_ops.hpp"
+#include "tests/support/message_checks.hpp"
+#include "tests/support/sub_record.hpp"
 
 namespace {
 

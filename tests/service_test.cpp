@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/framework_double.hpp"
-#include "support/host_functions.h"
+#include "tests/support/framework_double.hpp"
+#include "tests/support/host_functions.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The recording framework.
-#include "support/framework_double.hpp"
+#include "tests/support/framework_double.hpp"
 
 #include <cstring>
 

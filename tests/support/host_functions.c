@@ -1,5 +1,5 @@
 /* Nobody calls them here; each is a function of its own, so that addresses tell them apart. */
-#include "support/host_functions.h"
+#include "tests/support/host_functions.h"
 
 #include <stdlib.h>
 

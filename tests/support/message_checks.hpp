@@ -6,8 +6,8 @@
 
 #include <cstring>
 
-#include "support/bytes.hpp"
-#include "support/guarded_memory.hpp"
+#include "tests/support/bytes.hpp"
+#include "tests/support/guarded_memory.hpp"
 
 namespace kel::test {
 

@@ -3,7 +3,7 @@
 
 #include <kel_sys_diag/records.h>
 
-#include "support/bytes.hpp"
+#include "tests/support/bytes.hpp"
 
 namespace kel::test {
 
