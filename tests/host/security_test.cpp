@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "host/rpc_server.hpp"
-#include "host/whole_file.hpp"
 #include "tests/host/scripted_server.hpp"
 #include "tests/host/test_authority.hpp"
 
@@ -221,7 +220,7 @@ TEST_F(Security, SaysWhyItCannotUseTlsFiles) {
                         complaintOf([&] { (void)readTlsFiles(files); }));
   }
   const std::string both = folder / "both.pem";
-  std::ofstream(both) << readWholeFile(late.certificate) << readWholeFile(good.authority);
+  std::ofstream(both) << contentOf(late.certificate) << contentOf(good.authority);
   EXPECT_NO_THROW((void)readTlsFiles({both, good.certificate, good.key})) << "one takes over";
 }
 
