@@ -18,7 +18,7 @@ const IdlCodecOps alarmOps = kel::test::opsOf(KelSysdiagMaster_KelSendAlarmSetId
 
 TEST(Strings, OfAnyLengthArriveWhole) {
   for (const size_t length :
-       {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{3 << 20}}) {
+       {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{1 << 24}}) {
     const std::string text(length, 'k');
     const AlarmInput record{1, 0, text.c_str(), 0, 0, {7}, 5};
     const uint32_t size = alarmOps.packFn(nullptr, &record);

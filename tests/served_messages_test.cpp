@@ -300,20 +300,31 @@ TEST(Replies, ArraysPastThirtyTwoBitsAreRefused) {
   }
 }
 
+// And so, by a runtime of its own: each of its messages has that one.
 TEST(EveryUnit, LogsByADescriptorOfItsOwn) {
-  const IdlCodecOps alarmOps = opsOf(KelSysdiagMaster_KelSendAlarmSetIdl);
-  OperResult result;
-  std::set<const KorvaLogDescriptor*> descriptors;
-  const auto refused = [&](uintptr_t decoded) {
-    EXPECT_EQ(decoded, 0U);
-    descriptors.insert(host.logDescriptor);
+  const uint32_t capacity = 0;
+  const PackTarget target{nullptr, &capacity};
+  std::set<const KorvaLogDescriptor*> all;
+  const auto expectOne = [&](std::initializer_list<IdlCodecOps> unit) {
+    std::set<const KorvaLogDescriptor*> descriptors;
+    for (const IdlCodecOps& ops : unit) {
+      EXPECT_EQ(ops.unpackFn(nullptr, 0, nullptr), 0U);
+      descriptors.insert(host.logDescriptor);
+      EXPECT_EQ(ops.packFn(&target, nullptr), 0U);
+      descriptors.insert(host.logDescriptor);
+    }
+    EXPECT_EQ(descriptors.size(), 1U);
+    all.merge(descriptors);
   };
-  for (int round = 0; round < 2; ++round) {
-    refused(alarmOps.unpackFn(nullptr, 0, nullptr));
-    refused(thresholdOps.unpackFn(nullptr, 0, nullptr));
-    refused(Kel_sys_diag_OperResult_unpack(nullptr, 0, &result));
-  }
-  EXPECT_EQ(descriptors.size(), 3U);
+  expectOne({opsOf(KelSysdiagMaster_KelSendAlarmSetIdl),
+             opsOf(KelSysdiagMaster_KelSendOverloadAlarmSetIdl),
+             opsOf(KelSysdiagMaster_KelSendMobileDiskOverloadAlarmSetIdl),
+             opsOf(KelSysdiagMaster_KelGetDiskOvLoadCfgInfoSetIdl)});
+  expectOne(
+      {brdPartOps, fdProcOps, thresholdOps, diskUseOps, resetOps, mountOps, eraseOps, badBlockOps});
+  EXPECT_EQ(Kel_sys_diag_OperResult_unpack(nullptr, 0, nullptr), 0U);
+  all.insert(host.logDescriptor);
+  EXPECT_EQ(all.size(), 3U);
 }
 
 }  // namespace

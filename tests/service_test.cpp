@@ -73,6 +73,7 @@ void callEveryWrapper() {
     IdlCodecOps again;
     const ServiceCall second = callWrapper(method, again, 0);
     EXPECT_EQ(std::memcmp(&ops, &again, sizeof ops), 0);
+    EXPECT_EQ(std::memcmp(&ops, &call.slots, sizeof ops), 0);
     EXPECT_EQ(second.binding.hook, call.binding.hook);
   }
 }

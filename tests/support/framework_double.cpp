@@ -60,7 +60,7 @@ int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRe
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding) {
   ++kel::test::framework().calls;
-  kel::test::framework().lastServiceCall = {first, second, inputRecordSize, ops, *binding};
+  kel::test::framework().lastServiceCall = {first, second, inputRecordSize, ops, *ops, *binding};
   kel::test::spoil(binding);
   return kel::test::framework().resultToReturn;
 }

@@ -28,6 +28,7 @@ struct ServiceCall {
   uintptr_t second = 0;
   uint32_t inputRecordSize = 0;
   IdlCodecOps* ops = nullptr;
+  IdlCodecOps slots{};  // what ops held
   ServiceMethodBinding binding{};
 };
 
