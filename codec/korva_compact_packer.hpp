@@ -261,17 +261,14 @@ class TableWriter {
         kHasScalars ||
             countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) <= 1,
         "without scalars, the one slot that need not be there brings the full head");
+    static_assert(PlainTable<Record> || !kHasScalars || sizeof(rows::HeadLane<Record>) == 1,
+                  "what is not there is subtracted byte by byte");
     ByteVector head = kHasScalars ? state_.head : loadAligned(rows::kFullHead<Record>.data());
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
         const ByteVector what = loadAligned(rows::kOptionalHeads<Record, Index>[row].data());
-        if constexpr (kHasScalars) {
-          static_assert(sizeof(rows::HeadLane<Record>) == 1);
-          head = subtractDownToZero(head, what);
-        } else {
-          head = what;
-        }
+        head = kHasScalars ? subtractDownToZero(head, what) : what;
       }
     });
     return head;

@@ -385,12 +385,8 @@ template <uint32_t Room, class Record>
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
         absent};
     const ByteVector head = loadAligned(rows + kHeadsAt<Record, Index> + offset);
-    if constexpr (Index == 0) {
-      state.head = head;
-    } else {
-      static_assert(sizeof(HeadLane<Record>) == 1, "it is subtracted byte by byte");
-      state.head = subtractDownToZero(state.head, head);
-    }
+    static_assert(Index == 0 || sizeof(HeadLane<Record>) == 1, "it is subtracted byte by byte");
+    state.head = Index == 0 ? head : subtractDownToZero(state.head, head);
   });
 }
 
