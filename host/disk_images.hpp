@@ -2,8 +2,9 @@
 //
 // A name has to be plain and that of a regular file with no second name. The file is opened first
 // and examined then, and what follows works on the open file, so that no name can be swapped
-// meanwhile. So it is with the folder of the mount points, which may lie where others may write. While an image is being formatted or is mounted, it is locked: it is in use for every
-// other call, also of another host on the same folder.
+// meanwhile; so it is with the folder of the mount points, since others may write to the one around
+// it. While an image is being formatted or is mounted, it is locked: it is in use for every other
+// call, also of another host on the same folder.
 #pragma once
 
 #include <filesystem>
