@@ -189,6 +189,9 @@ std::optional<int> parse(int argc, char** argv, QueryOptions& options) {
   addCallOptions(app, files, options.calls);
   CLI::App* const overload =
       app.add_subcommand("overload", "have the fullest disk pass a threshold")->fallthrough();
+  overload->footer(
+      "Ends with 0 if a threshold was passed and is again what it was, with 1 if anything went "
+      "wrong.");
   for (CLI::Option* const option : notForOverload) {
     overload->excludes(option);
   }
