@@ -1,9 +1,10 @@
 /* The optional OS layer of a host: a logger and a memory-cache allocator for the codecs.
  * For host authors; clean in C11 and C++11.
  *
- * None of these functions is linked. The library looks each one up by name in the process's global
- * symbol scope, at most once per unit (client messages, served messages, peer library), and works
- * without any that it does not find. So a host that offers one must define it with default
+ * None of these functions is linked. The library looks each one up by name, in the process's global
+ * symbol scope and, if dlopen loaded the library or what needs it, among what that call loaded; at
+ * most once per unit (client messages, served messages, peer library). It works without any that it
+ * does not find. So a host that offers one must define it with default
  * visibility, in the executable (linked with -rdynamic) or in a library of global scope, before its
  * first codec call. Since nothing refers to it, a linker takes it from a static library only if
  * told to (-Wl,-u,QSV_OsalLogWrite and so on). The choice holds until the library is unloaded;
@@ -13,10 +14,15 @@
  * the library held, but for the flag function. The strings that they are given last as long as the
  * library is loaded.
  *
- * Names are looked up under a lock of the library, and looking up waits for the loader's, which
- * dlopen holds while it runs constructors, and dlclose while it runs destructors. So none of these
- * may make a codec call while another thread may be making the unit's first one: both would wait
- * for good. A child that is forked during that call waits so in its own first one. */
+ * The memory functions are looked up in a unit's first call that packs, unpacks, or releases a
+ * record with pointers, and whose arguments are not refused; the logger in the first one that
+ * writes a line, however late. Both happen under a lock of the library, and looking up waits for
+ * the loader's, which dlopen holds while it runs constructors, and dlclose while it runs
+ * destructors. So none of these may make a codec call while another thread may be in a look-up:
+ * both would wait for good. A host with such calls has both look-ups behind it before it starts
+ * threads: releaseFn(NULL) of a message with pointers looks up the memory functions,
+ * unpackFn(NULL, 0, NULL) the logger, for the line that it writes. A child that is forked during a
+ * look-up waits so in its own. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 

@@ -9,9 +9,12 @@
  *
  * In a reply with entries, entries is an array of entryCount records, or null for none, whatever
  * the count says. It belongs to the reply's record; the release routine hands it to the release
- * hook (osal.h), so it must come from the allocator that pairs with that hook: from
- * QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag is 1,
- * otherwise from malloc. */
+ * hook (osal.h). If that is to release it, it must come from the allocator that pairs with the
+ * hook: from QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag
+ * is 1, otherwise from malloc.
+ *
+ * A received text may hold further NULs before the one at its end; whoever reads it as a string
+ * sees what is before the first. */
 #ifndef KEL_SYS_DIAG_RECORDS_H
 #define KEL_SYS_DIAG_RECORDS_H
 

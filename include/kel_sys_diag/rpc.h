@@ -29,8 +29,9 @@ typedef struct PackTarget {
  * record owned before is not given back: release it first. Returns record as an integer. The bytes
  * are not referred to after the call.
  *
- * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more, the message is
- * malformed, or an allocation fails. Nothing that the unpacker allocated survives then, and what
+ * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more (which packFn can
+ * write), the message is malformed, a list's array would take 2^32 bytes or more, or an allocation
+ * fails. Nothing that the unpacker allocated survives then, and what
  * the record holds is not for use:
  *
  *   arguments refused          it is as it was
