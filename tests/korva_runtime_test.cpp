@@ -56,6 +56,7 @@ struct Platform {
   }
   void free(void* block, const std::string& forWhom = "") {
     record((block == nullptr ? "free null" : "free block") + forWhom);
+    doNext();
     __real_free(block);
   }
   void record(std::string event) {
@@ -162,7 +163,11 @@ Action unpacks(Buffer bytes, uint32_t length) {
   return [bytes = std::move(bytes), length] {
     Record record;
     std::memset(&record, 0xDD, sizeof record);
-    return Unpack(bytes.data(), length, &record);
+    const uintptr_t result = Unpack(bytes.data(), length, &record);
+    if (length < 4 || length > INT32_MAX) {
+      EXPECT_EQ(bytesOf(record), Buffer(sizeof record, 0xDD)) << "not left as it was";
+    }
+    return result;
   };
 }
 const auto packsAlarm = packs<Kel_sys_diag_AlarmInput_pack>;
@@ -292,8 +297,11 @@ TEST(Hooks, MayCallCodecs) {
     Kel_sys_diag_AlarmOutput_free_unpacked(&record);
   };
   const auto refuse = [] { EXPECT_EQ(packsAlarm(nullptr, 66, nullptr)(), 0U); };
+  const auto refuseWhenReleasing = [&] { platform.next = refuse; };
   const std::pair<std::function<void()>, std::function<void()>> cases[] = {
-      {refuse, unpackAndRelease}, {unpackAndRelease, refuse}};
+      {refuse, unpackAndRelease},
+      {unpackAndRelease, refuse},
+      {unpackAndRelease, refuseWhenReleasing}};
   for (const auto& [outer, inner] : cases) {
     inAProcessOfItsOwn([&] {
       usePlatformAllocator();
