@@ -1,10 +1,14 @@
 // Who gets in, what they may call, and what they may cost the server.
+#include <fcntl.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <deque>
@@ -249,7 +253,11 @@ TEST_F(Security, SaysWhyItCannotServeOrCallAsConfigured) {
       {"unix:///" + (folder / "a").string(), {}, "never with two"},
       {"unix:" + (folder / "file").string(), {}, "is no socket"},
       {"unix:" + (folder / "datagrams").string(), {}, "wrong type for socket"},
+      {"unix:" + (folder / "locked" / "socket").string(), {}, "keeps the folder locked"},
   };
+  std::filesystem::create_directory(folder / "locked");
+  const FileDescriptor locked(open((folder / "locked").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(locked.get(), LOCK_EX), 0);
   for (const Case& ill : cases) {
     const auto serve = [&] { RpcServer(ill.target, handler(), {.security = ill.security}); };
     EXPECT_PRED_FORMAT2(testing::IsSubstring, ill.complaint, complaintOf(serve)) << ill.target;
@@ -304,6 +312,8 @@ TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
     }
     testing::internal::CaptureStderr();
     const std::filesystem::path socket = folder / place.inner / "socket";
+    const FileDescriptor changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(inotify_add_watch(changes.get(), socket.parent_path().c_str(), IN_ATTRIB), 0);
     const RpcServer server("unix:" + socket.string(), handler());
     const std::string said = testing::internal::GetCapturedStderr();
     const std::string warning = "warning: others may replace the socket in " +
@@ -312,6 +322,8 @@ TEST_F(Security, KeepsTheUnixSocketToItsUserAndWarnsOfItsFolder) {
     struct stat status {};
     ASSERT_EQ(stat(socket.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    std::array<char, 512> change{};  // one with a name
+    EXPECT_LT(read(changes.get(), change.data(), change.size()), 0) << "another mode at first";
   }
 }
 
