@@ -177,7 +177,8 @@ DiskImages::~DiskImages() {
   for (const std::string& name : namesIn(openPath(mountFolder_.get()))) {
     unlinkat(mountFolder_.get(), name.c_str(), AT_REMOVEDIR);
   }
-  rmdir(mountFolderName_.c_str());
+  std::error_code ignored;
+  rmdir(std::filesystem::read_symlink(openPath(mountFolder_.get()), ignored).c_str());
 }
 
 // Without any rights on the file at first: opening a device, say, might already act on it.
@@ -245,7 +246,6 @@ ResultCode DiskImages::makeMountFolder() {
     return report("somebody has replaced the folder", name, EACCES);
   }
   mountFolder_ = std::move(made);
-  mountFolderName_ = std::move(name);
   return ResultCode::done;
 }
 

@@ -52,7 +52,6 @@ class DiskImages {
   const std::vector<std::filesystem::path> programFolders_;
   std::mutex mutex_;                               // for what follows
   FileDescriptor mountFolder_;                     // closed until the first mount
-  std::string mountFolderName_;                    // its path when it was made
   std::map<std::string, FileDescriptor> mounted_;  // the locked images by name
 };
 
