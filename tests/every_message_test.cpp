@@ -99,7 +99,7 @@ TEST(EveryMessage, IsItselfFromTheFirstCallOn) {
     });
     if (message.fixedPack == nullptr) continue;
     inAProcessOfItsOwn([&] {
-      Buffer fixed[2] = {Buffer(256), Buffer(256)};
+      Buffer fixed[2] = {Buffer(256), Buffer(256)};  // room for any other's, too
       for (Buffer& bytes : fixed) message.fixedPack(bytes.data(), &record);
       EXPECT_EQ(fixed[0], fixed[1]);
     });

@@ -4,11 +4,11 @@
  * None of these functions is linked. The library looks each one up by name, in the process's global
  * symbol scope and, if dlopen loaded the library or what needs it, among what that call loaded; at
  * most once per unit (client messages, served messages, peer library). It works without any that it
- * does not find. So a host that offers one must define it with default
- * visibility, in the executable (linked with -rdynamic) or in a library of global scope, before its
- * first codec call. Since nothing refers to it, a linker takes it from a static library only if
- * told to (-Wl,-u,QSV_OsalLogWrite and so on). The choice holds until the library is unloaded;
- * loaded again, it chooses anew, so release every record before.
+ * does not find. So a host that offers one must define it with default visibility, in the
+ * executable (linked with -rdynamic) or in a library of global scope, before its first codec call.
+ * Since nothing refers to it, a linker takes it from a static library only if told to
+ * (-Wl,-u,QSV_OsalLogWrite and so on). The choice holds until the library is unloaded; loaded
+ * again, it chooses anew, so release every record before.
  *
  * All must be thread-safe, and no exception or jump may leave them. None is called with a lock of
  * the library held, but for the flag function. The strings that they are given last as long as the

@@ -31,8 +31,8 @@ typedef struct PackTarget {
  *
  * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more (which packFn can
  * write), the message is malformed, a list's array would take 2^32 bytes or more, or an allocation
- * fails. Nothing that the unpacker allocated survives then, and what
- * the record holds is not for use:
+ * fails. Nothing that the unpacker allocated survives then, and what the record holds is not for
+ * use:
  *
  *   arguments refused          it is as it was
  *   message's header refused   it is as it was or, if it has pointers, all zero
