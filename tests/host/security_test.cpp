@@ -508,6 +508,7 @@ TEST_F(Security, EndsCallsWhoseReplyIsNotRead) {
   }
   EXPECT_TRUE(eventually([] { return call() == outcome(kTooLarge); })) << "room for so many";
   EXPECT_TRUE(eventually([&] { return call() == outcome(kOk); })) << "they keep their places";
+  EXPECT_EQ(unread.front().end().error_code(), grpc::StatusCode::CANCELLED);
 }
 
 }  // namespace
