@@ -228,6 +228,7 @@ TEST_F(Programs, SayWhatIsWrong) {
       {"kel_master", {"--config", none}, "No such file"},
       {"kel_master", {"--config", folder}, "Is a directory"},
       {"kel_master", {"--config", "/dev/null"}, "cannot read /dev/null: it is empty"},
+      {"kel_master", {"--config", "/dev/zero"}, "cannot read /dev/zero: it has more than 1 MiB"},
       {"kel_master", {"--config", folder / "bad.json"}, "bad.json: "},
       {"kel_master",
        {"--listen", "unix:" + (folder / "taken").string(), "--config", folder / "rules.json"},
