@@ -10,24 +10,24 @@
 namespace kel::host {
 namespace {
 
-// Characters of a peer's names: a refusal beyond what a caller takes of headers does not arrive.
+// Characters of a path and of a peer's names: a refusal beyond what a caller takes of headers does
+// not arrive.
 constexpr int kMostShown = 300;
 
 }  // namespace
 
-PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> paths) {
-  return
-      [names = std::move(names), restricted = std::vector<std::string>(paths.begin(), paths.end())](
-          const std::string& path, const Peer& peer) {
-        if (peer.local || std::ranges::find(restricted, path) == restricted.end() ||
-            std::ranges::find_first_of(peer.names, names) != peer.names.end()) {
-          return std::string();
-        }
-        return peer.names.empty()
-                   ? fmt::format("{} is not open to peers without a name", path)
-                   : fmt::format("{} is not open to {:.{}}", path,
-                                 fmt::format("{}", fmt::join(peer.names, ", ")), kMostShown);
-      };
+PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> openPaths) {
+  return [names = std::move(names),
+          open = std::vector<std::string>(openPaths.begin(), openPaths.end())](
+             const std::string& path, const Peer& peer) {
+    if (peer.local || std::ranges::find(open, path) != open.end() ||
+        std::ranges::find_first_of(peer.names, names) != peer.names.end()) {
+      return std::string();
+    }
+    const std::string whom = peer.names.empty() ? "peers without a name"
+                                                : fmt::format("{}", fmt::join(peer.names, ", "));
+    return fmt::format("{:.{}} is not open to {:.{}}", path, kMostShown, whom, kMostShown);
+  };
 }
 
 }  // namespace kel::host

@@ -22,7 +22,8 @@ struct Peer {
 // Runs on any number of threads at a time.
 using PeerPolicy = std::function<std::string(const std::string& path, const Peer& peer)>;
 
-// Opens paths only to local peers and to those that bear one of names, and everything else to all.
-PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> paths);
+// Opens everything to local peers and to those that bear one of names, and to all others only some
+// paths: what is forgotten there is closed.
+PeerPolicy restrictTo(std::vector<std::string> names, std::span<const std::string_view> openPaths);
 
 }  // namespace kel::host

@@ -15,11 +15,12 @@ class Diagnostics;
 // Who answers from now on; null: nobody, and every call fails. The object must outlive the calls.
 void setDiagnostics(Diagnostics* diagnostics);
 
-// The paths of those methods that change the machine, and so are not for everybody.
-inline constexpr std::array<std::string_view, 3> kChangingMethods = {
-    "/KelSysdiagQarne/KelSysOvLoadDiskThresholdSet",
-    "/KelSysdiagQarne/KelResetDiskMakeFS",
-    "/KelSysdiagQarne/KelMountDisk",
+// The paths of those methods that only tell what there is, and so are for everybody. The others
+// change the machine.
+inline constexpr std::array<std::string_view, 5> kAskingMethods = {
+    "/KelSysdiagQarne/KelBrdPartInfoQuery",         "/KelSysdiagQarne/FdProcInfoQuery",
+    "/KelSysdiagQarne/KelGetSysDiskUseInfo",        "/KelSysdiagQarne/KelQueryStorageEraseInfo",
+    "/KelSysdiagQarne/KelQueryStorageBadBlockInfo",
 };
 
 // FdProcInfoQuery lists so many processes when it is not told how many, and never more than so

@@ -33,7 +33,7 @@ class Answering {
 
 ServerOptions serverOptions(const HostOptions& options) {
   ServerOptions result{options.calls.security, options.limits,
-                       restrictTo(options.operators, kChangingMethods)};
+                       restrictTo(options.operators, kAskingMethods)};
   result.limits.messageBytes = options.calls.messageBytes;
   return result;
 }

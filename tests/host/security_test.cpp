@@ -158,8 +158,8 @@ TEST_F(Security, LetsInOnlyTheAuthoritysPeersAndGoesOnlyToTheRightServer) {
 TEST_F(Security, OpensChangingMethodsOnlyToThePeersThatAreNamed) {
   const TestAuthority ours(folder, "ours");
   const TlsFiles serverFiles = ours.issue("server", "subjectAltName=IP:127.0.0.1");
-  constexpr std::string_view kRestricted[] = {kAlarmPath};
-  const PeerPolicy policy = restrictTo({"operator", "operator.example"}, kRestricted);
+  constexpr std::string_view kOpen[] = {"/KelSysdiagMaster/KelGetDiskOvLoadCfgInfo"};
+  const PeerPolicy policy = restrictTo({"operator", "operator.example"}, kOpen);
   const TransportSecurity plain{.insecurePlainTcp = true};
   RpcServer overTls(kLoopback, handler(),
                     {.security = {readTlsFiles(serverFiles)}, .policy = policy});
