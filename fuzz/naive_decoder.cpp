@@ -132,10 +132,10 @@ class Decoder {
 
   // One block at most: no message has two strings or vectors.
   uint8_t* allocate(uint64_t size) {
-    static std::vector<uint8_t> block(kLongestMessage / 4 * 300 + kLongestMessage);
+    static std::vector<uint8_t> block;
+    block.assign(size, 0);
     verdict_.allocates = true;
     verdict_.allocation = size;
-    std::memset(block.data(), 0, size);
     return block.data();
   }
 
