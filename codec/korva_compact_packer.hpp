@@ -232,11 +232,13 @@ class TableWriter {
   // The scalars end their vector, which is stored so that it ends where the table does. What it has
   // before them is not stored, or falls on the head, which is stored afterwards.
   [[gnu::always_inline]] void writeScalarTable() {
-    static_assert(rows::kWindows<Record>.count == 1);
+    static_assert(rows::kWindows<Record>.count == 1,
+                  "a table of scalars alone has at most eight, within sixteen bytes");
     constexpr uint32_t kScalarBytes =
         alignUp(scalars::allBytes<Record, scalars::Depth::ownTable>(), 4);
     constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
-    static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>);
+    static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>,
+                  "what is stored before the scalars would reach in front of the table's head");
     passWindow<0>();
     storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, state_.windows[0].scalars);
     storeHead<rows::kHeadLength<Record>>(state_.head);
@@ -247,7 +249,9 @@ class TableWriter {
   // what is too much of them.
   [[gnu::always_inline]] void writeHead() {
     if constexpr (kFollowing < kVectorWidth) {
-      static_assert(kVtableLength<Record> <= sizeof(uint64_t));
+      static_assert(
+          kVtableLength<Record> <= sizeof(uint64_t),
+          "a table of more than two slots has sixteen bytes after its scalars, or nothing");
       storeHead<sizeof(uint64_t)>(head());
       store(table_, kVtableLength<Record>);
     } else {
@@ -261,8 +265,6 @@ class TableWriter {
         kHasScalars ||
             countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) <= 1,
         "without scalars, the one slot that need not be there brings the full head");
-    static_assert(PlainTable<Record> || !kHasScalars || sizeof(rows::HeadLane<Record>) == 1,
-                  "what is not there is subtracted byte by byte");
     ByteVector head = kHasScalars ? state_.head : loadAligned(rows::kFullHead<Record>.data());
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (rows::isOptional(Slot::kind)) {
@@ -289,7 +291,8 @@ class TableWriter {
   // Each window's vector is stored whole: at least a vector follows in the table, and overwrites
   // the excess.
   [[gnu::always_inline]] void writeScalars() {
-    static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth);
+    static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth,
+                  "sixteen bytes that are always there follow a table's scalars, or nothing does");
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
       storeVector(at_, state_.windows[Index].scalars);
       passWindow<Index>();

@@ -81,6 +81,7 @@ constexpr void addField(Layout& layout, uint32_t field, uint32_t member) {
 
 template <PlainTable Record>
 inline constexpr auto kLayout = [] {
+  static_assert(tableLength<Record>() <= UINT16_MAX, "an entry must be able to name every field");
   image::Image<kSize<Record>> layout(sizeof(Record));
   layout.template put<uint32_t>(0, kTablePosition);
   addTable<Record>(layout, kTablePosition, kRootVtablePosition<Record>, 0);

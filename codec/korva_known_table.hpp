@@ -24,10 +24,24 @@ using scalars::Window;
 // Fewer scalars than this are read faster one by one.
 inline constexpr uint32_t kWorthwhile = 3;
 
+// Whether no window's vector holds a scalar in front of the window's own, which would be lost.
+template <class Record>
+consteval bool windowsStartWithTheirScalars() {
+  for (uint32_t i = 1; i < kWindows<Record>.count; ++i) {
+    const Window& window = kWindows<Record>.items[i];
+    const Scalar& before = kScalars<Record>.items[window.first - 1];
+    if (before.offset + before.width > window.offset) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Tables that readScalars(), below, takes.
 template <class Record>
-concept ReadAtOnce = PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
-                     kVtableLength<Record> >= kVectorWidth;
+concept ReadAtOnce =
+    PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
+    kVtableLength<Record> >= kVectorWidth && windowsStartWithTheirScalars<Record>();
 
 // The permutation for each row that moves a window's scalars back to where they belong, with zeros
 // for those that are absent.
@@ -124,19 +138,6 @@ template <class Record>
   return isZero(different);
 }
 
-// Whether a window's vector holds no scalar in front of the window's own, which would be lost.
-template <class Record, uint32_t Index>
-consteval bool startsWithItsScalars() {
-  constexpr Window kWindow = kWindows<Record>.items[Index];
-  for (uint32_t i = 0; i < kWindow.first; ++i) {
-    const Scalar& scalar = kScalars<Record>.items[i];
-    if (scalar.offset + scalar.width > kWindow.offset) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // Fills in a table's scalars, and zeros in what else their vectors cover, if the table is laid out
 // as ours are. Says whether it did. The vtable must have all slots; position bytes of the buffer
 // lie before the table, and room bytes from its beginning on.
@@ -160,7 +161,6 @@ template <ReadAtOnce Record>
   }
   const uint8_t* at = table + kDisplacementWidth;
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
-    static_assert(startsWithItsScalars<Record, Index>());
     constexpr Window kWindow = kWindows<Record>.items[Index];
     const size_t windowSize =
         scalars::kWindowBytes<Record, Depth::ownTable, Index> - found[Index].absent;

@@ -48,9 +48,13 @@ template <class Record>
 inline constexpr uint32_t kHeadLength = kVtableLength<Record> + kDisplacementWidth;
 
 // A table's head in one vector, since loading rows is what packing waits for: in lanes of a vtable
-// entry's width if it fits, else in bytes, which are widened when they are stored.
+// entry's width if it fits and nothing is subtracted from it, which is done byte by byte, else in
+// bytes, which are widened when they are stored.
 template <class Record>
-using HeadLane = std::conditional_t<kHeadLength<Record> <= kVectorWidth, uint16_t, uint8_t>;
+using HeadLane =
+    std::conditional_t<kHeadLength<Record> <= kVectorWidth && kWindows<Record>.count <= 1 &&
+                           (PlainTable<Record> || kWindows<Record>.count == 0),
+                       uint16_t, uint8_t>;
 template <class Record>
 using Head = std::array<HeadLane<Record>, kVectorWidth / sizeof(HeadLane<Record>)>;
 
@@ -385,7 +389,6 @@ template <uint32_t Room, class Record>
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
         absent};
     const ByteVector head = loadAligned(rows + kHeadsAt<Record, Index> + offset);
-    static_assert(Index == 0 || sizeof(HeadLane<Record>) == 1, "it is subtracted byte by byte");
     state.head = Index == 0 ? head : subtractDownToZero(state.head, head);
   });
 }

@@ -12,6 +12,8 @@
 //       : korva::Slots<korva::vectorOf<&BrdPartInfo::entryCount, &BrdPartInfo::entries>> {};
 #pragma once
 
+#include <array>
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -47,7 +49,7 @@ concept CharacterPointer = std::same_as<Type, char*> || std::same_as<Type, const
 
 template <class Type>
 consteval SlotKind kindOf() {
-  if constexpr (std::unsigned_integral<Type>) {
+  if constexpr (std::unsigned_integral<Type> && !std::same_as<Type, bool>) {
     return SlotKind::scalar;
   } else if constexpr (CharacterPointer<Type>) {
     return SlotKind::string;
@@ -153,6 +155,40 @@ constexpr uint32_t alignUp(uint32_t offset, size_t alignment) {
   return static_cast<uint32_t>((offset + alignment - 1) / alignment * alignment);
 }
 
+// Such a record points at memory that unpacking allocates and the release routine gives back.
+template <class Record>
+inline constexpr bool kOwnsMemory =
+    countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) != 0;
+
+// Only a message's root table may own memory: so a release routine has no tables to walk, and the
+// codecs need room for one table's strings only.
+template <class Record>
+concept PlainTable = !kOwnsMemory<Record>;
+
+// Sets the first byte of a member to 1.
+template <class Type>
+constexpr void mark(Type& member) {
+  if constexpr (std::is_array_v<Type>) {
+    member[0] = 1;
+  } else if constexpr (std::is_class_v<Type>) {
+    mark(SlotAt<Type, 0>::get(member));
+  } else {
+    member = 1;
+  }
+}
+
+// Whether a slot's member lies there, as far as constant expressions can tell: they do not take
+// records with pointers apart.
+template <class Record, class Slot>
+constexpr bool liesAt(uint32_t offset) {
+  if constexpr (PlainTable<Record>) {
+    Record record{};
+    mark(Slot::get(record));
+    return std::bit_cast<std::array<uint8_t, sizeof(Record)>>(record)[offset] == 1;
+  }
+  return true;
+}
+
 // Not constant, so that calling it ends the compilation.
 void slotsAreNotTheMembersInTheirOrder();
 
@@ -161,6 +197,7 @@ void slotsAreNotTheMembersInTheirOrder();
 template <class Record, class Visit>
 constexpr void forEachMember(Visit visit) {
   uint32_t offset = 0;
+  bool inOrder = true;
   forEachSlot<Record>([&]<class Slot, size_t Index>() {
     using Type = typename Slot::Type;
     if constexpr (Slot::kind == SlotKind::vector) {
@@ -168,9 +205,10 @@ constexpr void forEachMember(Visit visit) {
     }
     offset = alignUp(offset, alignof(Type));
     visit.template operator()<Slot, Index>(offset);
+    inOrder &= liesAt<Record, Slot>(offset);
     offset += sizeof(Type);
   });
-  if (alignUp(offset, alignof(Record)) != kRecordSize<Record>) {
+  if (!inOrder || alignUp(offset, alignof(Record)) != kRecordSize<Record>) {
     slotsAreNotTheMembersInTheirOrder();
   }
 }
@@ -182,15 +220,5 @@ inline constexpr uint32_t kMemberOffset = [] {
       [&]<class Other, size_t Index>(uint32_t offset) { found = Index == Slot ? offset : found; });
   return found;
 }();
-
-// Such a record points at memory that unpacking allocates and the release routine gives back.
-template <class Record>
-inline constexpr bool kOwnsMemory =
-    countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) != 0;
-
-// Only a message's root table may own memory: so a release routine has no tables to walk, and the
-// codecs need room for one table's strings only.
-template <class Record>
-concept PlainTable = !kOwnsMemory<Record>;
 
 }  // namespace korva

@@ -271,8 +271,7 @@ template <small::SmallTable Element>
 template <class Element>
 [[nodiscard, gnu::always_inline]] inline bool readElement(const Source& source, uint64_t position,
                                                           Element& element) {
-  if constexpr (small::SmallTable<Element>) {
-    static_assert(kVtableLength<Element> <= kFirstElement);
+  if constexpr (small::SmallTable<Element> && kVtableLength<Element> <= kFirstElement) {
     return (source.holds(position, kDisplacementWidth) && readSmall(source, position, element)) ||
            readOtherElement(source, position, element);
   } else {
