@@ -1,6 +1,8 @@
 # How targets are compiled and linked here.
 
 include(CheckCXXSymbolExists)
+include(CheckLinkerFlag)
+include(CMakePushCheckState)
 
 # Older compilers lack some of the C++20 that the schemas take, and say so in pages of templates.
 if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
@@ -12,7 +14,10 @@ set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
 # x86-64-v2 has the instructions that codec/korva_vector.hpp takes, and every 64-bit ARM has its own.
 # ARM's code has the branch protection that the linker insists on, below. The compiler is asked which
 # it is, since not every toolchain file names the processor.
+cmake_push_check_state(RESET)  # of what a project that adds this one has set for its own checks
 check_cxx_symbol_exists(__aarch64__ "" KEL_FOR_ARM)
+check_linker_flag(CXX LINKER:-z,undefs KEL_LINKER_KNOWS_UNDEFS)
+cmake_pop_check_state()
 if(KEL_FOR_ARM)
   set(KEL_ARCHITECTURE -mbranch-protection=standard)
 else()
@@ -67,7 +72,14 @@ function(kel_add_library target)
     LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
   # Before glibc 2.34, dlsym is in a library of its own. What the host defines stays undefined, even
   # where a toolchain's flags forbid that; they come before the libraries, and the last word counts.
-  target_link_libraries(${target} PRIVATE c ${CMAKE_DL_LIBS} -Wl,--unresolved-symbols=ignore-all)
+  # Linkers agree on the first way to say so but for gold, which lacks it. The second one has mold,
+  # where it was forbidden, take their addresses for null.
+  if(KEL_LINKER_KNOWS_UNDEFS)
+    set(undefined -Wl,-z,undefs)
+  else()
+    set(undefined -Wl,--unresolved-symbols=ignore-all)
+  endif()
+  target_link_libraries(${target} PRIVATE c ${CMAKE_DL_LIBS} ${undefined})
   if(KEL_FOR_ARM)
     target_link_options(${target} PRIVATE LINKER:-z,force-bti LINKER:--fatal-warnings)
   endif()

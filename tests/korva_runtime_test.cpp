@@ -99,7 +99,7 @@ uint32_t flagGet(uint32_t module) {
 }
 
 std::string forWhom(uint32_t module, const char* caller) {
-  return " " + std::to_string(module) + " " + caller;
+  return std::string(" ") + std::to_string(module) + " " + caller;
 }
 void* cacheAlloc(uint32_t size, uint32_t module, const char* caller) {
   return platform.allocate(size, "alloc ", forWhom(module, caller));

@@ -18,7 +18,6 @@
 #ifndef KEL_SYS_DIAG_RECORDS_H
 #define KEL_SYS_DIAG_RECORDS_H
 
-#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -202,58 +201,65 @@ typedef struct StorageBadBlockInfo {
   StorageBadBlockEntry* entries;
 } StorageBadBlockInfo;
 
-static_assert(sizeof(void*) == 8, "the records are laid out for 64-bit platforms");
-static_assert(sizeof(AlarmInput) == 64, "layout");
-static_assert(offsetof(AlarmInput, text) == 8, "layout");
-static_assert(offsetof(AlarmInput, bytes32) == 24, "layout");
-static_assert(offsetof(AlarmInput, value5) == 56, "layout");
-static_assert(sizeof(AlarmOutput) == 8, "layout");
-static_assert(sizeof(DiagSubRecord) == 12, "layout");
-static_assert(offsetof(DiagSubRecord, byte1) == 2, "layout");
-static_assert(offsetof(DiagSubRecord, value32) == 8, "layout");
-static_assert(sizeof(OverloadAlarmInput) == 116, "layout");
-static_assert(offsetof(OverloadAlarmInput, sub) == 16, "layout");
-static_assert(offsetof(OverloadAlarmInput, bytes64) == 40, "layout");
-static_assert(offsetof(OverloadAlarmInput, value8) == 104, "layout");
-static_assert(sizeof(OverloadDiskAlarmInput) == 132, "layout");
-static_assert(offsetof(OverloadDiskAlarmInput, sub) == 16, "layout");
-static_assert(offsetof(OverloadDiskAlarmInput, bytes64) == 28, "layout");
-static_assert(offsetof(OverloadDiskAlarmInput, bytes32) == 92, "layout");
-static_assert(offsetof(OverloadDiskAlarmInput, value5) == 124, "layout");
-static_assert(sizeof(OvLoadDiskCtlInput) == 114, "layout");
-static_assert(offsetof(OvLoadDiskCtlInput, bytes50) == 64, "layout");
-static_assert(sizeof(OvLoadDiskCtlOutput) == 124, "layout");
-static_assert(offsetof(OvLoadDiskCtlOutput, value1) == 64, "layout");
-static_assert(offsetof(OvLoadDiskCtlOutput, bytes50) == 72, "layout");
-static_assert(sizeof(BrdPartEntry) == 232, "layout");
-static_assert(offsetof(BrdPartEntry, value1) == 136, "layout");
-static_assert(offsetof(BrdPartEntry, bytes64) == 164, "layout");
-static_assert(sizeof(FdProcInfoInput) == 8, "layout");
-static_assert(sizeof(FdProcEntry) == 300, "layout");
-static_assert(offsetof(FdProcEntry, sub1) == 8, "layout");
-static_assert(offsetof(FdProcEntry, bytes256) == 44, "layout");
-static_assert(sizeof(SysOvLoadDiskThreshold) == 56, "layout");
-static_assert(offsetof(SysOvLoadDiskThreshold, value1) == 52, "layout");
-static_assert(sizeof(OperResult) == 4, "layout");
-static_assert(sizeof(SysDiskUseInput) == 50, "layout");
-static_assert(sizeof(SysDiskUseInfoResult) == 168, "layout");
-static_assert(offsetof(SysDiskUseInfoResult, value1) == 104, "layout");
-static_assert(offsetof(SysDiskUseInfoResult, bytes32) == 124, "layout");
-static_assert(offsetof(SysDiskUseInfoResult, value4) == 156, "layout");
-static_assert(sizeof(StorageEraseInfoInput) == 4, "layout");
-static_assert(sizeof(StorageEraseEntry) == 16, "layout");
-static_assert(offsetof(StorageEraseEntry, value2) == 8, "layout");
-static_assert(sizeof(StorageBadBlockInfoInput) == 32, "layout");
-static_assert(sizeof(StorageBadBlockEntry) == 40, "layout");
-static_assert(offsetof(StorageBadBlockEntry, value1) == 32, "layout");
-static_assert(sizeof(BrdPartInfo) == 16, "layout");
-static_assert(offsetof(BrdPartInfo, entries) == 8, "layout");
-static_assert(sizeof(FdProcInfoOutput) == 16, "layout");
-static_assert(offsetof(FdProcInfoOutput, entries) == 8, "layout");
-static_assert(sizeof(StorageEraseInfo) == 16, "layout");
-static_assert(offsetof(StorageEraseInfo, entries) == 8, "layout");
-static_assert(sizeof(StorageBadBlockInfo) == 16, "layout");
-static_assert(offsetof(StorageBadBlockInfo, entries) == 8, "layout");
+/* Not by <assert.h>, which would replace an assert of the host's own. */
+#ifdef __cplusplus
+#define KEL_LAYOUT(holds) static_assert(holds, "layout")
+#else
+#define KEL_LAYOUT(holds) _Static_assert(holds, "layout")
+#endif
+KEL_LAYOUT(sizeof(void*) == 8); /* 64-bit platforms only */
+KEL_LAYOUT(sizeof(AlarmInput) == 64);
+KEL_LAYOUT(offsetof(AlarmInput, text) == 8);
+KEL_LAYOUT(offsetof(AlarmInput, bytes32) == 24);
+KEL_LAYOUT(offsetof(AlarmInput, value5) == 56);
+KEL_LAYOUT(sizeof(AlarmOutput) == 8);
+KEL_LAYOUT(sizeof(DiagSubRecord) == 12);
+KEL_LAYOUT(offsetof(DiagSubRecord, byte1) == 2);
+KEL_LAYOUT(offsetof(DiagSubRecord, value32) == 8);
+KEL_LAYOUT(sizeof(OverloadAlarmInput) == 116);
+KEL_LAYOUT(offsetof(OverloadAlarmInput, sub) == 16);
+KEL_LAYOUT(offsetof(OverloadAlarmInput, bytes64) == 40);
+KEL_LAYOUT(offsetof(OverloadAlarmInput, value8) == 104);
+KEL_LAYOUT(sizeof(OverloadDiskAlarmInput) == 132);
+KEL_LAYOUT(offsetof(OverloadDiskAlarmInput, sub) == 16);
+KEL_LAYOUT(offsetof(OverloadDiskAlarmInput, bytes64) == 28);
+KEL_LAYOUT(offsetof(OverloadDiskAlarmInput, bytes32) == 92);
+KEL_LAYOUT(offsetof(OverloadDiskAlarmInput, value5) == 124);
+KEL_LAYOUT(sizeof(OvLoadDiskCtlInput) == 114);
+KEL_LAYOUT(offsetof(OvLoadDiskCtlInput, bytes50) == 64);
+KEL_LAYOUT(sizeof(OvLoadDiskCtlOutput) == 124);
+KEL_LAYOUT(offsetof(OvLoadDiskCtlOutput, value1) == 64);
+KEL_LAYOUT(offsetof(OvLoadDiskCtlOutput, bytes50) == 72);
+KEL_LAYOUT(sizeof(BrdPartEntry) == 232);
+KEL_LAYOUT(offsetof(BrdPartEntry, value1) == 136);
+KEL_LAYOUT(offsetof(BrdPartEntry, bytes64) == 164);
+KEL_LAYOUT(sizeof(FdProcInfoInput) == 8);
+KEL_LAYOUT(sizeof(FdProcEntry) == 300);
+KEL_LAYOUT(offsetof(FdProcEntry, sub1) == 8);
+KEL_LAYOUT(offsetof(FdProcEntry, bytes256) == 44);
+KEL_LAYOUT(sizeof(SysOvLoadDiskThreshold) == 56);
+KEL_LAYOUT(offsetof(SysOvLoadDiskThreshold, value1) == 52);
+KEL_LAYOUT(sizeof(OperResult) == 4);
+KEL_LAYOUT(sizeof(SysDiskUseInput) == 50);
+KEL_LAYOUT(sizeof(SysDiskUseInfoResult) == 168);
+KEL_LAYOUT(offsetof(SysDiskUseInfoResult, value1) == 104);
+KEL_LAYOUT(offsetof(SysDiskUseInfoResult, bytes32) == 124);
+KEL_LAYOUT(offsetof(SysDiskUseInfoResult, value4) == 156);
+KEL_LAYOUT(sizeof(StorageEraseInfoInput) == 4);
+KEL_LAYOUT(sizeof(StorageEraseEntry) == 16);
+KEL_LAYOUT(offsetof(StorageEraseEntry, value2) == 8);
+KEL_LAYOUT(sizeof(StorageBadBlockInfoInput) == 32);
+KEL_LAYOUT(sizeof(StorageBadBlockEntry) == 40);
+KEL_LAYOUT(offsetof(StorageBadBlockEntry, value1) == 32);
+KEL_LAYOUT(sizeof(BrdPartInfo) == 16);
+KEL_LAYOUT(offsetof(BrdPartInfo, entries) == 8);
+KEL_LAYOUT(sizeof(FdProcInfoOutput) == 16);
+KEL_LAYOUT(offsetof(FdProcInfoOutput, entries) == 8);
+KEL_LAYOUT(sizeof(StorageEraseInfo) == 16);
+KEL_LAYOUT(offsetof(StorageEraseInfo, entries) == 8);
+KEL_LAYOUT(sizeof(StorageBadBlockInfo) == 16);
+KEL_LAYOUT(offsetof(StorageBadBlockInfo, entries) == 8);
+#undef KEL_LAYOUT
 
 #ifdef __cplusplus
 }

@@ -10,7 +10,6 @@
 #ifndef KEL_SYS_DIAG_RPC_H
 #define KEL_SYS_DIAG_RPC_H
 
-#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -139,23 +138,30 @@ typedef struct RpcServerAddr {
   const char* serviceName; /* set at load */
 } RpcServerAddr;
 
-static_assert(sizeof(PackTarget) == 16, "layout");
-static_assert(sizeof(IdlCodecOps) == 48, "layout");
-static_assert(sizeof(IdlMethodRef) == 16, "layout");
-static_assert(sizeof(IdlAsyncInfo) == 24, "layout");
-static_assert(offsetof(IdlAsyncInfo, userArg1) == 8, "layout");
-static_assert(sizeof(ServiceMethodBinding) == 24, "layout");
-static_assert(sizeof(IdlIntfEntry) == 88, "layout");
-static_assert(offsetof(IdlIntfEntry, wrapper) == 8, "layout");
-static_assert(offsetof(IdlIntfEntry, inputMsgId) == 16, "layout");
-static_assert(offsetof(IdlIntfEntry, methodName) == 24, "layout");
-static_assert(sizeof(IdlMsgDesc) == 16, "layout");
-static_assert(sizeof(IdlModuleSpec) == 120, "layout");
-static_assert(offsetof(IdlModuleSpec, intfCount) == 32, "layout");
-static_assert(offsetof(IdlModuleSpec, intfTable) == 40, "layout");
-static_assert(offsetof(IdlModuleSpec, reserved) == 56, "layout");
-static_assert(sizeof(RpcServerAddr) == 104, "layout");
-static_assert(offsetof(RpcServerAddr, serviceName) == 96, "layout");
+/* Not by <assert.h>, which would replace an assert of the host's own. */
+#ifdef __cplusplus
+#define KEL_LAYOUT(holds) static_assert(holds, "layout")
+#else
+#define KEL_LAYOUT(holds) _Static_assert(holds, "layout")
+#endif
+KEL_LAYOUT(sizeof(PackTarget) == 16);
+KEL_LAYOUT(sizeof(IdlCodecOps) == 48);
+KEL_LAYOUT(sizeof(IdlMethodRef) == 16);
+KEL_LAYOUT(sizeof(IdlAsyncInfo) == 24);
+KEL_LAYOUT(offsetof(IdlAsyncInfo, userArg1) == 8);
+KEL_LAYOUT(sizeof(ServiceMethodBinding) == 24);
+KEL_LAYOUT(sizeof(IdlIntfEntry) == 88);
+KEL_LAYOUT(offsetof(IdlIntfEntry, wrapper) == 8);
+KEL_LAYOUT(offsetof(IdlIntfEntry, inputMsgId) == 16);
+KEL_LAYOUT(offsetof(IdlIntfEntry, methodName) == 24);
+KEL_LAYOUT(sizeof(IdlMsgDesc) == 16);
+KEL_LAYOUT(sizeof(IdlModuleSpec) == 120);
+KEL_LAYOUT(offsetof(IdlModuleSpec, intfCount) == 32);
+KEL_LAYOUT(offsetof(IdlModuleSpec, intfTable) == 40);
+KEL_LAYOUT(offsetof(IdlModuleSpec, reserved) == 56);
+KEL_LAYOUT(sizeof(RpcServerAddr) == 104);
+KEL_LAYOUT(offsetof(RpcServerAddr, serviceName) == 96);
+#undef KEL_LAYOUT
 
 /* The functions that the host's framework defines and the library calls. The library gives their
  * results to its own caller unchanged. */
