@@ -1,7 +1,7 @@
 # How targets are compiled and linked here.
 
+include(CheckCXXSourceCompiles)
 include(CheckCXXSymbolExists)
-include(CheckLinkerFlag)
 include(CMakePushCheckState)
 
 # Older compilers lack some of the C++20 that the schemas take, and say so in pages of templates.
@@ -16,7 +16,10 @@ set(KEL_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
 # it is, since not every toolchain file names the processor.
 cmake_push_check_state(RESET)  # of what a project that adds this one has set for its own checks
 check_cxx_symbol_exists(__aarch64__ "" KEL_FOR_ARM)
-check_linker_flag(CXX LINKER:-z,undefs KEL_LINKER_KNOWS_UNDEFS)
+# By the linker that shared libraries get, which need not be that of the checks' programs.
+separate_arguments(CMAKE_REQUIRED_LINK_OPTIONS NATIVE_COMMAND "${CMAKE_SHARED_LINKER_FLAGS}")
+list(APPEND CMAKE_REQUIRED_LINK_OPTIONS LINKER:-z,undefs)
+check_cxx_source_compiles("int main() {}" KEL_LINKER_KNOWS_UNDEFS)
 cmake_pop_check_state()
 if(KEL_FOR_ARM)
   set(KEL_ARCHITECTURE -mbranch-protection=standard)
