@@ -23,7 +23,7 @@ namespace {
 
 using std::filesystem::path;
 
-class Images : public HostFixture {
+class Images : public FolderFixture {
  protected:
   Images() {
     std::filesystem::create_directory(folder);
@@ -65,7 +65,8 @@ class Images : public HostFixture {
     return line;
   }
 
-  // What comes of it in a child without root's rights, whoever runs this.
+  // What comes of it in a child without root's rights, whoever runs this. No thread may run, since
+  // the child would inherit the locks that it holds.
   ResultCode withoutRights(const std::function<ResultCode()>& use) const {
     constexpr uid_t kNobody = 65534;
     constexpr int kStillRoot = 100;
@@ -88,7 +89,7 @@ class Images : public HostFixture {
     return ResultCode{static_cast<uint32_t>(WEXITSTATUS(status))};
   }
 
-  const path top = HostFixture::folder;
+  const path top = FolderFixture::folder;
   const path folder = top / "images";
 };
 

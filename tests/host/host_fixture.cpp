@@ -106,21 +106,23 @@ std::string complaintOf(const std::function<void()>& action) {
   }
 }
 
-HostFixture::HostFixture() {
+FolderFixture::FolderFixture() {
   std::string name = std::filesystem::temp_directory_path() / "kel_host_test.XXXXXX";
   if (mkdtemp(name.data()) == nullptr) {
     std::abort();
   }
   folder = name;
-  target = "unix:" + (folder / "socket").string();
+}
+
+FolderFixture::~FolderFixture() { std::filesystem::remove_all(folder); }
+
+HostFixture::HostFixture() {
   aimAt(target);
   // Here and not at a test's end: with its server just gone gRPC may be connecting anew, and never
   // frees a connection whose channel is given up meanwhile.
   setCompactAlways(false);
   configureCalls({});
 }
-
-HostFixture::~HostFixture() { std::filesystem::remove_all(folder); }
 
 void HostFixture::aimAt(const std::string& where) {
   auto& endpoint = g_stServerAddr_KelSysdiagMaster.endpoint;

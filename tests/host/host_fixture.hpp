@@ -82,19 +82,27 @@ std::string contentOf(const std::filesystem::path& file);
 // What a std::runtime_error of the action says.
 std::string complaintOf(const std::function<void()>& action);
 
-// Calls go to a fresh Unix-domain socket, on which nobody listens at first.
-class HostFixture : public ::testing::Test {
+// A folder of the test's own.
+class FolderFixture : public ::testing::Test {
+ protected:
+  FolderFixture();
+  ~FolderFixture() override;
+
+  std::filesystem::path folder;
+};
+
+// Calls go to a fresh Unix-domain socket, on which nobody listens at first. The framework's threads
+// run from here on.
+class HostFixture : public FolderFixture {
  protected:
   HostFixture();
-  ~HostFixture() override;
 
   static void aimAt(const std::string& where);
 
   // The outcome of sending the sample.
   static std::string call(uintptr_t deadlineMs = 0);
 
-  std::filesystem::path folder;
-  std::string target;
+  std::string target = "unix:" + (folder / "socket").string();
 };
 
 }  // namespace kel::host::test
