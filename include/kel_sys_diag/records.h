@@ -10,8 +10,9 @@
  * In a reply with entries, entries is an array of entryCount records, or null for none, whatever
  * the count says. It belongs to the reply's record; the release routine hands it to the release
  * hook (osal.h). If that is to release it, it must come from the allocator that pairs with the
- * hook: from QSV_OsalMemCacheAlloc where the process offers all three memory functions and the flag
- * is 1, otherwise from malloc.
+ * hook: from QSV_OsalMemCacheAlloc, called with 12, where the library finds all three memory
+ * functions and the flag is 1, otherwise from malloc (the C library's, if dlopen was told
+ * RTLD_DEEPBIND).
  *
  * A received text may hold further NULs before the one at its end; whoever reads it as a string
  * sees what is before the first. */

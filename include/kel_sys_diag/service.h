@@ -5,11 +5,12 @@
  * interface table and calls a method's wrapper for each request (rpc.h says what follows). The
  * tables are complete once the library is loaded; the library itself neither reads nor writes them.
  *
- * The work is the host's: for each of the eight methods the host process must define two functions,
- * <Method> and <Method>_free, with C linkage and default visibility (in a program that loads the
- * library by dlopen, linked with -rdynamic). The library refers to them by address only
- * (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load in a process that lacks
- * one. Their signatures are agreed between host and framework and therefore not declared here; a
+ * The work is the host's: for each of the eight methods it must define two functions, <Method> and
+ * <Method>_free, with C linkage and default visibility, as for the framework's: in the executable
+ * (linked with -rdynamic, if it loads the library by dlopen), in a library of global scope, or in
+ * what is itself linked with this library. The library refers to them by address only
+ * (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load where the loader finds
+ * none. Their signatures are agreed between host and framework and therefore not declared here; a
  * usual agreement is
  *
  *   int32_t KelMountDisk(const MountDiskInput* input, MountDiskResult* output);
