@@ -31,8 +31,6 @@
 namespace kel::host::test {
 namespace {
 
-constexpr uintptr_t kDeadlineMs = 15'000;  // passes only for calls that are lost
-
 // Whose memory comes back late, or never.
 constexpr bool kSanitized = KEL_SANITIZED;
 
@@ -47,7 +45,7 @@ class Load {
     for (int i = 0; i < threads; ++i) {
       threads_.emplace_back([this] {
         while (!stopping_) {
-          if (callBothWays(kDeadlineMs) != kOk) {
+          if (callBothWays(kCallMs) != kOk) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
           }
         }
@@ -197,12 +195,9 @@ class Faults : public HostFixture {
       for (int i = 0; i < rounds; ++i) {
         EXPECT_TRUE(master->says("measured"));
         master->signal(number);
-        EXPECT_EQ(master->end(), orderly ? 0 : -1);
+        EXPECT_EQ(master->end(), orderly ? 0 : -1) << master->output();
         master = startMaster(target);
-        // The first may have joined an attempt to connect that failed while there was no server.
-        if (call() != outcome(kOk)) {
-          EXPECT_EQ(call(), outcome(kOk)) << i;
-        }
+        EXPECT_TRUE(recovers()) << i;
       }
       load.stop();
       load.check(contentOf(outputs), !orderly);
@@ -250,7 +245,7 @@ TEST_F(Faults, ServerStoppedAndContinued) {
           const int32_t result = load.callBothWays(50);
           EXPECT_TRUE(result == kDeadlinePassed || result == kNotSent) << outcome(result);
           master->signal(SIGCONT);
-          EXPECT_EQ(load.callBothWays(kDeadlineMs), kOk);
+          EXPECT_EQ(load.callBothWays(kCallMs), kOk);
         }
         load.stop();
       },
@@ -274,7 +269,7 @@ TEST_F(Faults, ServerThatGreetsLate) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   master->signal(SIGCONT);
-  EXPECT_TRUE(eventually([&] { return load.callBothWays(kDeadlineMs) == kOk; }));
+  EXPECT_TRUE(eventually([&] { return load.callBothWays(kCallMs) == kOk; }));
   EXPECT_TRUE(eventually([&] { return openDescriptors() <= here && openDescriptors(id) <= there; }))
       << "a connection is left";
 }
@@ -287,7 +282,7 @@ TEST_F(Faults, ConnectionsCutAndCorruptedAtEveryTenthByte) {
     waitForCompletions();
     configureCalls({});
     const ScriptedServer server(folder / "socket", {.damage = damage, .position = position});
-    const uintptr_t deadlineMs = damage == Script::Damage::none ? kDeadlineMs : 100;
+    const uintptr_t deadlineMs = damage == Script::Damage::none ? kCallMs : 100;
     const Clock::time_point began = Clock::now();
     const AlarmInput alarm = sampleAlarm();
     Completions completions;
@@ -364,7 +359,7 @@ TEST_F(Faults, DescriptorsExhaustedAtTheCaller) {
 
 // A server's first byte, which it says unasked; the end of the connection is 0.
 ssize_t receiveOne(const FileDescriptor& connection) {
-  const timeval patience{3, 0};
+  const timeval patience{20, 0};
   setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
   char byte = 0;
   return recv(connection.get(), &byte, 1, 0);
@@ -388,7 +383,7 @@ TEST_F(Faults, NoDescriptorForAConnection) {
 }
 
 TEST_F(Faults, CallersThatConnectAndSayNothing) {
-  RpcServer server(target, answerOk, {.limits = {.handshake = std::chrono::milliseconds(300)}});
+  RpcServer server(target, answerOk, {.limits = {.handshake = std::chrono::seconds(1)}});
   expectNothingLeft([&] {
     std::vector<FileDescriptor> silent;
     for (int i = 0; i < 50; ++i) {
@@ -420,7 +415,6 @@ TEST_F(Faults, ShutdownWithACallerThatReadsNothing) {
   while (send(silent.get(), settings.data(), settings.size(), 0) ==
          static_cast<ssize_t>(settings.size())) {
   }
-  EXPECT_EQ(errno, EAGAIN);
   EXPECT_EQ(call(), outcome(kOk));
   const Clock::time_point began = Clock::now();
   server.stop(std::chrono::milliseconds(100));
@@ -481,7 +475,7 @@ class ServingFaults : public Faults {
   ResultCode format(const std::string& name) const {
     ResetDiskCondition condition{};
     putText(condition.bytes50, name);
-    const auto reply = QarneClient(target, kFormatMs).call(kResetDiskMakeFS, condition);
+    const auto reply = QarneClient(target, kCallMs).call(kResetDiskMakeFS, condition);
     EXPECT_EQ(outcome(reply.result()), outcome(kOk));
     return ResultCode{reply->result};
   }
@@ -499,7 +493,6 @@ class ServingFaults : public Faults {
     return 0;
   }
 
-  static constexpr uint32_t kFormatMs = 60'000;
   const std::filesystem::path images = folder / "images";
 };
 
@@ -548,7 +541,7 @@ TEST_F(ServingFaults, OrderlyShutdownOfAHost) {
   EXPECT_TRUE(eventually([&] { return (making = haltChildOf(host)) != 0; }));
   host.signal(SIGTERM);
   EXPECT_TRUE(eventually([&] {
-    return QarneClient(target, kDeadlineMs).call(kBrdPartInfoQuery, {}).result() == kUnreachable;
+    return QarneClient(target, kCallMs).call(kBrdPartInfoQuery, {}).result() == kUnreachable;
   }));
   kill(making, SIGCONT);
   caller.join();
@@ -569,11 +562,10 @@ TEST_F(Faults, ShutdownWithSlowCalls) {
     });
     std::future<std::string> inFlight = std::async(std::launch::async, [] {
       std::string reply;
-      return explain(sendAlarm(sampleAlarm(), reply, kDeadlineMs));
+      return explain(sendAlarm(sampleAlarm(), reply, kCallMs));
     });
     EXPECT_TRUE(eventually([&] { return entered.load(); }));
-    std::thread stopper(
-        [&] { server.stop(std::chrono::milliseconds(patient ? kDeadlineMs : 30)); });
+    std::thread stopper([&] { server.stop(std::chrono::milliseconds(patient ? kCallMs : 30)); });
     EXPECT_TRUE(eventually([] { return call() == outcome(kUnreachable); })) << "a new call";
     if (!patient) {
       EXPECT_EQ(inFlight.get(), describe(kConnectionLost) + " (Cancelling all calls)")

@@ -48,10 +48,12 @@ class Programs : public HostFixture {
     return {code, running.output()};
   }
   End runHost(const Arguments& more = {}) {
-    return run("kel_host", more + Arguments{"--target", target, "--deadline", "60000"});
+    return run("kel_host",
+               more + Arguments{"--target", target, "--deadline", std::to_string(kCallMs)});
   }
   End runQuery(const Arguments& more) {
-    return run("kel_query", more + Arguments{"--target", qarne_, "--deadline", "60000"});
+    return run("kel_query",
+               more + Arguments{"--target", qarne_, "--deadline", std::to_string(kCallMs)});
   }
 
   static End stop(RunningProgram& program, int signal = SIGTERM) {
@@ -164,7 +166,7 @@ TEST_F(Programs, OpenWhatChangesAMachineToOperatorsOnly) {
     const bool mayChange = name != std::string("reader");
     const int32_t changing = mayChange ? kOk : kNotPermitted;
     configureCalls({.security = {readTlsFiles(files)}});
-    const QarneClient client(qarne_, 60'000);
+    const QarneClient client(qarne_, kCallMs);
     EXPECT_EQ(outcome(client.call(kSysOvLoadDiskThresholdSet, {}).result()), outcome(changing));
     EXPECT_EQ(outcome(client.call(kResetDiskMakeFS, {}).result()), outcome(changing));
     EXPECT_EQ(outcome(client.call(kMountDisk, {}).result()), outcome(changing));

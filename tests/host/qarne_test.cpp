@@ -73,7 +73,7 @@ class Qarne : public HostFixture {
           served_(path);
           return answer;
         });
-    return QarneClient(target, 60'000);
+    return QarneClient(target, kCallMs);
   }
 
   MadeUpMachine machine_;

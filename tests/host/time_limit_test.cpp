@@ -12,7 +12,8 @@
 namespace kel::host::test {
 namespace {
 
-constexpr std::chrono::milliseconds kLimit(200);
+constexpr std::chrono::milliseconds kLimit(1000);
+std::atomic<int> told = 0;
 
 // Shared like a call: by whoever made it and, at the end of its time, by the limit.
 class Shared final : public TimeLimit::Limited {
@@ -27,6 +28,7 @@ class Shared final : public TimeLimit::Limited {
   void timeIsUp() override {
     EXPECT_GE(Clock::now() - began_, kLimit);
     ended_.push_back(this);
+    ++told;
     leave();
   }
   void leave() {
@@ -52,14 +54,14 @@ TEST(TimeLimit, TellsThoseThatHaveNotEndedInTheirOrderAndOnce) {
     for (Shared* const one : several) {
       limit.end(*one);  // which has not begun
       one->begin(limit);
-      std::this_thread::sleep_for(kLimit / 40);
+      std::this_thread::sleep_for(kLimit / 200);
     }
     limit.end(*several[0]);
     limit.end(*several[2]);
-    std::this_thread::sleep_for(2 * kLimit);
+    EXPECT_TRUE(eventually([] { return told == 2; }));
     several[0]->begin(limit);
     limit.end(*several[1]);  // whose time is up
-    std::this_thread::sleep_for(2 * kLimit);
+    EXPECT_TRUE(eventually([] { return told == 3; }));
     several[2]->begin(limit);
   }
   EXPECT_EQ(ended, (std::vector<const void*>{several[1], several[3], several[0]}));
@@ -70,7 +72,7 @@ TEST(TimeLimit, IsGivenUpAtOnce) {
   const Clock::time_point began = Clock::now();
   {
     const TimeLimit limit(std::chrono::hours(1));
-    std::this_thread::sleep_for(kLimit);  // for its thread to be waiting
+    std::this_thread::sleep_for(kLimit / 5);  // for its thread to be waiting
   }
   EXPECT_LT(Clock::now() - began, kSoon);
 }
