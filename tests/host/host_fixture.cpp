@@ -57,7 +57,7 @@ int32_t Completions::start(const AlarmInput* alarm, uintptr_t deadlineMs, Comple
 }
 
 std::vector<Completions::Completed> Completions::wait(size_t count) {
-  constexpr std::chrono::seconds kPatience(90);
+  constexpr std::chrono::milliseconds kPatience(kCallMs + kCallMs / 2);
   constexpr std::chrono::milliseconds kMore(20);
   std::unique_lock lock(mutex_);
   arrived_.wait_for(lock, kPatience, [&] { return completed_.size() >= count; });

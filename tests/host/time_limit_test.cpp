@@ -13,7 +13,6 @@ namespace kel::host::test {
 namespace {
 
 constexpr std::chrono::milliseconds kLimit(1000);
-std::atomic<int> told = 0;
 
 // Shared like a call: by whoever made it and, at the end of its time, by the limit.
 class Shared final : public TimeLimit::Limited {
@@ -28,9 +27,10 @@ class Shared final : public TimeLimit::Limited {
   void timeIsUp() override {
     EXPECT_GE(Clock::now() - began_, kLimit);
     ended_.push_back(this);
-    ++told;
+    isTold_ = true;
     leave();
   }
+  [[nodiscard]] bool isTold() const { return isTold_; }
   void leave() {
     if (--users_ == 0) {
       delete this;
@@ -43,6 +43,7 @@ class Shared final : public TimeLimit::Limited {
   Clock::time_point began_;
   std::vector<const void*>& ended_;  // by the limit's one thread
   std::atomic<int> users_ = 1;
+  std::atomic<bool> isTold_ = false;
 };
 
 TEST(TimeLimit, TellsThoseThatHaveNotEndedInTheirOrderAndOnce) {
@@ -58,10 +59,10 @@ TEST(TimeLimit, TellsThoseThatHaveNotEndedInTheirOrderAndOnce) {
     }
     limit.end(*several[0]);
     limit.end(*several[2]);
-    EXPECT_TRUE(eventually([] { return told == 2; }));
+    EXPECT_TRUE(eventually([&] { return several[3]->isTold(); }));
     several[0]->begin(limit);
     limit.end(*several[1]);  // whose time is up
-    EXPECT_TRUE(eventually([] { return told == 3; }));
+    EXPECT_TRUE(eventually([&] { return several[0]->isTold(); }));
     several[2]->begin(limit);
   }
   EXPECT_EQ(ended, (std::vector<const void*>{several[1], several[3], several[0]}));
