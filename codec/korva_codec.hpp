@@ -204,7 +204,7 @@ class Codec {
 
   static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }
 
-  [[gnu::noinline]] static uint32_t size(const Record* record) {
+  [[gnu::always_inline]] static uint32_t size(const Record* record) {
     return record == nullptr ? 0 : compactSize(*record);
   }
 

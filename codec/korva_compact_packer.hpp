@@ -486,10 +486,9 @@ struct Survey {
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
   compact::Texts<Record> texts;
-  scalars::AbsentBytes<Record> absent;
-  absent.add(&record);
-  const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> - absent.sum() +
-                        compact::stringsSize(record, texts) + compact::vectorSize(record);
+  const uint64_t size = kRootOffsetWidth + compact::kFullSize<Record> -
+                        scalars::absentBytesOf(record) + compact::stringsSize(record, texts) +
+                        compact::vectorSize(record);
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 

@@ -273,9 +273,6 @@ class AbsentBytes {
   }
 
   [[nodiscard, gnu::always_inline]] uint32_t sum() const {
-    if constexpr (kWindows<Record, kAll>.count == 0) {
-      return 0;
-    }
     ByteVector lanes{};
     forEachWindow<Record, kAll>([&]<size_t Index>() KORVA_INLINED {
       lanes += blend<kMask<Record, kAll, Index>>(ByteVector{}, lanes_[Index]);
@@ -287,6 +284,24 @@ class AbsentBytes {
   // Each lane counts down from 0, by the -1 that all ones are.
   std::array<ByteVector, kWindows<Record, kAll>.count> lanes_{};
 };
+
+// How many bytes of a single record's scalars are absent, nested tables' included. Up to two
+// scalars are compared by themselves, which takes less than adding up a vector's lanes.
+template <class Record>
+[[gnu::always_inline]] inline uint32_t absentBytesOf(const Record& record) {
+  if constexpr (countSlots<Record>(SlotKind::table) == 0 &&
+                countSlots<Record>(SlotKind::scalar) <= 2) {
+    uint32_t bytes = 0;
+    forEachSlotOf<Record, SlotKind::scalar>([&]<class Slot, size_t>() KORVA_INLINED {
+      bytes += Slot::get(record) == 0 ? Slot::width : 0;
+    });
+    return bytes;
+  } else {
+    AbsentBytes<Record> absent;
+    absent.add(&record);
+    return absent.sum();
+  }
+}
 
 // How wide a record's widest scalar is.
 template <class Record>
