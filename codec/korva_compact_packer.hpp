@@ -499,11 +499,7 @@ template <class Record>
                                                compact::Survey<Record>& survey) {
   uint64_t size = compact::stringsSize(record, survey.texts);
   rows::surveyTable(record, survey.table);
-  const size_t least = kRootOffsetWidth + compact::kFullSize<Record> - survey.table.absentBytes();
-  if constexpr (!kOwnsMemory<Record>) {
-    return least <= capacity;
-  }
-  size += least;
+  size += kRootOffsetWidth + compact::kFullSize<Record> - survey.table.absentBytes();
   return size <= capacity && compact::vectorFits(record, capacity - size);
 }
 
