@@ -104,7 +104,7 @@ class Codec {
       return slowPath();
     }
     if constexpr (Sent == Layouts::compactAndFixed) {
-      if (source.at<uint32_t>(0) == fixed::kTablePosition) {
+      if (source.load<uint32_t>(0) == fixed::kTablePosition) {
         return unpackFixed(bytes, length, typed, entry);
       }
     }
@@ -179,7 +179,7 @@ class Codec {
   // unpackAnyLayout.
   [[gnu::always_inline]] static bool readOwn(const reading::Source& source, Record& record) {
     if constexpr (small::SmallTable<Record>) {
-      return source.at<uint32_t>(0) == reading::kOwnTable<Record> &&
+      return source.load<uint32_t>(0) == reading::kOwnTable<Record> &&
              reading::readSmall(source, reading::kOwnTable<Record>, record);
     } else {
       return reading::matchesOwnFront<Record>(source) && readOwnSlots(source, record);

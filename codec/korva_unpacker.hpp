@@ -28,9 +28,10 @@ struct Source {
     return position + count <= length;
   }
 
+  // Checks nothing: holds comes first.
   template <class Value>
-  [[nodiscard, gnu::always_inline]] Value at(uint64_t position) const {
-    return load<Value>(bytes + position);
+  [[nodiscard, gnu::always_inline]] Value load(uint64_t position) const {
+    return korva::load<Value>(bytes + position);
   }
 };
 
@@ -52,11 +53,11 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
     return HeaderFault::tableOffset;
   }
   // Modulo 2^32: the vtable may follow the table.
-  view.vtable = view.table - source.at<uint32_t>(view.table);
+  view.vtable = view.table - source.load<uint32_t>(view.table);
   if (view.vtable < kRootOffsetWidth || view.vtable > last) {
     return HeaderFault::vtableOffset;
   }
-  view.vtableLength = source.at<uint16_t>(view.vtable);
+  view.vtableLength = source.load<uint16_t>(view.vtable);
   return source.holds(view.vtable, view.vtableLength) ? HeaderFault::none
                                                       : HeaderFault::vtableLength;
 }
@@ -82,9 +83,9 @@ inline constexpr uint32_t kOwnFront =
 
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool matchesOwnFields(const Source& source) {
-  return source.at<uint32_t>(kOwnTable<Record> + kDisplacementWidth) == kFieldsSize<Record> &&
+  return source.load<uint32_t>(kOwnTable<Record> + kDisplacementWidth) == kFieldsSize<Record> &&
          allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
-           return source.at<uint16_t>(kRootOffsetWidth + vtableEntry(Index)) ==
+           return source.load<uint16_t>(kRootOffsetWidth + vtableEntry(Index)) ==
                   kDisplacementWidth + Index * kOffsetFieldWidth;
          });
 }
@@ -100,9 +101,9 @@ template <class Record>
 // it instead costs a load for each position before the first field can be read.
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool matchesOwnFront(const Source& source) {
-  const bool begins = source.at<uint32_t>(0) == kOwnTable<Record> &&
-                      source.at<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
-                      source.at<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
+  const bool begins = source.load<uint32_t>(0) == kOwnTable<Record> &&
+                      source.load<uint32_t>(kOwnTable<Record>) == kVtableLength<Record> &&
+                      source.load<uint16_t>(kRootOffsetWidth) == kVtableLength<Record>;
   if constexpr (kOwnFieldsAreKnown<Record>) {
     return begins && matchesOwnFields<Record>(source);
   }
@@ -114,7 +115,7 @@ template <class Record>
 [[nodiscard, gnu::cold, gnu::noinline]] inline bool openRoot(const Source& source,
                                                              TableView& view) {
   const auto& [runtime, function] = source.caller;
-  const HeaderFault fault = openTable(source, source.at<uint32_t>(0), view);
+  const HeaderFault fault = openTable(source, source.load<uint32_t>(0), view);
   if (fault == HeaderFault::tableOffset) {
     korvaLog(runtime, kInvalid, function, "[KORVA]:Table offset(%u) is out of range(4 - %u)",
              view.table, source.length);
@@ -138,7 +139,7 @@ template <class Record>
   if (!source.holds(offsetField, kOffsetFieldWidth)) [[unlikely]] {
     return false;
   }
-  target = offsetField + source.at<uint32_t>(offsetField);
+  target = offsetField + source.load<uint32_t>(offsetField);
   return source.holds(target, bytes);
 }
 
@@ -172,7 +173,7 @@ template <class Slot, class Record>
                                                             Record& record) {
   uint64_t target = 0;
   if (!follow(source, field, target, kCountWidth + Slot::width) ||
-      source.at<uint32_t>(target) != Slot::width) [[unlikely]] {
+      source.load<uint32_t>(target) != Slot::width) [[unlikely]] {
     return false;
   }
   memcpy_s(Slot::get(record), source.bytes + target + kCountWidth);
@@ -188,7 +189,7 @@ template <class Slot, class Record>
   if (!follow(source, field, target)) {
     return false;
   }
-  const uint64_t count = source.at<uint32_t>(target);
+  const uint64_t count = source.load<uint32_t>(target);
   if (!source.holds(target + kCountWidth, count)) {
     return false;
   }
@@ -290,7 +291,7 @@ template <class Slot, class Record>
   if (!follow(source, field, target)) {
     return false;
   }
-  const uint32_t count = source.at<uint32_t>(target);
+  const uint32_t count = source.load<uint32_t>(target);
   const uint64_t entries = target + kCountWidth;
   const uint64_t size = uint64_t{count} * sizeof(Element);
   if (!source.holds(entries, uint64_t{count} * kOffsetFieldWidth) || size > UINT32_MAX) {
@@ -307,7 +308,7 @@ template <class Slot, class Record>
   Slot::count(record) = count;
   for (uint32_t i = 0; i < count; ++i) {
     const uint64_t entry = entries + uint64_t{i} * kOffsetFieldWidth;
-    if (!readElement(source, entry + source.at<uint32_t>(entry), elements[i])) [[unlikely]] {
+    if (!readElement(source, entry + source.load<uint32_t>(entry), elements[i])) [[unlikely]] {
       return false;
     }
   }
@@ -330,7 +331,7 @@ template <class Slot, class Record>
   if constexpr (Slot::width > kDisplacementWidth) {
     position &= mask;
   }
-  Slot::get(record) = static_cast<Scalar>(source.at<Scalar>(position) & mask);
+  Slot::get(record) = static_cast<Scalar>(source.load<Scalar>(position) & mask);
   return true;
 }
 
