@@ -28,8 +28,8 @@ using UnpackEntry = uintptr_t (*)(const void*, uint32_t, Record*);
 // messages that our own packer has not written. All of a unit's messages whose entry points are
 // typed alike share them.
 
-// Takes the pointers in the words of the log line: the caller has those before it scans the texts,
-// and need not keep the record's address until here.
+// Takes "null" or "nonNull" in place of each pointer, so that packing, which needs the record's
+// address no more once the size is known, need not keep it for this.
 template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const char* buffer,
                                                  uint32_t capacity, const char* record) {
@@ -75,10 +75,10 @@ class Codec {
  public:
   using Record = RecordType;
 
-  // Each routine is also given its own entry point, to begin again once the hooks are set up:
-  // whatever happens once or goes wrong is the last call of its path, so that nothing has to
-  // outlive a call and no register to be saved, which would cost as much as writing a field. Typed
-  // is void or Record.
+  // Each routine is also given its own entry point: the first call of all sets the hooks up and
+  // then begins again there. That, and whatever goes wrong, is left to a tail call, so that nothing
+  // has to outlive a call and no register to be saved, which would cost as much as writing a field.
+  // Typed is void or Record.
   template <class Typed>
   [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const Typed* typed,
                                               PackEntry<Typed> entry) {
@@ -110,6 +110,8 @@ class Codec {
     }
     auto& record = *static_cast<Record*>(typed);
     if constexpr (kOwnsMemory<Record>) {
+      // Ahead of the comparison, though unpackAnyLayout does so again: the other order takes more
+      // instructions.
       clear(record);
       if (!reading::matchesOwnFront<Record>(source)) [[unlikely]] {
         return slowPath();

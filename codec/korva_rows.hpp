@@ -47,9 +47,9 @@ concept ScalarTable =
 template <class Record>
 inline constexpr uint32_t kHeadLength = kVtableLength<Record> + kDisplacementWidth;
 
-// A table's head in one vector, since loading rows is what packing waits for: in lanes of a vtable
-// entry's width if it fits and nothing is subtracted from it, which is done byte by byte, else in
-// bytes, which are widened when they are stored.
+// A table's head has to be one vector, since loading rows is what packing waits for. Its lanes are
+// as wide as a vtable's entries if it fits so and one row has all of it. Else they are bytes, since
+// rows are subtracted byte by byte, and are widened when the head is stored.
 template <class Record>
 using HeadLane =
     std::conditional_t<kHeadLength<Record> <= kVectorWidth && kWindows<Record>.count <= 1 &&
@@ -220,8 +220,8 @@ template <class Record>
   return workedOutOnce(kRows<Record>.data());
 }
 
-// What a string or vector takes away from the head, or in a table without scalars, what it leaves
-// of the full one.
+// What to take away from the head if a string or vector is there or not. Without scalars no row has
+// brought a head: then it is what that leaves of the full one.
 template <class Record>
 consteval Head<Record> optionalHead(uint32_t slot, bool isThere) {
   Head<Record> less{};

@@ -102,8 +102,8 @@ template <SmallTable Record>
   return found;
 }
 
-// Reads the table at a position of a message that holds its displacement and, before that, as many
-// bytes as our vtable has; all but the record's padding. Says whether it did.
+// Reads the table at a position, all of the record but its padding, and says whether it did. The
+// message must hold the table's displacement and, before that, as many bytes as our vtable has.
 template <SmallTable Record>
 [[nodiscard, gnu::always_inline]] inline bool read(const uint8_t* message, uint64_t length,
                                                    uint64_t position, Record& record) {
