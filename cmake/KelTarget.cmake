@@ -75,8 +75,8 @@ function(kel_add_library target)
     LINKER:-z,now LINKER:-z,relro LINKER:-z,noexecstack LINKER:--hash-style=gnu)
   # Before glibc 2.34, dlsym is in a library of its own. What the host defines stays undefined, even
   # where a toolchain's flags forbid that; they come before the libraries, and the last word counts.
-  # Linkers agree on the first way to say so but for gold, which lacks it. The second one has mold,
-  # where it was forbidden, take their addresses for null.
+  # All linkers but gold know -z undefs. The other way is for gold alone: mold, where undefined names
+  # had been forbidden, would take their addresses for null.
   if(KEL_LINKER_KNOWS_UNDEFS)
     set(undefined -Wl,-z,undefs)
   else()

@@ -59,8 +59,8 @@ class Attributes {
   posix_spawnattr_t attributes_{};
 };
 
-// Asked again and again, since not every kernel, and in want of descriptors none, has one of a
-// process to wait for.
+// Asks again and again: a descriptor of the process, to wait for with a limit, is not to be had
+// from every kernel, and from none when there are no more descriptors.
 bool endsWithin(pid_t child, std::chrono::milliseconds limit) {
   constexpr std::chrono::milliseconds kPause(10);
   const auto end = std::chrono::steady_clock::now() + limit;

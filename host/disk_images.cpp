@@ -67,8 +67,8 @@ bool isFileOfItsOwn(int descriptor) {
   return fstat(descriptor, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1;
 }
 
-// By the device itself, or, where this user may not open it, by the path that everybody may read.
-// One whose image cannot be seen, for want of a descriptor, may have this one.
+// Whether an image is behind a loop device. The device itself tells or, where this user may not
+// open it, the path that everybody may read; where want of a descriptor hides that too, it may be.
 bool holds(const std::string& loopDevice, const struct stat& image) {
   const FileDescriptor device(::open((path("/dev") / loopDevice).c_str(), O_RDONLY | O_CLOEXEC));
   if (device.isOpen()) {
@@ -86,7 +86,8 @@ bool holds(const std::string& loopDevice, const struct stat& image) {
          state.st_ino == image.st_ino;
 }
 
-// So does, for all that is known, one that this user may not open; not one that is just given up.
+// A mounted device cannot be opened exclusively. One that this user may not open counts as mounted,
+// for all that is known; one that has just been given up (ENXIO) does not.
 bool carriesMount(const std::string& device) {
   const FileDescriptor alone(
       ::open((path("/dev") / device).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));

@@ -16,7 +16,8 @@ namespace kel::host {
 std::optional<std::string> readText(const std::filesystem::path& path,
                                     size_t atMost = std::string::npos);
 
-// The first number in a text, decimal, or hexadecimal behind 0x; and nothing else in its word.
+// A text's first word as a number, decimal, or hexadecimal behind 0x; null if it is anything else,
+// whatever numbers may follow.
 std::optional<uint64_t> firstNumber(std::string_view text);
 
 // The number behind a heading, as in "MemTotal: 2048 kB".

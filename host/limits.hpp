@@ -21,8 +21,8 @@ inline constexpr uint32_t kLeastMessageBytes = 2 * kLongestWords;
 struct ServerLimits {
   uint32_t messageBytes = kDefaultMessageBytes;
   // Calls at a time, those that wait for a thread included. Times messageBytes it bounds what
-  // requests take, beside message_quota's share for connections. It bounds as well what replies
-  // take that have yet to be read: above it no call is taken, but those at work may double it.
+  // requests take, beside message_quota's share for connections. Replies that have yet to be read
+  // may take as much: when they take more no call is let in, but those at work may double it.
   uint32_t calls = 64;
   // However long a deadline the caller has. Making a file system is the slowest thing that anybody
   // asks for.

@@ -47,7 +47,7 @@ class Listener {
   unsigned long inode_ = 0;
   FileDescriptor socket_;
   FileDescriptor wakeUp_;
-  std::map<int, unsigned long> taken_;  // which socket was last given out as a descriptor
+  std::map<int, unsigned long> taken_;  // by descriptor, the socket that it last was given out for
   std::thread thread_;
 };
 

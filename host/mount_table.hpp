@@ -25,8 +25,8 @@ std::vector<Mount> readMounts(const std::filesystem::path& root);
 // The text of a mountinfo file; lines that are none are left out.
 std::vector<Mount> parseMounts(const std::string& text);
 
-// Whether what is asked about its place tells of this mount, and not of another that is mounted on
-// it, or before it on the way there.
+// Whether a mount is what is found at its mount point: nothing is mounted over it, nor over a
+// folder on the way there.
 bool isSeen(const std::vector<Mount>& mounts, const Mount& mount);
 
 // What is to be seen at a mount point; null when nothing is mounted there. / is always there, even

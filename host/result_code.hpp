@@ -8,7 +8,7 @@ namespace kel::host {
 
 enum class ResultCode : uint32_t {
   done = 0,
-  notFound = 1,        // no such mount point, or no such image
+  notFound = 1,        // no such mount point, image or threshold
   badArgument = 2,     // an empty or impossible argument; nothing was tried
   noImageFolder = 3,   // the host was given no folder of disk images, so it formats nothing
   outsideFolder = 4,   // the name leads, or might lead, out of the folder of disk images

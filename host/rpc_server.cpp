@@ -160,9 +160,9 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
     }
   }
 
-  // Says why the server takes no more calls for now, or nothing: then the call has a place. That is
-  // all decided before it is carried out, since whoever is told that the server is full tries
-  // again.
+  // Says why the server takes no more calls for now, or nothing: then the call has a place. Decided
+  // before anything of the call is carried out, since a caller that is told that the server is full
+  // makes the same call again.
   std::string enter() {
     const std::scoped_lock lock(mutex_);
     std::string full = whyFull();
@@ -213,9 +213,9 @@ class RpcServer::Running final : public grpc::CallbackGenericService {
   static constexpr size_t kCallBytes = 20U << 10U;
   // Room for small replies that have been read, but of which gRPC has not told yet.
   static constexpr uint64_t kLeastUnread = 16U << 20U;
-  // Of the handler that is at work on gRPC's own thread, which saves a call the way to another.
-  // There are two such threads at least, so one is left to refuse calls however long that handler
-  // takes.
+  // Whether a handler is at work on one of gRPC's own threads, which saves that call the way to a
+  // worker. Never more than one: the process has two such threads at least, for all of its servers,
+  // and the other has to refuse calls however long the handler takes.
   static inline std::atomic<bool> grpcThreadLent_ = false;
 
   const RequestHandler handler_;

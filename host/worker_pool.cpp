@@ -30,7 +30,8 @@ void WorkerPool::end() {
 }
 
 void WorkerPool::give(std::function<void()> job) {
-  // To the end under the lock: once the job is done, nothing else keeps the pool alive for this.
+  // Notified with the lock held: as soon as the job is done the pool may be destroyed, but for this
+  // lock, which its destructor waits for.
   const std::scoped_lock lock(mutex_);
   jobs_.push_back(std::move(job));
   given_.notify_one();

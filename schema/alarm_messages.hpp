@@ -1,5 +1,5 @@
 // KelSendAlarm's request, and the reply of all three alarm methods.
-// For the units and service/.
+// For the units.
 #pragma once
 
 #include <kel_sys_diag/records.h>

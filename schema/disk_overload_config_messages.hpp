@@ -1,4 +1,4 @@
-// KelGetDiskOvLoadCfgInfo's request and reply. For the units and service/.
+// KelGetDiskOvLoadCfgInfo's request and reply. For the units.
 #pragma once
 
 #include <kel_sys_diag/records.h>

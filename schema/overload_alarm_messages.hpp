@@ -1,5 +1,5 @@
 // The requests of KelSendOverloadAlarm and KelSendMobileDiskOverloadAlarm; alarm_messages.hpp has
-// their reply. For the units and service/.
+// their reply. For the units.
 #pragma once
 
 #include <kel_sys_diag/records.h>
