@@ -48,7 +48,7 @@ uint32_t copyTextToTheHeap(const Message&, const Item& item, uint8_t*) {
   return 1;
 }
 
-// One row of the tables: a contest over one message in one shape.
+// One row of the tables: a contest over one message with one filling.
 class Row {
  public:
   Row(const Message& message, Direction direction, Filling filling, uint32_t entries)

@@ -15,13 +15,13 @@ import chart
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DOCS = ROOT / "docs"
 
-SHAPES = ["all set", "random", "half of each"]
+FILLINGS = ["all set", "random", "half of each"]
 RIVALS = ["protobuf", "protobuf, arena", "nanopb", "Cap'n Proto", "msgpack-c"]
 FORCED = "msgpack-c, forced"
 CALLS = "two empty calls"
 
-# Direction, message, entries; the most that ours may take, divided by the limit, for records that
-# are all set and random ones; how many times faster than the fastest rival it must be.
+# Direction, message, entries; the limit, and how many times as long as it ours may take for records
+# that are all set and for random ones; how many times as long as ours the fastest rival must take.
 MEMCPY, HEAP_COPY = "memcpy", "malloc, copy, free"
 BOUNDS = [
     ("encode", "OverloadAlarmInput", 0, MEMCPY, 3.0, 2.8, 3),
@@ -53,12 +53,12 @@ BACK_TO_BACK, ISOLATED = "back to back", "isolated"
 
 
 def load_codecs(folder, pace):
-    """Returns {(direction, message, entries, shape): {counter: median over the processes}}."""
+    """Returns {(direction, message, entries, filling): {counter: median over the processes}}."""
     samples = {}
     for path in sorted(folder.glob("codec-*.json")):
         for row in json.loads(path.read_text())["benchmarks"]:
-            direction, message, entries, shape = row["name"].split("/")[:4]
-            counters = samples.setdefault((direction, message, int(entries), shape), {})
+            direction, message, entries, filling = row["name"].split("/")[:4]
+            counters = samples.setdefault((direction, message, int(entries), filling), {})
             for key, value in row.items():
                 if key.startswith((pace, "bytes")):
                     counters.setdefault(key.removeprefix(f"{pace}/"), []).append(value)
@@ -112,19 +112,19 @@ class Verdicts:
 def bounds_table(codecs, verdicts):
     rows = []
     for direction, message, entries, limit, all_set, random, faster in BOUNDS:
-        measured = [codecs.get((direction, message, entries, shape)) for shape in SHAPES[:2]]
+        measured = [codecs.get((direction, message, entries, filling)) for filling in FILLINGS[:2]]
         what = operation(direction, message, entries)
         cells = [what, limit]
         if None in measured:
             rows.append(cells + [verdicts.mark(what, "not measured", False)] * 4)
             continue
-        for row, bound, shape in zip(measured, (all_set, random), SHAPES):
+        for row, bound, filling in zip(measured, (all_set, random), FILLINGS):
             ratio = row[f"ratio/{limit}"]
-            cells.append(verdicts.mark(f"{what}, {shape}, to {limit}", f"{ratio:.2f} (≤ {bound})",
-                                       0 < ratio <= bound))
-        for row, shape in zip(measured, SHAPES):
+            cells.append(verdicts.mark(f"{what}, {filling}, to {limit}",
+                                       f"{ratio:.2f} (≤ {bound})", 0 < ratio <= bound))
+        for row, filling in zip(measured, FILLINGS):
             times, rival = fastest_rival(row)
-            cells.append(verdicts.mark(f"{what}, {shape}, against {rival}",
+            cells.append(verdicts.mark(f"{what}, {filling}, against {rival}",
                                        f"{times:.2f} × {rival} (≥ {faster})", times >= faster))
         rows.append(cells)
     return table(["operation", "limit", "all set: ratio", "random: ratio",
@@ -134,7 +134,7 @@ def bounds_table(codecs, verdicts):
 def per_byte_table(codecs, verdicts):
     """What a byte of a random message costs against one of a full message."""
     rows = []
-    for (direction, message, entries, shape), row in codecs.items():
+    for (direction, message, entries, filling), row in codecs.items():
         if "ratio/ours, all set" not in row or decodes(direction) or entries == MANY_ENTRIES:
             continue
         what = operation(direction, message, entries)
@@ -146,18 +146,18 @@ def per_byte_table(codecs, verdicts):
 
 def faster_rivals(codecs, verdicts):
     """Marks every row in which a rival is faster than ours."""
-    for (direction, message, entries, shape), row in codecs.items():
+    for (direction, message, entries, filling), row in codecs.items():
         if entries == MANY_ENTRIES:
             continue
         times, rival = fastest_rival(row)
-        verdicts.mark(f"{operation(direction, message, entries)}, {shape}",
+        verdicts.mark(f"{operation(direction, message, entries)}, {filling}",
                       f"{rival} takes {times:.2f} of ours", times >= 1)
 
 
 def cell(codecs, key, form):
-    """One figure for each of the three shapes."""
-    return " / ".join(form(codecs[key + (shape,)]) if key + (shape,) in codecs else "–"
-                      for shape in SHAPES)
+    """One figure for each of the three fillings."""
+    return " / ".join(form(codecs[key + (filling,)]) if key + (filling,) in codecs else "–"
+                      for filling in FILLINGS)
 
 
 def rival_form(rival):
@@ -194,8 +194,9 @@ def direction_table(codecs, direction):
 def growth_table(codecs):
     """What an entry costs in lists of very different lengths."""
     rows = []
-    for (direction, message, entries, shape), row in codecs.items():
-        if (direction, message, shape) == ("encode", "StorageEraseInfo", "random") and entries > 1:
+    for (direction, message, entries, filling), row in codecs.items():
+        key = (direction, message, filling)
+        if key == ("encode", "StorageEraseInfo", "random") and entries > 1:
             rows.append([f"{entries:,}", f"{row['ns/ours'] / entries:.2f} ns",
                          f"{row['ns/memcpy'] / entries:.2f} ns", f"{row['ratio/memcpy']:.1f}"])
     return table(["entries", "ours, an entry", "memcpy, an entry", "ratio"], rows)
@@ -234,7 +235,7 @@ def instructions_table(instructions, verdicts):
         rows.setdefault(operation(direction, message, 0), []).append(
             (f"{x86:,.0f}", f"{arm:,.0f}", ratio))
     return table(["all set / random", "x86-64", "aarch64", f"ratio (≤ {ARM_TO_X86})"],
-                 [[what, *map(" / ".join, zip(*shapes))] for what, shapes in rows.items()])
+                 [[what, *map(" / ".join, zip(*fillings))] for what, fillings in rows.items()])
 
 
 def round_trips_table(runs, verdicts):
@@ -258,8 +259,8 @@ def round_trips_table(runs, verdicts):
 
 def draw_chart(codecs, direction):
     messages = {}
-    for (row_direction, message, entries, shape), row in codecs.items():
-        if row_direction != direction or shape != "random" or entries not in (0, 100):
+    for (row_direction, message, entries, filling), row in codecs.items():
+        if row_direction != direction or filling != "random" or entries not in (0, 100):
             continue
         name = message + (f", {entries} entries" if entries else "")
         to_memcpy = row[f"ratio/{MEMCPY}"]
