@@ -66,8 +66,9 @@ bool takeBytes(capnp::Data::Reader bytes, Field& field) {
 }
 
 #define KEL_FILL_SCALAR(name, Name) object.set##Name(record.name);
+// Where there is room, a copy of a size that the compiler knows is shorter than the setter's.
 #define KEL_FILL_BYTES(name, Name) \
-  object.set##Name(capnp::Data::Reader(record.name, sizeof record.name));
+  std::memcpy(object.init##Name(sizeof record.name).begin(), record.name, sizeof record.name);
 #define KEL_FILL_TEXT(name, Name) object.set##Name(record.name);
 #define KEL_FILL_TABLE(name, Name) fill(record.name, object.init##Name());
 #define KEL_FILL_ENTRIES(name, Name) fillEntries(record.name, object.init##Name(record.entryCount));

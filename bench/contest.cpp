@@ -10,7 +10,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kSliceNanoseconds = 150'000;
-constexpr size_t kFewestRounds = 5;
+constexpr size_t kFewestRounds = 15;
 
 double nanosecondsSince(Clock::time_point begin) {
   return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();

@@ -117,15 +117,18 @@ struct Msgpack {
   // Used again for every message, so that it grows to the largest and allocates no more.
   static msgpack::sbuffer buffer;
 
+  // The library is made to be inlined, which the compiler gives up among all messages' instances in
+  // one file unless it is told, but not with a message or two in a file.
   template <class Record>
-  static uint32_t encode(const Record& record, uint8_t*) {
+  [[gnu::flatten]] static uint32_t encode(const Record& record, uint8_t*) {
     buffer.clear();
     Packer packer(buffer);
     packRecord(packer, record);
     return static_cast<uint32_t>(buffer.size());
   }
   template <class Record>
-  static bool unpack(const Message& message, std::span<const uint8_t> bytes, Record& record) {
+  [[gnu::flatten]] static bool unpack(const Message& message, std::span<const uint8_t> bytes,
+                                      Record& record) {
     RecordVisitor visitor(*message.shape, &record);
     return msgpack::parse(reinterpret_cast<const char*>(bytes.data()), bytes.size(), visitor);
   }

@@ -14,6 +14,12 @@ struct ObjectOf;
 template <class Record>
 using Object = typename ObjectOf<Record>::Type;
 
+// A string that is used again has its size already.
+inline void putBytes(std::string& string, const void* bytes, size_t size) {
+  if (string.size() != size) string.resize(size);
+  std::memcpy(string.data(), bytes, size);
+}
+
 template <class Field>
 bool takeBytes(const std::string& bytes, Field& field) {
   if (bytes.size() != sizeof field) return false;
@@ -30,7 +36,7 @@ bool takeBytes(const std::string& bytes, Field& field) {
   bool take(const pb::Record& object, Record& record);
 KEL_FOR_EACH_RECORD(KEL_DECLARE)
 
-// Objects that are there already are filled again: clearing them would delete what they nest.
+// Objects that are there already are filled again: clearing them first would only cost time.
 template <class Entry, class Objects>
 void fillEntries(const Entry* entries, uint32_t count, Objects& objects) {
   const auto wanted = static_cast<int>(count);
@@ -55,8 +61,9 @@ bool takeEntries(const Objects& objects, Record& record) {
 #define KEL_FILL_SCALAR(name, Name) object.set_##name(record.name);
 // The setters would make a temporary string.
 #define KEL_FILL_BYTES(name, Name) \
-  object.mutable_##name()->assign(reinterpret_cast<const char*>(record.name), sizeof record.name);
-#define KEL_FILL_TEXT(name, Name) object.mutable_##name()->assign(record.name);
+  putBytes(*object.mutable_##name(), record.name, sizeof record.name);
+#define KEL_FILL_TEXT(name, Name) \
+  putBytes(*object.mutable_##name(), record.name, std::strlen(record.name));
 #define KEL_FILL_TABLE(name, Name) fill(record.name, *object.mutable_##name());
 #define KEL_FILL_ENTRIES(name, Name) \
   fillEntries(record.name, record.entryCount, *object.mutable_##name());
@@ -87,9 +94,10 @@ uint32_t serialize(const Message& object, uint8_t* out) {
   return static_cast<uint32_t>(size);
 }
 
+// No field is required, so that there is nothing to look for when all has been read.
 template <class Record>
 bool parse(std::span<const uint8_t> bytes, Object<Record>& object, Record& record) {
-  return object.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())) &&
+  return object.ParsePartialFromArray(bytes.data(), static_cast<int>(bytes.size())) &&
          take(object, record);
 }
 
@@ -97,13 +105,15 @@ template <class Record>
 Object<Record> reused;
 
 struct Reused {
+  // With the arena below the filling has two users, which would keep it from being inlined.
   template <class Record>
-  static uint32_t encode(const Record& record, uint8_t* out) {
+  [[gnu::flatten]] static uint32_t encode(const Record& record, uint8_t* out) {
     fill(record, reused<Record>);
     return serialize(reused<Record>, out);
   }
   template <class Record>
-  static bool unpack(const Message&, std::span<const uint8_t> bytes, Record& record) {
+  [[gnu::flatten]] static bool unpack(const Message&, std::span<const uint8_t> bytes,
+                                      Record& record) {
     return parse(bytes, reused<Record>, record);
   }
 };
@@ -128,7 +138,7 @@ class Arena {
 
  private:
   static google::protobuf::ArenaOptions options() {
-    alignas(16) static char firstBlock[16384];
+    alignas(16) static char firstBlock[size_t{8} << 20];  // more than long lists fill
     google::protobuf::ArenaOptions options;
     options.initial_block = firstBlock;
     options.initial_block_size = sizeof firstBlock;
