@@ -73,7 +73,11 @@ class Qarne : public HostFixture {
           served_(path);
           return answer;
         });
-    return QarneClient(target, kCallMs);
+    QarneClient client(target, kCallMs);
+    // Calls wait three seconds for a connection, which is too little for many at once on a busy
+    // machine.
+    EXPECT_TRUE(eventually([&] { return client.call(kBrdPartInfoQuery, {}).result() == kOk; }));
+    return client;
   }
 
   MadeUpMachine machine_;
