@@ -100,16 +100,11 @@ template <PlainTable Element>
     if (count >= Several::kAtOnce) {
       size -= absentBytes<Several>(elements, count / Several::kAtOnce);
       count %= Several::kAtOnce;
-      if (count == 0) {
-        return size;
-      }
     }
-    // Not by absentBytes, whose loops would cost the size pass of so few elements a nanosecond.
-    scalars::AbsentBytes<Element> absent;
-    do {
-      absent.add(elements++);
-    } while (--count != 0);
-    return size - absent.sum();
+    for (; count != 0; --count) {
+      size -= scalars::absentBytesOf(*elements++);
+    }
+    return size;
   } else {
     return size - absentBytes<scalars::AbsentBytes<Element>>(elements, count);
   }
