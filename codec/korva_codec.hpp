@@ -151,14 +151,21 @@ class Codec {
   [[gnu::always_inline]] static uint32_t packInto(const PackTarget* target, const Typed* typed,
                                                   PackEntry<Typed> entry) {
     const auto* const record = static_cast<const Record*>(typed);
-    uint8_t* const buffer = target->buffer;
-    const uint32_t capacity = *target->capacity;
+    uint8_t* buffer = target->buffer;
+    uint32_t capacity = *target->capacity;
     if (buffer == nullptr || capacity < kMinimumLength || !isReady(Runtime.memReady) ||
         record == nullptr) [[unlikely]] {
       return packSlowPath<Runtime>(kPackName.text(), target, typed, entry);
     }
     compact::Survey<Record> survey;
-    if (!compactFits(*record, capacity, survey)) [[unlikely]] {
+    const uint64_t textsSize = compact::stringsSize(*record, survey.texts);
+    if constexpr (countSlots<Record>(SlotKind::string) != 0) {
+      // Loaded again, since either would need a register that outlives the scans.
+      target = workedOutOnce(target);
+      buffer = target->buffer;
+      capacity = *target->capacity;
+    }
+    if (!compactFits(*record, textsSize, capacity, survey)) [[unlikely]] {
       return rejectPack<Runtime>(kPackName.text(), nullness(buffer), capacity, nullness(record));
     }
     return compactPack(buffer, *record, survey);

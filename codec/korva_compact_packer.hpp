@@ -353,8 +353,7 @@ class TableWriter {
     pointHere<Index>();
     store(at_, count);
     text.target = at_ + kCountWidth;
-    at_ = text.target + count;
-    *at_++ = 0;
+    at_ = text.target + count + 1;
   }
 
   template <class Slot, size_t Index>
@@ -488,14 +487,15 @@ template <class Record>
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 
-// Whether a capacity takes the whole message. Leaves in the survey what packing needs to know of
-// the record; only a vector is measured for this check alone.
+// Whether a capacity takes the whole message, of which texts take a known size. Leaves in the
+// survey what packing needs to know of the record's table; only a vector is measured for this check
+// alone.
 template <class Record>
-[[gnu::always_inline]] inline bool compactFits(const Record& record, uint32_t capacity,
-                                               compact::Survey<Record>& survey) {
-  uint64_t size = compact::stringsSize(record, survey.texts);
+[[gnu::always_inline]] inline bool compactFits(const Record& record, uint64_t textsSize,
+                                               uint32_t capacity, compact::Survey<Record>& survey) {
   rows::surveyTable(record, survey.table);
-  size += kRootOffsetWidth + compact::kFullSize<Record> - survey.table.absentBytes();
+  const uint64_t size =
+      textsSize + kRootOffsetWidth + compact::kFullSize<Record> - survey.table.absentBytes();
   return size <= capacity && compact::vectorFits(record, capacity - size);
 }
 
@@ -510,7 +510,7 @@ template <class Record>
   const auto size = static_cast<uint32_t>(cursor - buffer);
   for (const compact::Text& text : survey.texts) {
     if (text.characters != nullptr) {
-      std::memcpy(text.target, text.characters, text.length);
+      std::memcpy(text.target, text.characters, text.length + 1);
     }
   }
   return size;
