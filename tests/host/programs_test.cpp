@@ -83,6 +83,17 @@ TEST_F(Programs, TellTheWholeStoryAndEndWell) {
   EXPECT_FALSE(std::filesystem::exists(folder / "socket"));
 }
 
+TEST_F(Programs, TakeMessagesUpToTheSizeTheyAreGiven) {
+  const RunningProgram master = startMaster({"--listen", target, "--max-message", "9000"});
+  AlarmInput alarm = sampleAlarm();
+  for (const auto& [bytes, result] : {std::pair(8800, kOk), std::pair(9000, kTooLarge)}) {
+    const std::string text(bytes, 'x');
+    alarm.text = text.c_str();
+    std::string reply;
+    EXPECT_EQ(outcome(sendAlarm(alarm, reply)), outcome(result)) << bytes;
+  }
+}
+
 // Whoever writes the rules may never come to it.
 TEST_F(Programs, EndWhileTheyWaitForAFile) {
   const std::string pipe = folder / "pipe";
