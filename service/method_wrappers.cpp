@@ -53,57 +53,64 @@ struct ServedMethod {
   ServiceMethodBinding binding;
 };
 
-constexpr ServedMethod kBrdPartInfoQuery = {
-    korva::kRecordSize<BrdPartInfoInput>,
-    {Kel_sys_diag_BrdPartInfoInput_unpack, Kel_sys_diag_BrdPartInfo_pack,
-     Kel_sys_diag_BrdPartInfo_free_unpacked, KelBrdPartInfoQuery_free, nullptr, nullptr},
-    {KelBrdPartInfoQuery, KelBrdPartInfoQuery_hook, kMode}};
-constexpr ServedMethod kFdProcInfoQuery = {
-    korva::kRecordSize<FdProcInfoInput>,
-    {Kel_sys_diag_FdProcInfoInput_unpack, Kel_sys_diag_FdProcInfoOutput_pack,
-     Kel_sys_diag_FdProcInfoOutput_free_unpacked, FdProcInfoQuery_free, nullptr, nullptr},
-    {FdProcInfoQuery, FdProcInfoQuery_hook, kMode}};
-constexpr ServedMethod kSysOvLoadDiskThresholdSet = {
-    korva::kRecordSize<SysOvLoadDiskThreshold>,
-    {Kel_sys_diag_SysOvLoadDiskThreshold_unpack, Kel_sys_diag_OperResult_pack,
-     Kel_sys_diag_OperResult_free_unpacked, KelSysOvLoadDiskThresholdSet_free,
-     Kel_sys_diag_OperResult_fixed_pack, Kel_sys_diag_OperResult_fixed_size},
-    {KelSysOvLoadDiskThresholdSet, KelSysOvLoadDiskThresholdSet_hook, kMode}};
-constexpr ServedMethod kGetSysDiskUseInfo = {
-    korva::kRecordSize<SysDiskUseInput>,
-    {Kel_sys_diag_SysDiskUseInput_unpack, Kel_sys_diag_SysDiskUseInfoResult_pack,
-     Kel_sys_diag_SysDiskUseInfoResult_free_unpacked, KelGetSysDiskUseInfo_free,
-     Kel_sys_diag_SysDiskUseInfoResult_fixed_pack, Kel_sys_diag_SysDiskUseInfoResult_fixed_size},
-    {KelGetSysDiskUseInfo, KelGetSysDiskUseInfo_hook, kMode}};
-constexpr ServedMethod kResetDiskMakeFS = {
-    korva::kRecordSize<ResetDiskCondition>,
-    {Kel_sys_diag_ResetDiskCondition_unpack, Kel_sys_diag_ResetDiskResult_pack,
-     Kel_sys_diag_ResetDiskResult_free_unpacked, KelResetDiskMakeFS_free,
-     Kel_sys_diag_ResetDiskResult_fixed_pack, Kel_sys_diag_ResetDiskResult_fixed_size},
-    {KelResetDiskMakeFS, KelResetDiskMakeFS_hook, kMode}};
-constexpr ServedMethod kMountDisk = {
-    korva::kRecordSize<MountDiskInput>,
-    {Kel_sys_diag_MountDiskInput_unpack, Kel_sys_diag_MountDiskResult_pack,
-     Kel_sys_diag_MountDiskResult_free_unpacked, KelMountDisk_free,
-     Kel_sys_diag_MountDiskResult_fixed_pack, Kel_sys_diag_MountDiskResult_fixed_size},
-    {KelMountDisk, KelMountDisk_hook, kMode}};
-constexpr ServedMethod kQueryStorageEraseInfo = {
-    korva::kRecordSize<StorageEraseInfoInput>,
-    {Kel_sys_diag_StorageEraseInfoInput_unpack, Kel_sys_diag_StorageEraseInfo_pack,
-     Kel_sys_diag_StorageEraseInfo_free_unpacked, KelQueryStorageEraseInfo_free, nullptr, nullptr},
-    {KelQueryStorageEraseInfo, KelQueryStorageEraseInfo_hook, kMode}};
-constexpr ServedMethod kQueryStorageBadBlockInfo = {
-    korva::kRecordSize<StorageBadBlockInfoInput>,
-    {Kel_sys_diag_StorageBadBlockInfoInput_unpack, Kel_sys_diag_StorageBadBlockInfo_pack,
-     Kel_sys_diag_StorageBadBlockInfo_free_unpacked, KelQueryStorageBadBlockInfo_free, nullptr,
-     nullptr},
-    {KelQueryStorageBadBlockInfo, KelQueryStorageBadBlockInfo_hook, kMode}};
+// In the order of the interface table's methods.
+enum Method : uint8_t {
+  kBrdPartInfoQuery,
+  kFdProcInfoQuery,
+  kSysOvLoadDiskThresholdSet,
+  kGetSysDiskUseInfo,
+  kResetDiskMakeFS,
+  kMountDisk,
+  kQueryStorageEraseInfo,
+  kQueryStorageBadBlockInfo,
+};
+
+constexpr ServedMethod kServedMethods[] = {
+    {korva::kRecordSize<BrdPartInfoInput>,
+     {Kel_sys_diag_BrdPartInfoInput_unpack, Kel_sys_diag_BrdPartInfo_pack,
+      Kel_sys_diag_BrdPartInfo_free_unpacked, KelBrdPartInfoQuery_free, nullptr, nullptr},
+     {KelBrdPartInfoQuery, KelBrdPartInfoQuery_hook, kMode}},
+    {korva::kRecordSize<FdProcInfoInput>,
+     {Kel_sys_diag_FdProcInfoInput_unpack, Kel_sys_diag_FdProcInfoOutput_pack,
+      Kel_sys_diag_FdProcInfoOutput_free_unpacked, FdProcInfoQuery_free, nullptr, nullptr},
+     {FdProcInfoQuery, FdProcInfoQuery_hook, kMode}},
+    {korva::kRecordSize<SysOvLoadDiskThreshold>,
+     {Kel_sys_diag_SysOvLoadDiskThreshold_unpack, Kel_sys_diag_OperResult_pack,
+      Kel_sys_diag_OperResult_free_unpacked, KelSysOvLoadDiskThresholdSet_free,
+      Kel_sys_diag_OperResult_fixed_pack, Kel_sys_diag_OperResult_fixed_size},
+     {KelSysOvLoadDiskThresholdSet, KelSysOvLoadDiskThresholdSet_hook, kMode}},
+    {korva::kRecordSize<SysDiskUseInput>,
+     {Kel_sys_diag_SysDiskUseInput_unpack, Kel_sys_diag_SysDiskUseInfoResult_pack,
+      Kel_sys_diag_SysDiskUseInfoResult_free_unpacked, KelGetSysDiskUseInfo_free,
+      Kel_sys_diag_SysDiskUseInfoResult_fixed_pack, Kel_sys_diag_SysDiskUseInfoResult_fixed_size},
+     {KelGetSysDiskUseInfo, KelGetSysDiskUseInfo_hook, kMode}},
+    {korva::kRecordSize<ResetDiskCondition>,
+     {Kel_sys_diag_ResetDiskCondition_unpack, Kel_sys_diag_ResetDiskResult_pack,
+      Kel_sys_diag_ResetDiskResult_free_unpacked, KelResetDiskMakeFS_free,
+      Kel_sys_diag_ResetDiskResult_fixed_pack, Kel_sys_diag_ResetDiskResult_fixed_size},
+     {KelResetDiskMakeFS, KelResetDiskMakeFS_hook, kMode}},
+    {korva::kRecordSize<MountDiskInput>,
+     {Kel_sys_diag_MountDiskInput_unpack, Kel_sys_diag_MountDiskResult_pack,
+      Kel_sys_diag_MountDiskResult_free_unpacked, KelMountDisk_free,
+      Kel_sys_diag_MountDiskResult_fixed_pack, Kel_sys_diag_MountDiskResult_fixed_size},
+     {KelMountDisk, KelMountDisk_hook, kMode}},
+    {korva::kRecordSize<StorageEraseInfoInput>,
+     {Kel_sys_diag_StorageEraseInfoInput_unpack, Kel_sys_diag_StorageEraseInfo_pack,
+      Kel_sys_diag_StorageEraseInfo_free_unpacked, KelQueryStorageEraseInfo_free, nullptr, nullptr},
+     {KelQueryStorageEraseInfo, KelQueryStorageEraseInfo_hook, kMode}},
+    {korva::kRecordSize<StorageBadBlockInfoInput>,
+     {Kel_sys_diag_StorageBadBlockInfoInput_unpack, Kel_sys_diag_StorageBadBlockInfo_pack,
+      Kel_sys_diag_StorageBadBlockInfo_free_unpacked, KelQueryStorageBadBlockInfo_free, nullptr,
+      nullptr},
+     {KelQueryStorageBadBlockInfo, KelQueryStorageBadBlockInfo_hook, kMode}},
+};
 
 // The framework gets a copy of the binding that lives for the one call.
-int32_t serve(const ServedMethod& method, uintptr_t first, uintptr_t second, IdlCodecOps* ops) {
-  *ops = method.ops;
-  ServiceMethodBinding binding = method.binding;
-  return RPC_IdlServiceWrapper(first, method.inputRecordSize, second, ops, &binding);
+int32_t serve(Method method, uintptr_t first, uintptr_t second, IdlCodecOps* ops) {
+  const ServedMethod& served = kServedMethods[method];
+  *ops = served.ops;
+  ServiceMethodBinding binding = served.binding;
+  return RPC_IdlServiceWrapper(first, served.inputRecordSize, second, ops, &binding);
 }
 
 }  // namespace
