@@ -1,8 +1,6 @@
 // The release routine: gives back what unpacking put into a record. For the codecs of any message.
 #pragma once
 
-#include <utility>
-
 #include "codec/korva_inlined.hpp"
 #include "codec/korva_runtime.hpp"
 #include "codec/korva_schema.hpp"
@@ -20,11 +18,13 @@ template <class Record>
   forEachSlot<Record>([&]<class Slot, size_t>() KORVA_INLINED {
     if constexpr (Slot::kind == SlotKind::string) {
       // Null is handed over too: the hooks accept it, as free does.
-      char* const text = const_cast<char*>(std::exchange(Slot::get(*record), nullptr));
-      runtime.codecFree(text, kModuleNumber, caller);
+      auto*& text = Slot::get(*record);
+      runtime.codecFree(const_cast<char*>(text), kModuleNumber, caller);
+      text = nullptr;
     } else if constexpr (Slot::kind == SlotKind::vector) {
-      if (auto* const elements = std::exchange(Slot::get(*record), nullptr); elements != nullptr) {
+      if (auto*& elements = Slot::get(*record); elements != nullptr) {
         runtime.codecFree(elements, kModuleNumber, caller);
+        elements = nullptr;
       }
     }
   });
