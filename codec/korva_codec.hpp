@@ -17,16 +17,14 @@
 
 namespace korva {
 
-// A message's entry points, as the slow paths below call them again. Record is what an entry point
-// calls its record: void in the slots of an IdlCodecOps.
+// A message's packing entry point, as the slow path below calls it again. Record is what it calls
+// its record: void in the slots of an IdlCodecOps.
 template <class Record>
 using PackEntry = uint32_t (*)(const PackTarget*, const Record*);
-template <class Record>
-using UnpackEntry = uintptr_t (*)(const void*, uint32_t, Record*);
 
 // The slow paths of packing and unpacking: refused arguments, hooks that are not yet set up, and
-// messages that our own packer has not written. All of a unit's messages whose entry points are
-// typed alike share them.
+// messages that our own packer has not written. All of a unit's messages share them, for packing
+// those whose entry points are typed alike.
 
 // Takes "null" or "nonNull" in place of each pointer, so that packing, which needs the record's
 // address no more once the size is known, need not keep it for this.
@@ -48,11 +46,10 @@ template <CodecRuntime& Runtime, class Record>
   return setUpAnd(Runtime, entry, target, record);
 }
 
-// anyLayout reads what any writer may have written.
-template <CodecRuntime& Runtime, class Record>
+// anyLayout reads what any writer may have written, and sets the hooks up if need be.
+template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uintptr_t unpackSlowPath(const char* function, const void* bytes,
-                                                      uint32_t length, Record* record,
-                                                      UnpackEntry<Record> entry,
+                                                      uint32_t length, void* record,
                                                       IdlUnpackFn anyLayout) {
   const auto signedLength = static_cast<int32_t>(length);
   if (bytes == nullptr || signedLength < static_cast<int32_t>(kMinimumLength) ||
@@ -61,8 +58,7 @@ template <CodecRuntime& Runtime, class Record>
              signedLength, nullness(record));
     return 0;
   }
-  return isReady(Runtime.memReady) ? anyLayout(bytes, length, record)
-                                   : setUpAnd(Runtime, entry, bytes, length, record);
+  return anyLayout(bytes, length, record);
 }
 
 // How a message may be sent.
@@ -75,10 +71,10 @@ class Codec {
  public:
   using Record = RecordType;
 
-  // Each routine is also given its own entry point: the first call of all sets the hooks up and
-  // then begins again there. That, and whatever goes wrong, is left to a tail call, so that nothing
-  // has to outlive a call and no register to be saved, which would cost as much as writing a field.
-  // Typed is void or Record.
+  // A packing routine is also given its own entry point: the first call of all sets the hooks up
+  // and then begins again there. Whatever is not usual or goes wrong is left to a tail call, so
+  // that nothing has to outlive a call and no register to be saved, which would cost as much as
+  // writing a field. Typed is void or Record.
   template <class Typed>
   [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const Typed* typed,
                                               PackEntry<Typed> entry) {
@@ -92,37 +88,33 @@ class Codec {
     }
   }
 
-  template <class Typed>
-  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length, Typed* typed,
-                                                 UnpackEntry<Typed> entry) {
-    const auto slowPath = [&]() KORVA_INLINED {
-      return unpackSlowPath<Runtime>(kUnpackName.text(), bytes, length, typed, entry,
-                                     unpackAnyLayout);
-    };
+  [[gnu::always_inline]] static uintptr_t unpack(const void* bytes, uint32_t length,
+                                                 void* untyped) {
     const reading::Source source = sourceOf(bytes, length);
-    if (!canUnpack(source, typed)) [[unlikely]] {
-      return slowPath();
+    if (!canUnpack(source, untyped)) [[unlikely]] {
+      return unpackSlowly(bytes, length, untyped);
     }
     if constexpr (Sent == Layouts::compactAndFixed) {
       if (source.load<uint32_t>(0) == fixed::kTablePosition) {
-        return unpackFixed(bytes, length, typed, entry);
+        return unpackFixed(bytes, length, untyped);
       }
     }
-    auto& record = *static_cast<Record*>(typed);
+    auto& record = *static_cast<Record*>(untyped);
     if constexpr (kOwnsMemory<Record>) {
       // Ahead of the comparison, though unpackAnyLayout does so again: the other order takes more
       // instructions.
       clear(record);
       if (!reading::matchesOwnFront<Record>(source)) [[unlikely]] {
-        return slowPath();
+        return unpackSlowly(bytes, length, untyped);
       }
       if (!readOwnSlots(source, record)) [[unlikely]] {
         return giveUp(&record);
       }
     } else if (!readOwn(source, record)) [[unlikely]] {
-      return slowPath();  // which also sees to what a failure leaves in the record
+      // Which also sees to what a failure leaves in the record.
+      return unpackSlowly(bytes, length, untyped);
     }
-    return reinterpret_cast<uintptr_t>(typed);
+    return reinterpret_cast<uintptr_t>(untyped);
   }
 
   [[gnu::always_inline]] static void release(void* record) {
@@ -197,18 +189,16 @@ class Codec {
 
   // Reads a message whose root table lies where the fixed layout has it. A function of its own, so
   // that unpacking the compact form saves no registers for it.
-  template <class Typed>
-  [[gnu::noinline]] static uintptr_t unpackFixed(const void* bytes, uint32_t length, Typed* typed,
-                                                 UnpackEntry<Typed> entry) {
+  [[gnu::noinline]] static uintptr_t unpackFixed(const void* bytes, uint32_t length,
+                                                 void* untyped) {
     const auto* const message = static_cast<const uint8_t*>(bytes);
     if (length < kFixedSize<Record> || !isFixed<Record>(message)) [[unlikely]] {
-      return unpackSlowPath<Runtime>(kUnpackName.text(), bytes, length, typed, entry,
-                                     unpackAnyLayout);
+      return unpackSlowly(bytes, length, untyped);
     }
-    auto& record = *static_cast<Record*>(typed);
+    auto& record = *static_cast<Record*>(untyped);
     reading::clearPadding(record);
     fixedUnpack(message, record);
-    return reinterpret_cast<uintptr_t>(typed);
+    return reinterpret_cast<uintptr_t>(untyped);
   }
 
   static void releaseOwned(Record* record) { releaseRecord(Runtime, kReleaseName.text(), record); }
@@ -230,29 +220,41 @@ class Codec {
     std::memset(static_cast<void*>(&record), 0, kRecordSize<Record>);
   }
 
+  [[gnu::always_inline]] static uintptr_t unpackSlowly(const void* bytes, uint32_t length,
+                                                       void* untyped) {
+    return unpackSlowPath<Runtime>(kUnpackName.text(), bytes, length, untyped, unpackAnyLayout);
+  }
+
   // Reads a message of any writer. A function of its own, so that the usual case saves no registers
   // for it. A record that owns memory is cleared first, whatever its header, since the release
-  // routine must not meet a stale pointer; any other is untouched if the header is refused. If a
-  // slot is refused, the record holds what was read before it, and zeros else.
+  // routine must not meet a stale pointer; any other is untouched if the header is refused, which
+  // needs no hooks either. If a slot is refused, the record holds what was read before it, and
+  // zeros else.
   [[gnu::cold, gnu::noinline]] static uintptr_t unpackAnyLayout(const void* bytes, uint32_t length,
                                                                 void* untyped) {
     auto& record = *static_cast<Record*>(untyped);
     const reading::Source source = sourceOf(bytes, length);
-    reading::TableView view{};
-    const bool isOpen = reading::openRoot(source, view);
-    if (isOpen || kOwnsMemory<Record>) {
+    if constexpr (kOwnsMemory<Record>) {
       clear(record);
     }
-    if (!isOpen || !reading::readTable<Record, false>(source, view, record)) {
+    reading::TableView view{};
+    if (!reading::openRoot(source, view)) {
+      return giveUp(&record);
+    }
+    if (!isReady(Runtime.memReady)) {
+      KorvaMemInit(Runtime);
+    }
+    if constexpr (PlainTable<Record>) {
+      clear(record);
+    }
+    if (!reading::readTable<Record, false>(source, view, record)) {
       return giveUp(&record);
     }
     return reinterpret_cast<uintptr_t>(untyped);
   }
 
-  [[gnu::cold, gnu::noinline]] static uintptr_t giveUp([[maybe_unused]] Record* record) {
-    if constexpr (kOwnsMemory<Record>) {
-      releaseOwned(record);
-    }
+  [[gnu::cold, gnu::noinline]] static uintptr_t giveUp(Record* record) {
+    release(record);
     return 0;
   }
 

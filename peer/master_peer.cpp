@@ -15,15 +15,14 @@ using AlarmOutputCodec = kel::PeerCodec<kel::message::AlarmOutput>;
 using OvLoadDiskCtlOutputCodec = kel::PeerCodec<kel::message::OvLoadDiskCtlOutput>;
 
 uintptr_t Kel_sys_diag_AlarmInput_unpack(const void* bytes, uint32_t length, AlarmInput* record) {
-  return AlarmInputCodec::unpack(bytes, length, record, Kel_sys_diag_AlarmInput_unpack);
+  return AlarmInputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_AlarmInput_free_unpacked(AlarmInput* record) { AlarmInputCodec::release(record); }
 
 uintptr_t Kel_sys_diag_OverloadAlarmInput_unpack(const void* bytes, uint32_t length,
                                                  OverloadAlarmInput* record) {
-  return OverloadAlarmInputCodec::unpack(bytes, length, record,
-                                         Kel_sys_diag_OverloadAlarmInput_unpack);
+  return OverloadAlarmInputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_OverloadAlarmInput_free_unpacked(OverloadAlarmInput* record) {
@@ -32,8 +31,7 @@ void Kel_sys_diag_OverloadAlarmInput_free_unpacked(OverloadAlarmInput* record) {
 
 uintptr_t Kel_sys_diag_OverloadDiskAlarmInput_unpack(const void* bytes, uint32_t length,
                                                      OverloadDiskAlarmInput* record) {
-  return OverloadDiskAlarmInputCodec::unpack(bytes, length, record,
-                                             Kel_sys_diag_OverloadDiskAlarmInput_unpack);
+  return OverloadDiskAlarmInputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked(OverloadDiskAlarmInput* record) {
@@ -42,8 +40,7 @@ void Kel_sys_diag_OverloadDiskAlarmInput_free_unpacked(OverloadDiskAlarmInput* r
 
 uintptr_t Kel_sys_diag_OvLoadDiskCtlInput_unpack(const void* bytes, uint32_t length,
                                                  OvLoadDiskCtlInput* record) {
-  return OvLoadDiskCtlInputCodec::unpack(bytes, length, record,
-                                         Kel_sys_diag_OvLoadDiskCtlInput_unpack);
+  return OvLoadDiskCtlInputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_OvLoadDiskCtlInput_free_unpacked(OvLoadDiskCtlInput* record) {

@@ -68,7 +68,7 @@ uint32_t Kel_sys_diag_StorageBadBlockInfoInput_pack(const PackTarget* target,
 }
 
 uintptr_t Kel_sys_diag_BrdPartInfo_unpack(const void* bytes, uint32_t length, BrdPartInfo* record) {
-  return BrdPartInfoCodec::unpack(bytes, length, record, Kel_sys_diag_BrdPartInfo_unpack);
+  return BrdPartInfoCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record) {
@@ -77,7 +77,7 @@ void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record) {
 
 uintptr_t Kel_sys_diag_FdProcInfoOutput_unpack(const void* bytes, uint32_t length,
                                                FdProcInfoOutput* record) {
-  return FdProcInfoOutputCodec::unpack(bytes, length, record, Kel_sys_diag_FdProcInfoOutput_unpack);
+  return FdProcInfoOutputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_FdProcInfoOutput_free_unpacked(FdProcInfoOutput* record) {
@@ -85,15 +85,14 @@ void Kel_sys_diag_FdProcInfoOutput_free_unpacked(FdProcInfoOutput* record) {
 }
 
 uintptr_t Kel_sys_diag_OperResult_unpack(const void* bytes, uint32_t length, OperResult* record) {
-  return OperResultCodec::unpack(bytes, length, record, Kel_sys_diag_OperResult_unpack);
+  return OperResultCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_OperResult_free_unpacked(OperResult* record) { OperResultCodec::release(record); }
 
 uintptr_t Kel_sys_diag_SysDiskUseInfoResult_unpack(const void* bytes, uint32_t length,
                                                    SysDiskUseInfoResult* record) {
-  return SysDiskUseInfoResultCodec::unpack(bytes, length, record,
-                                           Kel_sys_diag_SysDiskUseInfoResult_unpack);
+  return SysDiskUseInfoResultCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(SysDiskUseInfoResult* record) {
@@ -102,7 +101,7 @@ void Kel_sys_diag_SysDiskUseInfoResult_free_unpacked(SysDiskUseInfoResult* recor
 
 uintptr_t Kel_sys_diag_ResetDiskResult_unpack(const void* bytes, uint32_t length,
                                               ResetDiskResult* record) {
-  return ResetDiskResultCodec::unpack(bytes, length, record, Kel_sys_diag_ResetDiskResult_unpack);
+  return ResetDiskResultCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_ResetDiskResult_free_unpacked(ResetDiskResult* record) {
@@ -111,7 +110,7 @@ void Kel_sys_diag_ResetDiskResult_free_unpacked(ResetDiskResult* record) {
 
 uintptr_t Kel_sys_diag_MountDiskResult_unpack(const void* bytes, uint32_t length,
                                               MountDiskResult* record) {
-  return MountDiskResultCodec::unpack(bytes, length, record, Kel_sys_diag_MountDiskResult_unpack);
+  return MountDiskResultCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_MountDiskResult_free_unpacked(MountDiskResult* record) {
@@ -120,7 +119,7 @@ void Kel_sys_diag_MountDiskResult_free_unpacked(MountDiskResult* record) {
 
 uintptr_t Kel_sys_diag_StorageEraseInfo_unpack(const void* bytes, uint32_t length,
                                                StorageEraseInfo* record) {
-  return StorageEraseInfoCodec::unpack(bytes, length, record, Kel_sys_diag_StorageEraseInfo_unpack);
+  return StorageEraseInfoCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_StorageEraseInfo_free_unpacked(StorageEraseInfo* record) {
@@ -129,8 +128,7 @@ void Kel_sys_diag_StorageEraseInfo_free_unpacked(StorageEraseInfo* record) {
 
 uintptr_t Kel_sys_diag_StorageBadBlockInfo_unpack(const void* bytes, uint32_t length,
                                                   StorageBadBlockInfo* record) {
-  return StorageBadBlockInfoCodec::unpack(bytes, length, record,
-                                          Kel_sys_diag_StorageBadBlockInfo_unpack);
+  return StorageBadBlockInfoCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_StorageBadBlockInfo_free_unpacked(StorageBadBlockInfo* record) {

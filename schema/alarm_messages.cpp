@@ -12,7 +12,7 @@ uint32_t Kel_sys_diag_AlarmInput_pack(const PackTarget* target, const void* reco
 }
 
 uintptr_t Kel_sys_diag_AlarmOutput_unpack(const void* bytes, uint32_t length, void* record) {
-  return AlarmOutputCodec::unpack(bytes, length, record, Kel_sys_diag_AlarmOutput_unpack);
+  return AlarmOutputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_AlarmOutput_free_unpacked(void* record) { AlarmOutputCodec::release(record); }

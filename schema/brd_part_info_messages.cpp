@@ -8,7 +8,7 @@ using BrdPartInfoInputCodec = kel::ServerCodec<kel::message::BrdPartInfoInput>;
 using BrdPartInfoCodec = kel::ServerCodec<kel::message::BrdPartInfo>;
 
 uintptr_t Kel_sys_diag_BrdPartInfoInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return BrdPartInfoInputCodec::unpack(bytes, length, record, Kel_sys_diag_BrdPartInfoInput_unpack);
+  return BrdPartInfoInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_BrdPartInfo_pack(const PackTarget* target, const void* record) {

@@ -22,8 +22,7 @@ uint32_t Kel_sys_diag_OvLoadDiskCtlInput_fixed_size() {
 
 uintptr_t Kel_sys_diag_OvLoadDiskCtlOutput_unpack(const void* bytes, uint32_t length,
                                                   void* record) {
-  return OvLoadDiskCtlOutputCodec::unpack(bytes, length, record,
-                                          Kel_sys_diag_OvLoadDiskCtlOutput_unpack);
+  return OvLoadDiskCtlOutputCodec::unpack(bytes, length, record);
 }
 
 void Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked(void* record) {

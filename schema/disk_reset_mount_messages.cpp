@@ -10,8 +10,7 @@ using MountDiskInputCodec = kel::ServerCodec<kel::message::MountDiskInput>;
 using MountDiskResultCodec = kel::ServerCodec<kel::message::MountDiskResult>;
 
 uintptr_t Kel_sys_diag_ResetDiskCondition_unpack(const void* bytes, uint32_t length, void* record) {
-  return ResetDiskConditionCodec::unpack(bytes, length, record,
-                                         Kel_sys_diag_ResetDiskCondition_unpack);
+  return ResetDiskConditionCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_ResetDiskResult_pack(const PackTarget* target, const void* record) {
@@ -29,7 +28,7 @@ int32_t Kel_sys_diag_ResetDiskResult_fixed_pack(uint8_t* buffer, const void* rec
 uint32_t Kel_sys_diag_ResetDiskResult_fixed_size() { return ResetDiskResultCodec::fixedSize(); }
 
 uintptr_t Kel_sys_diag_MountDiskInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return MountDiskInputCodec::unpack(bytes, length, record, Kel_sys_diag_MountDiskInput_unpack);
+  return MountDiskInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_MountDiskResult_pack(const PackTarget* target, const void* record) {

@@ -9,8 +9,7 @@ using OperResultCodec = kel::ServerCodec<kel::message::OperResult>;
 
 uintptr_t Kel_sys_diag_SysOvLoadDiskThreshold_unpack(const void* bytes, uint32_t length,
                                                      void* record) {
-  return SysOvLoadDiskThresholdCodec::unpack(bytes, length, record,
-                                             Kel_sys_diag_SysOvLoadDiskThreshold_unpack);
+  return SysOvLoadDiskThresholdCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_OperResult_pack(const PackTarget* target, const void* record) {

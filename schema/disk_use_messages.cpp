@@ -8,7 +8,7 @@ using SysDiskUseInputCodec = kel::ServerCodec<kel::message::SysDiskUseInput>;
 using SysDiskUseInfoResultCodec = kel::ServerCodec<kel::message::SysDiskUseInfoResult>;
 
 uintptr_t Kel_sys_diag_SysDiskUseInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return SysDiskUseInputCodec::unpack(bytes, length, record, Kel_sys_diag_SysDiskUseInput_unpack);
+  return SysDiskUseInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_SysDiskUseInfoResult_pack(const PackTarget* target, const void* record) {

@@ -8,7 +8,7 @@ using FdProcInfoInputCodec = kel::ServerCodec<kel::message::FdProcInfoInput>;
 using FdProcInfoOutputCodec = kel::ServerCodec<kel::message::FdProcInfoOutput>;
 
 uintptr_t Kel_sys_diag_FdProcInfoInput_unpack(const void* bytes, uint32_t length, void* record) {
-  return FdProcInfoInputCodec::unpack(bytes, length, record, Kel_sys_diag_FdProcInfoInput_unpack);
+  return FdProcInfoInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_FdProcInfoOutput_pack(const PackTarget* target, const void* record) {

@@ -11,8 +11,7 @@ using StorageBadBlockInfoCodec = kel::ServerCodec<kel::message::StorageBadBlockI
 
 uintptr_t Kel_sys_diag_StorageEraseInfoInput_unpack(const void* bytes, uint32_t length,
                                                     void* record) {
-  return StorageEraseInfoInputCodec::unpack(bytes, length, record,
-                                            Kel_sys_diag_StorageEraseInfoInput_unpack);
+  return StorageEraseInfoInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_StorageEraseInfo_pack(const PackTarget* target, const void* record) {
@@ -25,8 +24,7 @@ void Kel_sys_diag_StorageEraseInfo_free_unpacked(void* record) {
 
 uintptr_t Kel_sys_diag_StorageBadBlockInfoInput_unpack(const void* bytes, uint32_t length,
                                                        void* record) {
-  return StorageBadBlockInfoInputCodec::unpack(bytes, length, record,
-                                               Kel_sys_diag_StorageBadBlockInfoInput_unpack);
+  return StorageBadBlockInfoInputCodec::unpack(bytes, length, record);
 }
 
 uint32_t Kel_sys_diag_StorageBadBlockInfo_pack(const PackTarget* target, const void* record) {

@@ -91,9 +91,6 @@ struct WithEntries : Codec {
   static uint32_t pack(const PackTarget* target, const void* record) {
     return Codec::pack(target, record, pack);
   }
-  static uintptr_t unpack(const void* bytes, uint32_t length, void* record) {
-    return Codec::unpack(bytes, length, record, unpack);
-  }
   static int32_t packFixed(uint8_t* buffer, const void* record) {
     return Codec::packFixed(buffer, record, packFixed);
   }

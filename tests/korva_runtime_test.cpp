@@ -257,6 +257,7 @@ TEST(MemorySetUp, RunsWhereMemoryOrABufferIsUsed) {
       {"fixed size", Kel_sys_diag_OverloadAlarmInput_fixed_size, false},
       {"unpack", unpacksConfig(kReply, 16), true},
       {"refused unpack", unpacksConfig(kReply, 3), false},
+      {"refused header", unpacksConfig(Buffer(18), 18), false},
       {"release", released(Kel_sys_diag_AlarmOutput_free_unpacked, nullptr), true},
       {"release of what owns nothing",
        released(Kel_sys_diag_OvLoadDiskCtlOutput_free_unpacked, buffer), false},
@@ -483,8 +484,12 @@ void refuseThenServe(const Owner& owner, bool platformServes) {
     std::erase_if(happened, isSetUp);
     EXPECT_EQ(result == 0, refuses);
     EXPECT_EQ(happened, refuses ? refused : Events{asked});
+    platform.next = [&record, unpacked = bytesOf(record)] {
+      EXPECT_EQ(bytesOf(record), unpacked) << "cleared before the block is given back";
+    };
     EXPECT_EQ(during([&] { owner.release(record); }),
               refuses ? givenUp : Events{"free block" + releaser});
+    platform.next = nullptr;
     EXPECT_EQ(during([&] { owner.release(record); }), givenUp);
     EXPECT_EQ(during([&] { owner.release(nullptr); }), Events{});
   }

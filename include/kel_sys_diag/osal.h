@@ -16,15 +16,16 @@
  * library is loaded.
  *
  * The memory functions are looked up in a unit's first call that packs, unpacks, or releases a
- * record with pointers, and whose arguments are not refused (a packer refuses a capacity of 4 and
- * more that is too small only later); the logger in the first one that writes a line, however late.
- * Both happen under a lock of the library, and looking up waits for the loader's, which dlopen
- * holds while it runs constructors, and dlclose while it runs destructors. So none of these may
- * make a codec call while another thread may be in a look-up: both would wait for good. A host with
- * such calls has both look-ups of each unit behind it before it starts threads: releaseFn(NULL) of
- * a message with pointers looks up the memory functions, unpackFn(NULL, 0, NULL) the logger, for
- * the line that it writes; for served messages these are in the IdlCodecOps that a wrapper fills. A
- * child that is forked during a look-up waits so in its own. */
+ * record with pointers, unless its arguments are refused (a packer refuses a capacity of 4 and more
+ * that is too small only later) or, for a record without pointers, the header of its message; the
+ * logger in the first one that writes a line, however late. Both happen under a lock of the
+ * library, and looking up waits for the loader's, which dlopen holds while it runs constructors,
+ * and dlclose while it runs destructors. So none of these may make a codec call while another
+ * thread may be in a look-up: both would wait for good. A host with such calls has both look-ups of
+ * each unit behind it before it starts threads: releaseFn(NULL) of a message with pointers looks up
+ * the memory functions, unpackFn(NULL, 0, NULL) the logger, for the line that it writes; for served
+ * messages these are in the IdlCodecOps that a wrapper fills. A child that is forked during a
+ * look-up waits so in its own. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 
