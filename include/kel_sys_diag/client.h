@@ -10,14 +10,13 @@
  *   KelSysdiagMaster_<Method>_async  starts a call. The framework receives userArg1, userArg2 and
  *                                    invokeArg unchanged and completes the call in its own way.
  *
- * input and what it points to stay the caller's, who may change or free them once the function has
- * returned, the asynchronous one included. output is the caller's as well; clear it before the
- * call, so that it may be released whatever the result (rpc.h says why).
+ * input and what it points to stay the caller's, who may change or free them as soon as the
+ * function has returned, also an asynchronous one. output is the caller's as well. Set it to zeros
+ * before the call: then it may be released whatever the result is (rpc.h says why).
  *
- * The stubs check nothing and return the framework's result as it comes, so the meaning of
- * invokeArg, userArg1, userArg2 and of the result is the framework's, as is who releases an output
- * record (the releaseFn that SetIdl hands out does it). osal.h says what of encoding and decoding
- * is logged, and how. */
+ * The stubs check nothing and return the framework's result unchanged. So the framework decides
+ * what invokeArg, userArg1, userArg2 and the result mean, and who releases an output record, with
+ * the releaseFn that SetIdl fills in. osal.h says what encoding and decoding log, and how. */
 #ifndef KEL_SYS_DIAG_CLIENT_H
 #define KEL_SYS_DIAG_CLIENT_H
 
@@ -31,8 +30,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Passed to RPC_GetRpcInvoke by every call. Writable: the host puts the endpoint there before its
- * first call, in the form that its framework expects. Zero again if the library is unloaded and
- * loaded anew. */
+ * first call, in the form that its framework expects. If the library is unloaded and loaded again,
+ * the endpoint is zero again. */
 extern RpcServerAddr g_stServerAddr_KelSysdiagMaster;
 
 void KelSysdiagMaster_KelSendAlarmSetIdl(IdlCodecOps* ops);

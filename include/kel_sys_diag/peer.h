@@ -1,21 +1,21 @@
-/* libkel_sys_diag_peer.so: the other half of the services, for whoever talks to a host process: a
- * KelSysdiagMaster server decodes its requests here and encodes its replies, a KelSysdiagQarne
- * client the other way round. Clean in C11 and C++11; every function is reentrant and may run on
- * any thread.
+/* libkel_sys_diag_peer.so: the other half of both services, for programs that talk to a host
+ * process. A KelSysdiagMaster server decodes its requests and encodes its replies with it; a
+ * KelSysdiagQarne client encodes its requests and decodes the replies. Clean in C11 and C++11;
+ * every function is reentrant and may run on any thread.
  *
  * The functions follow the rules of the IdlCodecOps slots in rpc.h and log in the same way. They
- * are a unit of their own: their allocator and log hooks (osal.h) are looked up apart from those of
- * libkel_sys_diag.so, by the same names.
+ * are a unit of their own: their allocator and log hooks (osal.h) are looked up by the same names
+ * as those of libkel_sys_diag.so, but separately.
  *
  *   Kel_sys_diag_<Message>_unpack         decodes length bytes into record. Returns record as an
- *                                         integer, or 0; nothing is left allocated after a 0.
+ *                                         integer, or 0 on failure; then nothing is left allocated.
  *   Kel_sys_diag_<Message>_pack           with a null target, returns the encoded size; otherwise
- *                                         writes, and returns the number of bytes; 0 on failure.
- *                                         Compact; there is no fixed layout here.
- *   Kel_sys_diag_<Message>_free_unpacked  gives back what unpacking allocated, and clears the
- *                                         pointers to it. Not for records that the caller filled
- *                                         from other memory, nor after a 0 for one that was not
- *                                         clear before. Does nothing for null, and nothing at all
+ *                                         writes the message and returns the number of bytes. 0 on
+ *                                         failure. Compact; there is no fixed layout here.
+ *   Kel_sys_diag_<Message>_free_unpacked  frees what unpacking allocated, and clears the pointers
+ *                                         to it. Not for a record that the caller filled from other
+ *                                         memory, nor, after a failure, for one that was not all
+ *                                         zero before. Does nothing for null, and nothing at all
  *                                         for a record without pointers. */
 #ifndef KEL_SYS_DIAG_PEER_H
 #define KEL_SYS_DIAG_PEER_H
@@ -62,10 +62,10 @@ uint32_t Kel_sys_diag_StorageEraseInfoInput_pack(const PackTarget* target,
 uint32_t Kel_sys_diag_StorageBadBlockInfoInput_pack(const PackTarget* target,
                                                     const StorageBadBlockInfoInput* record);
 
-/* Replies of KelSysdiagQarne. Entries are unpacked into one block of the unit's allocator hook,
+/* Replies of KelSysdiagQarne. Entries are unpacked into one block from the unit's allocator hook,
  * which the record owns. Whatever count a message claims, the block is never larger than a quarter
- * of the message's length times the size of an entry record: every entry takes four bytes of the
- * message. */
+ * of the message's length times the size of an entry record: every entry takes at least four bytes
+ * of the message. */
 uintptr_t Kel_sys_diag_BrdPartInfo_unpack(const void* bytes, uint32_t length, BrdPartInfo* record);
 void Kel_sys_diag_BrdPartInfo_free_unpacked(BrdPartInfo* record);
 uintptr_t Kel_sys_diag_FdProcInfoOutput_unpack(const void* bytes, uint32_t length,

@@ -3,19 +3,19 @@
  *
  * Records are plain structures with natural alignment. A record belongs to whoever declares it; no
  * codec routine ever frees a record. Scalars are raw bits to the codecs: what a field means, and
- * whether it is signed, is for the two ends of a service to agree. Byte arrays travel whole, with
- * no terminator looked for or added. The sizes asserted below are part of the binary interface: the
+ * whether it is signed, is for the two ends of a service to agree. Byte arrays are sent whole; no
+ * terminator is looked for or added. The sizes asserted below are part of the binary interface: the
  * library reports them to the RPC framework, and every host must be compiled to the same layout.
  *
- * In a reply with entries, entries is an array of entryCount records, or null for none, whatever
- * the count says. It belongs to the reply's record; the release routine hands it to the release
- * hook (osal.h). If that is to release it, it must come from the allocator that pairs with the
- * hook: from QSV_OsalMemCacheAlloc, called with 12, where the library finds all three memory
- * functions and the flag is 1, otherwise from malloc (the C library's, if dlopen was told
- * RTLD_DEEPBIND).
+ * In a reply with entries, entries is an array of entryCount records, or null, which means no
+ * entries, whatever entryCount says. It belongs to the reply's record, and the release routine
+ * frees it through the release hook (osal.h). An array that is to be freed in this way must come
+ * from the allocator that pairs with the hook: QSV_OsalMemCacheAlloc, called with module number 12,
+ * if the library finds all three memory functions and the flag function returns 1; otherwise malloc
+ * (the C library's, if dlopen was told RTLD_DEEPBIND).
  *
- * A received text may hold further NULs before the one at its end; whoever reads it as a string
- * sees what is before the first. */
+ * A received text may contain NULs before the one at its end; read as a string, it ends at the
+ * first. */
 #ifndef KEL_SYS_DIAG_RECORDS_H
 #define KEL_SYS_DIAG_RECORDS_H
 
@@ -165,8 +165,8 @@ typedef struct SysDiskUseInfoResult {
   uint32_t value5;
 } SysDiskUseInfoResult;
 
-/* Requests and replies of KelResetDiskMakeFS and KelMountDisk: messages of their own, in shapes
- * that exist already. */
+/* Requests and replies of KelResetDiskMakeFS and KelMountDisk: messages of their own, which share
+ * record types with others. */
 typedef SysDiskUseInput ResetDiskCondition;
 typedef OperResult ResetDiskResult;
 typedef SysDiskUseInput MountDiskInput;
@@ -202,7 +202,7 @@ typedef struct StorageBadBlockInfo {
   StorageBadBlockEntry* entries;
 } StorageBadBlockInfo;
 
-/* Not by <assert.h>, which would replace an assert of the host's own. */
+/* Without <assert.h>, which would redefine an assert macro of the host's own. */
 #ifdef __cplusplus
 #define KEL_LAYOUT(holds) static_assert(holds, "layout")
 #else

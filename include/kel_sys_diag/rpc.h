@@ -1,12 +1,12 @@
 /* What passes between libkel_sys_diag.so and the host's RPC framework.
  * For framework authors; clean in C11 and C++11.
  *
- * The library moves no bytes itself. For every call it hands the framework the method's name and an
- * IdlCodecOps, and the framework measures, encodes, sends, receives, decodes and releases through
- * those six slots. Every slot function may run on any thread, concurrently with any other, as long
- * as each call works on its own record and buffer, which must not overlap, and the library stays
- * loaded. Messages may lie at any address, records only where their types may. No exception or jump
- * may leave a function of the framework. */
+ * The library itself sends and receives nothing. For every call it gives the framework the method's
+ * name and an IdlCodecOps, and the framework measures, encodes, decodes and releases messages
+ * through its six slots. Every slot function may run on any thread, concurrently with any other, as
+ * long as each call works on its own record and buffer, which must not overlap, and the library
+ * stays loaded. Messages need no alignment; records need that of their types. No exception or
+ * longjmp may leave a function of the framework. */
 #ifndef KEL_SYS_DIAG_RPC_H
 #define KEL_SYS_DIAG_RPC_H
 
@@ -23,38 +23,38 @@ typedef struct PackTarget {
   const uint32_t* capacity; /* bytes at buffer; never null */
 } PackTarget;
 
-/* Decodes length received bytes, at any address, of the compact or the fixed layout or any other
- * that the format allows, into record, of which every byte is written, padding included. What the
- * record owned before is not given back: release it first. Returns record as an integer. The bytes
- * are not referred to after the call.
+/* Decodes length received bytes into record. They may lie at any address, in the compact or the
+ * fixed layout or any other that the format allows. Every byte of the record is written, padding
+ * included. What the record owned before is not freed: release it first. Returns record as an
+ * integer. The record does not refer to bytes after the call.
  *
- * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more (which packFn can
- * write), the message is malformed, a list's array would take 2^32 bytes or more, or an allocation
- * fails. Nothing that the unpacker allocated survives then, and what the record holds is not for
- * use:
+ * Returns 0 if bytes or record is null, length is below 4 or is 2^31 or more (though packFn can
+ * write messages that long), the message is malformed, a list's array would take 2^32 bytes or
+ * more, or an allocation fails. Then nothing that the unpacker allocated is left, and what the
+ * record holds must not be used:
  *
- *   arguments refused          it is as it was
- *   message's header refused   it is as it was or, if it has pointers, all zero
+ *   arguments refused          what it held before the call
+ *   message's header refused   what it held before the call or, if it has pointers, all zeros
  *   anything deeper refused    fields that were read before, and zeros elsewhere; pointers are null
  *
- * Whoever sends the message decides its length, and so which of these it is: do not release a
- * record after a 0 unless it was clear before. */
+ * The sender decides a message's length, and so which of these it is: after a 0, release the record
+ * only if it was all zero before the call. */
 typedef uintptr_t (*IdlUnpackFn)(const void* bytes, uint32_t length, void* record);
 
 /* With a null target, returns the encoded size of record in bytes and touches nothing else (0 for a
- * null record or a size above 2^32 - 1; no encoding is empty). With a target, writes the encoding
- * and returns the number of bytes written, the same as that size; returns 0, with the buffer
- * untouched, for a null buffer, a null record or a capacity below the size. */
+ * null record or a size above 2^32 - 1; an encoding is never empty). With a target, writes the
+ * encoding and returns the number of bytes written, the same as that size; returns 0, with the
+ * buffer untouched, for a null buffer, a null record or a capacity below the size. */
 typedef uint32_t (*IdlPackFn)(const PackTarget* target, const void* record);
 
-/* Gives back what the record owns and clears the pointers to it. Null is allowed. */
+/* Frees what the record owns and clears the pointers to it. Null is allowed. */
 typedef void (*IdlReleaseFn)(void* record);
 
-/* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes, which all are
- * the message. That is faster than the compact form that packFn writes, and never smaller; a
- * receiver takes either and need not be told which. Checks nothing; always returns 0. Bytes that
- * the layout does not use keep what the buffer held: clear it first if it may hold what the
- * receiver must not see. */
+/* Writes the fixed layout of record into a buffer of at least fixedSizeFn() bytes; so many bytes
+ * are the message. The fixed layout is faster than the compact one, which packFn writes, and never
+ * smaller; a receiver takes either and need not be told which. Checks nothing; always returns 0.
+ * Bytes that the layout does not use keep what the buffer held: clear it first if it may hold
+ * something that the receiver must not see. */
 typedef int32_t (*IdlFixedPackFn)(uint8_t* buffer, const void* record);
 
 /* Returns the constant size in bytes of a message's fixed layout. */
@@ -93,7 +93,7 @@ typedef struct IdlAsyncInfo {
 /* What serves a method. The record that a wrapper hands over lives only for that call. */
 typedef struct ServiceMethodBinding {
   IdlHostFn implementation; /* the host's <Method> */
-  IdlHostFn hook;           /* the library's own for the method; does nothing, need not be called */
+  IdlHostFn hook;           /* the library's, one per method; does nothing, need not be called */
   uint64_t mode;            /* always 1 */
 } ServiceMethodBinding;
 
@@ -108,7 +108,7 @@ typedef struct IdlIntfEntry {
   uint32_t marker; /* 0 */
   uint32_t reserved1;
   IdlWrapperFn wrapper;
-  /* FNV-1a, 32 bits, of the package "Kel_sys_diag", a full stop and the input message's name */
+  /* 32-bit FNV-1a hash of "Kel_sys_diag." followed by the input message's name */
   uint32_t inputMsgId;
   uint32_t reserved2;
   char methodName[64]; /* NUL-padded */
@@ -167,33 +167,36 @@ KEL_LAYOUT(offsetof(RpcServerAddr, serviceName) == 96);
  * results to its own caller unchanged. */
 #pragma GCC visibility push(default)
 
-/* Returns a handle for the one call that follows, to server; the library passes it on without
- * looking at it, null included, and keeps nothing: whether the call gives it back is the
+/* Returns a handle for the one call to server that follows. The library passes it on without
+ * looking at it, null included, and does not keep it; whether and when it is freed is the
  * framework's business. invokeArg is the value that the host gave to the call stub. */
 void* RPC_GetRpcInvoke(RpcServerAddr* server, uintptr_t invokeArg);
 
-/* Encodes input with ops, performs the call and decodes the reply into output. method and ops live
- * on the library's stack and end with the call. */
+/* Encodes input with ops, performs the call and decodes the reply into output. method and ops are
+ * on the library's stack and valid only during the call. */
 int32_t RPC_IdlSyncCallStub(void* invoker, const void* input, void* output,
                             const IdlMethodRef* method, const IdlCodecOps* ops);
 
-/* Starts a call and returns. input, method, ops and info end with this function: the framework
- * encodes input before it returns, since a copy of the record would not have what it points to, and
- * copies whatever else it needs later. The output record, of outputSize bytes, is the framework's
- * to provide, and to have released by releaseFn. */
+/* Starts a call and returns. input, method, ops and info are valid only until it returns: before
+ * that, the framework encodes input, since a copy of the record would lack what the record points
+ * to, and copies whatever else it needs later. The framework provides the output record, of
+ * outputSize bytes, and has it released by releaseFn. */
 int32_t RPC_IdlAsyncCallStub(void* invoker, const void* input, const IdlMethodRef* method,
                              const IdlCodecOps* ops, const IdlAsyncInfo* info);
 
-/* Serves one request of a method: provides an input record of inputRecordSize bytes (0 for a
- * message without fields; the address handed to unpackFn must be non-null even so) and an output
- * record, all zero (service.h has the sizes), decodes into the one, runs binding's implementation,
- * encodes the other and has it released, also after a failure, all through ops. Input records of
- * served methods own nothing. An output record is released by userFreeFn, or by releaseFn if its
- * entries came from the allocator that pairs with the release hook of the library's served messages
- * (osal.h); by both only if whichever is first clears the pointers that it frees, as releaseFn
- * does. binding ends with the call; ops stays where the framework put it. first and second are the
- * framework's own values, and the place for whatever else it has to know, such as the method and
- * the size of its output record: nothing else here names them. */
+/* Serves one request of a method. The framework provides an input record of inputRecordSize bytes
+ * (0 for a message without fields; even then unpackFn must be given a non-null address) and an
+ * output record of zeros (service.h has its size). It decodes into the input record, runs binding's
+ * implementation, encodes the output record and has it released, also after a failure, all through
+ * ops. Input records of served methods own nothing.
+ *
+ * An output record is released by userFreeFn, or by releaseFn if its entries came from the
+ * allocator that pairs with the release hook of the library's served messages (osal.h). Both may be
+ * called only if the first one clears the pointers that it frees, as releaseFn does.
+ *
+ * binding is valid only during the call; ops stays where the framework put it. first and second are
+ * the framework's own values: through them it has to learn whatever else it needs, such as the
+ * method and the size of its output record, since nothing else here names them. */
 int32_t RPC_IdlServiceWrapper(uintptr_t first, uint32_t inputRecordSize, uintptr_t second,
                               IdlCodecOps* ops, const ServiceMethodBinding* binding);
 

@@ -6,17 +6,17 @@
  * tables are complete once the library is loaded; the library itself neither reads nor writes them.
  *
  * The work is the host's: for each of the eight methods it must define two functions, <Method> and
- * <Method>_free, with C linkage and default visibility, as for the framework's: in the executable
- * (linked with -rdynamic, if it loads the library by dlopen), in a library of global scope, or in
- * what is itself linked with this library. The library refers to them by address only
- * (ServiceMethodBinding, IdlCodecOps), never calls them, and does not load where the loader finds
- * none. Their signatures are agreed between host and framework and therefore not declared here; a
- * usual agreement is
+ * <Method>_free, with C linkage and default visibility. Like the framework's functions, they have
+ * to be in the executable (linked with -rdynamic, if it loads the library by dlopen), in a library
+ * of global scope, or in something that is itself linked with this library. The library only takes
+ * their addresses (ServiceMethodBinding, IdlCodecOps) and never calls them; it does not load if the
+ * loader does not find all of them. Their signatures are agreed between host and framework and
+ * therefore not declared here; a usual agreement is
  *
  *   int32_t KelMountDisk(const MountDiskInput* input, MountDiskResult* output);
  *   void KelMountDisk_free(MountDiskResult* output);
  *
- * where a result of 0 stands for an output that is to be sent. The records:
+ * where a result of 0 means that output is to be sent. The records:
  *
  *   method                         input record (bytes)            output record (bytes)
  *   KelBrdPartInfoQuery            none, any address but null (0)  BrdPartInfo (16)
@@ -40,8 +40,8 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* The service, its eight methods and their sixteen messages; rpc.h describes the entries, and entry
- * 0, which each of the two tables has besides. */
+/* The service, its eight methods and their sixteen messages. Each of the two tables has one entry
+ * more, entry 0; rpc.h describes it and the others. */
 extern IdlModuleSpec __module_spec_KelSysdiagQarne;
 extern IdlIntfEntry intf_tbl_KelSysdiagQarne[9];
 extern IdlMsgDesc msgdesc_tbl_KelSysdiagQarne[17];
