@@ -17,17 +17,17 @@
 
 namespace korva {
 
-// A message's packing entry point, as the slow path below calls it again. Record is what it calls
-// its record: void in the slots of an IdlCodecOps.
+// The type of a message's packing entry point, which the slow path below calls again. Record is the
+// type that it takes its record as: void in the slots of an IdlCodecOps.
 template <class Record>
 using PackEntry = uint32_t (*)(const PackTarget*, const Record*);
 
 // The slow paths of packing and unpacking: refused arguments, hooks that are not yet set up, and
 // messages that our own packer has not written. All of a unit's messages share them, for packing
-// those whose entry points are typed alike.
+// those whose entry points have the same type.
 
-// Takes "null" or "nonNull" in place of each pointer, so that packing, which needs the record's
-// address no more once the size is known, need not keep it for this.
+// Takes "null" or "nonNull" instead of each pointer: once the size is known, packing no longer
+// needs the record's address, and so it need not keep it for this.
 template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uint32_t rejectPack(const char* function, const char* buffer,
                                                  uint32_t capacity, const char* record) {
@@ -46,7 +46,8 @@ template <CodecRuntime& Runtime, class Record>
   return setUpAnd(Runtime, entry, target, record);
 }
 
-// anyLayout reads what any writer may have written, and sets the hooks up if need be.
+// anyLayout reads every layout that the format allows, whoever wrote it, and sets the hooks up if
+// need be.
 template <CodecRuntime& Runtime>
 [[gnu::cold, gnu::noinline]] uintptr_t unpackSlowPath(const char* function, const void* bytes,
                                                       uint32_t length, void* record,
@@ -61,20 +62,20 @@ template <CodecRuntime& Runtime>
   return anyLayout(bytes, length, record);
 }
 
-// How a message may be sent.
+// The layouts in which a message may be sent.
 enum class Layouts : uint8_t { compact, compactAndFixed };
 
-// Title is the message's name with its package, as log lines begin their function names; Runtime is
-// the unit's.
+// Title is the message's name with its package, with which function names in log lines begin;
+// Runtime is the unit's.
 template <Name Title, class RecordType, Layouts Sent, CodecRuntime& Runtime>
 class Codec {
  public:
   using Record = RecordType;
 
   // A packing routine is also given its own entry point: the first call of all sets the hooks up
-  // and then begins again there. Whatever is not usual or goes wrong is left to a tail call, so
-  // that nothing has to outlive a call and no register to be saved, which would cost as much as
-  // writing a field. Typed is void or Record.
+  // and then starts over there. Whatever is unusual or fails is left to a tail call, so that no
+  // value has to outlive a call. It would need a saved register, which costs as much as writing a
+  // field. Typed is void or Record.
   template <class Typed>
   [[gnu::always_inline]] static uint32_t pack(const PackTarget* target, const Typed* typed,
                                               PackEntry<Typed> entry) {
@@ -101,7 +102,7 @@ class Codec {
     }
     auto& record = *static_cast<Record*>(untyped);
     if constexpr (kOwnsMemory<Record>) {
-      // Ahead of the comparison, though unpackAnyLayout does so again: the other order takes more
+      // Before the comparison, although unpackAnyLayout clears it again: the other order takes more
       // instructions.
       clear(record);
       if (!reading::matchesOwnFront<Record>(source)) [[unlikely]] {
@@ -118,7 +119,7 @@ class Codec {
   }
 
   [[gnu::always_inline]] static void release(void* record) {
-    if constexpr (kOwnsMemory<Record>) {  // for any other not even the hooks are set up
+    if constexpr (kOwnsMemory<Record>) {  // for any other record not even the hooks are set up
       if (!isReady(Runtime.memReady)) [[unlikely]] {
         return setUpAnd(Runtime, releaseOwned, static_cast<Record*>(record));
       }
@@ -152,7 +153,7 @@ class Codec {
     compact::Survey<Record> survey;
     const uint64_t textsSize = compact::stringsSize(*record, survey.texts);
     if constexpr (countSlots<Record>(SlotKind::string) != 0) {
-      // Loaded again, since either would need a register that outlives the scans.
+      // Loaded again: to outlive the scans, each would need a saved register.
       target = workedOutOnce(target);
       buffer = target->buffer;
       capacity = *target->capacity;
@@ -226,10 +227,10 @@ class Codec {
   }
 
   // Reads a message of any writer. A function of its own, so that the usual case saves no registers
-  // for it. A record that owns memory is cleared first, whatever its header, since the release
-  // routine must not meet a stale pointer; any other is untouched if the header is refused, which
-  // needs no hooks either. If a slot is refused, the record holds what was read before it, and
-  // zeros else.
+  // for it. A record that owns memory is cleared first, even if the header is refused, since the
+  // release routine must not meet a stale pointer; for any other, a refused header leaves the record
+  // untouched and needs no hooks. If a slot is refused, the record holds what was read before it,
+  // and zeros elsewhere.
   [[gnu::cold, gnu::noinline]] static uintptr_t unpackAnyLayout(const void* bytes, uint32_t length,
                                                                 void* untyped) {
     auto& record = *static_cast<Record*>(untyped);
@@ -261,8 +262,8 @@ class Codec {
   static constexpr auto kPackName = Title + "_pack";
   static constexpr auto kUnpackName = Title + "_unpack";
   static constexpr auto kReleaseName = Title + "_free_unpacked";
-  // A record that owns memory is read by a routine of its own name, which releases what it had
-  // allocated when it fails.
+  // A record that owns memory is read by a routine with a name of its own, which frees what it has
+  // allocated if it fails.
   static constexpr auto kReadName = [] {
     if constexpr (kOwnsMemory<Record>) {
       return kUnpackName + "_non_root";

@@ -10,8 +10,8 @@
 namespace korva::compact {
 
 // What lies between a plain table's scalars and its nested tables: offset fields and arrays. No
-// value changes their positions, but for the offset of a table that follows another one, whose size
-// varies; it is 0 here.
+// value changes their positions or offsets, except the offset of a nested table that follows
+// another one, whose size varies; it is 0 here.
 template <PlainTable Record>
 inline constexpr auto kFieldsAndArrays = [] {
   constexpr uint32_t kFields =

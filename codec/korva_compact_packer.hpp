@@ -1,5 +1,6 @@
-// The compact packer and its size pass: zero scalars left out, strings, byte arrays and vectors out
-// of line, one pass front to back without allocation. For the codecs of any message.
+// The compact packer and its size pass. Zero scalars are left out; strings, byte arrays and vectors
+// are stored out of line; packing is one pass from front to back, without allocation. For the
+// codecs of any message.
 #pragma once
 
 #include <algorithm>
@@ -18,8 +19,8 @@
 namespace korva {
 namespace compact {
 
-// A string of the record, scanned once a pass. The pointer is copied because the compiler must
-// assume that any byte written to the buffer changes the record.
+// A string of the record, scanned once a pass. The pointer is copied because to the compiler any
+// byte written to the buffer may change the record.
 struct Text {
   const char* characters;
   uint64_t length;
@@ -57,14 +58,14 @@ template <class Record>
 inline constexpr uint32_t kFullSize =
     constantSize<Record>() + scalars::allBytes<Record, scalars::Depth::withNested>();
 
-// The same of a vector's element, with its entry.
+// The same for a vector's element, with its entry.
 template <class Element>
 inline constexpr uint32_t kFullElementSize = kOffsetFieldWidth + kFullSize<Element>;
 
 // Fewer elements than this are measured without asking first whether their largest size would fit.
-// Where the capacity is just the message's size, that is whether all scalars are there, which is as
-// hard to predict as their values are. A wrong guess costs more than measuring one element, and
-// more than measuring three where one vector holds the scalars of each.
+// Where the capacity is just the message's size, the answer is whether all scalars are there, which
+// is as hard to predict as their values. A mispredicted branch costs more than measuring one
+// element, and more than measuring three where one vector holds the scalars of each.
 template <class Element>
 inline constexpr uint32_t kFewElements =
     scalars::kWindows<Element, scalars::Depth::withNested>.count == 1 ? 4 : 2;
@@ -110,7 +111,8 @@ template <PlainTable Element>
   }
 }
 
-// What a record's strings take, with their offset fields. Fills in all of texts but the targets.
+// The bytes that a record's strings take, with their offset fields. Fills in texts, except the
+// targets.
 template <class Record>
 [[gnu::always_inline]] inline uint64_t stringsSize(const Record& record, Texts<Record>& texts) {
   uint64_t size = 0;
@@ -127,7 +129,7 @@ template <class Record>
 
 inline constexpr uint32_t kVectorFront = kOffsetFieldWidth + kCountWidth;
 
-// What a record's vector takes, with its offset field.
+// The bytes that a record's vector takes, with its offset field.
 template <class Record>
 [[gnu::always_inline]] inline uint64_t vectorSize(const Record& record) {
   uint64_t size = 0;
@@ -139,8 +141,8 @@ template <class Record>
   return size;
 }
 
-// Whether a record's vector takes no more than there is room for. It is measured only where its
-// largest size leaves that open.
+// Whether a record's vector takes no more than room bytes. If it has more than a few elements, it
+// is measured only where its largest size leaves that open.
 template <class Record>
 [[gnu::always_inline]] inline bool vectorFits(const Record& record, uint64_t room) {
   bool fits = true;
@@ -159,8 +161,9 @@ template <class Record>
   store(offsetField, static_cast<uint32_t>(target - offsetField));
 }
 
-// Writes an element whose table is at a distance from its vector's entry, and moves the distance on
-// to the next entry's element, which overwrites what this one's vectors store in excess.
+// Writes an element whose table lies distance bytes after its vector's entry, and moves distance on
+// to the next entry and element. The next element overwrites what this one's vectors store in
+// excess.
 template <rows::SingleRowTable Record>
 [[gnu::always_inline]] inline void packFollowed(uint8_t* entry, size_t& distance,
                                                 const Record& record) {
@@ -198,8 +201,8 @@ class TableWriter {
         [&]<class Slot, size_t>() KORVA_INLINED { elementCount_ = elementCount<Slot>(record); });
   }
 
-  // Returns where the table is and leaves the cursor after everything that belongs to it, texts
-  // among it: only their characters are left to copy.
+  // Returns where the table is, and leaves the cursor after everything that belongs to it, its
+  // texts included; only their characters are still to be copied.
   [[gnu::always_inline]] uint8_t* write() {
     if constexpr (rows::ScalarTable<Record>) {
       writeScalarTable();
@@ -225,8 +228,8 @@ class TableWriter {
   // Bytes that always follow the scalars.
   static constexpr uint32_t kFollowing = constantSize<Record>() - rows::kHeadLength<Record>;
 
-  // The scalars end their vector, which is stored so that it ends where the table does. What it has
-  // before them is not stored, or falls on the head, which is stored afterwards.
+  // The scalars lie at the end of their vector, which is stored so that it ends where the table
+  // does. Its bytes before them are not stored, or fall on the head, which is stored afterwards.
   [[gnu::always_inline]] void writeScalarTable() {
     static_assert(rows::kWindows<Record>.count == 1,
                   "a table of scalars alone has at most eight, within sixteen bytes");
@@ -241,8 +244,8 @@ class TableWriter {
   }
 
   // The head is stored in whole vectors if at least a vector follows, which overwrites the excess.
-  // Otherwise the vtable is short: it is stored as eight bytes, and the displacement overwrites
-  // what is too much of them.
+  // Otherwise the vtable is short: it is stored as eight bytes, and the displacement overwrites the
+  // excess.
   [[gnu::always_inline]] void writeHead() {
     if constexpr (kFollowing < kVectorWidth) {
       static_assert(
@@ -295,9 +298,9 @@ class TableWriter {
     });
   }
 
-  // Moves past a window's scalars. What is absent is subtracted as a number, and from where no
-  // scalar at all would be: GCC would subtract it from a constant first, which takes a register and
-  // an instruction more for each window.
+  // Moves past a window's scalars. What is absent is subtracted as a number, and from a place
+  // before all scalars: otherwise GCC subtracts it from a constant first, which takes a register
+  // and an instruction more for each window.
   template <size_t Index>
   [[gnu::always_inline]] void passWindow() {
     constexpr auto kOwn = scalars::Depth::ownTable;
@@ -376,7 +379,7 @@ class TableWriter {
     });
   }
 
-  // Modulo 2^16, which texts and entries may pass: nothing is found by this length.
+  // Modulo 2^16, which texts and entries may exceed: nothing is located by this length.
   [[gnu::always_inline]] void writeTableLength() {
     if constexpr (!rows::kHeadHasLength<Record>) {
       store(vtable_ + kTableLengthAt, static_cast<uint16_t>(at_ - table_));
@@ -430,7 +433,7 @@ class TableWriter {
     }
   }
 
-  // Whether a slot that need not be there has an offset field in this record's table.
+  // Whether an optional slot has an offset field in this record's table.
   template <class Slot, size_t Index>
   [[nodiscard, gnu::always_inline]] bool isThere() const {
     if constexpr (Slot::kind == SlotKind::string) {
@@ -457,7 +460,7 @@ class TableWriter {
   std::array<uint8_t*, Schema<Record>::count> offsetFields_{};
 };
 
-// Writes an element at the cursor, and where its table is into its vector's entry.
+// Writes an element at the cursor, and its table's offset into its vector's entry.
 template <PlainTable Record>
 [[gnu::always_inline]] inline void packElement(uint8_t* entry, uint8_t*& cursor,
                                                const Record& record) {
@@ -477,7 +480,7 @@ struct Survey {
 
 }  // namespace compact
 
-// The encoded size of a record, or 0 when it passes 32 bits.
+// The encoded size of a record, or 0 if it does not fit 32 bits.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactSize(const Record& record) {
   compact::Texts<Record> texts;
@@ -487,8 +490,8 @@ template <class Record>
   return size <= compact::kSizeLimit ? static_cast<uint32_t>(size) : 0;
 }
 
-// Whether a capacity takes the whole message, of which texts take a known size. Leaves in the
-// survey what packing needs to know of the record's table; only a vector is measured for this check
+// Whether the whole message fits the capacity; the size of its texts is known. Leaves in the survey
+// what packing needs to know about the record's table; only a vector is measured for this check
 // alone.
 template <class Record>
 [[gnu::always_inline]] inline bool compactFits(const Record& record, uint64_t textsSize,
@@ -499,8 +502,8 @@ template <class Record>
   return size <= capacity && compact::vectorFits(record, capacity - size);
 }
 
-// Writes a surveyed record into a buffer that it fits, and returns its size. Texts are copied last:
-// only the size outlives those calls then.
+// Writes a surveyed record into a buffer that is large enough, and returns its size. Texts are
+// copied last: then only the size has to outlive those calls.
 template <class Record>
 [[gnu::always_inline]] inline uint32_t compactPack(uint8_t* buffer, const Record& record,
                                                    compact::Survey<Record>& survey) {

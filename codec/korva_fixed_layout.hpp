@@ -1,5 +1,5 @@
-// The fixed layout: every field present at a position that only the schema decides, the vtable
-// after the table. For the codecs of messages without strings and vectors.
+// The fixed layout: every field is present, at a position that only the schema decides, and the
+// vtable follows the table. For the codecs of messages without strings and vectors.
 #pragma once
 
 #include "codec/korva_format.hpp"
@@ -44,11 +44,11 @@ template <PlainTable Record>
 inline constexpr uint32_t kSize =
     alignUp(kRootVtablePosition<Record> + kVtableLength<Record>, kSizeAlignment);
 
-// Adds a field of which the record has the value at member.
+// Adds a field whose value lies at member in the root's record.
 template <class Slot, class Layout>
 constexpr void addField(Layout& layout, uint32_t field, uint32_t member);
 
-// Adds a table of the record that lies at offset within the root's.
+// Adds a table whose record lies at offset within the root's.
 template <class Table, class Layout>
 constexpr void addTable(Layout& layout, uint32_t table, uint32_t vtable, uint32_t offset) {
   layout.put(table, table - vtable);

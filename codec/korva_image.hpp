@@ -1,5 +1,5 @@
-// Stretches of a message whose layout only the schema decides: where each of their bytes comes
-// from, writing them, and reading them back. For the packers and the unpacker.
+// Stretches of a message whose layout only the schema decides. An image says where each of their
+// bytes comes from; here it is written, compared and read back. For the packers and the unpacker.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 
 namespace korva::image {
 
-// Bytes that stand together, all from the record or all the schema's own.
+// Adjacent bytes, all from the record or all constants of the schema.
 struct Piece {
   uint32_t size;
   uint32_t source;  // within the record, or kSchema
@@ -73,8 +73,8 @@ class Image {
     return position;
   }
 
-  // How many bytes to store at position where so many are due: as many as a single store has, four
-  // at least, if what follows overwrites the excess.
+  // How many bytes to store at position where so many are needed: rounded up to a single store, of
+  // at least four, if what follows overwrites the excess.
   [[nodiscard]] constexpr uint32_t storedBytes(uint32_t position, uint32_t bytes) const {
     const uint32_t rounded =
         bytes < kVectorWidth ? std::max(std::bit_ceil(bytes), uint32_t{4}) : bytes;
@@ -98,7 +98,8 @@ class Image {
   std::array<uint32_t, Size> sources_{};
 };
 
-// The vector of the record that was loaded last, from its byte From on; none if that is kNothing.
+// The vector that was last loaded from the record, where it begins at byte From; none if From is
+// kNothing.
 inline constexpr uint32_t kNothing = UINT32_MAX;
 template <uint32_t From>
 struct Loaded {
@@ -112,8 +113,8 @@ struct Loaded {
 
 constexpr uint32_t vectorCount(uint32_t size) { return (size + kVectorWidth - 1) / kVectorWidth; }
 
-// Whether to take the first of size bytes from a vector that has so many of them available: if that
-// saves a load.
+// Whether to take the first of size bytes from a loaded vector, in which so many are available: if
+// that saves a load.
 constexpr bool isWorthTaking(uint32_t available, uint32_t size) {
   return vectorCount(size - std::min(size, available)) < vectorCount(size);
 }
@@ -159,7 +160,8 @@ template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uin
 template <const auto& Of>
 inline constexpr auto kConstants = Of.constants;
 
-// Writes the pieces from Position on, each before the next, which may overwrite its last bytes.
+// Writes the pieces from Position on, in order, since each may overwrite what the one before it
+// stored in excess.
 template <const auto& Of, uint32_t Position, uint32_t From>
 [[gnu::always_inline]] inline void writeFrom(uint8_t* buffer, const uint8_t* record,
                                              Loaded<From> loaded) {
@@ -182,8 +184,8 @@ template <const auto& Of>
   writeFrom<Of, 0>(buffer, record, Loaded<kNothing>{});
 }
 
-// A vector's bytes of an image that are the schema's own, with zeros for the others; and a mask of
-// which those are.
+// A vector of an image: the bytes that are the schema's own, with zeros for the others, and a mask
+// of which those are.
 struct Expected {
   alignas(kVectorWidth) std::array<uint8_t, kVectorWidth> bytes;
   alignas(kVectorWidth) std::array<uint8_t, kVectorWidth> mask;
@@ -198,8 +200,8 @@ inline constexpr Expected kExpected = [] {
   return expected;
 }();
 
-// Nothing but zeros if all the schema's own bytes from Position on are what a buffer has there,
-// which must hold the whole image.
+// All zeros if the schema's own bytes from Position on equal those of the buffer, which must hold
+// the whole image.
 template <const auto& Of, uint32_t Position = 0>
 [[gnu::always_inline]] inline ByteVector difference(const uint8_t* buffer) {
   constexpr uint32_t kConstant = Of.firstConstant(Position);

@@ -1,6 +1,6 @@
-// Reads all scalars of a table at once where it is laid out as our own packer does it: the vtable
-// says which are absent, and everything else follows from that. For the unpacker; whatever is laid
-// out in another way is left to it.
+// Reads all scalars of a table at once if it is laid out as our own packer lays it out: the vtable
+// says which are absent, and everything else follows from that. For the unpacker, to which every
+// other layout is left.
 #pragma once
 
 #include <algorithm>
@@ -24,7 +24,8 @@ using scalars::Window;
 // Fewer scalars than this are read faster one by one.
 inline constexpr uint32_t kWorthwhile = 3;
 
-// Whether no window's vector holds a scalar in front of the window's own, which would be lost.
+// Whether no window's vector covers a scalar before the window's own ones, which would be
+// overwritten.
 template <class Record>
 consteval bool windowsStartWithTheirScalars() {
   for (uint32_t i = 1; i < kWindows<Record>.count; ++i) {
@@ -82,7 +83,7 @@ inline constexpr auto kEntryBytes = [] {
   return positions;
 }();
 
-// What reading a window goes by: its row's head and the permutation back.
+// What reading a window needs: its row's head, and the permutation that moves its scalars back.
 struct Found {
   const uint8_t* head;
   const uint8_t* spread;
@@ -115,7 +116,7 @@ alignas(kVectorWidth) inline constexpr Bytes kEntryLanes = [] {
   return lanes;
 }();
 
-// Nothing but zeros if the entries of a part of the vtable are those of the head.
+// All zeros if the entries in a part of the vtable equal those of the head.
 template <class Record, uint32_t Position>
 [[gnu::always_inline]] inline ByteVector difference(const uint8_t* vtable, ByteVector head) {
   static_assert(sizeof(rows::HeadLane<Record>) == sizeof(uint8_t));
@@ -138,9 +139,9 @@ template <class Record>
   return isZero(different);
 }
 
-// Fills in a table's scalars, and zeros in what else their vectors cover, if the table is laid out
-// as ours are. Says whether it did. The vtable must have all slots; position bytes of the buffer
-// lie before the table, and room bytes from its beginning on.
+// If the table is laid out as ours are, fills in its scalars, and zeros in what else their vectors
+// cover. Returns whether it did. The vtable must have all slots. The buffer has position bytes
+// before the table, and room bytes from the table's beginning on.
 template <ReadAtOnce Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalars(const uint8_t* vtable,
                                                           const uint8_t* table, uint64_t position,
@@ -153,8 +154,8 @@ template <ReadAtOnce Record>
     found[Index] = find<Record, Index>(rows, vtable);
     size -= found[Index].absent;
   });
-  // The vectors loaded below end with a window's scalars, and may begin before the table, or begin
-  // with them, and may reach a vector past the last one.
+  // The vectors loaded below either end with a window's scalars, and may begin before the table, or
+  // begin with them, and may reach a vector past the last one.
   const uint64_t needed = kDisplacementWidth + size + (kAtEnd ? 0 : kVectorWidth);
   if (room < needed || position < kVectorWidth || !isOurs<Record>(vtable, found)) {
     return false;

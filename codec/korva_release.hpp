@@ -1,4 +1,4 @@
-// The release routine: gives back what unpacking put into a record. For the codecs of any message.
+// The release routine: frees what unpacking allocated for a record. For the codecs of any message.
 #pragma once
 
 #include "codec/korva_inlined.hpp"

@@ -1,9 +1,9 @@
-// What to write for a table, looked up by which of its scalars are zero: how those that are not are
+// Look-up tables of what to write for a table, by which of its scalars are zero: how the others are
 // moved together, and what the vtable holds. For the compact packer and for reading what it wrote.
 //
 // Every window of scalars has one row for each combination of its scalars being zero. A table's
-// head, which is its vtable and displacement, starts from all slots being there; what is absent
-// takes away from the positions of what follows it, and everything from its own.
+// head is its vtable and displacement. It starts as that of a table with all slots; an absent
+// scalar subtracts its width from the entries of what follows it, and everything from its own.
 //
 // A table of three scalars of four bytes, for example, of which the second is zero:
 //
@@ -13,7 +13,7 @@
 //   head        10, 12 | 4, 0, 8 | 10
 //   row 2 moves bytes 0 to 3 and 8 to 11 together: 7, 9
 //
-// For a table's first window, what the subtraction leaves of the full head is ready in the row.
+// The rows of a table's first window hold the full head with that already subtracted.
 #pragma once
 
 #include <algorithm>
@@ -47,9 +47,9 @@ concept ScalarTable =
 template <class Record>
 inline constexpr uint32_t kHeadLength = kVtableLength<Record> + kDisplacementWidth;
 
-// A table's head has to be one vector, since loading rows is what packing waits for. Its lanes are
-// as wide as a vtable's entries if it fits so and one row has all of it. Else they are bytes, since
-// rows are subtracted byte by byte, and are widened when the head is stored.
+// A table's head has to be one vector, since packing waits for the loads of rows. Its lanes are as
+// wide as a vtable's entries if it fits that way and a single row has all of it. Otherwise they are
+// bytes, since rows are subtracted byte by byte, and are widened when the head is stored.
 template <class Record>
 using HeadLane =
     std::conditional_t<kHeadLength<Record> <= kVectorWidth && kWindows<Record>.count <= 1 &&
@@ -61,7 +61,7 @@ using Head = std::array<HeadLane<Record>, kVectorWidth / sizeof(HeadLane<Record>
 inline constexpr uint32_t kTableLengthLane = kTableLengthAt / kSlotEntryWidth;
 inline constexpr uint32_t kFirstSlotLane = kVtableHeaderWidth / kSlotEntryWidth;
 
-// What an absent slot takes away from its own entry.
+// What an absent slot subtracts from its own entry.
 template <class Record>
 inline constexpr auto kEverything = std::numeric_limits<HeadLane<Record>>::max();
 
@@ -69,7 +69,7 @@ constexpr bool isOptional(SlotKind kind) {
   return kind == SlotKind::string || kind == SlotKind::vector;
 }
 
-// A table's bytes up to its arrays, and those of its arrays, which are there in full.
+// The bytes of a table before its arrays, and those of its arrays, which are always there in full.
 template <class Record>
 inline constexpr uint32_t kInlineLength =
     kDisplacementWidth + scalars::allBytes<Record, Depth::ownTable>() +
@@ -82,8 +82,8 @@ inline constexpr uint32_t kArraysLength = [] {
   return length;
 }();
 
-// Whether the head has the table's whole length. A lane of a byte may have no room for arrays, and
-// how long strings and vectors are is not known to it.
+// Whether the head has the table's whole length. A lane of one byte may have no room for arrays,
+// and the head does not know how long strings and vectors are.
 template <class Record>
 inline constexpr bool kHeadHasLength =
     PlainTable<Record> && kInlineLength<Record> + kArraysLength<Record> < kEverything<Record>;
@@ -114,7 +114,7 @@ alignas(kVectorWidth) inline constexpr Head<Record> kFullHead = [] {
   return head;
 }();
 
-// What is left of the full head; no difference is less than 0.
+// The full head minus something; what would be less than 0 is 0.
 template <class Record>
 constexpr Head<Record> fullHeadLess(const Head<Record>& what) {
   Head<Record> head = kFullHead<Record>;
@@ -130,7 +130,7 @@ enum class Place : uint8_t { front, end };
 template <class Record>
 inline constexpr Place kPlace = ScalarTable<Record> ? Place::end : Place::front;
 
-// A row's number has the bits of the scalars that are absent.
+// Bit i of a row's number is set if the window's scalar i is absent.
 constexpr bool isPresent(uint32_t row, uint32_t scalar) { return (row >> scalar & 1) == 0; }
 
 constexpr uint32_t rowCount(const Window& window) { return 1U << window.count; }
@@ -154,7 +154,7 @@ constexpr Bytes moveOf(const Window& window, uint32_t row, Place place) {
   return move;
 }
 
-// What a row's absent scalars take away from a table's head.
+// What a row's absent scalars subtract from a table's head.
 template <class Record>
 constexpr Head<Record> absentOf(const Window& window, uint32_t row) {
   using Lane = HeadLane<Record>;
@@ -176,7 +176,7 @@ constexpr Head<Record> absentOf(const Window& window, uint32_t row) {
   return less;
 }
 
-// A row's head: the full one for the first window, what to take away for any other.
+// A row's head: for the first window what is left of the full one, for any other what to subtract.
 template <class Record>
 constexpr Head<Record> headOf(const Window& window, uint32_t row) {
   const Head<Record> less = absentOf<Record>(window, row);
@@ -220,8 +220,8 @@ template <class Record>
   return workedOutOnce(kRows<Record>.data());
 }
 
-// What to take away from the head if a string or vector is there or not. Without scalars no row has
-// brought a head: then it is what that leaves of the full one.
+// What to subtract from the head, by whether a string or vector is there. Without scalars no row
+// brings a head: then this is the full one with that already subtracted.
 template <class Record>
 consteval Head<Record> optionalHead(uint32_t slot, bool isThere) {
   Head<Record> less{};
@@ -242,9 +242,9 @@ template <class Record, uint32_t Slot>
 alignas(kVectorWidth) inline constexpr std::array<Head<Record>, 2> kOptionalHeads{
     optionalHead<Record>(Slot, false), optionalHead<Record>(Slot, true)};
 
-// Where one byte of every scalar lies in a window. If any byte of a scalar tells whether it is
-// zero, the first scalar's last one is taken: it is next to those of narrow scalars that follow,
-// and adjacent bytes are gathered without a permutation.
+// Where one byte of every scalar lies in a window. If each byte of a scalar tells whether the
+// scalar is zero, the first scalar's last one is taken: it is next to those of narrow scalars that
+// follow, and adjacent bytes are gathered without a permutation.
 template <class Record, uint32_t Index>
 inline constexpr auto kOneByteEach = [] {
   constexpr Window kWindow = kWindows<Record>.items[Index];
@@ -279,8 +279,8 @@ inline constexpr bool kAreEquallyWide =
     scalars::kWindowBytes<Record, Depth::ownTable, Index> ==
     kWindows<Record>.items[Index].count * scalars::kWidest<Record, Depth::ownTable, Index>;
 
-// How many bytes of a window's scalars are absent. A row's head tells it by the table's length; if
-// all scalars are equally wide, the row's offset does without a load.
+// How many bytes of a window's scalars are absent. If all are equally wide, the row's offset tells
+// without a load; otherwise the table's length in the row's head does.
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline size_t absentBytes(const uint8_t* rows, size_t offset) {
   constexpr size_t kWidth = scalars::kWidest<Record, Depth::ownTable, Index>;
@@ -409,8 +409,8 @@ template <class Record>
   surveyTable<sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), state);
 }
 
-// Tables for which one vector holds a whole row: the vtable's entries as bytes, where the table has
-// its displacement, and the permutation of what follows that.
+// Tables for which one vector holds a whole row: the vtable as bytes, in the place of the table's
+// displacement, then the permutation of what follows the displacement.
 template <class Record>
 concept SingleRowTable =
     ScalarTable<Record> && kWindows<Record>.count == 1 && kAbsentBytesFactor<Record, 0> != 0 &&

@@ -10,7 +10,7 @@
 
 namespace korva {
 
-// What this module is called in every allocation and release.
+// This module's number in every allocation and release.
 inline constexpr uint32_t kModuleNumber = 12;
 
 // The level of every log line, and the codes.
@@ -44,7 +44,7 @@ struct CodecRuntime {
 // Makes codecAlloc and codecFree final, once.
 [[gnu::cold]] void KorvaMemInit(CodecRuntime& runtime);
 
-// Does so for a routine that has found the hooks not set up, and calls that routine then.
+// Does so for a routine that has found the hooks not set up, and then calls that routine.
 template <class Routine, class... Arguments>
 [[gnu::cold, gnu::noinline]] auto setUpAnd(CodecRuntime& runtime, Routine* routine,
                                            Arguments... arguments) {

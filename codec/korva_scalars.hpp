@@ -91,8 +91,8 @@ constexpr bool fits(const Scalar& first, const Scalar& scalar, uint32_t count, D
   return inVector && (which == Depth::withNested || count < kMaximumScalars);
 }
 
-// A window never reaches past the record's end: near it, it begins earlier, or is a shorter one,
-// which is as good where it has a single scalar.
+// A window never reaches past the record's end: near the end it begins earlier, or it is shorter,
+// which is just as good for a single scalar.
 template <class Record>
 consteval Window place(Window window, uint32_t begin, uint32_t end) {
   if (begin + kVectorWidth <= sizeof(Record)) {
@@ -206,7 +206,7 @@ template <class Record, Depth Which, uint32_t Index>
 inline constexpr bool kIsComparedAtOnce =
     kHaveLanesOfTheirOwn<Record, Which, Index, kWidest<Record, Which, Index>>;
 
-// The width of the lanes that say whether a scalar is zero, all of each lane alike.
+// The width of the lanes that say whether a scalar is zero; all bits of such a lane are the same.
 template <class Record, Depth Which, uint32_t Index>
 inline constexpr uint32_t kComparedWidth =
     kIsComparedAtOnce<Record, Which, Index> ? kWidest<Record, Which, Index> : 1;
@@ -281,7 +281,7 @@ class AbsentBytes {
   }
 
  private:
-  // Each lane counts down from 0, by the -1 that all ones are.
+  // Each lane counts down from 0, since all ones are -1.
   std::array<ByteVector, kWindows<Record, kAll>.count> lanes_{};
 };
 

@@ -155,7 +155,7 @@ constexpr uint32_t alignUp(uint32_t offset, size_t alignment) {
   return static_cast<uint32_t>((offset + alignment - 1) / alignment * alignment);
 }
 
-// Such a record points at memory that unpacking allocates and the release routine gives back.
+// Whether a record points to memory that unpacking allocates and the release routine frees.
 template <class Record>
 inline constexpr bool kOwnsMemory =
     countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) != 0;
@@ -177,8 +177,8 @@ constexpr void mark(Type& member) {
   }
 }
 
-// Whether a slot's member lies there, as far as constant expressions can tell: they do not take
-// records with pointers apart.
+// Whether a slot's member lies at offset, as far as constant expressions can tell: they cannot look
+// at the bytes of a record with pointers.
 template <class Record, class Slot>
 constexpr bool liesAt(uint32_t offset) {
   if constexpr (PlainTable<Record>) {
@@ -189,7 +189,7 @@ constexpr bool liesAt(uint32_t offset) {
   return true;
 }
 
-// Not constant, so that calling it ends the compilation.
+// Not constexpr, so that a constant expression that calls it does not compile.
 void slotsAreNotTheMembersInTheirOrder();
 
 // Calls visit.operator()<Slot, Index>(offset) with where each member lies. Slots stand in the order

@@ -1,7 +1,6 @@
-// Reads a table of arrays and few scalars at once where it is laid out as our own packer does it:
+// Reads a table of arrays and few scalars at once if it is laid out as our own packer lays it out:
 // which scalars are there says what its head must be and where everything lies, and all that the
-// schema decides is compared in one go. For the unpacker; whatever is laid out in another way is
-// left to it.
+// schema decides is compared together. For the unpacker, to which every other layout is left.
 #pragma once
 
 #include <algorithm>
@@ -63,7 +62,7 @@ inline constexpr auto kHeads = []<size_t... Row>(std::index_sequence<Row...>) {
 template <SmallTable Record>
 inline constexpr auto kAnyHead = headOf<Record>(0);
 
-// Nothing but zeros if a table's head is that of a row.
+// All zeros if a table's head is that of a row.
 template <SmallTable Record>
 [[gnu::always_inline]] inline ByteVector difference(const uint8_t* head, size_t row) {
   const uint8_t* const expected = kHeads<Record>[row].bytes.data();
@@ -78,8 +77,8 @@ template <SmallTable Record>
   }
 }
 
-// Which of a table's scalars are there, and where. For an absent one what follows is read instead,
-// and masked.
+// Which of a table's scalars are there, and where. For an absent one, what follows is read and
+// masked.
 template <class Record>
 struct Found {
   size_t row = 0;
@@ -102,7 +101,7 @@ template <SmallTable Record>
   return found;
 }
 
-// Reads the table at a position, all of the record but its padding, and says whether it did. The
+// Reads the table at position into all of the record but its padding. Returns whether it did. The
 // message must hold the table's displacement and, before that, as many bytes as our vtable has.
 template <SmallTable Record>
 [[nodiscard, gnu::always_inline]] inline bool read(const uint8_t* message, uint64_t length,

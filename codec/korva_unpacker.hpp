@@ -66,9 +66,8 @@ enum class HeaderFault : uint8_t { none, tableOffset, vtableOffset, vtableLength
 template <class Record>
 inline constexpr uint32_t kOwnTable = kRootOffsetWidth + kVtableLength<Record>;
 
-// Without scalars that could be left out, the entries of our own root table are known if no text or
-// vector is left out either: its fields stand side by side, and the first one points past the last,
-// where a count is.
+// If a record has no scalars, and no text or vector is left out, the entries of our own root table
+// are known: its offset fields are adjacent, and the first one points past the last, to a count.
 template <class Record>
 inline constexpr bool kOwnFieldsAreKnown =
     Schema<Record>::count != 0 && countSlots<Record>(SlotKind::scalar) == 0;
@@ -96,9 +95,9 @@ template <class Record>
   return static_cast<int32_t>(source.length) >= static_cast<int32_t>(kOwnFront<Record>);
 }
 
-// Whether a message that is long enough begins as our own packer's do. Comparisons that wait for
-// nothing but the buffer tell, and what they have compared is as good as constant then; following
-// it instead costs a load for each position before the first field can be read.
+// Whether a message that is long enough begins as our own packer's do. The comparisons wait for
+// nothing but the buffer, and what they have compared is as good as constant afterwards; to follow
+// the offsets instead costs a load for each of them before the first field can be read.
 template <class Record>
 [[nodiscard, gnu::always_inline]] inline bool matchesOwnFront(const Source& source) {
   const bool begins = source.load<uint32_t>(0) == kOwnTable<Record> &&
@@ -163,8 +162,8 @@ template <class Record>
   return block;
 }
 
-// AtOnce says whether to read a table's scalars all at once where they are laid out as our own
-// packer does it, or to read all slots in their order anyway.
+// AtOnce says whether to read a table's scalars all at once if our own packer laid them out, or to
+// read all slots one by one in any case.
 template <class Record, bool AtOnce = known::ReadAtOnce<Record>>
 [[nodiscard]] bool readTable(const Source& source, const TableView& view, Record& record);
 
@@ -316,8 +315,8 @@ template <class Slot, class Record>
 }
 
 // Reads a scalar, or 0 where its entry is 0. Absence is as good as random, so it decides no branch:
-// something is read all the same, and masked. Four bytes are there at the table's beginning, and
-// eight at the buffer's, since no table begins before position 4.
+// something is read anyway, and masked. Four bytes can be read at the table's beginning, and eight
+// at the buffer's, since no table begins before position 4.
 template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalar(const Source& source, uint32_t table,
                                                          uint32_t entry, Record& record) {
@@ -335,7 +334,8 @@ template <class Slot, class Record>
   return true;
 }
 
-// Reads what an entry of any other kind names. Such slots are there more often than not.
+// Reads what the entry of a slot of any other kind leads to. Such slots are there more often than
+// not.
 template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readReference(const Source& source, uint32_t table,
                                                             uint32_t entry, Record& record) {

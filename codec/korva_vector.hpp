@@ -25,7 +25,7 @@ template <class Lane>
 using Vector [[gnu::vector_size(kVectorWidth)]] = Lane;
 using ByteVector = Vector<uint8_t>;
 
-// Takes each byte from the position that its index names, or 0.
+// Takes each byte from the position that its index names, or 0 if the index is kTakesZero.
 inline constexpr uint8_t kTakesZero = 0x80;
 [[gnu::always_inline]] inline ByteVector permute(ByteVector bytes, ByteVector indices) {
 #if defined(__aarch64__)
@@ -46,7 +46,7 @@ inline constexpr uint8_t kTakesZero = 0x80;
   return compared;
 }
 
-// Keeps GCC from loading a vector twice where it should copy it.
+// Keeps GCC from loading a vector a second time instead of copying it.
 [[gnu::always_inline]] inline ByteVector loadedOnce(ByteVector loaded) {
 #if defined(__x86_64__)
   asm("" : "+x"(loaded));
@@ -54,7 +54,7 @@ inline constexpr uint8_t kTakesZero = 0x80;
   return loaded;
 }
 
-// Keeps the compilers from working out a number or an address anew for each of its uses.
+// Keeps the compilers from computing a number or an address again for each of its uses.
 template <class Value>
 [[gnu::always_inline]] inline Value workedOutOnce(Value value) {
   asm("" : "+r"(value));
@@ -84,7 +84,7 @@ template <uint32_t Size>
   }
 }
 
-// Loads one that lies aligned, which saves x86-64 an instruction for each operation.
+// Loads an aligned vector, which saves x86-64 an instruction for each operation.
 [[gnu::always_inline]] inline ByteVector loadAligned(const void* at) {
   ByteVector vector;
   std::memcpy(&vector, __builtin_assume_aligned(at, kVectorWidth), kVectorWidth);
@@ -156,7 +156,7 @@ template <uint32_t First>
   }(std::make_index_sequence<kVectorWidth>());
 }
 
-// Subtracts bytes; what would be less than 0 is 0.
+// Saturating subtraction of bytes: what would be less than 0 is 0.
 [[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
 #if defined(__aarch64__)
   return reinterpret_cast<ByteVector>(
@@ -191,7 +191,8 @@ template <uint32_t Width>
 #endif
 }
 
-// Four vectors as one: a byte for every four of theirs, 0 if those are and anything else if not.
+// Four vectors as one: a byte for every four of theirs, 0 if those four are 0, and anything else if
+// not.
 [[gnu::always_inline]] inline ByteVector quarter(const std::array<ByteVector, 4>& vectors) {
 #if defined(__aarch64__)
   const auto halve = [&](size_t first) KORVA_INLINED {
