@@ -228,9 +228,9 @@ class Codec {
 
   // Reads a message of any writer. A function of its own, so that the usual case saves no registers
   // for it. A record that owns memory is cleared first, even if the header is refused, since the
-  // release routine must not meet a stale pointer; for any other, a refused header leaves the record
-  // untouched and needs no hooks. If a slot is refused, the record holds what was read before it,
-  // and zeros elsewhere.
+  // release routine must not meet a stale pointer; for any other, a refused header leaves the
+  // record untouched and needs no hooks. If a slot is refused, the record holds what was read
+  // before it, and zeros elsewhere.
   [[gnu::cold, gnu::noinline]] static uintptr_t unpackAnyLayout(const void* bytes, uint32_t length,
                                                                 void* untyped) {
     auto& record = *static_cast<Record*>(untyped);

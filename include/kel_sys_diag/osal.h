@@ -19,15 +19,14 @@
  * The memory functions are looked up in a unit's first call that packs, unpacks, or releases a
  * record with pointers, unless its arguments are refused (a capacity of 4 or more that is too small
  * is refused only after the look-up) or, for a record without pointers, the header of its message.
- * The logger is looked up in the first call that writes a line,
- * however late. A look-up holds a lock of the library and waits for the loader's lock, which dlopen
- * holds while it runs constructors, and dlclose while it runs destructors. So no constructor or
- * destructor may make a codec call while another thread may be in a look-up: both would wait
- * forever. A host that makes such calls has to complete both look-ups of each unit before it starts
- * threads: releaseFn(NULL) of a message with pointers looks up the memory functions, and
- * unpackFn(NULL, 0, NULL) the logger, for the line that it writes. For served messages these are in
- * the IdlCodecOps that a wrapper fills. In the same way, a child that is forked during a look-up
- * waits forever in its own. */
+ * The logger is looked up in the first call that writes a line, however late. A look-up holds a
+ * lock of the library and waits for the loader's lock, which dlopen holds while it runs
+ * constructors, and dlclose while it runs destructors. So no constructor or destructor may make a
+ * codec call while another thread may be in a look-up: both would wait forever. A host that makes
+ * such calls has to complete both look-ups of each unit before it starts threads: releaseFn(NULL)
+ * of a message with pointers looks up the memory functions, and unpackFn(NULL, 0, NULL) the logger,
+ * for the line that it writes. For served messages these are in the IdlCodecOps that a wrapper
+ * fills. In the same way, a child that is forked during a look-up waits forever in its own. */
 #ifndef KEL_SYS_DIAG_OSAL_H
 #define KEL_SYS_DIAG_OSAL_H
 
