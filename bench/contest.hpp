@@ -30,9 +30,9 @@ struct Outcome {
   double ratio;        // what the first entrant takes, divided by what this one takes
 };
 
-// Runs rounds until the time is up, at least a few, and returns the medians over the rounds, in the
-// order of the entrants. Both figures of an outcome are formed within each round. out is room for
-// any result.
+// Runs rounds until the time is up and enough have run, and returns the medians over the rounds, in
+// the order of the entrants. Both figures of an outcome are formed within each round. out is room
+// for any result.
 std::vector<Outcome> compete(const Message& message, const std::vector<Entrant>& entrants,
                              Pace pace, uint8_t* out, double seconds);
 

@@ -24,8 +24,8 @@ namespace {
 
 void addSecurityOptions(CLI::App& app, TlsFiles& files, TransportSecurity& security) {
   app.add_option("--tls-ca", files.authority,
-                 "PEM file of the authority that peers' certificates are of; for TCP");
-  app.add_option("--tls-certificate", files.certificate, "PEM file of the own certificate");
+                 "PEM file of the authority that issues peers' certificates; for TCP");
+  app.add_option("--tls-certificate", files.certificate, "PEM file of this program's certificate");
   app.add_option("--tls-key", files.key, "PEM file of the certificate's key");
   app.add_flag("--insecure-plain-tcp", security.insecurePlainTcp,
                "TCP that anybody may read, change and call");
