@@ -86,7 +86,8 @@ TEST_F(Programs, TellTheWholeStoryAndEndWell) {
 TEST_F(Programs, TakeMessagesUpToTheSizeTheyAreGiven) {
   const RunningProgram master = startMaster({"--listen", target, "--max-message", "9000"});
   AlarmInput alarm = sampleAlarm();
-  for (const auto& [bytes, result] : {std::pair(8800, kOk), std::pair(9000, kTooLarge)}) {
+  for (const auto& [bytes, result] :
+       {std::pair(size_t{8800}, kOk), std::pair(size_t{9000}, kTooLarge)}) {
     const std::string text(bytes, 'x');
     alarm.text = text.c_str();
     std::string reply;
