@@ -83,7 +83,7 @@ class Codec {
       return size(static_cast<const Record*>(typed));
     }
     if constexpr (kOwnsMemory<Record>) {
-      return packIntoApart(target, typed, entry);
+      return packOutOfLine(target, typed, entry);
     } else {
       return packInto(target, typed, entry);
     }
@@ -154,7 +154,7 @@ class Codec {
     const uint64_t textsSize = compact::stringsSize(*record, survey.texts);
     if constexpr (countSlots<Record>(SlotKind::string) != 0) {
       // Loaded again: to outlive the scans, each would need a saved register.
-      target = workedOutOnce(target);
+      target = computedOnce(target);
       buffer = target->buffer;
       capacity = *target->capacity;
     }
@@ -167,7 +167,7 @@ class Codec {
   // For records with texts or entries, whose packing calls other routines or needs more registers
   // than are free. A function of its own, so that the size pass does not save registers for that.
   template <class Typed>
-  [[gnu::noinline]] static uint32_t packIntoApart(const PackTarget* target, const Typed* typed,
+  [[gnu::noinline]] static uint32_t packOutOfLine(const PackTarget* target, const Typed* typed,
                                                   PackEntry<Typed> entry) {
     return packInto(target, typed, entry);
   }

@@ -174,7 +174,7 @@ template <rows::SingleRowTable Record>
   uint8_t* const at = entry + distance;
   storeVectorFront<kVtableLength<Record>>(at - kVtableLength<Record>, vtable);
   storeVector(at, table);
-  distance = workedOutOnce(distance + (kFullSize<Record> - kOffsetFieldWidth) - absent);
+  distance = computedOnce(distance + (kFullSize<Record> - kOffsetFieldWidth) - absent);
 }
 
 template <PlainTable Record>
@@ -269,7 +269,7 @@ class TableWriter {
       if constexpr (rows::isOptional(Slot::kind)) {
         const size_t row = isThere<Slot, Index>() ? 1 : 0;
         const ByteVector what = loadAligned(rows::kOptionalHeads<Record, Index>[row].data());
-        head = kHasScalars ? subtractDownToZero(head, what) : what;
+        head = kHasScalars ? subtractSaturating(head, what) : what;
       }
     });
     return head;

@@ -140,7 +140,7 @@ template <const auto& Of, uint32_t Position, uint32_t Source, uint32_t Size, uin
   if constexpr (Size == 0) {
     writeFrom<Of, Position>(buffer, record, loaded);
   } else if constexpr (isWorthTaking(kAvailable, Size)) {
-    storeVectorFront<kStored>(buffer + Position, moveDown<Source - From>(loaded.bytes));
+    storeVectorFront<kStored>(buffer + Position, shiftDown<Source - From>(loaded.bytes));
     writePiece<Of, Position + kBytes, Source + kBytes, Size - kBytes>(buffer, record, loaded);
   } else if constexpr (constexpr uint32_t kTogether = bytesOfPairs(Size); kTogether != 0) {
     std::memcpy(buffer + Position, record + Source, kTogether);

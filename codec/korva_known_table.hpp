@@ -22,7 +22,7 @@ using scalars::Scalar;
 using scalars::Window;
 
 // Fewer scalars than this are read faster one by one.
-inline constexpr uint32_t kWorthwhile = 3;
+inline constexpr uint32_t kFewestScalars = 3;
 
 // Whether no window's vector covers a scalar before the window's own ones, which would be
 // overwritten.
@@ -41,7 +41,7 @@ consteval bool windowsStartWithTheirScalars() {
 // Tables that readScalars(), below, takes.
 template <class Record>
 concept ReadAtOnce =
-    PlainTable<Record> && kScalars<Record>.count >= kWorthwhile &&
+    PlainTable<Record> && kScalars<Record>.count >= kFewestScalars &&
     kVtableLength<Record> >= kVectorWidth && windowsStartWithTheirScalars<Record>();
 
 // The permutation for each row that moves a window's scalars back to where they belong, with zeros
@@ -130,7 +130,7 @@ template <class Record>
   ByteVector head{};
   scalars::forEachWindow<Record, Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
     const ByteVector part = loadAligned(found[Index].head);
-    head = Index == 0 ? part : subtractDownToZero(head, part);
+    head = Index == 0 ? part : subtractSaturating(head, part);
   });
   ByteVector different{};
   [&]<size_t... Part>(std::index_sequence<Part...>) KORVA_INLINED {

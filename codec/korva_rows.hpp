@@ -217,7 +217,7 @@ alignas(kVectorWidth) inline constexpr auto kRows = [] {
 
 template <class Record>
 [[gnu::always_inline]] inline const uint8_t* rowsOf() {
-  return workedOutOnce(kRows<Record>.data());
+  return computedOnce(kRows<Record>.data());
 }
 
 // What to subtract from the head, by whether a string or vector is there. Without scalars no row
@@ -284,7 +284,7 @@ inline constexpr bool kAreEquallyWide =
 template <class Record, uint32_t Index>
 [[gnu::always_inline]] inline size_t absentBytes(const uint8_t* rows, size_t offset) {
   constexpr size_t kWidth = scalars::kWidest<Record, Depth::ownTable, Index>;
-  if constexpr (kAreEquallyWide<Record, Index> && kCountsBitsAtOnce) {
+  if constexpr (kAreEquallyWide<Record, Index> && kHasPopcount) {
     return kWidth * static_cast<size_t>(std::popcount(offset));
   } else {
     HeadLane<Record> length;
@@ -304,10 +304,10 @@ struct FoundRow {
 template <class Record, uint32_t Index, auto Positions, uint32_t Width>
 [[gnu::always_inline]] inline FoundRow findRow(const uint8_t* rows, ByteVector lanes) {
   if constexpr (constexpr size_t kBytes = kAbsentBytesFactor<Record, Index>; kBytes != 0) {
-    const size_t absent = workedOutOnce(numberOfLanes<Positions, Width, kBytes>(lanes));
+    const size_t absent = computedOnce(scaledLaneMask<Positions, Width, kBytes>(lanes));
     return {absent * (kVectorWidth / kBytes), absent};
   } else {
-    const size_t offset = numberOfLanes<Positions, Width, kVectorWidth>(lanes);
+    const size_t offset = scaledLaneMask<Positions, Width, kVectorWidth>(lanes);
     return {offset, absentBytes<Record, Index>(rows, offset)};
   }
 }
@@ -368,8 +368,8 @@ template <class Record, uint32_t Index>
   const ByteVector zeros = scalars::zeros<Record, Depth::ownTable, Index>(content);
   FoundRow found = findRow<Record, Index, kOneByteEach<Record, Index>, kWidth>(rows, zeros);
   if constexpr (kAbsentBytesFactor<Record, Index> == 0 && !kAreEquallyWide<Record, Index> &&
-                kCountsBitsAtOnce) {
-    found.absent = countOnes<scalars::kMask<Record, Depth::ownTable, Index>>(zeros);
+                kHasPopcount) {
+    found.absent = countSetBytes<scalars::kMask<Record, Depth::ownTable, Index>>(zeros);
   }
   return found;
 }
@@ -389,7 +389,7 @@ template <uint32_t Room, class Record>
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
         absent};
     const ByteVector head = loadAligned(rows + kHeadsAt<Record, Index> + offset);
-    state.head = Index == 0 ? head : subtractDownToZero(state.head, head);
+    state.head = Index == 0 ? head : subtractSaturating(state.head, head);
   });
 }
 
@@ -443,7 +443,7 @@ template <SingleRowTable Record>
 [[gnu::always_inline]] inline WholeTable wholeTable(const Record& record) {
   constexpr Bytes kDisplacementBytes{0xFF, 0xFF, 0xFF, 0xFF};
   constexpr Vector<uint32_t> kDisplacement{kVtableLength<Record>};
-  const uint8_t* const rows = workedOutOnce(kSingleRows<Record>.data());
+  const uint8_t* const rows = computedOnce(kSingleRows<Record>.data());
   const ByteVector content = loadedOnce(
       scalars::loadWindow<Record, Depth::ownTable, 0>(reinterpret_cast<const uint8_t*>(&record)));
   const auto [offset, absent] = rowFor<Record, 0>(rows, content);

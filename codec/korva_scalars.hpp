@@ -218,7 +218,8 @@ using Lane = std::conditional_t<
 
 template <class Lane>
 [[gnu::always_inline]] inline ByteVector zeroLanes(ByteVector window) {
-  return apart(std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
+  return keptApart(
+      std::bit_cast<ByteVector>(std::bit_cast<Vector<Lane>>(window) == Vector<Lane>{}));
 }
 
 // All ones where a scalar of the window is zero; anything where no scalar lies. One comparison does
@@ -348,7 +349,7 @@ class AbsentBytesOfSeveral {
         windows[i * kWindowCount + Index] = contentOf<Record, Index>(records[i]);
       });
     }
-    const ByteVector scalars = quarter(windows) & std::bit_cast<ByteVector>(kScalarBytes);
+    const ByteVector scalars = narrowToQuarter(windows) & std::bit_cast<ByteVector>(kScalarBytes);
     lanes_ += zeroLanes<Lane<kWidestOfAll<Record> / 4>>(scalars);
   }
 

@@ -39,7 +39,7 @@ inline constexpr uint8_t kTakesZero = 0x80;
 
 // Keeps Clang 16 from joining comparisons of one vector in lanes of different widths: for x86-64 it
 // takes the outcome of one for that of the other.
-[[gnu::always_inline]] inline ByteVector apart(ByteVector compared) {
+[[gnu::always_inline]] inline ByteVector keptApart(ByteVector compared) {
 #if defined(__clang__) && defined(__x86_64__)
   asm("" : "+x"(compared));
 #endif
@@ -56,7 +56,7 @@ inline constexpr uint8_t kTakesZero = 0x80;
 
 // Keeps the compilers from computing a number or an address again for each of its uses.
 template <class Value>
-[[gnu::always_inline]] inline Value workedOutOnce(Value value) {
+[[gnu::always_inline]] inline Value computedOnce(Value value) {
   asm("" : "+r"(value));
   return value;
 }
@@ -139,7 +139,7 @@ template <uint32_t Size>
 
 // What follows a vector's first bytes, moved to its front.
 template <uint32_t Bytes>
-[[gnu::always_inline]] inline ByteVector moveDown(ByteVector bytes) {
+[[gnu::always_inline]] inline ByteVector shiftDown(ByteVector bytes) {
   static_assert(Bytes < kVectorWidth);
   return [&]<size_t... Byte>(std::index_sequence<Byte...>) KORVA_INLINED {
     return __builtin_shufflevector(bytes, ByteVector{}, (Bytes + Byte)...);
@@ -157,7 +157,7 @@ template <uint32_t First>
 }
 
 // Saturating subtraction of bytes: what would be less than 0 is 0.
-[[gnu::always_inline]] inline ByteVector subtractDownToZero(ByteVector from, ByteVector what) {
+[[gnu::always_inline]] inline ByteVector subtractSaturating(ByteVector from, ByteVector what) {
 #if defined(__aarch64__)
   return reinterpret_cast<ByteVector>(
       vqsubq_u8(reinterpret_cast<uint8x16_t>(from), reinterpret_cast<uint8x16_t>(what)));
@@ -171,7 +171,7 @@ template <uint32_t First>
 // The top bits of all lanes as a number, the first lane's lowest. It is as wide as an offset, or
 // GCC would shift it in two steps.
 template <uint32_t Width>
-[[gnu::always_inline]] inline size_t signsOfLanes(ByteVector lanes) {
+[[gnu::always_inline]] inline size_t signMask(ByteVector lanes) {
   if constexpr (Width == sizeof(uint64_t)) {
     return static_cast<size_t>(_mm_movemask_pd(reinterpret_cast<__m128d>(lanes)));
   } else if constexpr (Width == sizeof(uint32_t)) {
@@ -193,7 +193,7 @@ template <uint32_t Width>
 
 // Four vectors as one: a byte for every four of theirs, 0 if those four are 0, and anything else if
 // not.
-[[gnu::always_inline]] inline ByteVector quarter(const std::array<ByteVector, 4>& vectors) {
+[[gnu::always_inline]] inline ByteVector narrowToQuarter(const std::array<ByteVector, 4>& vectors) {
 #if defined(__aarch64__)
   const auto halve = [&](size_t first) KORVA_INLINED {
     return vqmovn_high_s32(vqmovn_s32(reinterpret_cast<int32x4_t>(vectors[first])),
@@ -220,16 +220,16 @@ template <uint32_t Width>
 #endif
 }
 
-// kCountsBitsAtOnce: whether one instruction counts the bits of a number. Only then is there
-// countOnes: how many of the bytes that Mask names are all ones; each must be all ones or 0.
+// kHasPopcount: whether one instruction counts the bits of a number. Only then is there
+// countSetBytes: how many of the bytes that Mask names are all ones; each must be all ones or 0.
 #if defined(__aarch64__)
-inline constexpr bool kCountsBitsAtOnce = false;
+inline constexpr bool kHasPopcount = false;
 template <auto Mask>
-size_t countOnes(ByteVector bytes) = delete;
+size_t countSetBytes(ByteVector bytes) = delete;
 #else
-inline constexpr bool kCountsBitsAtOnce = true;
+inline constexpr bool kHasPopcount = true;
 template <auto Mask>
-[[gnu::always_inline]] inline size_t countOnes(ByteVector bytes) {
+[[gnu::always_inline]] inline size_t countSetBytes(ByteVector bytes) {
   constexpr size_t kNamed = [] {
     size_t named = 0;
     for (uint32_t i = 0; i < kVectorWidth; ++i) {
@@ -237,13 +237,13 @@ template <auto Mask>
     }
     return named;
   }();
-  return static_cast<size_t>(std::popcount(signsOfLanes<1>(bytes) & kNamed));
+  return static_cast<size_t>(std::popcount(signMask<1>(bytes) & kNamed));
 }
 #endif
 
 // Whether Positions are those of adjacent lanes of Width bytes.
 template <auto Positions, uint32_t Width>
-inline constexpr bool kAreNeighbours = [] {
+inline constexpr bool kAreAdjacent = [] {
   for (uint32_t i = 0; i < Positions.size(); ++i) {
     if (Positions[i] != Positions[0] + i * Width || Positions[i] % Width != 0) {
       return false;
@@ -257,7 +257,7 @@ inline constexpr bool kAreNeighbours = [] {
 // adjacent are gathered by a permutation, whose indices are loaded; it shifts them as well, so that
 // a power of two in the factor costs nothing.
 template <auto Positions, uint32_t Width, size_t Factor>
-[[gnu::always_inline]] inline size_t numberOfLanes(ByteVector bytes) {
+[[gnu::always_inline]] inline size_t scaledLaneMask(ByteVector bytes) {
 #if defined(__aarch64__)
   static_assert(Positions.size() <= 8);
   constexpr size_t kWeighed = Factor << Positions.size() <= 256 ? Factor : 1;
@@ -271,9 +271,9 @@ template <auto Positions, uint32_t Width, size_t Factor>
   const ByteVector weighted = bytes & loadAligned(kWeights.data());
   return vaddvq_u8(reinterpret_cast<uint8x16_t>(weighted)) * (Factor / kWeighed);
 #else
-  if constexpr (Width != sizeof(uint16_t) && kAreNeighbours<Positions, Width>) {
+  if constexpr (Width != sizeof(uint16_t) && kAreAdjacent<Positions, Width>) {
     constexpr size_t kAll = (size_t{1} << Positions.size()) - 1;
-    const size_t number = signsOfLanes<Width>(bytes) >> (Positions[0] / Width);
+    const size_t number = signMask<Width>(bytes) >> (Positions[0] / Width);
     return (Positions.size() * Width == kVectorWidth ? number : number & kAll) * Factor;
   }
   constexpr uint32_t kShift = std::countr_zero(Factor);
@@ -285,7 +285,7 @@ template <auto Positions, uint32_t Width, size_t Factor>
     return indices;
   }();
   const ByteVector moved = permute(bytes, loadAligned(kIndices.data()));
-  return signsOfLanes<1>(moved) * (Factor >> kShift);
+  return signMask<1>(moved) * (Factor >> kShift);
 #endif
 }
 
