@@ -321,7 +321,7 @@ template <class Slot, class Record>
 [[nodiscard, gnu::always_inline]] inline bool readScalar(const Source& source, uint32_t table,
                                                          uint32_t entry, Record& record) {
   using Scalar = typename Slot::Type;
-  const uint64_t room = source.length - table;
+  const uint32_t room = source.length - table;
   if (entry > (room < Slot::width ? 0 : room - Slot::width)) [[unlikely]] {
     return false;
   }
