@@ -227,7 +227,6 @@ consteval Head<Record> optionalHead(uint32_t slot, bool isThere) {
   Head<Record> less{};
   if (!isThere) {
     less[kFirstSlotLane + slot] = kEverything<Record>;
-    less[kTableLengthLane] = kOffsetFieldWidth;
     forEachSlot<Record>([&]<class Later, size_t Index>() {
       if (Index > slot && Later::kind != SlotKind::scalar) {
         less[kFirstSlotLane + Index] = kOffsetFieldWidth;
@@ -318,14 +317,6 @@ struct WindowState {
   size_t absent;
 };
 
-// Such a window needs no permutation: the scalar lies in front already, and if it is absent, what
-// follows overwrites it.
-template <class Record, uint32_t Index>
-consteval bool startsWithItsOnlyScalar() {
-  constexpr Window kWindow = kWindows<Record>.items[Index];
-  return kWindow.count == 1 && kScalars<Record>.items[kWindow.first].offset == kWindow.offset;
-}
-
 template <class Record>
 struct TableState;
 
@@ -374,7 +365,8 @@ template <class Record, uint32_t Index>
   return found;
 }
 
-// Room is as for loadWindow: how much may be read at bytes.
+// Room is as for loadWindow: how much may be read at bytes. A single scalar needs no permutation:
+// its window begins with it, and if it is absent, what follows overwrites it.
 template <uint32_t Room, class Record>
 [[gnu::always_inline]] inline void surveyScalars(const uint8_t* bytes, TableState<Record>& state) {
   const uint8_t* const rows = rowsOf<Record>();
@@ -383,7 +375,7 @@ template <uint32_t Room, class Record>
         loadedOnce(scalars::loadWindow<Record, Depth::ownTable, Index, Room>(bytes));
     const auto [offset, absent] = rowFor<Record, Index>(rows, content);
     constexpr bool kIsTogether =
-        kPlace<Record> == Place::front && startsWithItsOnlyScalar<Record, Index>();
+        kPlace<Record> == Place::front && kWindows<Record>.items[Index].count == 1;
     state.windows[Index] = {
         kIsTogether ? content
                     : permute(content, loadAligned(rows + kMovesAt<Record, Index> + offset)),
@@ -395,9 +387,7 @@ template <uint32_t Room, class Record>
 
 template <uint32_t Room, class Record>
 [[gnu::always_inline]] inline void surveyTable(const uint8_t* bytes, TableState<Record>& state) {
-  if constexpr (kScalars<Record>.count != 0) {
-    surveyScalars<Room>(bytes, state);
-  }
+  surveyScalars<Room>(bytes, state);
   forEachSlotOf<Record, SlotKind::table>([&]<class Slot, size_t Index>() KORVA_INLINED {
     constexpr uint32_t kOffset = kMemberOffset<Record, Index>;
     surveyTable<Room - kOffset>(bytes + kOffset, std::get<Index>(state.bySlot));

@@ -241,6 +241,11 @@ TEST(AlarmOutput, AcceptsWhatTheFormatAllows) {
   ASSERT_NE(alarmOps.unpackFn(tableIsTheLastWord.data(), 12, &record), 0U);
   EXPECT_EQ(record.text, nullptr);
 
+  const Buffer fieldIsItsOwnCount = layout(u32(10), u16(6, 8, 4), u32(6, 0));
+  ASSERT_NE(alarmOps.unpackFn(fieldIsItsOwnCount.data(), 18, &record), 0U);
+  EXPECT_STREQ(record.text, "");
+  alarmOps.releaseFn(&record);
+
   // Its offset field begins within the displacement, at field offset 3, and reads as 1,024.
   const Buffer overlapping =
       layout(u32(10), u16(6, 0, 3), u32(6, 4), fill(1037 - 18, 0), u32(1), chars("z"));
