@@ -40,9 +40,18 @@ struct Everything {
   char* second;
   uint64_t eight;
 };
+struct Swapped {
+  uint16_t first;
+  uint16_t second;
+};
+struct Shortened : Swapped {};
 
 }  // namespace
 
+template <>
+struct korva::Schema<Swapped> : korva::Slots<&Swapped::second, &Swapped::first> {};
+template <>
+struct korva::Schema<Shortened> : korva::Slots<&Shortened::first> {};
 template <>
 struct korva::Schema<Leaf> : korva::Slots<&Leaf::two, &Leaf::one, &Leaf::eight> {};
 template <>
@@ -105,6 +114,13 @@ using TestCodec =
 using BranchCodec = TestCodec<"Branch", Branch>;
 using BranchListCodec = TestCodec<"BranchList", BranchList>;
 using EverythingCodec = TestCodec<"Everything", Everything>;
+
+// Whether a record's slots are its members, in their order.
+template <class Record>
+constexpr bool kCompiles = requires {
+  typename std::bool_constant<(korva::forEachMember<Record>([]<class, size_t>(uint32_t) {}), true)>;
+};
+static_assert(kCompiles<Branch> && !kCompiles<Swapped> && !kCompiles<Shortened>);
 
 // Scalars first, then the offset fields, then what they point at; nested tables behind it all, each
 // with its own tables behind it. The positions were worked out by hand.
