@@ -24,7 +24,7 @@ namespace compact {
 struct Text {
   const char* characters;
   uint64_t length;
-  uint8_t* target;  // where packing puts it
+  uint8_t* target = nullptr;  // where packing puts it
 };
 
 template <class Record>
@@ -237,7 +237,8 @@ class TableWriter {
         alignUp(scalars::allBytes<Record, scalars::Depth::ownTable>(), 4);
     constexpr bool kHeadHoldsVector = rows::kHeadLength<Record> >= kVectorWidth;
     static_assert(kHeadHoldsVector || kScalarBytes <= rows::kHeadLength<Record>,
-                  "what is stored before the scalars would reach in front of the table's head");
+                  "a table of n scalars alone, fewer than four, has at most 8 + 2n bytes of them: "
+                  "what is stored before them must not reach in front of the head");
     passWindow<0>();
     storeVectorTail<kHeadHoldsVector ? kVectorWidth : kScalarBytes>(at_, state_.windows[0].scalars);
     storeHead<rows::kHeadLength<Record>>(state_.head);
@@ -250,7 +251,8 @@ class TableWriter {
     if constexpr (kFollowing < kVectorWidth) {
       static_assert(
           kVtableLength<Record> <= sizeof(uint64_t),
-          "a table of more than two slots has sixteen bytes after its scalars, or nothing");
+          "sixteen bytes that are always there, such as an array of eight bytes, belong to a table "
+          "of more than two slots that are not all scalars");
       storeHead<sizeof(uint64_t)>(head());
       store(table_, kVtableLength<Record>);
     } else {
@@ -263,7 +265,7 @@ class TableWriter {
     static_assert(
         kHasScalars ||
             countSlots<Record>(SlotKind::string) + countSlots<Record>(SlotKind::vector) <= 1,
-        "without scalars, the one slot that need not be there brings the full head");
+        "a table without scalars has at most one text or list, which brings the full head");
     ByteVector head = kHasScalars ? state_.head : loadAligned(rows::kFullHead<Record>.data());
     forEachSlot<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
       if constexpr (rows::isOptional(Slot::kind)) {
@@ -291,7 +293,8 @@ class TableWriter {
   // the excess.
   [[gnu::always_inline]] void writeScalars() {
     static_assert(rows::kWindows<Record>.count == 0 || kFollowing >= kVectorWidth,
-                  "sixteen bytes that are always there follow a table's scalars, or nothing does");
+                  "sixteen bytes that are always there, such as an array of eight bytes, follow a "
+                  "table's scalars, or nothing does");
     scalars::forEachWindow<Record, scalars::Depth::ownTable>([&]<size_t Index>() KORVA_INLINED {
       storeVector(at_, state_.windows[Index].scalars);
       passWindow<Index>();

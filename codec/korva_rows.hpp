@@ -404,7 +404,7 @@ template <class Record>
 template <class Record>
 concept SingleRowTable =
     ScalarTable<Record> && kWindows<Record>.count == 1 && kAbsentBytesFactor<Record, 0> != 0 &&
-    kVtableLength<Record> <= kDisplacementWidth * kSlotEntryWidth &&
+    kVtableLength<Record> == kDisplacementWidth * kSlotEntryWidth &&
     kInlineLength<Record> <= kVectorWidth;
 
 template <SingleRowTable Record>

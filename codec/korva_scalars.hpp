@@ -266,6 +266,7 @@ class AbsentBytes {
   // How many times add may be called before the sum must be taken: each adds at most one to a lane
   // of each window, and sum adds up the windows in lanes of a byte.
   static constexpr uint32_t kCapacity = 255 / std::max(uint32_t{1}, kWindows<Record, kAll>.count);
+  static_assert(kCapacity != 0, "a record has at most 255 windows of scalars");
 
   [[gnu::always_inline]] void add(const Record* record) {
     forEachWindow<Record, kAll>([&]<size_t Index>() KORVA_INLINED {

@@ -171,6 +171,7 @@ constexpr void mark(Type& member) {
   if constexpr (std::is_array_v<Type>) {
     member[0] = 1;
   } else if constexpr (std::is_class_v<Type>) {
+    static_assert(Schema<Type>::count != 0, "a nested table has slots");
     mark(SlotAt<Type, 0>::get(member));
   } else {
     member = 1;
