@@ -378,7 +378,7 @@ template <class Record, bool AtOnce = known::ReadAtOnce<Record>>
   return allOfSlots<Record>([&]<class Slot, size_t Index>() KORVA_INLINED {
     const uint32_t entry = load<uint16_t>(vtable + vtableEntry(Index));
     if constexpr (Slot::kind == SlotKind::scalar) {
-      return scalarsAreRead || readScalar<Slot>(source, table, entry, record);
+      return (AtOnce && scalarsAreRead) || readScalar<Slot>(source, table, entry, record);
     } else {
       return readReference<Slot>(source, table, entry, record);
     }
